@@ -1,0 +1,107 @@
+#include "_engine/bindings.h"
+#include "guards/bulkhead.h"
+#include "guards/circuit_breaker.h"
+#include "guards/rate_limiter.h"
+#include "host/argument.h"
+#include "host/read_outs.h"
+#include "host/record.h"
+#include "host/records.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+void bind_breaker(nb::module_& module) {
+  using F = CircuitBreakerFields;
+  bind_record<CircuitBreaker>(
+      module,
+      "Bars traffic to what keeps failing.\n\n"
+      "It opens on `failure_threshold` (5) failures in a row, or when at least\n"
+      "`error_rate_threshold` (0.5) of a window of `window_size` (20) outcomes failed; it is\n"
+      "half-open when asked `cooldown_seconds` (30.0) later, and closed by the next success.\n"
+      "Times are wall-clock seconds since the epoch.",
+      {field<&F::failure_threshold>("failure_threshold"),
+       field<&F::error_rate_threshold>("error_rate_threshold"),
+       field<&F::window_size>("window_size"), field<&F::cooldown_seconds>("cooldown_seconds"),
+       field<&F::half_open_max>("half_open_max"), field<&F::state>("_state"),
+       field<&F::consecutive_fails>("_consecutive_fails"), field<&F::window>("_window"),
+       field<&F::opened_at>("_opened_at"), field<&F::half_open_tries>("_half_open_tries"),
+       field<&F::last_provider>("_last_provider"), field<&F::trip_count>("_trip_count")})
+      .def("record_success",
+           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
+             provider.get();
+             self.record_success();
+           },
+           arg("provider") = "", "Counts a success; closes a half-open breaker.")
+      .def("record_failure",
+           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
+             self.record_failure(provider.get());
+           },
+           arg("provider") = "", "Counts a failure; opens the breaker when it reaches a threshold.")
+      .def("_trip", &CircuitBreaker::trip, "Opens the breaker.")
+      .def("trip_with_fault",
+           [](CircuitBreaker& self, Arg<std::string, "fault_category"> category) {
+             self.trip_with_fault(category.get());
+           },
+           arg("fault_category"),
+           "Opens the breaker and sets the cooldown that suits the fault (10 to 600 seconds).")
+      .def("is_available", &CircuitBreaker::is_available,
+           "Whether traffic may pass. An open breaker that cooled down turns half-open.")
+      .def("probe", &CircuitBreaker::probe,
+           "Counts a probe; returns whether the breaker is half-open.")
+      .def("get_state",
+           [](CircuitBreaker& self) { return Convert<CircuitState>::to(self.state()); },
+           nb::sig("def get_state(self) -> CircuitState"),
+           "The state. An open breaker that cooled down turns half-open.")
+      .def("to_dict", [](CircuitBreaker& self) { return to_dict(self); },
+           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+           "state, consecutive_fails, trip_count, window_errors and window_total.");
+}
+
+void bind_limiter(nb::module_& module) {
+  using F = RateLimiterFields;
+  bind_record<RateLimiter>(
+      module,
+      "A token bucket: a burst of `max_tokens` (60), then `refill_rate` (10.0) a second.\n\n"
+      "A limiter that is wide open: RateLimiter(max_tokens=N, refill_rate=R, _tokens=N).",
+      {field<&F::max_tokens>("max_tokens"), field<&F::refill_rate>("refill_rate"),
+       field<&F::tokens>("_tokens"), field<&F::last_refill>("_last_refill"),
+       lock_field<RateLimiter>(), field<&F::rejected>("_rejected")},
+      [] { return RateLimiter().snapshot(); })
+      .def("acquire",
+           [](RateLimiter& self, Arg<std::int64_t, "tokens"> tokens) {
+             return self.acquire(tokens.get());
+           },
+           arg("tokens") = 1, "Takes tokens if they are there; returns whether it did. Never waits.")
+      .def("to_dict", [](RateLimiter& self) { return to_dict(self); },
+           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+           "tokens_remaining, max, refill_rate and rejected.");
+}
+
+void bind_bulkhead(nb::module_& module) {
+  using F = BulkheadFields;
+  bind_record<Bulkhead>(module,
+                        "Caps the requests in flight to one provider at `max_concurrent` (10).",
+                        {field<&F::max_concurrent>("max_concurrent"),
+                         own_part(field<&F::semaphore>("_semaphore")),
+                         field<&F::active>("_active"), field<&F::rejected>("_rejected"),
+                         lock_field<Bulkhead>()})
+      .def("acquire",
+           [](Bulkhead& self, Arg<double, "timeout"> timeout) {
+             return self.acquire(timeout.get());
+           },
+           arg("timeout") = 2.0,
+           "Waits at most `timeout` seconds for a slot; returns whether it was granted.")
+      .def("release", &Bulkhead::release, "Gives a slot back.")
+      .def("to_dict", [](Bulkhead& self) { return to_dict(self); },
+           nb::sig("def to_dict(self) -> dict[str, typing.Any]"), "active, max and rejected.");
+}
+
+}  // namespace
+
+void bind_guards(nb::module_& module) {
+  bind_breaker(module);
+  bind_limiter(module);
+  bind_bulkhead(module);
+}
+
+}  // namespace tarvomeldric::host

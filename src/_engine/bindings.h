@@ -1,0 +1,19 @@
+#pragma once
+
+#include "host/python.h"
+
+// One function per room, called by the module's entry in the order in which the rooms need each other.
+namespace tarvomeldric::host {
+
+void bind_locks(nb::module_& module);
+void bind_diagnosis(nb::module_& module);
+void bind_guards(nb::module_& module);
+void bind_semantic(nb::module_& module);
+void bind_flywheel(nb::module_& module);
+void bind_observability(nb::module_& module);
+void bind_providers(nb::module_& module);
+void bind_results(nb::module_& module);
+void bind_engine(nb::module_& module);
+void bind_tables(nb::module_& module);
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <utility>
+
+#include "engine/io.h"
+#include "providers/provider_config.h"
+#include "support/task.h"
+
+namespace tarvomeldric {
+
+// The slot of an admitted attempt. It goes back exactly once: when asked to, or with its owner,
+// however the attempt ends.
+class AdmittedSlot {
+ public:
+  explicit AdmittedSlot(BulkheadPtr bulkhead) : bulkhead_(std::move(bulkhead)) {}
+  AdmittedSlot(AdmittedSlot&&) noexcept = default;
+  AdmittedSlot& operator=(AdmittedSlot&& other) noexcept {
+    release();
+    bulkhead_ = std::move(other.bulkhead_);
+    return *this;
+  }
+  ~AdmittedSlot() { release(); }
+
+  void release() {
+    if (auto held = std::exchange(bulkhead_, nullptr)) held->release();
+  }
+
+ private:
+  BulkheadPtr bulkhead_;
+};
+
+// Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most
+// `timeout` seconds. Nothing when refused. A wait that is refused or abandoned gives its token back;
+// an abandoned one is not counted as rejected.
+Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout);
+
+}  // namespace tarvomeldric

@@ -1,0 +1,211 @@
+#include "engine/call.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "engine/admission.h"
+#include "engine/selection.h"
+#include "providers/models.h"
+
+namespace tarvomeldric {
+namespace {
+
+constexpr double kLearnedRoutingConfidence = 0.7;
+constexpr double kBackPressurePause = 0.5;  // seconds
+constexpr double kBackPressureRatio = 0.3;
+constexpr std::int64_t kBackPressureCalls = 10;
+constexpr std::string_view kFailoverAction = "failover:";
+
+// The provider and model of the next attempt.
+struct Route {
+  NamedProvider target;
+  std::string model;
+};
+
+// The working values of one call.
+class Call {
+ public:
+  Call(const CallRequest& request, Surroundings engine, Io& io)
+      : request_(request), engine_(engine), io_(io), start_(engine.clock.monotonic()) {
+    trace_.request_id = request.request_id.value_or(fresh_request_id());
+  }
+
+  Task<CallOutcome> run();
+
+ private:
+  void classify();
+  bool under_back_pressure() const;
+  bool monitor();
+  void analyze();
+  Task<std::optional<AdmittedSlot>> plan();
+  Task<CallOutcome> execute(AdmittedSlot slot);
+  Task<CallOutcome> know_success(double latency_ms);
+
+  Route route_to(NamedProvider target) const;
+  std::string learned_target() const;
+  CallOutcome refuse(std::string message);
+  void close_loop() { trace_.total_loop_us = us_since(start_); }
+  double us_since(double moment) const { return (engine_.clock.monotonic() - moment) * 1e6; }
+  double ms_since(double moment) const { return (engine_.clock.monotonic() - moment) * 1e3; }
+
+  const CallRequest& request_;
+  Surroundings engine_;
+  Io& io_;
+  const double start_;
+  MapeKTrace trace_;
+  SemanticClassification classification_;
+  std::vector<NamedProvider> available_;
+  Route route_;
+  Route original_;
+  bool learned_ = false;
+  std::string refusal_;
+};
+
+Task<CallOutcome> Call::run() {
+  classify();
+  trace_.enter(MapeKPhase::kMonitor, engine_.clock);
+  if (under_back_pressure()) co_await io_.sleep(kBackPressurePause);
+  if (!monitor()) co_return refuse("No healthy providers available.");
+  analyze();
+  std::optional<AdmittedSlot> slot = co_await plan();
+  if (!slot) co_return refuse(refusal_);
+  co_return co_await execute(std::move(*slot));
+}
+
+void Call::classify() {
+  classification_ = engine_.topology.classify_request(request_.task_type, request_.has_schema,
+                                                      request_.structured_output);
+  if (!request_.semantic_domain) return;
+  classification_.domain = *request_.semantic_domain;
+  classification_.reason = "user_explicit";
+}
+
+// Counted before this call is, so that a call does not thin out the ratio it is judged by.
+bool Call::under_back_pressure() const {
+  const auto limited = engine_.metrics.counter("fault_rate_limit");
+  const auto calls = engine_.metrics.counter("calls_total");
+  return calls > kBackPressureCalls &&
+         static_cast<double>(limited) / static_cast<double>(calls) > kBackPressureRatio;
+}
+
+bool Call::monitor() {
+  engine_.counters.count({Counter::kCall});
+  engine_.metrics.inc("calls_total");
+  available_ = available_providers(engine_.registry);
+  if (available_.empty()) {
+    engine_.metrics.inc("errors_no_provider");
+    trace_.monitor_result = "no_provider";
+    return false;
+  }
+  route_ = route_to(pick_provider(request_.model, available_));
+  original_ = route_;
+  trace_.monitor_result = "provider_selected";
+  return true;
+}
+
+void Call::analyze() {
+  trace_.enter(MapeKPhase::kAnalyze, engine_.clock);
+  const std::string target = learned_target();
+  if (target.empty() || target == route_.target.name) return;
+  const auto learned = std::ranges::find(available_, target, &NamedProvider::name);
+  if (learned == available_.end()) return;
+  learned_ = true;
+  route_ = route_to(*learned);
+  engine_.counters.count({Counter::kL4Learned});
+  engine_.metrics.inc("l4_learned_routing");
+}
+
+// Where a confident rule sends requests of this kind; empty when there is none.
+std::string Call::learned_target() const {
+  const auto hint = model_to_error_hint(request_.model);
+  const RulePtr rule = hint ? engine_.learner.match(*hint) : nullptr;
+  if (!rule || rule->confidence <= kLearnedRoutingConfidence) return {};
+  std::string target = rule->action;
+  for (std::size_t at = 0; (at = target.find(kFailoverAction, at)) != std::string::npos;) {
+    target.erase(at, kFailoverAction.size());
+  }
+  return target;
+}
+
+// Admission by the chosen provider, else by the one fallback; a refusal leaves its message behind.
+Task<std::optional<AdmittedSlot>> Call::plan() {
+  trace_.enter(MapeKPhase::kPlan, engine_.clock);
+  auto slot = co_await admit(route_.target.provider, io_, request_.bulkhead_timeout);
+  if (!slot) {
+    engine_.metrics.inc("rate_limited");
+    engine_.counters.count({Counter::kRateLimited});
+    auto fallbacks = available_;
+    std::erase_if(fallbacks, [&](const auto& entry) { return entry.name == route_.target.name; });
+    if (fallbacks.empty()) {
+      trace_.plan_result = "blocked";
+      refusal_ = "Primary rate-limited, no fallback available.";
+      co_return std::nullopt;
+    }
+    route_ = route_to(pick_fallback(fallbacks));
+    slot = co_await admit(route_.target.provider, io_, request_.bulkhead_timeout);
+  }
+  if (!slot) {
+    engine_.metrics.inc("bulkhead_rejected");
+    engine_.counters.count({Counter::kBulkheadRejected});
+    trace_.plan_result = "blocked";
+    refusal_ = "All providers rate-limited or at capacity.";
+    co_return std::nullopt;
+  }
+  trace_.plan_result = learned_ ? "l4_learned" : "direct";
+  co_return slot;
+}
+
+Task<CallOutcome> Call::execute(AdmittedSlot slot) {
+  trace_.enter(MapeKPhase::kExecute, engine_.clock);
+  const double start = engine_.clock.monotonic();
+  const Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
+  const double latency_ms = ms_since(start);
+  if (!attempt.ok()) {
+    slot.release();
+    co_return CallFailed{CallFailed::Kind::kProviderError, {}};
+  }
+  route_.target.provider->record_success(latency_ms);
+  slot.release();
+  co_return co_await know_success(latency_ms);
+}
+
+Task<CallOutcome> Call::know_success(double latency_ms) {
+  trace_.execute_result = "ok";
+  trace_.analyze_result = "nominal";
+  trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
+  Outcome outcome{"success", "direct:" + route_.target.name, true, latency_ms};
+  co_await io_.learn(std::move(outcome));
+  trace_.knowledge_recorded = true;
+  close_loop();
+  engine_.metrics.inc("success_primary");
+  engine_.metrics.observe("latency_primary_ms", latency_ms);
+  CallAnswered answered;
+  answered.provider = std::move(route_.target.name);
+  answered.model = std::move(route_.model);
+  answered.original_provider = std::move(original_.target.name);
+  answered.original_model = std::move(original_.model);
+  answered.latency_ms = latency_ms;
+  answered.heal_level = learned_ ? "l4_learned" : "";
+  answered.domain = classification_.domain;
+  answered.trace = std::move(trace_);
+  co_return answered;
+}
+
+Route Call::route_to(NamedProvider target) const {
+  std::string model = resolve_model(target.name, request_.model);
+  return {std::move(target), std::move(model)};
+}
+
+CallOutcome Call::refuse(std::string message) {
+  close_loop();
+  return CallFailed{CallFailed::Kind::kRefused, std::move(message)};
+}
+
+}  // namespace
+
+Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io) {
+  Call call(request, engine, io);
+  co_return co_await call.run();
+}
+
+}  // namespace tarvomeldric

@@ -1,0 +1,32 @@
+#include "engine/selection.h"
+
+#include <algorithm>
+
+#include "providers/preset_tables.h"
+
+namespace tarvomeldric {
+
+const NamedProvider& pick_provider(std::string_view model,
+                                   const std::vector<NamedProvider>& providers) {
+  for (const ProviderModels& row : kModelProviders) {
+    if (model.empty()) break;
+    if (std::ranges::find(row.models, model) == row.models.end()) continue;
+    const auto serving = std::ranges::find(providers, row.provider, &NamedProvider::name);
+    if (serving != providers.end()) return *serving;
+  }
+  return pick_fallback(providers);
+}
+
+const NamedProvider& pick_fallback(const std::vector<NamedProvider>& providers) {
+  const NamedProvider* healthiest = nullptr;
+  double best = 0.0;
+  for (const NamedProvider& candidate : providers) {
+    const double score = candidate.provider->health_score();
+    if (healthiest && score <= best) continue;
+    healthiest = &candidate;
+    best = score;
+  }
+  return *healthiest;
+}
+
+}  // namespace tarvomeldric

@@ -1,0 +1,48 @@
+#include "flywheel/learned_rule.h"
+
+#include <numeric>
+
+namespace tarvomeldric {
+namespace {
+
+constexpr std::size_t kMostHealTimes = 50;
+constexpr std::size_t kKeptHealTimes = 25;
+constexpr double kStaleSeconds = 30.0 * 24 * 3600;
+constexpr double kLeastConfidence = 0.1;
+
+void remember(std::vector<double>& heal_times, double heal_time_ms) {
+  heal_times.push_back(heal_time_ms);
+  if (heal_times.size() > kMostHealTimes) {
+    heal_times.erase(heal_times.begin(),
+                     heal_times.end() - static_cast<std::ptrdiff_t>(kKeptHealTimes));
+  }
+}
+
+double mean(const std::vector<double>& values) {
+  return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
+}
+
+}  // namespace
+
+void LearnedRule::update(bool success, double heal_time_ms, double now) {
+  ++(success ? success_count : fail_count);
+  if (success && heal_time_ms > 0) {
+    remember(heal_times, heal_time_ms);
+    avg_heal_time_ms = mean(heal_times);
+  }
+  const std::int64_t total = success_count + fail_count;
+  confidence = total > 0 ? static_cast<double>(success_count) / static_cast<double>(total) : 0.0;
+  last_seen = now;
+}
+
+void LearnedRule::decay(double now) {
+  if (now - last_seen > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
+}
+
+std::string rule_key(std::string_view pattern, std::string_view action) {
+  std::string key;
+  key.reserve(pattern.size() + action.size() + 1);
+  return key.append(pattern).append(":").append(action);
+}
+
+}  // namespace tarvomeldric

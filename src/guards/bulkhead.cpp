@@ -1,0 +1,41 @@
+#include "guards/bulkhead.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tarvomeldric {
+namespace {
+
+BulkheadFields with_semaphore(BulkheadFields fields, const Clock& clock) {
+  fields.semaphore = std::make_shared<Semaphore>(fields.max_concurrent, clock);
+  return fields;
+}
+
+}  // namespace
+
+Bulkhead::Bulkhead(BulkheadFields fields, const Clock& clock)
+    : GuardedRecord(with_semaphore(std::move(fields), clock)) {}
+
+std::shared_ptr<Semaphore> Bulkhead::semaphore() const {
+  CleanupLock lock(mutex_);
+  return fields_.semaphore;
+}
+
+bool Bulkhead::acquire(double timeout) {
+  const bool granted = semaphore()->acquire(timeout);
+  count(granted);
+  return granted;
+}
+
+void Bulkhead::count(bool granted) {
+  CleanupLock lock(mutex_);
+  ++(granted ? fields_.active : fields_.rejected);
+}
+
+void Bulkhead::release() {
+  semaphore()->release();
+  CleanupLock lock(mutex_);
+  fields_.active = std::max<std::int64_t>(0, fields_.active - 1);
+}
+
+}  // namespace tarvomeldric

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "guards/semaphore.h"
+#include "support/guarded_record.h"
+
+namespace tarvomeldric {
+
+struct BulkheadFields {
+  std::int64_t max_concurrent = 10;      // permits the semaphore starts with
+  std::shared_ptr<Semaphore> semaphore;  // made by the bulkhead
+  std::int64_t active = 0;               // granted and not yet released, never below 0
+  std::int64_t rejected = 0;
+};
+
+// Caps the requests in flight to one provider, so that a slow one cannot absorb every worker. A
+// refusal is a result, and counted. Every granted `acquire` is paired with one `release`; one
+// without the other changes the cap for good. Any thread.
+class Bulkhead : public GuardedRecord<BulkheadFields> {
+ public:
+  explicit Bulkhead(BulkheadFields fields = {}, const Clock& clock = system_clock());
+
+  // Waits at most `timeout` seconds for a permit.
+  bool acquire(double timeout = 2.0);
+  // Clean-up: waits uninterrupted, cannot fail.
+  void release();
+
+  // The two halves of `acquire`, for those who wait in their own way in between.
+  std::shared_ptr<Semaphore> semaphore() const;
+  void count(bool granted);
+
+};
+
+}  // namespace tarvomeldric

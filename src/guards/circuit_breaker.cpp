@@ -1,0 +1,118 @@
+#include "guards/circuit_breaker.h"
+
+#include <algorithm>
+
+namespace tarvomeldric {
+namespace {
+
+struct Cooldown {
+  std::string_view category;
+  double seconds;
+};
+
+constexpr std::array<Cooldown, 7> kCooldowns{{
+    {"rate_limit", 10.0},
+    {"timeout", 15.0},
+    {"connection_error", 20.0},
+    {"server_error", 20.0},
+    {"auth_error", 300.0},
+    {"quota_exceeded", 300.0},
+    {"model_not_found", 600.0},
+}};
+constexpr double kOtherCooldown = 30.0;
+
+std::int64_t failures_in(const BoundedQueue<bool, 20>& window) {
+  return std::count(window.begin(), window.end(), false);
+}
+
+}  // namespace
+
+double cooldown_for(std::string_view fault_category) {
+  for (const Cooldown& row : kCooldowns) {
+    if (row.category == fault_category) return row.seconds;
+  }
+  return kOtherCooldown;
+}
+
+void CircuitBreaker::record_success() {
+  MutexLock lock(mutex_);
+  fields_.consecutive_fails = 0;
+  fields_.window.append(true);
+  if (fields_.state == CircuitState::kHalfOpen) {
+    fields_.state = CircuitState::kClosed;
+    fields_.half_open_tries = 0;
+  }
+}
+
+void CircuitBreaker::record_failure(std::string_view provider) {
+  MutexLock lock(mutex_);
+  ++fields_.consecutive_fails;
+  fields_.window.append(false);
+  fields_.last_provider = provider;
+  if (failing_locked()) open_locked();
+}
+
+bool CircuitBreaker::failing_locked() const {
+  if (fields_.consecutive_fails >= fields_.failure_threshold) return true;
+  const auto outcomes = static_cast<std::int64_t>(fields_.window.size());
+  if (outcomes < fields_.window_size || outcomes == 0) return false;
+  const double rate =
+      static_cast<double>(failures_in(fields_.window)) / static_cast<double>(outcomes);
+  return rate >= fields_.error_rate_threshold;
+}
+
+void CircuitBreaker::trip() {
+  MutexLock lock(mutex_);
+  open_locked();
+}
+
+void CircuitBreaker::trip_with_fault(std::string_view fault_category) {
+  MutexLock lock(mutex_);
+  fields_.cooldown_seconds = cooldown_for(fault_category);
+  open_locked();
+}
+
+void CircuitBreaker::open_locked() {
+  if (fields_.state == CircuitState::kOpen) return;
+  fields_.state = CircuitState::kOpen;
+  fields_.opened_at = clock_.wall();
+  ++fields_.trip_count;
+}
+
+void CircuitBreaker::half_open_if_cooled_locked() {
+  if (fields_.state != CircuitState::kOpen) return;
+  if (clock_.wall() - fields_.opened_at < fields_.cooldown_seconds) return;
+  fields_.state = CircuitState::kHalfOpen;
+  fields_.half_open_tries = 0;
+}
+
+bool CircuitBreaker::is_available() {
+  MutexLock lock(mutex_);
+  if (fields_.state == CircuitState::kHalfOpen) {
+    return fields_.half_open_tries < fields_.half_open_max;
+  }
+  half_open_if_cooled_locked();
+  return fields_.state != CircuitState::kOpen;
+}
+
+bool CircuitBreaker::probe() {
+  MutexLock lock(mutex_);
+  if (fields_.state != CircuitState::kHalfOpen) return false;
+  ++fields_.half_open_tries;
+  return true;
+}
+
+CircuitState CircuitBreaker::state() {
+  MutexLock lock(mutex_);
+  half_open_if_cooled_locked();
+  return fields_.state;
+}
+
+CircuitSummary CircuitBreaker::summary() {
+  MutexLock lock(mutex_);
+  half_open_if_cooled_locked();
+  return {fields_.state, fields_.consecutive_fails, fields_.trip_count, failures_in(fields_.window),
+          static_cast<std::int64_t>(fields_.window.size())};
+}
+
+}  // namespace tarvomeldric

@@ -1,0 +1,151 @@
+#include "guards/semaphore.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+
+#include "support/blocking.h"
+
+namespace tarvomeldric {
+namespace {
+
+// A thread in line, parked on a condition of its own.
+class ThreadWaiter final : public Semaphore::Waiter {
+ public:
+  bool wake() override {
+    std::lock_guard lock(mutex_);
+    woken_ = true;
+    condition_.notify_one();
+    return true;
+  }
+  void park(std::chrono::steady_clock::time_point until) {
+    std::unique_lock lock(mutex_);
+    condition_.wait_until(lock, until, [this] { return woken_; });
+    woken_ = false;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable condition_;
+  bool woken_ = false;
+};
+
+}  // namespace
+
+bool Semaphore::try_acquire() {
+  InnerLock lock(inner_);
+  return take_locked(on_their_way_locked() + static_cast<std::int64_t>(line_.size()));
+}
+
+bool Semaphore::take_any() {
+  InnerLock lock(inner_);
+  return take_locked(0);
+}
+
+bool Semaphore::acquire(double timeout) {
+  if (try_acquire()) return true;
+  if (!(timeout > 0)) return take_any();
+  const auto deadline = steady_deadline(timeout);
+  const auto waiter = std::make_shared<ThreadWaiter>();
+  struct InLine {
+    Semaphore& semaphore;
+    const std::shared_ptr<ThreadWaiter>& waiter;
+    ~InLine() { semaphore.leave(*waiter); }
+  };
+  BlockingRegion region;
+  join(waiter);
+  InLine in_line{*this, waiter};
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return take_any();
+    waiter->park(std::min(deadline, now + kInterruptSlice));
+    if (look(*waiter)) return true;
+    region.check_interrupt();
+    join(waiter);
+  }
+}
+
+void Semaphore::release() {
+  {
+    InnerLock lock(inner_);
+    ++permits_;
+  }
+  wake_waiters();
+}
+
+void Semaphore::join(const std::shared_ptr<Waiter>& waiter) {
+  {
+    InnerLock lock(inner_);
+    if (waiter->place_ == Waiter::Place::kInLine) return;
+    forget_locked(*waiter);
+    line_.push_back(waiter);
+    waiter->place_ = Waiter::Place::kInLine;
+  }
+  wake_waiters();
+}
+
+bool Semaphore::look(Waiter& waiter) {
+  InnerLock lock(inner_);
+  const bool was_woken = waiter.place_ == Waiter::Place::kWoken;
+  if (was_woken) forget_locked(waiter);
+  return take_locked(was_woken ? 0 : on_their_way_locked());
+}
+
+void Semaphore::leave(Waiter& waiter) {
+  {
+    InnerLock lock(inner_);
+    forget_locked(waiter);
+  }
+  wake_waiters();
+}
+
+std::int64_t Semaphore::permits() const {
+  InnerLock lock(inner_);
+  return permits_;
+}
+
+std::size_t Semaphore::waiting() const {
+  InnerLock lock(inner_);
+  return line_.size();
+}
+
+bool Semaphore::take_locked(std::int64_t claims) {
+  if (permits_ <= claims || permits_ <= 0) return false;
+  --permits_;
+  return true;
+}
+
+std::int64_t Semaphore::on_their_way_locked() {
+  if (woken_ > 0 && clock_.monotonic() - last_wake_ > kGrace) woken_ = 0;
+  return woken_;
+}
+
+void Semaphore::forget_locked(Waiter& waiter) {
+  if (waiter.place_ == Waiter::Place::kWoken) woken_ = std::max<std::int64_t>(0, woken_ - 1);
+  if (waiter.place_ == Waiter::Place::kInLine) {
+    line_.remove_if([&](const auto& in_line) { return in_line.get() == &waiter; });
+  }
+  waiter.place_ = Waiter::Place::kNotInLine;
+}
+
+// The first in line, when there is a permit that nobody is on the way to.
+std::shared_ptr<Semaphore::Waiter> Semaphore::next_to_wake() {
+  InnerLock lock(inner_);
+  if (line_.empty() || permits_ <= on_their_way_locked()) return nullptr;
+  auto next = std::move(line_.front());
+  line_.pop_front();
+  next->place_ = Waiter::Place::kWoken;
+  ++woken_;
+  last_wake_ = clock_.monotonic();
+  return next;
+}
+
+void Semaphore::wake_waiters() {
+  while (auto next = next_to_wake()) {
+    if (next->wake()) continue;
+    InnerLock lock(inner_);
+    forget_locked(*next);
+  }
+}
+
+}  // namespace tarvomeldric

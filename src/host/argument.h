@@ -1,0 +1,63 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+
+#include "host/convert.h"
+
+namespace tarvomeldric::host {
+
+// A string literal as a template argument.
+template <std::size_t N>
+struct Literal {
+  // NOLINTNEXTLINE(google-explicit-constructor): the point is to be written as a literal.
+  constexpr Literal(const char (&text)[N]) { std::copy_n(text, N, value); }
+  char value[N];
+};
+
+[[noreturn]] inline void refuse_argument(const char* name, const char* wanted, nb::handle given) {
+  throw nb::type_error(
+      (std::string(name) + " must be " + wanted + ", not " + class_name(given)).c_str());
+}
+
+// Converts what was given for the argument `name`, or raises a type error that names it.
+template <class T>
+T convert_argument(nb::handle given, const char* name) {
+  T value{};
+  if (!Convert<T>::from(given, value)) refuse_argument(name, Convert<T>::kName.text, given);
+  return value;
+}
+
+// A parameter of a bound function whose type error names the argument. The binding library's own
+// error names none, so the conversion is left to the function's body, where `get` makes it.
+template <class T, Literal Name>
+struct Arg {
+  nb::handle given;
+
+  T get() const { return convert_argument<T>(given, Name.value); }
+  operator T() const { return get(); }  // NOLINT(google-explicit-constructor)
+};
+
+// The annotation that belongs to an `Arg`: whatever is given reaches the body, None included.
+inline nb::arg arg(const char* name) {
+  nb::arg annotation(name);
+  annotation.none();
+  return annotation;
+}
+
+}  // namespace tarvomeldric::host
+
+namespace nanobind::detail {
+
+template <class T, tarvomeldric::host::Literal Label>
+struct type_caster<tarvomeldric::host::Arg<T, Label>> {
+  using Argument = tarvomeldric::host::Arg<T, Label>;
+  NB_TYPE_CASTER(Argument, tarvomeldric::host::Convert<T>::kName)
+  bool from_python(handle src, std::uint32_t, cleanup_list*) noexcept {
+    value.given = src;
+    return true;
+  }
+};
+
+}  // namespace nanobind::detail

@@ -1,0 +1,147 @@
+#include "host/call_io.h"
+
+#include <array>
+
+#include "host/errors.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr std::array kHeldObjects{
+    &CallState::engine,    &CallState::prompt,    &CallState::model,   &CallState::contract,
+    &CallState::options,   &CallState::providers, &CallState::diagnoser, &CallState::learner,
+    &CallState::metrics,   &CallState::topology,  &CallState::answer,  &CallState::raw_response,
+    &CallState::error};
+
+// An error of ours always has the attribute; one that a replacement raised may carry anything there.
+std::optional<std::int64_t> status_of(nb::handle error) {
+  std::optional<std::int64_t> status;
+  const nb::object given = nb::getattr(error, "status_code", nb::none());
+  if (PyLong_Check(given.ptr())) status = nb::cast<std::int64_t>(given);
+  return status;
+}
+
+std::size_t length_of(nb::handle answer) {
+  return answer.is_none() ? 0 : static_cast<std::size_t>(PyUnicode_GET_LENGTH(answer.ptr()));
+}
+
+}  // namespace
+
+Surroundings CallState::surroundings() {
+  const Engine& from = native();
+  providers = from.providers;
+  diagnoser = from.diagnoser;
+  learner = from.learner;
+  metrics = from.metrics;
+  topology = from.topology;
+  registry.emplace(providers);
+  return {*registry,
+          bound<SemanticTopology>(topology, "_topology"),
+          bound<Diagnoser>(diagnoser, "_diagnoser"),
+          bound<FlywheelLearner>(learner, "_learner"),
+          bound<MetricsCollector>(metrics, "_metrics"),
+          native().counters};
+}
+
+int CallState::traverse(visitproc visit, void* arg) {
+  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
+  return exchange.traverse(visit, arg);
+}
+
+void CallState::clear() {
+  for (auto held : kHeldObjects) (this->*held).reset();
+  exchange.clear();
+}
+
+Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
+  state_.raw_response.reset();
+  Attempt attempt;
+  try {
+    state_.answer = co_await perform(std::move(provider), std::move(model));
+    attempt.answer_length = length_of(state_.answer);
+  } catch (nb::python_error& failure) {
+    if (!failure.matches(api_error_type())) throw;
+    state_.error = nb::borrow(failure.value());
+    attempt.failure = ApiFailure{text_form(state_.error), status_of(state_.error)};
+  }
+  co_return attempt;
+}
+
+Task<void> CallIo::learn(Outcome outcome) {
+  nb::inst_ptr<FlywheelLearner>(state_.learner)->record(outcome);
+  co_return;
+}
+
+// The type's attribute counts as well as the instance's: either may have been replaced.
+nb::object CallIo::replacement() const {
+  const nb::handle engine = state_.engine;
+  const nb::object members = nb::steal(PyObject_GenericGetDict(engine.ptr(), nullptr));
+  const bool on_instance = PyDict_GetItemString(members.ptr(), seam_.name) != nullptr;
+  if (!on_instance && nb::getattr(engine.type(), seam_.name).is(seam_.native)) return {};
+  return engine.attr(seam_.name);
+}
+
+void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
+  const std::string api_type =
+      to_utf8(PyDict_GetItemString(state_.options.ptr(), "api_type"));
+  state_.exchange =
+      Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
+}
+
+nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
+                                    const std::string& model) const {
+  const auto options = nb::borrow<nb::dict>(call(state_.options.attr("copy")));
+  return host_call([&]() -> nb::object {
+    return replacement(nb::cast(provider), state_.prompt, from_utf8(model), **options);
+  });
+}
+
+Task<void> BlockingIo::sleep(double seconds) {
+  call(import("time").attr("sleep"), seconds);
+  co_return;
+}
+
+Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
+  co_return semaphore->acquire(timeout);
+}
+
+Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model) {
+  const nb::object replaced = replacement();
+  if (replaced.is_valid()) {
+    co_return as_answer(call_replacement(replaced, provider, model));
+  }
+  prepare_exchange(*provider, model);
+  nb::object answer = exchange_blocking(state_.native(), state_.exchange);
+  state_.raw_response = state_.exchange.decoded;
+  co_return answer;
+}
+
+Task<void> AwaitingIo::sleep(double seconds) {
+  HostAwait sleeping(suspension_, call(import("asyncio").attr("sleep"), seconds));
+  co_await sleeping;
+}
+
+Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
+  if (!(timeout > 0)) co_return semaphore->take_any();
+  HostAwait waiting(suspension_,
+                    call(import("tarvomeldric._waiting").attr("wait_for_permit"), semaphore,
+                         timeout));
+  const nb::object granted = co_await waiting;
+  co_return granted.is(nb::handle(Py_True));
+}
+
+Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {
+  if (nb::object replaced = replacement(); replaced.is_valid()) {
+    HostAwait replying(suspension_, call_replacement(replaced, provider, model));
+    replaced.reset();
+    const nb::object answer = co_await replying;
+    co_return as_answer(answer);
+  }
+  prepare_exchange(*provider, model);
+  nb::object answer =
+      co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
+  state_.raw_response = state_.exchange.decoded;
+  co_return answer;
+}
+
+}  // namespace tarvomeldric::host

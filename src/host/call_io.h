@@ -1,0 +1,103 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "engine/call.h"
+#include "engine/io.h"
+#include "host/coroutine.h"
+#include "host/engine.h"
+#include "host/exchange.h"
+#include "host/python.h"
+#include "host/records.h"
+
+namespace tarvomeldric::host {
+
+// One call as the host made it: its arguments, the members of the engine that it works with, and
+// what its attempts left behind. The host objects are members, visible to the garbage collector
+// while the call is suspended.
+struct CallState {
+  nb::object engine;
+  nb::object prompt;
+  nb::object model;
+  nb::object contract;
+  nb::object options;  // of every execution, `api_type` included
+  CallRequest request;
+
+  nb::object providers;
+  nb::object diagnoser;
+  nb::object learner;
+  nb::object metrics;
+  nb::object topology;
+  std::optional<HostRegistry> registry;
+
+  nb::object answer = nb::none();
+  nb::object raw_response;  // of a native exchange
+  nb::object error;         // of the latest failed attempt
+  Exchange exchange;
+
+  Engine& native() const { return *nb::inst_ptr<Engine>(engine); }
+  // Takes hold of the engine's members; type errors name a member of the wrong type.
+  Surroundings surroundings();
+  int traverse(visitproc visit, void* arg);
+  void clear();
+};
+
+// An operation of the engine that the host may replace, and the engine's own form of it.
+struct Seam {
+  const char* name;
+  PyObject* native;
+};
+inline Seam execute_sync_seam{"_execute_sync", nullptr};
+inline Seam execute_seam{"_execute", nullptr};
+
+// The execution of attempts, the same for both ways of waiting: the replacement that a subclass or an
+// instance put in place of the engine's own execution, else the native exchange.
+class CallIo : public Io {
+ public:
+  CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
+  Task<Attempt> execute(ProviderPtr provider, std::string model) override;
+  Task<void> learn(Outcome outcome) override;
+
+ protected:
+  virtual Task<nb::object> perform(ProviderPtr provider, std::string model) = 0;
+
+  // The replacement of the engine's own execution, or null.
+  nb::object replacement() const;
+  nb::object call_replacement(nb::handle replacement, const ProviderPtr& provider,
+                              const std::string& model) const;
+  void prepare_exchange(ProviderConfig& provider, const std::string& model);
+
+  CallState& state_;
+
+ private:
+  const Seam& seam_;
+};
+
+// Blocks the calling thread; every await is ready at once.
+class BlockingIo final : public CallIo {
+ public:
+  explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
+  Task<void> sleep(double seconds) override;
+  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+
+ private:
+  Task<nb::object> perform(ProviderPtr provider, std::string model) override;
+};
+
+// Suspends the call's coroutine; the event loop goes on.
+class AwaitingIo final : public CallIo {
+ public:
+  AwaitingIo(CallState& state, Suspension& suspension)
+      : CallIo(state, execute_seam), suspension_(suspension) {}
+  Task<void> sleep(double seconds) override;
+  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+
+ private:
+  Task<nb::object> perform(ProviderPtr provider, std::string model) override;
+
+  Suspension& suspension_;
+};
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,190 @@
+#include "host/engine.h"
+
+#include <array>
+#include <cstdlib>
+
+#include "host/argument.h"
+#include "host/records.h"
+#include "providers/preset_tables.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr std::array kHeldObjects{
+    &Engine::providers,        &Engine::diagnoser,         &Engine::learner,
+    &Engine::metrics,          &Engine::topology,          &Engine::http_pool,
+    &Engine::sync_client_pool, &Engine::last_raw_response, &Engine::telemetry};
+
+template <class T>
+nb::object made() {
+  return call(nb::type<T>());
+}
+
+// The given key, else the one in the environment, else empty.
+std::string key_for(std::string_view provider, nb::handle api_keys) {
+  if (PyObject* given = PyDict_GetItem(api_keys.ptr(), from_utf8(provider).ptr())) {
+    if (!PyUnicode_Check(given)) {
+      refuse_argument(("api_keys['" + std::string(provider) + "']").c_str(), "str", given);
+    }
+    std::string key = to_utf8(given);
+    if (!key.empty()) return key;
+  }
+  const std::string_view variable = key_variable(provider);
+  if (variable.empty()) return {};
+  // The host's own view of the environment: it may have changed it.
+  return to_utf8(call(import("os").attr("environ").attr("get"), from_utf8(variable), ""));
+}
+
+std::vector<std::string> models_of(std::string_view provider) {
+  const auto models = preset_models(provider);
+  return {models.begin(), models.end()};
+}
+
+std::string unknown_provider(const std::string& name) {
+  std::string message = "Unknown provider '" + name +
+                        "'. Use ProviderConfig for custom providers, or choose from: ";
+  const char* separator = "";
+  for (const PresetUrl& row : kPresetUrls) {
+    message += separator + std::string(row.provider);
+    separator = ", ";
+  }
+  return message;
+}
+
+nb::object keys_or_empty(nb::handle api_keys) {
+  if (api_keys.is_none()) return nb::dict();
+  if (!PyDict_Check(api_keys.ptr())) refuse_argument("api_keys", "dict or None", api_keys);
+  return nb::borrow(api_keys);
+}
+
+}  // namespace
+
+Engine::Engine(nb::handle given_providers, nb::handle api_keys)
+    : providers(nb::dict()),
+      diagnoser(made<Diagnoser>()),
+      learner(made<FlywheelLearner>()),
+      metrics(made<MetricsCollector>()),
+      topology(made<SemanticTopology>()),
+      http_pool(nb::dict()),
+      sync_client_pool(nb::dict()) {
+  const nb::object keys = keys_or_empty(api_keys);
+  if (given_providers.is_none()) {
+    auto_discover(keys);
+  } else if (PyList_Check(given_providers.ptr())) {
+    init_from_list(given_providers, keys);
+  } else if (PyDict_Check(given_providers.ptr())) {
+    providers = nb::borrow(given_providers);
+  } else {
+    throw nb::type_error(("providers must be list, dict, or None, got " +
+                          std::string(class_name(given_providers)))
+                             .c_str());
+  }
+}
+
+void Engine::auto_discover(nb::handle api_keys) {
+  for (const ProviderKeyVariable& row : kEnvKeyMap) {
+    const std::string_view url = preset_url(row.provider);
+    if (!url.empty() && !key_for(row.provider, api_keys).empty()) {
+      register_preset(row.provider, url, api_keys);
+    }
+  }
+}
+
+void Engine::init_from_list(nb::handle names, nb::handle api_keys) {
+  for (nb::handle item : names) {
+    const auto name = convert_argument<std::string>(item, "providers: a name");
+    const std::string_view url = preset_url(name);
+    if (url.empty()) throw nb::value_error(unknown_provider(name).c_str());
+    register_preset(name, url, api_keys);
+  }
+}
+
+void Engine::register_preset(const std::string& name, std::string_view url, nb::handle api_keys) {
+  ProviderFields fields;
+  fields.name = name;
+  fields.base_url = url;
+  fields.api_key = key_for(name, api_keys);
+  fields.models = models_of(name);
+  providers[from_utf8(name)] = nb::cast(std::make_shared<ProviderConfig>(std::move(fields)));
+}
+
+void Engine::add_provider(nb::handle config_or_name, nb::handle config) {
+  if (PyUnicode_Check(config_or_name.ptr()) && !config.is_none()) {
+    providers[config_or_name] = config;
+  } else if (nb::isinstance<ProviderConfig>(config_or_name)) {
+    const std::string name = nb::inst_ptr<ProviderConfig>(config_or_name)->name();
+    providers[from_utf8(name)] = config_or_name;
+  } else {
+    throw nb::type_error("add_provider expects ProviderConfig or (name, ProviderConfig)");
+  }
+}
+
+nb::handle Engine::clients() {
+  if (!clients_.is_valid()) {
+    nb::object fresh = call(import("tarvomeldric._http").attr("HttpClients"));
+    // Importing may have let another thread run, and that thread may have been here.
+    if (!clients_.is_valid()) clients_ = std::move(fresh);
+  }
+  return clients_;
+}
+
+nb::object Engine::sync_client(const std::string& provider_name) {
+  const nb::str name = from_utf8(provider_name);
+  const nb::handle maker = clients();
+  MutexLock lock(sync_client_lock);
+  if (PyObject* pooled = PyDict_GetItem(sync_client_pool.ptr(), name.ptr())) {
+    return nb::borrow(pooled);
+  }
+  nb::object client = call(maker.attr("sync_client"));
+  sync_client_pool[name] = client;
+  return client;
+}
+
+nb::object Engine::find_session(const std::string& provider_name) {
+  return call(clients().attr("find"), http_pool, from_utf8(provider_name));
+}
+
+nb::object Engine::session(const std::string& provider_name) {
+  return call(clients().attr("session"), http_pool, pool_lock_object(), from_utf8(provider_name));
+}
+
+// Whoever holds the lock keeps the engine.
+nb::object Engine::pool_lock_object() {
+  return nb::cast(&pool_lock, nb::rv_policy::reference_internal, nb::find(this));
+}
+
+nb::object Engine::telemetry_collector() {
+  if (telemetry.is_none()) {
+    telemetry = call(import("tarvomeldric.telemetry").attr("TelemetryCollector"));
+  }
+  return telemetry;
+}
+
+int Engine::traverse(visitproc visit, void* arg) {
+  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
+  Py_VISIT(clients_.ptr());
+  return 0;
+}
+
+void Engine::clear() {
+  for (auto held : kHeldObjects) (this->*held).reset();
+  clients_.reset();
+}
+
+std::vector<NamedProvider> HostRegistry::entries() const {
+  std::vector<NamedProvider> entries;
+  entries.reserve(static_cast<std::size_t>(PyDict_GET_SIZE(providers_.ptr())));
+  PyObject* name = nullptr;
+  PyObject* record = nullptr;
+  Py_ssize_t at = 0;
+  while (PyDict_Next(providers_.ptr(), &at, &name, &record)) {
+    auto converted = convert_argument<std::string>(name, "_providers: a name");
+    if (!nb::isinstance<ProviderConfig>(record)) {
+      refuse_argument(("provider '" + converted + "'").c_str(), "a ProviderConfig", record);
+    }
+    entries.push_back({std::move(converted), nb::cast<ProviderPtr>(nb::handle(record))});
+  }
+  return entries;
+}
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "host/engine.h"
+#include "host/python.h"
+
+namespace tarvomeldric::host {
+
+// The arguments of `call` and `call_sync` as the host gave them.
+struct CallArguments {
+  nb::handle prompt;
+  nb::handle model;
+  nb::handle task_type;
+  nb::handle has_schema;
+  nb::handle semantic_domain;
+  nb::handle contract;
+  nb::handle api_type;
+  nb::kwargs options;
+};
+
+// Both throw a type error that names the argument before anything of the call happens.
+nb::object call_blocking(nb::handle engine, const CallArguments& arguments);
+nb::object call_coroutine(nb::handle engine, const CallArguments& arguments);
+
+// The arguments of `_execute_sync` and `_execute`.
+struct ExecuteArguments {
+  nb::handle cfg;
+  nb::handle prompt;
+  nb::handle model;
+  nb::handle api_type;
+  nb::kwargs extra;
+};
+nb::object execute_blocking(nb::handle engine, const ExecuteArguments& arguments);
+nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& arguments);
+
+}  // namespace tarvomeldric::host

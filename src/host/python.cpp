@@ -1,0 +1,73 @@
+#include "host/python.h"
+
+#include "support/blocking.h"
+#include "support/text.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+unsigned long main_thread = 0;
+
+void* release_interpreter() {
+  return Py_IsInitialized() && PyGILState_Check() ? PyEval_SaveThread() : nullptr;
+}
+
+// Runs in destructors, too: the guard must not let an unwind out of them.
+void reacquire_interpreter(void* state) {
+  host_call([&] { PyEval_RestoreThread(static_cast<PyThreadState*>(state)); });
+}
+
+// Only the main thread is interrupted; asking on the others would cost the lock for nothing.
+void check_interrupt() {
+  if (PyThread_get_thread_ident() != main_thread) return;
+  if (host_call([] { return PyErr_CheckSignals(); }) != 0) throw nb::python_error();
+}
+
+std::string lower(std::string_view utf8) {
+  static PyObject* name = PyUnicode_InternFromString("lower");
+  return to_utf8(nb::steal(PyObject_CallMethodNoArgs(from_utf8(utf8).ptr(), name)));
+}
+
+}  // namespace
+
+std::string to_utf8(nb::handle text) {
+  Py_ssize_t size = 0;
+  if (const char* utf8 = PyUnicode_AsUTF8AndSize(text.ptr(), &size)) {
+    return std::string(utf8, static_cast<std::size_t>(size));
+  }
+  if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw nb::python_error();
+  PyErr_Clear();
+  const auto bytes =
+      nb::steal(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
+  if (!bytes.is_valid()) throw nb::python_error();
+  return std::string(PyBytes_AS_STRING(bytes.ptr()),
+                     static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
+}
+
+nb::str from_utf8(std::string_view utf8) {
+  PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()),
+                                        "surrogatepass");
+  if (!text) throw nb::python_error();
+  return nb::steal<nb::str>(text);
+}
+
+std::string text_form(nb::handle object) {
+  const auto text = host_call([&] { return nb::steal(PyObject_Str(object.ptr())); });
+  if (text.is_valid()) return to_utf8(text);
+  if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
+  PyErr_Clear();
+  return std::string("<unprintable ") + class_name(object) + " object>";
+}
+
+nb::object import(const char* module) {
+  return host_call([&]() -> nb::object { return nb::module_::import_(module); });
+}
+
+void install_hooks() {
+  const nb::object threading = import("threading");
+  main_thread = nb::cast<unsigned long>(threading.attr("main_thread")().attr("ident"));
+  install_blocking_hooks({release_interpreter, reacquire_interpreter, check_interrupt});
+  text::install_lower_hook(lower);
+}
+
+}  // namespace tarvomeldric::host

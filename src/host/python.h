@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cxxabi.h>
+#include <nanobind/nanobind.h>
+#include <nanobind/stl/shared_ptr.h>
+#include <nanobind/stl/string.h>
+#include <unistd.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tarvomeldric::host {
+
+namespace nb = nanobind;
+using namespace nb::literals;
+
+// Around every call below C++ frames that can give up the interpreter lock. A daemon thread that
+// asks for the lock when the interpreter is going away is ended by an unwind that our frames cannot
+// pass on; it is parked here instead, and the process leaves without it.
+template <class F>
+decltype(auto) host_call(F&& f) {
+  try {
+    return std::forward<F>(f)();
+  } catch (abi::__forced_unwind&) {
+    for (;;) pause();
+  }
+}
+
+// Calls a host callable.
+template <class... Args>
+nb::object call(nb::handle callable, Args&&... args) {
+  return host_call([&]() -> nb::object { return callable(std::forward<Args>(args)...); });
+}
+
+// Texts cross as UTF-8, a lone surrogate in its three-byte form.
+std::string to_utf8(nb::handle text);
+nb::str from_utf8(std::string_view utf8);
+
+// The host's text form of an object, and a stand-in where the object cannot give one.
+std::string text_form(nb::handle object);
+
+nb::object import(const char* module);
+
+// Sets one entry of a dictionary whose key is a literal.
+inline void put(nb::dict& dict, const char* key, nb::handle value) {
+  if (PyDict_SetItemString(dict.ptr(), key, value.ptr()) < 0) throw nb::python_error();
+}
+
+inline nb::object number(double value) { return nb::steal(PyFloat_FromDouble(value)); }
+inline nb::object number(std::int64_t value) { return nb::steal(PyLong_FromLongLong(value)); }
+inline nb::object truth(bool value) { return nb::borrow(value ? Py_True : Py_False); }
+inline const char* class_name(nb::handle object) { return Py_TYPE(object.ptr())->tp_name; }
+
+// Keeps an error that is already set out of the way of what a destructor does.
+using nb::error_scope;
+
+// Installs what the core needs from the interpreter: waits without its lock, Ctrl-C, lower-casing.
+void install_hooks();
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,30 @@
+#include "host/records.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr Py_ssize_t kShownCharacters = 80;
+
+std::string shown_text(const nb::object& text) {
+  const nb::object cut =
+      PyUnicode_Check(text.ptr())
+          ? nb::steal(PyUnicode_Substring(text.ptr(), 0, kShownCharacters))
+          : text;
+  return to_utf8(host_call([&]() -> nb::object { return nb::repr(cut); }));
+}
+
+}  // namespace
+
+std::string summary(const CallResult& result) {
+  std::string line = result.success ? "CallResult(✓" : "CallResult(✗";
+  if (!result.original_provider.empty() && result.original_provider != result.provider) {
+    line += " " + result.original_provider + "→";
+  }
+  line += result.provider + "/" + result.model;
+  if (!result.heal_level.empty()) line += " [" + result.heal_level + "]";
+  if (!result.semantic_domain.empty()) line += " <" + result.semantic_domain + ">";
+  if (result.validation_passed) line += *result.validation_passed ? " ✓contract" : " ✗contract";
+  return line + ": " + shown_text(result.text) + ")";
+}
+
+}  // namespace tarvomeldric::host

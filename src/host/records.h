@@ -1,0 +1,147 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "diagnosis/diagnoser.h"
+#include "engine/trace.h"
+#include "flywheel/learner.h"
+#include "host/convert.h"
+#include "observability/metrics_collector.h"
+#include "providers/provider_config.h"
+#include "semantic/topology.h"
+
+namespace tarvomeldric::host {
+
+// What a call hands back. The texts that the host made stay host objects.
+struct CallResult {
+  nb::object text = nb::none();
+  std::string provider;
+  std::string model;
+  bool success = true;
+  nb::object fault = nb::none();
+  std::string original_provider;
+  std::string original_model;
+  double latency_ms = 0.0;
+  bool from_cache = false;
+  bool downgraded = false;
+  std::string heal_level;
+  std::string semantic_domain;
+  std::optional<bool> validation_passed;
+  nb::object contract_result = nb::none();
+  nb::object mapek_trace = nb::none();
+  nb::object raw_response = nb::none();
+};
+
+// The one-line summary of a result.
+std::string summary(const CallResult& result);
+
+// A step of recovery as the diagnoser suggests it.
+struct RecoveryAction {
+  nb::object level = nb::none();
+  std::string action;
+  std::string target;
+  double delay = 0.0;  // seconds
+  nb::object metadata = nb::none();
+};
+
+// What a healed answer must look like; every field that is not null is one check.
+struct Contract {
+  nb::object output_schema = nb::none();
+  nb::object determinism_hash = nb::none();
+  nb::object similarity_threshold = nb::none();
+  nb::object reference_text = nb::none();
+  nb::object required_entities = nb::none();
+  nb::object forbidden_patterns = nb::none();
+};
+
+template <>
+struct HostName<Semaphore> {
+  static constexpr auto value = nb::detail::const_name("Semaphore");
+};
+template <>
+struct HostName<Diagnoser> {
+  static constexpr auto value = nb::detail::const_name("Diagnoser");
+};
+template <>
+struct HostName<FlywheelLearner> {
+  static constexpr auto value = nb::detail::const_name("FlywheelLearner");
+};
+template <>
+struct HostName<MetricsCollector> {
+  static constexpr auto value = nb::detail::const_name("MetricsCollector");
+};
+template <>
+struct HostName<CircuitBreaker> {
+  static constexpr auto value = nb::detail::const_name("CircuitBreaker");
+};
+template <>
+struct HostName<RateLimiter> {
+  static constexpr auto value = nb::detail::const_name("RateLimiter");
+};
+template <>
+struct HostName<Bulkhead> {
+  static constexpr auto value = nb::detail::const_name("Bulkhead");
+};
+template <>
+struct HostName<ProviderConfig> {
+  static constexpr auto value = nb::detail::const_name("ProviderConfig");
+};
+template <>
+struct HostName<Diagnosis> {
+  static constexpr auto value = nb::detail::const_name("Diagnosis");
+};
+template <>
+struct HostName<SemanticClassification> {
+  static constexpr auto value = nb::detail::const_name("SemanticClassification");
+};
+template <>
+struct HostName<LearnedRule> {
+  static constexpr auto value = nb::detail::const_name("LearnedRule");
+};
+template <>
+struct HostName<MapeKTrace> {
+  static constexpr auto value = nb::detail::const_name("MapeKTrace");
+};
+template <>
+struct HostName<CallResult> {
+  static constexpr auto value = nb::detail::const_name("CallResult");
+};
+template <>
+struct HostName<RecoveryAction> {
+  static constexpr auto value = nb::detail::const_name("RecoveryAction");
+};
+template <>
+struct HostName<Contract> {
+  static constexpr auto value = nb::detail::const_name("Contract");
+};
+
+// A category that is one of ours shows as its member, any other as the text it is.
+template <>
+struct Convert<CategoryOrText> {
+  static constexpr auto kName = nb::detail::const_name("FaultCategory | str");
+  static bool from(nb::handle h, CategoryOrText& out) {
+    if (const auto known = HostEnum<FaultCategory>::find(h)) {
+      out = *known;
+      return true;
+    }
+    std::string text;
+    if (!Convert<std::string>::from(h, text)) return false;
+    for (std::size_t i = 0; i < kFaultCategories.size(); ++i) {
+      if (text == kFaultCategories[i].second) {
+        out = static_cast<FaultCategory>(i);
+        return true;
+      }
+    }
+    out = std::move(text);
+    return true;
+  }
+  static nb::object to(const CategoryOrText& category) {
+    if (const auto* known = std::get_if<FaultCategory>(&category)) {
+      return HostEnum<FaultCategory>::member(*known);
+    }
+    return from_utf8(std::get<std::string>(category));
+  }
+};
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "guards/bulkhead.h"
+#include "guards/circuit_breaker.h"
+#include "guards/rate_limiter.h"
+#include "support/bounded_queue.h"
+#include "support/clock.h"
+#include "support/guarded_record.h"
+#include "support/ordered_map.h"
+
+namespace tarvomeldric {
+
+using BreakerPtr = std::shared_ptr<CircuitBreaker>;
+using RateLimiterPtr = std::shared_ptr<RateLimiter>;
+using BulkheadPtr = std::shared_ptr<Bulkhead>;
+
+struct ProviderFields {
+  std::string name;
+  std::string base_url;
+  std::string api_key;
+  std::vector<std::string> models;  // in order of preference
+  bool healthy = true;              // last known
+  std::int64_t success_count = 0;
+  std::int64_t fail_count = 0;
+  std::string last_error;
+  double last_error_time = 0.0;  // wall clock, seconds
+  BreakerPtr circuit_breaker;
+  OrderedMap<BreakerPtr> category_circuit_breakers;
+  RateLimiterPtr rate_limiter;
+  BulkheadPtr bulkhead;
+  BoundedQueue<double, 100> recent_latencies;  // milliseconds, of successes
+};
+
+// One provider: where its API lives, the key, the models, how it has been doing, and the guards that
+// say whether it may be called now.
+//
+// An admitted attempt takes a token, then a slot; it reports its outcome with `record_success` or
+// `record_failure` and gives the slot back once (`AdmittedSlot` in engine/admission.h owns it).
+// Any thread; a provider's lock is not held while a guard's is.
+class ProviderConfig : public GuardedRecord<ProviderFields> {
+ public:
+  explicit ProviderConfig(ProviderFields fields = {}, const Clock& clock = system_clock());
+
+  std::string name() const;
+  // The mean of the recent latencies in milliseconds, 0 without any.
+  double avg_latency() const;
+  // 0 to 100, higher is healthier; 50 for a provider that has not been called. May turn an open
+  // breaker that has cooled down half-open, and so may `is_available`.
+  double health_score() const;
+  bool is_available() const;
+
+  BreakerPtr circuit_breaker() const;
+  RateLimiterPtr rate_limiter() const;
+  BulkheadPtr bulkhead() const;
+  // The breaker for one category of faults, made on first use.
+  BreakerPtr category_circuit_breaker(std::string_view category);
+
+  bool check_quota();
+  // Takes a token and a slot, waiting at most `bulkhead_timeout` seconds for the slot. A refusal
+  // holds nothing.
+  bool can_accept(double bulkhead_timeout = 1.0);
+  void release_slot();
+
+  void record_success(double latency_ms);
+  // A categorised failure that opens the breaker also sets the cooldown that suits its category.
+  void record_failure(std::string_view error, std::string_view fault_category = "");
+
+ private:
+  const Clock& clock_;
+};
+
+using ProviderPtr = std::shared_ptr<ProviderConfig>;
+
+}  // namespace tarvomeldric

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "providers/provider_config.h"
+
+namespace tarvomeldric {
+
+struct NamedProvider {
+  std::string name;
+  ProviderPtr provider;
+};
+
+// The providers of an engine by the names they were registered under, in order of registration. The
+// engine's own stands on the host's dictionary.
+class Registry {
+ public:
+  virtual ~Registry() = default;
+  virtual std::vector<NamedProvider> entries() const = 0;
+};
+
+// Those that may be called now, in registry order.
+std::vector<NamedProvider> available_providers(const Registry& registry);
+
+}  // namespace tarvomeldric

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <utility>
+
+#include "support/mutex.h"
+
+namespace tarvomeldric {
+
+// A record whose fields live under one lock. The fields are a plain struct with defaults, so that a
+// record can be made from them, compared by them and shown by them.
+template <class F>
+class GuardedRecord {
+ public:
+  using Fields = F;
+
+  GuardedRecord() = default;
+  explicit GuardedRecord(F fields) : fields_(std::move(fields)) {}
+  GuardedRecord(const GuardedRecord&) = delete;
+  GuardedRecord& operator=(const GuardedRecord&) = delete;
+
+  F snapshot() const {
+    MutexLock lock(mutex_);
+    return fields_;
+  }
+
+  // The host's view of the fields. Every thread of the host holds the interpreter lock when it gets
+  // here, and no operation enters a blocking region with a field half-written, so these reads and
+  // writes need no lock; taking it would lock a caller out who holds it already.
+  F& host_fields() NO_THREAD_SAFETY_ANALYSIS { return fields_; }
+
+  Mutex& mutex() const RETURN_CAPABILITY(mutex_) { return mutex_; }
+
+ protected:
+  mutable Mutex mutex_;
+  F fields_ GUARDED_BY(mutex_);
+};
+
+}  // namespace tarvomeldric

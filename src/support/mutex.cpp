@@ -1,0 +1,49 @@
+#include "support/mutex.h"
+
+#include <algorithm>
+#include <new>
+
+#include "support/blocking.h"
+#include "support/clock.h"
+
+namespace tarvomeldric {
+
+bool Mutex::try_lock_for(double seconds) {
+  if (try_lock()) return true;
+  return seconds > 0 && wait(steady_deadline(seconds), Interrupts::kHeeded);
+}
+
+void Mutex::unlock() {
+  held_.store(false);
+  if (waiters_.load() == 0) return;
+  std::lock_guard parked(parking_);
+  released_.notify_one();
+}
+
+bool Mutex::wait(Deadline deadline, Interrupts interrupts) {
+  BlockingRegion region;
+  while (!wait_slice(deadline)) {
+    if (deadline && std::chrono::steady_clock::now() >= *deadline) return false;
+    if (interrupts == Interrupts::kHeeded) region.check_interrupt();
+  }
+  return true;
+}
+
+// One slice of a wait. A waiter announces itself before it looks at the flag, and `unlock` clears
+// the flag before it looks for waiters, so one of the two always sees the other.
+bool Mutex::wait_slice(Deadline deadline) {
+  auto until = std::chrono::steady_clock::now() + kInterruptSlice;
+  if (deadline) until = std::min(until, *deadline);
+  std::unique_lock parked(parking_);
+  ++waiters_;
+  const bool taken = released_.wait_until(parked, until, [this] { return try_lock(); });
+  --waiters_;
+  return taken;
+}
+
+void Mutex::reset_after_fork() {
+  this->~Mutex();
+  new (this) Mutex;
+}
+
+}  // namespace tarvomeldric

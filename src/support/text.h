@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// Texts are UTF-8; a lone surrogate of the host's text is carried as its three-byte form.
+namespace tarvomeldric::text {
+
+// Lower-cases beyond ASCII the way the host does. Without a hook such characters stay as they are.
+using LowerHook = std::string (*)(std::string_view);
+void install_lower_hook(LowerHook hook);
+
+std::string lower(std::string_view text);
+
+// Without the white space at both ends; every character that the host counts as white space counts.
+std::string_view strip(std::string_view text);
+
+// Characters, not bytes.
+std::size_t length(std::string_view text);
+std::string_view first(std::string_view text, std::size_t characters);
+
+bool contains(std::string_view text, std::string_view part);
+
+// The shortest decimal that reads back to the same double, laid out as the host writes a float:
+// 0.1, 2.0, 1e-05, 1e+16, inf, -inf, nan.
+std::string shortest(double value);
+// With exactly `digits` digits after the point.
+std::string fixed(double value, int digits);
+
+}  // namespace tarvomeldric::text

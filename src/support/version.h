@@ -1,0 +1,7 @@
+#pragma once
+
+namespace tarvomeldric {
+
+inline constexpr const char kVersion[] = "4.0.1";
+
+}  // namespace tarvomeldric
