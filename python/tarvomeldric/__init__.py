@@ -1,0 +1,61 @@
+"""Calls to hosted model providers that heal themselves.
+
+    from tarvomeldric import SelfHealingEngine
+
+    engine = SelfHealingEngine()          # finds providers by the API keys in the environment
+    print(engine.call_sync("Hello"))      # or: await engine.call("Hello")
+"""
+
+from tarvomeldric._engine import (
+    APIError,
+    Bulkhead,
+    CallResult,
+    CircuitBreaker,
+    CircuitState,
+    Contract,
+    ContractViolationError,
+    Diagnoser,
+    Diagnosis,
+    FaultCategory,
+    FlywheelLearner,
+    LearnedRule,
+    MapeKPhase,
+    MapeKTrace,
+    MetricsCollector,
+    ProviderConfig,
+    RateLimiter,
+    RecoveryAction,
+    SelfHealingEngine,
+    SemanticBoundaryViolationError,
+    SemanticClassification,
+    SemanticDomain,
+    SemanticTopology,
+    __version__,
+)
+
+__all__ = [
+    "APIError",
+    "Bulkhead",
+    "CallResult",
+    "CircuitBreaker",
+    "CircuitState",
+    "Contract",
+    "ContractViolationError",
+    "Diagnoser",
+    "Diagnosis",
+    "FaultCategory",
+    "FlywheelLearner",
+    "LearnedRule",
+    "MapeKPhase",
+    "MapeKTrace",
+    "MetricsCollector",
+    "ProviderConfig",
+    "RateLimiter",
+    "RecoveryAction",
+    "SelfHealingEngine",
+    "SemanticBoundaryViolationError",
+    "SemanticClassification",
+    "SemanticDomain",
+    "SemanticTopology",
+    "__version__",
+]

@@ -1,0 +1,239 @@
+"""The HTTP clients of one engine, and the exchange with a provider as far as it is theirs.
+
+Neither the HTTP library nor a TLS context is loaded before the first request needs it; each costs
+more than a call does.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import contextlib
+import threading
+import weakref
+from collections.abc import AsyncGenerator, Callable
+from typing import TYPE_CHECKING, Any
+
+if TYPE_CHECKING:
+    import ssl
+
+    import httpx
+
+_SYNC_LIMITS = {"max_connections": 50, "max_keepalive_connections": 10, "keepalive_expiry": 30.0}
+_ASYNC_LIMITS = {"max_connections": 100, "max_keepalive_connections": 20, "keepalive_expiry": 30.0}
+
+
+def _read(response: httpx.Response) -> tuple[int, Any]:
+    if response.status_code != 200:
+        return response.status_code, response.text
+    return 200, response.json()
+
+
+def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
+    """Sends one request; returns the status with the decoded body, or the body's text when it is not 200."""
+    return _read(client.post(url, json=body, headers=headers, timeout=timeout))
+
+
+async def post_async(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
+    """The same, awaited."""
+    return _read(await client.post(url, json=body, headers=headers, timeout=timeout))
+
+
+def is_timeout(error: BaseException, asynchronous: bool) -> bool:
+    """Whether the failure of an exchange is a time-out of the client or, when awaited, of the host."""
+    import httpx
+
+    if isinstance(error, httpx.TimeoutException):
+        return True
+    return asynchronous and isinstance(error, (asyncio.TimeoutError, TimeoutError))
+
+
+async def _keep_until_shutdown(client: httpx.AsyncClient) -> AsyncGenerator[None, None]:
+    """Closes the client when its loop shuts its asynchronous generators down, as `asyncio.run` does."""
+    try:
+        yield
+    finally:
+        await client.aclose()
+
+
+class _Bound:
+    """An asynchronous client, the loop that it belongs to, and what closes it with that loop."""
+
+    def __init__(self, client: httpx.AsyncClient) -> None:
+        self.client = client
+        self.loop = asyncio.get_running_loop()
+        self.keeper = _keep_until_shutdown(client)
+
+    async def aclose(self) -> None:
+        await self.keeper.aclose()
+        await self.client.aclose()
+
+    def abandon(self) -> None:
+        """Closes what the loop, gone already, left open, without a word from the transports."""
+        for transport in _open_transports(self.client):
+            sock, transport._sock = transport._sock, None
+            sock.close()
+
+
+def _open_transports(client: Any) -> list[Any]:
+    """The event loop's transports below a client's connections, as deep as they can be found."""
+    found = []
+    pool = getattr(getattr(client, "_transport", None), "_pool", None)
+    for connection in getattr(pool, "connections", ()):
+        inner: Any = getattr(connection, "_connection", None)
+        stream: Any = getattr(getattr(inner, "_network_stream", None), "_stream", None)
+        stream = getattr(stream, "transport_stream", stream)
+        transport = getattr(stream, "_transport", None)
+        if getattr(transport, "_sock", None) is not None:
+            found.append(transport)
+    return found
+
+
+class HttpClients:
+    """Makes the clients of one engine and knows which loop each asynchronous one belongs to.
+
+    The pools themselves are the engine's dictionaries. A client that the host put there is used as it
+    is; one that was made here is used on its own loop alone.
+    """
+
+    def __init__(self) -> None:
+        self._tls: ssl.SSLContext | None = None
+        self._preparing = threading.Lock()
+        self._bound: dict[tuple[int, str], _Bound] = {}
+        self._made: weakref.WeakSet[Any] = weakref.WeakSet()
+
+    def prepare(self) -> None:
+        """Loads the HTTP library and makes the TLS context that all clients share."""
+        import httpx
+
+        with self._preparing:
+            if self._tls is None:
+                self._tls = httpx.create_ssl_context()
+
+    def sync_client(self) -> httpx.Client:
+        """A new blocking client."""
+        import httpx
+
+        self.prepare()
+        assert self._tls is not None
+        return httpx.Client(
+            verify=self._tls, limits=httpx.Limits(**_SYNC_LIMITS), timeout=httpx.Timeout(60.0, connect=10.0, read=30.0)
+        )
+
+    def find(self, pool: dict[str, Any], name: str) -> Any:
+        """The client for the running loop, or None when one has to be made."""
+        pooled = pool.get(name)
+        if pooled is None:
+            return None
+        if pooled not in self._made:
+            return pooled
+        loop = asyncio.get_running_loop()
+        bound = self._bound.get((id(loop), name))
+        if bound is None or bound.loop is not loop or bound.client.is_closed:
+            return None
+        return bound.client
+
+    async def session(self, pool: dict[str, Any], lock: Any, name: str) -> Any:
+        """The client for the running loop, made when there is none."""
+        client = self.find(pool, name)
+        if client is not None:
+            return client
+        if self._tls is None:
+            await asyncio.get_running_loop().run_in_executor(None, self.prepare)
+        with lock:
+            client = self.find(pool, name)
+            if client is not None:
+                return client
+            bound = self._make(pool, name)
+        await bound.keeper.__anext__()
+        return bound.client
+
+    def _make(self, pool: dict[str, Any], name: str) -> _Bound:
+        import httpx
+
+        self._drop_closed_loops()
+        assert self._tls is not None
+        bound = _Bound(
+            httpx.AsyncClient(
+                verify=self._tls,
+                limits=httpx.Limits(**_ASYNC_LIMITS),
+                timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
+            )
+        )
+        self._made.add(bound.client)
+        self._bound[(id(bound.loop), name)] = bound
+        pool[name] = bound.client
+        return bound
+
+    def _drop_closed_loops(self) -> None:
+        for key, bound in list(self._bound.items()):
+            if bound.loop.is_closed():
+                self._bound.pop(key, None)
+                bound.abandon()
+
+    def _take_out(self, pool: dict[str, Any], lock: Any) -> tuple[list[Any], list[_Bound]]:
+        """Empties the pool: the clients that the host put there, and all that were made here."""
+        with lock:
+            placed = [client for client in pool.values() if client not in self._made]
+            bound = list(self._bound.values())
+            pool.clear()
+            self._bound.clear()
+        return placed, bound
+
+    async def close(self, pool: dict[str, Any], lock: Any, close_blocking_clients: Callable[[], None]) -> None:
+        """Closes every client, the asynchronous ones first; the failure of one keeps no other one open."""
+        placed, bound = self._take_out(pool, lock)
+        here = asyncio.get_running_loop()
+        for client in placed:
+            with contextlib.suppress(Exception):
+                await client.aclose()
+        for entry in bound:
+            with contextlib.suppress(Exception):
+                if entry.loop is here:
+                    await entry.aclose()
+                else:
+                    _close_elsewhere(entry)
+        close_blocking_clients()
+
+    def close_blocking(self, pool: dict[str, Any], lock: Any) -> None:
+        """The same from a thread without a loop: each client is closed on a loop that can run it."""
+        placed, bound = self._take_out(pool, lock)
+        for client in placed:
+            with contextlib.suppress(Exception):
+                _run_on_private_loop(client)
+        for entry in bound:
+            with contextlib.suppress(Exception):
+                _close_elsewhere(entry)
+
+
+def _run_on_private_loop(client: Any) -> None:
+    loop = asyncio.new_event_loop()
+    try:
+        closing = client.aclose()
+        try:
+            loop.run_until_complete(closing)
+        except BaseException:
+            closing.close()
+            raise
+    finally:
+        loop.close()
+
+
+def _close_elsewhere(entry: _Bound) -> None:
+    """Closes a client whose loop is not the running one: on its loop, if that can still run it."""
+    if entry.loop.is_closed():
+        entry.abandon()
+        return
+    closing = entry.aclose()
+    try:
+        if entry.loop.is_running():
+            asyncio.run_coroutine_threadsafe(closing, entry.loop)
+        else:
+            entry.loop.run_until_complete(closing)
+    except BaseException:
+        closing.close()
+        raise
+
+
+async def ready(engine: Any) -> Any:
+    """What entering an engine asynchronously awaits: nothing, for there is nothing to wait for."""
+    return engine

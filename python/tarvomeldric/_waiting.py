@@ -1,0 +1,60 @@
+"""How a coroutine stands in line for a permit without holding up its event loop."""
+
+from __future__ import annotations
+
+import asyncio
+from typing import Any
+
+
+class _Turn:
+    """One coroutine in the line of a semaphore, woken through its event loop."""
+
+    __slots__ = ("_future", "_loop")
+
+    def __init__(self) -> None:
+        self._loop = asyncio.get_running_loop()
+        self._future = self._loop.create_future()
+
+    def wake(self) -> bool:
+        """Says that a permit may be there; False when the loop cannot pass it on."""
+        if self._future.done():
+            return False
+        if asyncio._get_running_loop() is self._loop:
+            self._future.set_result(None)
+            return True
+        if not self._loop.is_running():
+            return False
+        try:
+            self._loop.call_soon_threadsafe(self._look)
+        except RuntimeError:
+            return False
+        return True
+
+    def _look(self) -> None:
+        if not self._future.done():
+            self._future.set_result(None)
+
+    async def wait(self, seconds: float) -> None:
+        timer = self._loop.call_later(seconds, self._look)
+        try:
+            await self._future
+        finally:
+            timer.cancel()
+
+
+async def wait_for_permit(semaphore: Any, timeout: float) -> bool:
+    """Waits at most ``timeout`` seconds for a permit of ``semaphore``; returns whether it was taken."""
+    loop = asyncio.get_running_loop()
+    deadline = loop.time() + timeout
+    while True:
+        remaining = deadline - loop.time()
+        if remaining <= 0:
+            return bool(semaphore._take_any())
+        turn = _Turn()
+        place = semaphore._join(turn)
+        try:
+            await turn.wait(min(remaining, semaphore.LOOK_AGAIN))
+            if semaphore._look(place):
+                return True
+        finally:
+            semaphore._leave(place)
