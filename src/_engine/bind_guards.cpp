@@ -64,7 +64,7 @@ void bind_limiter(nb::module_& module) {
       "A token bucket: a burst of `max_tokens` (60), then `refill_rate` (10.0) a second.\n\n"
       "A limiter that is wide open: RateLimiter(max_tokens=N, refill_rate=R, _tokens=N).",
       {field<&F::max_tokens>("max_tokens"), field<&F::refill_rate>("refill_rate"),
-       field<&F::tokens>("_tokens"), field<&F::last_refill>("_last_refill"),
+       field<&F::tokens>("_tokens"), varying(field<&F::last_refill>("_last_refill")),
        lock_field<RateLimiter>(), field<&F::rejected>("_rejected")},
       [] { return RateLimiter().snapshot(); })
       .def("acquire",

@@ -2,6 +2,7 @@
 #include "diagnosis/fault_patterns.h"
 #include "host/coroutine.h"
 #include "host/errors.h"
+#include "host/signatures.h"
 #include "host/str_enum.h"
 #include "host/views.h"
 #include "support/version.h"
@@ -33,5 +34,6 @@ NB_MODULE(_engine, module) {
   bind_coroutine(module);
   bind_engine(module);
   bind_tables(module);
+  bind_signatures(module.attr("SemanticTopology"), "classify_request");
   warm_fault_patterns();
 }

@@ -19,6 +19,15 @@ std::string repr_of(nb::handle object) {
   return to_utf8(host_call([&]() -> nb::object { return nb::repr(object); }));
 }
 
+// As the host writes it, where it is a plain value that every record starts with.
+std::string default_text(const Field& field, void* defaults) {
+  if (field.varying || !field.compared) return "...";
+  const nb::object value = field.plain(defaults);
+  const bool plain = value.is_none() || PyUnicode_CheckExact(value.ptr()) ||
+                     PyLong_Check(value.ptr()) || PyFloat_CheckExact(value.ptr());
+  return plain ? repr_of(value) : "...";
+}
+
 }  // namespace
 
 void assign_field(const char* class_name, void* fields, const Field& field, nb::handle value) {
@@ -106,11 +115,11 @@ int RecordTable::clear(PyObject* self) const {
   return 0;
 }
 
-std::string RecordTable::signature() const {
+std::string RecordTable::signature(void* defaults) const {
   std::string text = "def __init__(self";
   for (const Field& field : fields) {
     text += ", " + std::string(field.name) + ": " + field.type;
-    if (!field.required) text += " = ...";
+    if (!field.required) text += " = " + default_text(field, defaults);
   }
   return text + ") -> None";
 }

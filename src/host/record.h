@@ -31,7 +31,8 @@ struct Field {
   bool shown = true;     // in `repr`
   bool compared = true;  // in `==` and in pickles
   bool assignable = true;
-  bool secret = false;   // shown as asterisks
+  bool secret = false;    // shown as asterisks
+  bool varying = false;   // no two records start with the same value
 };
 
 namespace detail {
@@ -101,6 +102,11 @@ Field lock_field() {
   return own_part(lock);
 }
 
+inline Field varying(Field field) {
+  field.varying = true;
+  return field;
+}
+
 inline Field secret(Field field) {
   field.secret = true;
   return field;
@@ -132,8 +138,8 @@ struct RecordTable {
   nb::object reduce(PyObject* self) const;
   int traverse(PyObject* self, visitproc visit, void* arg) const;
   int clear(PyObject* self) const;
-  // The text of the constructor's signature.
-  std::string signature() const;
+  // The text of the constructor's signature; `defaults` are fields as a record without arguments has.
+  std::string signature(void* defaults) const;
   nb::tuple match_args() const;
 };
 
@@ -189,6 +195,7 @@ nb::class_<T> bind_record(nb::module_& module, const char* doc, std::vector<Fiel
                          {Py_tp_clear, reinterpret_cast<void*>(clear_record<T>)},
                          {0, nullptr}};
   nb::class_<T> cls(module, name, doc, nb::type_slots(slots));
+  auto defaults = make_defaults();
   cls.def(
       "__init__",
       [table, make_defaults](T* self, const nb::args& args, const nb::kwargs& kwargs) {
@@ -196,7 +203,7 @@ nb::class_<T> bind_record(nb::module_& module, const char* doc, std::vector<Fiel
         table->fill(&filled, args, kwargs);
         new (self) T(std::move(filled));
       },
-      nb::sig(table->signature().c_str()));
+      nb::sig(table->signature(&defaults).c_str()));
   for (const Field& field : table->fields) bind_field(cls, field);
   cls.def("__repr__", [table](nb::pointer_and_handle<T> self) -> nb::object {
     if constexpr (requires { summary(*self.p); }) {
