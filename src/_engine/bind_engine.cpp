@@ -2,6 +2,7 @@
 #include <optional>
 
 #include "_engine/bindings.h"
+#include "engine/failover.h"
 #include "engine/selection.h"
 #include "host/argument.h"
 #include "host/call_io.h"
@@ -34,6 +35,11 @@ constexpr const char* kCallArguments =
     "self, prompt: str, model: str | None = None, task_type: str = '', has_schema: bool = False, "
     "semantic_domain: SemanticDomain | None = None, contract: Contract | None = None, "
     "api_type: str = 'chat', **options: typing.Any";
+constexpr const char* kFailoverArguments =
+    "self, prompt: str, model: str | None, failed_provider: str, diag: Diagnosis, "
+    "sem_class: SemanticClassification, original_provider: str, original_model: str, "
+    "request_id: str, contract: Contract | None = None, trace: MapeKTrace | None = None, "
+    "call_start: float | None = None, **options: typing.Any";
 constexpr const char* kExecuteArguments =
     "self, cfg: ProviderConfig, prompt: str, model: str, api_type: str = 'chat', "
     "**extra: typing.Any";
@@ -60,7 +66,9 @@ constexpr const char* kCallDoc =
     "        wait for a slot, 1.0), `timeout` (seconds for the request, 8.0), `structured_output`;\n"
     "        all but `request_id` are also sent in the request's body, and so is any other option.\n\n"
     "Raises:\n"
-    "    APIError: no provider answered.\n"
+    "    APIError: no provider answered; the error of the last one.\n"
+    "    ContractViolationError: healed output does not hold the contract.\n"
+    "    SemanticBoundaryViolationError: a fault in a call that must not be healed.\n"
     "    RuntimeError: no provider is available, or none would take the request.\n"
     "    TypeError: an argument of the wrong type, before anything happens.";
 
@@ -95,6 +103,27 @@ void bind_execute(EngineClass& cls, const char* name, const std::string& sig, F 
       nb::sig(sig.c_str()), doc);
 }
 
+template <class F>
+void bind_failover(EngineClass& cls, const char* name, const std::string& sig, F function,
+                   const char* doc) {
+  cls.def(
+      name,
+      [function](nb::handle_t<Engine> self, nb::handle prompt, nb::handle model,
+                 nb::handle failed_provider, nb::handle diag, nb::handle sem_class,
+                 nb::handle original_provider, nb::handle original_model, nb::handle request_id,
+                 nb::handle contract, nb::handle trace, nb::handle call_start,
+                 nb::kwargs options) {
+        const FailoverArguments arguments{
+            prompt,         model,      failed_provider, diag,  sem_class,  original_provider,
+            original_model, request_id, contract,        trace, call_start, std::move(options)};
+        return function(self, arguments);
+      },
+      arg("prompt"), arg("model"), arg("failed_provider"), arg("diag"), arg("sem_class"),
+      arg("original_provider"), arg("original_model"), arg("request_id"),
+      arg("contract") = nb::none(), arg("trace") = nb::none(), arg("call_start") = nb::none(),
+      arg("options"), nb::sig(sig.c_str()), doc);
+}
+
 void bind_calls(EngineClass& cls) {
   bind_call(cls, "call_sync", signature("call_sync", kCallArguments, "CallResult"), call_blocking,
             kCallDoc);
@@ -108,6 +137,13 @@ void bind_calls(EngineClass& cls) {
                "May be replaced in a subclass or on an instance. Raises APIError.");
   bind_execute(cls, "_execute", signature("_execute", kExecuteArguments, awaitable("str | None")),
                execute_coroutine, "The same as `_execute_sync`, to be awaited.");
+  bind_failover(cls, "_failover_sync", signature("_failover_sync", kFailoverArguments, "CallResult"),
+                failover_blocking,
+                "Tries every other available provider, best first, until one answers.\n\n"
+                "Raises the last APIError, RuntimeError when no provider could be tried, or\n"
+                "ContractViolationError.");
+  bind_failover(cls, "_failover", signature("_failover", kFailoverArguments, awaitable("CallResult")),
+                failover_coroutine, "The same as `_failover_sync`, to be awaited.");
   execute_sync_seam.native = cls.attr("_execute_sync").ptr();
   execute_seam.native = cls.attr("_execute").ptr();
   Py_INCREF(execute_sync_seam.native);
@@ -143,6 +179,17 @@ void bind_decisions(EngineClass& cls) {
            },
            nb::arg("providers"), nb::sig("def _pick_fallback(self, providers: list[str]) -> str"),
            "The healthiest of the providers; among equals the first.")
+      .def("_provider_priority",
+           [](const Engine& self, Arg<std::string, "provider"> provider,
+              Arg<std::string, "fault_pattern"> pattern,
+              Arg<std::string, "sub_category"> sub_category) {
+             const nb::list names(nb::make_tuple(from_utf8(provider.get())));
+             return provider_priority(named(self, names).front(), pattern.get(),
+                                      sub_category.get(),
+                                      bound<FlywheelLearner>(self.learner, "_learner"));
+           },
+           arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
+           "The score by which failover candidates are ordered; higher is better.")
       .def("_resolve_model",
            [](const Engine&, Arg<std::string, "provider_name"> provider,
               Arg<OptionalText, "requested_model"> model) {

@@ -7,26 +7,7 @@
 namespace tarvomeldric::host {
 namespace {
 
-void bind_contract(nb::module_& module) {
-  bind_record<Contract>(
-      module,
-      "What a healed answer must look like; every field that is given is one check.\n\n"
-      "`output_schema`: a dictionary whose \"required\" lists the keys of a JSON answer;\n"
-      "`determinism_hash`: the first 16 hexadecimal digits of the answer's SHA-256;\n"
-      "`similarity_threshold` (0 to 1) with `reference_text`: shared words;\n"
-      "`required_entities`: texts that must occur; `forbidden_patterns`: regular expressions\n"
-      "that must not match.",
-      {field<&Contract::output_schema>("output_schema"),
-       field<&Contract::determinism_hash>("determinism_hash"),
-       field<&Contract::similarity_threshold>("similarity_threshold"),
-       field<&Contract::reference_text>("reference_text"),
-       field<&Contract::required_entities>("required_entities"),
-       field<&Contract::forbidden_patterns>("forbidden_patterns")});
-}
-
-}  // namespace
-
-void bind_semantic(nb::module_& module) {
+void bind_topology(nb::module_& module) {
   bind_record<SemanticClassification>(
       module, "The domain of a request or answer, why, and its tolerance.",
       {required<&SemanticClassification::domain>("domain"),
@@ -56,7 +37,13 @@ void bind_semantic(nb::module_& module) {
            nb::sig("def classify_response_drift(self, primary_len: int, fallback_len: int, "
                    "has_structure: bool, structure_match: bool) -> SemanticClassification"),
            "How far a fallback's answer drifted; lengths in characters.");
-  bind_contract(module);
+}
+
+}  // namespace
+
+void bind_semantic(nb::module_& module) {
+  bind_topology(module);
+  bind_contracts(module);
 }
 
 }  // namespace tarvomeldric::host

@@ -9,6 +9,7 @@ void bind_locks(nb::module_& module);
 void bind_diagnosis(nb::module_& module);
 void bind_guards(nb::module_& module);
 void bind_semantic(nb::module_& module);
+void bind_contracts(nb::module_& module);
 void bind_flywheel(nb::module_& module);
 void bind_observability(nb::module_& module);
 void bind_providers(nb::module_& module);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "engine/admission.h"
+#include "engine/cascade.h"
 #include "engine/selection.h"
 #include "providers/models.h"
 
@@ -16,18 +17,13 @@ constexpr double kBackPressureRatio = 0.3;
 constexpr std::int64_t kBackPressureCalls = 10;
 constexpr std::string_view kFailoverAction = "failover:";
 
-// The provider and model of the next attempt.
-struct Route {
-  NamedProvider target;
-  std::string model;
-};
-
 // The working values of one call.
 class Call {
  public:
   Call(const CallRequest& request, Surroundings engine, Io& io)
-      : request_(request), engine_(engine), io_(io), start_(engine.clock.monotonic()) {
-    trace_.request_id = request.request_id.value_or(fresh_request_id());
+      : request_(request), engine_(engine), io_(io) {
+    facts_.start = engine.clock.monotonic();
+    facts_.trace.request_id = request.request_id ? *request.request_id : fresh_request_id();
   }
 
   Task<CallOutcome> run();
@@ -39,24 +35,19 @@ class Call {
   void analyze();
   Task<std::optional<AdmittedSlot>> plan();
   Task<CallOutcome> execute(AdmittedSlot slot);
-  Task<CallOutcome> know_success(double latency_ms);
+  Task<CallOutcome> succeed(double latency_ms);
 
   Route route_to(NamedProvider target) const;
   std::string learned_target() const;
   CallOutcome refuse(std::string message);
-  void close_loop() { trace_.total_loop_us = us_since(start_); }
-  double us_since(double moment) const { return (engine_.clock.monotonic() - moment) * 1e6; }
-  double ms_since(double moment) const { return (engine_.clock.monotonic() - moment) * 1e3; }
 
   const CallRequest& request_;
   Surroundings engine_;
   Io& io_;
-  const double start_;
-  MapeKTrace trace_;
-  SemanticClassification classification_;
+  CallFacts facts_;
+  MapeKTrace& trace_ = facts_.trace;
   std::vector<NamedProvider> available_;
   Route route_;
-  Route original_;
   bool learned_ = false;
   std::string refusal_;
 };
@@ -73,11 +64,11 @@ Task<CallOutcome> Call::run() {
 }
 
 void Call::classify() {
-  classification_ = engine_.topology.classify_request(request_.task_type, request_.has_schema,
+  facts_.classification = engine_.topology.classify_request(request_.task_type, request_.has_schema,
                                                       request_.structured_output);
   if (!request_.semantic_domain) return;
-  classification_.domain = *request_.semantic_domain;
-  classification_.reason = "user_explicit";
+  facts_.classification.domain = *request_.semantic_domain;
+  facts_.classification.reason = "user_explicit";
 }
 
 // Counted before this call is, so that a call does not thin out the ratio it is judged by.
@@ -98,7 +89,8 @@ bool Call::monitor() {
     return false;
   }
   route_ = route_to(pick_provider(request_.model, available_));
-  original_ = route_;
+  facts_.original_provider = route_.target.name;
+  facts_.original_model = route_.model;
   trace_.monitor_result = "provider_selected";
   return true;
 }
@@ -158,35 +150,36 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
 Task<CallOutcome> Call::execute(AdmittedSlot slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
   const double start = engine_.clock.monotonic();
-  const Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
-  const double latency_ms = ms_since(start);
-  if (!attempt.ok()) {
+  Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
+  const double latency_ms = engine_.ms_since(start);
+  if (attempt.ok()) {
+    route_.target.provider->record_success(latency_ms);
     slot.release();
-    co_return CallFailed{CallFailed::Kind::kProviderError, {}};
+    co_return co_await succeed(latency_ms);
   }
-  route_.target.provider->record_success(latency_ms);
   slot.release();
-  co_return co_await know_success(latency_ms);
+  FailedAttempt failed{std::move(route_), start, std::move(*attempt.failure)};
+  co_return co_await recover(request_, engine_, io_, facts_, std::move(failed));
 }
 
-Task<CallOutcome> Call::know_success(double latency_ms) {
+Task<CallOutcome> Call::succeed(double latency_ms) {
   trace_.execute_result = "ok";
   trace_.analyze_result = "nominal";
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
   Outcome outcome{"success", "direct:" + route_.target.name, true, latency_ms};
   co_await io_.learn(std::move(outcome));
   trace_.knowledge_recorded = true;
-  close_loop();
+  trace_.total_loop_us = engine_.us_since(facts_.start);
   engine_.metrics.inc("success_primary");
   engine_.metrics.observe("latency_primary_ms", latency_ms);
   CallAnswered answered;
   answered.provider = std::move(route_.target.name);
   answered.model = std::move(route_.model);
-  answered.original_provider = std::move(original_.target.name);
-  answered.original_model = std::move(original_.model);
+  answered.original_provider = std::move(facts_.original_provider);
+  answered.original_model = std::move(facts_.original_model);
   answered.latency_ms = latency_ms;
   answered.heal_level = learned_ ? "l4_learned" : "";
-  answered.domain = classification_.domain;
+  answered.domain = facts_.classification.domain;
   answered.trace = std::move(trace_);
   co_return answered;
 }
@@ -197,7 +190,7 @@ Route Call::route_to(NamedProvider target) const {
 }
 
 CallOutcome Call::refuse(std::string message) {
-  close_loop();
+  trace_.total_loop_us = engine_.us_since(facts_.start);
   return CallFailed{CallFailed::Kind::kRefused, std::move(message)};
 }
 

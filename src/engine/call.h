@@ -20,7 +20,8 @@ namespace tarvomeldric {
 // with the `Io`.
 struct CallRequest {
   std::optional<std::string> request_id;  // a fresh one is made when there is none
-  std::string model;       // empty: model resolution chooses
+  std::size_t prompt_length = 0;          // characters
+  std::string model;                      // empty: model resolution chooses
   std::string task_type;
   bool has_schema = false;
   bool structured_output = false;
@@ -37,6 +38,24 @@ struct Surroundings {
   MetricsCollector& metrics;
   EngineCounters& counters;
   const Clock& clock = system_clock();
+
+  double us_since(double moment) const { return (clock.monotonic() - moment) * 1e6; }
+  double ms_since(double moment) const { return (clock.monotonic() - moment) * 1e3; }
+};
+
+// The provider and model of an attempt.
+struct Route {
+  NamedProvider target;
+  std::string model;
+};
+
+// What is settled about a call before its first attempt, and the trace that goes with it.
+struct CallFacts {
+  SemanticClassification classification;
+  std::string original_provider;
+  std::string original_model;
+  double start = 0.0;  // monotonic, seconds
+  MapeKTrace trace;
 };
 
 // One pass through the loop, from the prompt to an answer or an error. The request, the surroundings

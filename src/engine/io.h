@@ -27,6 +27,16 @@ struct Attempt {
   bool ok() const { return !failure; }
 };
 
+// A healed call, as the outside hears of it.
+struct Recovery {
+  std::string fault_type;
+  std::string provider;
+  std::string model;
+  std::string action;  // "retry", "downgrade" or "failover"
+  double latency_ms = 0.0;
+  std::string sub_category;
+};
+
 // Everything in which a call waits for somebody else. The pipeline is written once over it and does
 // not know whether it blocks a thread or suspends on an event loop. An `Io` serves one call; it keeps
 // the answer and the error of the latest attempt for whoever made it.
@@ -42,6 +52,14 @@ class Io {
   // Waits at most `timeout` seconds for a permit; answers whether it was taken.
   virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) = 0;
   virtual Task<void> learn(Outcome outcome) = 0;
+
+  // The caller's contract for healed output, if there is one, and whether it declares a structure.
+  virtual bool has_contract() const = 0;
+  virtual bool contract_has_schema() const = 0;
+  // Whether the latest answer holds the contract; the verdict is kept for whoever made the `Io`.
+  virtual bool validate() = 0;
+  // Tells the outside that a call was healed. What goes wrong there is nobody's failure.
+  virtual void report(const Recovery& recovery) = 0;
 };
 
 }  // namespace tarvomeldric

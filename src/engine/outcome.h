@@ -20,7 +20,10 @@ struct CallAnswered {
   double latency_ms = 0.0;
   std::string heal_level;  // empty for a plain first-attempt success
   SemanticDomain domain = SemanticDomain::kTauNeighborhood;
-  MapeKTrace trace;
+  std::optional<Diagnosis> fault;         // of a healed call
+  bool downgraded = false;
+  std::optional<bool> validation_passed;  // null when no contract was applied
+  std::optional<MapeKTrace> trace;
 };
 
 // A call that ended without an answer.
@@ -28,9 +31,14 @@ struct CallFailed {
   enum class Kind : std::uint8_t {
     kRefused,        // no provider took the request; `message` says why
     kProviderError,  // the error that the `Io` kept of the last failed attempt
+    kOutOfBounds,    // a fault in a call that must not be healed
+    kContract,       // healed output broke its contract; the `Io` keeps the verdict for the message
+    kDrift,          // healed output drifted in structure
   };
   Kind kind;
   std::string message;
+  std::string domain = {};  // with kOutOfBounds, like the reason
+  std::string reason = {};
 };
 
 using CallOutcome = std::variant<CallAnswered, CallFailed>;

@@ -29,6 +29,31 @@ T convert_argument(nb::handle given, const char* name) {
   return value;
 }
 
+inline nb::object require_text(nb::handle given, const char* name) {
+  if (!PyUnicode_Check(given.ptr())) refuse_argument(name, "str", given);
+  return nb::borrow(given);
+}
+
+inline nb::object require_text_or_none(nb::handle given, const char* name) {
+  if (!given.is_none() && !PyUnicode_Check(given.ptr())) refuse_argument(name, "str or None", given);
+  return nb::borrow(given);
+}
+
+template <class T>
+nb::object require(nb::handle given, const char* name) {
+  if (!nb::isinstance<T>(given)) refuse_argument(name, HostName<T>::value.text, given);
+  return nb::borrow(given);
+}
+
+template <class T>
+nb::object require_or_none(nb::handle given, const char* name) {
+  return given.is_none() ? nb::none() : require<T>(given, name);
+}
+
+inline std::size_t text_length(nb::handle text) {
+  return static_cast<std::size_t>(PyUnicode_GET_LENGTH(text.ptr()));
+}
+
 // A parameter of a bound function whose type error names the argument. The binding library's own
 // error names none, so the conversion is left to the function's body, where `get` makes it.
 template <class T, Literal Name>

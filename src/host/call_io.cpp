@@ -8,10 +8,10 @@ namespace tarvomeldric::host {
 namespace {
 
 constexpr std::array kHeldObjects{
-    &CallState::engine,    &CallState::prompt,    &CallState::model,   &CallState::contract,
-    &CallState::options,   &CallState::providers, &CallState::diagnoser, &CallState::learner,
-    &CallState::metrics,   &CallState::topology,  &CallState::answer,  &CallState::raw_response,
-    &CallState::error};
+    &CallState::engine,  &CallState::prompt,       &CallState::model,     &CallState::contract,
+    &CallState::options, &CallState::providers,    &CallState::diagnoser, &CallState::learner,
+    &CallState::metrics, &CallState::topology,     &CallState::answer,    &CallState::raw_response,
+    &CallState::error,   &CallState::verdict,      &CallState::fault,     &CallState::trace};
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything there.
 std::optional<std::int64_t> status_of(nb::handle error) {
@@ -72,6 +72,30 @@ Task<void> CallIo::learn(Outcome outcome) {
   co_return;
 }
 
+bool CallIo::contract_has_schema() const {
+  return has_contract() && is_true(state_.contract.attr("output_schema"));
+}
+
+// A null answer is held against the contract as an empty one.
+bool CallIo::validate() {
+  const nb::object output = state_.answer.is_none() ? nb::str("") : state_.answer;
+  state_.verdict = call(state_.contract.attr("validate"), output);
+  return is_true(state_.verdict.attr("passed"));
+}
+
+// Whatever goes wrong with the collector changes nothing for the caller; an interrupt still passes.
+void CallIo::report(const Recovery& recovery) {
+  try {
+    const nb::object record = state_.native().telemetry_collector().attr("record_fault");
+    call(record, "fault_type"_a = from_utf8(recovery.fault_type),
+         "provider"_a = from_utf8(recovery.provider), "model"_a = from_utf8(recovery.model),
+         "recovery_action"_a = recovery.action.c_str(), "recovery_ok"_a = true,
+         "latency_ms"_a = recovery.latency_ms, "sub_category"_a = from_utf8(recovery.sub_category));
+  } catch (nb::python_error& failure) {
+    if (!failure.matches(PyExc_Exception)) throw;
+  }
+}
+
 // The type's attribute counts as well as the instance's: either may have been replaced.
 nb::object CallIo::replacement() const {
   const nb::handle engine = state_.engine;
@@ -82,8 +106,8 @@ nb::object CallIo::replacement() const {
 }
 
 void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
-  const std::string api_type =
-      to_utf8(PyDict_GetItemString(state_.options.ptr(), "api_type"));
+  PyObject* given = PyDict_GetItemString(state_.options.ptr(), "api_type");
+  const std::string api_type = given ? to_utf8(given) : "chat";
   state_.exchange =
       Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
 }

@@ -35,6 +35,9 @@ struct CallState {
   nb::object answer = nb::none();
   nb::object raw_response;  // of a native exchange
   nb::object error;         // of the latest failed attempt
+  nb::object verdict;       // of the contract on the latest answer
+  nb::object fault;         // the host's own diagnosis, where it handed one in
+  nb::object trace;         // and its trace
   Exchange exchange;
 
   Engine& native() const { return *nb::inst_ptr<Engine>(engine); }
@@ -59,6 +62,10 @@ class CallIo : public Io {
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
   Task<Attempt> execute(ProviderPtr provider, std::string model) override;
   Task<void> learn(Outcome outcome) override;
+  bool has_contract() const override { return !state_.contract.is_none(); }
+  bool contract_has_schema() const override;
+  bool validate() override;
+  void report(const Recovery& recovery) override;
 
  protected:
   virtual Task<nb::object> perform(ProviderPtr provider, std::string model) = 0;

@@ -31,9 +31,7 @@ template <>
 struct Convert<bool> {
   static constexpr auto kName = nb::detail::const_name("bool");
   static bool from(nb::handle h, bool& out) {
-    const int truthy = host_call([&] { return PyObject_IsTrue(h.ptr()); });
-    if (truthy < 0) throw nb::python_error();
-    out = truthy != 0;
+    out = is_true(h);
     return true;
   }
   static nb::object to(bool value) { return truth(value); }

@@ -32,4 +32,22 @@ struct ExecuteArguments {
 nb::object execute_blocking(nb::handle engine, const ExecuteArguments& arguments);
 nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& arguments);
 
+// The arguments of `_failover_sync` and `_failover`.
+struct FailoverArguments {
+  nb::handle prompt;
+  nb::handle model;
+  nb::handle failed_provider;
+  nb::handle diag;
+  nb::handle sem_class;
+  nb::handle original_provider;
+  nb::handle original_model;
+  nb::handle request_id;
+  nb::handle contract;
+  nb::handle trace;
+  nb::handle call_start;
+  nb::kwargs options;
+};
+nb::object failover_blocking(nb::handle engine, const FailoverArguments& arguments);
+nb::object failover_coroutine(nb::handle engine, const FailoverArguments& arguments);
+
 }  // namespace tarvomeldric::host

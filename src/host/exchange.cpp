@@ -56,7 +56,7 @@ nb::object first(nb::handle container) { return item(container, nb::int_(0)); }
 
 nb::object image_answer(nb::handle image) {
   const nb::object url = call(image.attr("get"), "url");
-  if (host_call([&] { return PyObject_IsTrue(url.ptr()); }) == 1) return url;
+  if (is_true(url)) return url;
   return call(image.attr("get"), "b64_json", "");
 }
 

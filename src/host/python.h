@@ -50,6 +50,11 @@ inline void put(nb::dict& dict, const char* key, nb::handle value) {
 inline nb::object number(double value) { return nb::steal(PyFloat_FromDouble(value)); }
 inline nb::object number(std::int64_t value) { return nb::steal(PyLong_FromLongLong(value)); }
 inline nb::object truth(bool value) { return nb::borrow(value ? Py_True : Py_False); }
+inline bool is_true(nb::handle object) {
+  const int truthy = host_call([&] { return PyObject_IsTrue(object.ptr()); });
+  if (truthy < 0) throw nb::python_error();
+  return truthy != 0;
+}
 inline const char* class_name(nb::handle object) { return Py_TYPE(object.ptr())->tp_name; }
 
 // Keeps an error that is already set out of the way of what a destructor does.

@@ -55,6 +55,26 @@ struct Contract {
   nb::object forbidden_patterns = nb::none();
 };
 
+// The verdict of one strategy of a contract, and of all of them.
+struct ContractCheck {
+  std::string strategy;
+  bool passed = false;
+  std::string detail;
+};
+struct ContractResult {
+  bool passed = false;
+  nb::object checks = nb::none();  // a list of ContractCheck
+  std::string contract_type;
+};
+
+template <>
+struct HostName<ContractCheck> {
+  static constexpr auto value = nb::detail::const_name("ContractCheck");
+};
+template <>
+struct HostName<ContractResult> {
+  static constexpr auto value = nb::detail::const_name("ContractResult");
+};
 template <>
 struct HostName<Semaphore> {
   static constexpr auto value = nb::detail::const_name("Semaphore");

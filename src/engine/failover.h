@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "diagnosis/diagnoser.h"
+#include "engine/call.h"
+#include "engine/outcome.h"
+#include "engine/trace.h"
+#include "semantic/topology.h"
+
+namespace tarvomeldric {
+
+// The call that moves to another provider.
+struct FailoverRequest {
+  std::size_t prompt_length = 0;  // characters
+  std::string model;              // as the caller asked for it; empty when they did not
+  std::string failed_provider;    // not tried again
+  Diagnosis diagnosis;
+  SemanticClassification classification;
+  std::string original_provider;
+  std::string original_model;
+  MapeKTrace* trace = nullptr;  // left alone when null
+  double call_start = 0.0;      // monotonic, seconds; 0 when unknown
+};
+
+// The order of failover candidates: health, what was learned about failing over to the provider for
+// this kind of fault, and measured latency. Higher is better.
+double provider_priority(const NamedProvider& candidate, std::string_view fault_pattern,
+                         std::string_view sub_category, FlywheelLearner& learner);
+
+// L3: tries every other available provider, best first, one after the other, until one answers;
+// checks its answer against the caller's contract and for drift. What is handed in outlives the task.
+Task<CallOutcome> run_failover(const FailoverRequest& request, Surroundings engine, Io& io);
+
+}  // namespace tarvomeldric

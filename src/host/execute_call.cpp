@@ -1,0 +1,57 @@
+#include <memory>
+#include <utility>
+
+#include "host/argument.h"
+#include "host/engine_call.h"
+#include "host/exchange.h"
+#include "host/records.h"
+
+// One request to one provider, as the host may make it without a call around it.
+namespace tarvomeldric::host {
+namespace {
+
+Exchange exchange_of(const ExecuteArguments& given) {
+  require<ProviderConfig>(given.cfg, "cfg");
+  require_text(given.prompt, "prompt");
+  require_text(given.model, "model");
+  require_text(given.api_type, "api_type");
+  return Exchange(*nb::inst_ptr<ProviderConfig>(given.cfg), given.prompt, given.model,
+                  to_utf8(given.api_type), given.extra);
+}
+
+class ExecuteWork final : public CoroutineWork {
+ public:
+  ExecuteWork(nb::handle engine, const ExecuteArguments& arguments)
+      : engine_(nb::borrow(engine)), exchange_(exchange_of(arguments)) {}
+  const char* name() const override { return "_execute"; }
+  const char* qualified_name() const override { return "SelfHealingEngine._execute"; }
+
+  Task<nb::object> run(Suspension& suspension) override {
+    return exchange_awaited(*nb::inst_ptr<Engine>(engine_), exchange_, suspension);
+  }
+  int traverse(visitproc visit, void* arg) override {
+    Py_VISIT(engine_.ptr());
+    return exchange_.traverse(visit, arg);
+  }
+  void clear() override {
+    engine_.reset();
+    exchange_.clear();
+  }
+
+ private:
+  nb::object engine_;
+  Exchange exchange_;
+};
+
+}  // namespace
+
+nb::object execute_blocking(nb::handle engine, const ExecuteArguments& arguments) {
+  Exchange exchange = exchange_of(arguments);
+  return exchange_blocking(*nb::inst_ptr<Engine>(engine), exchange);
+}
+
+nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& arguments) {
+  return make_coroutine(std::make_unique<ExecuteWork>(engine, arguments));
+}
+
+}  // namespace tarvomeldric::host
