@@ -8,19 +8,20 @@ namespace tarvomeldric::host {
 namespace {
 
 void bind_verdicts(nb::module_& module) {
-  bind_record<ContractCheck>(module, "The verdict of one strategy of a contract.",
-                             {required<&ContractCheck::strategy>("strategy"),
-                              required<&ContractCheck::passed>("passed"),
-                              field<&ContractCheck::detail>("detail")});
-  bind_record<ContractResult>(module,
-                              "The verdict of a contract: `passed` when every check passed.\n\n"
-                              "`contract_type` is the contract's primary strategy.",
-                              {required<&ContractResult::passed>("passed"),
-                               required<&ContractResult::checks>("checks"),
-                               required<&ContractResult::contract_type>("contract_type")})
-      .def("to_dict", [](const ContractResult& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-           "passed, contract_type and checks.");
+  bind_record<ContractCheck>(
+      module, "The verdict of one strategy of a contract.",
+      {required<&ContractCheck::strategy>("strategy"), required<&ContractCheck::passed>("passed"),
+       field<&ContractCheck::detail>("detail")});
+  bind_record<ContractResult>(
+      module,
+      "The verdict of a contract: `passed` when every check passed.\n\n"
+      "`contract_type` is the contract's primary strategy.",
+      {required<&ContractResult::passed>("passed"), required<&ContractResult::checks>("checks"),
+       required<&ContractResult::contract_type>("contract_type")})
+      .def(
+          "to_dict", [](const ContractResult& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+          "passed, contract_type and checks.");
 }
 
 using Strategy = ContractCheck (*)(const Contract&, nb::handle);
@@ -53,16 +54,18 @@ void bind_contracts(nb::module_& module) {
        field<&Contract::reference_text>("reference_text"),
        field<&Contract::required_entities>("required_entities"),
        field<&Contract::forbidden_patterns>("forbidden_patterns")});
-  cls.def("validate",
-          [](const Contract& self, nb::handle output) {
-            return validate(self, require_text(output, "output"));
-          },
-          arg("output"), nb::sig("def validate(self, output: str) -> ContractResult"),
-          "Holds an output against the contract; returns the verdict, never raises one.\n\n"
-          "Raises what the host raises for a forbidden pattern that is no regular expression.")
-      .def("_primary_strategy",
-           [](const Contract& self) { return from_utf8(primary_strategy(self)); },
-           "The first strategy that is configured.");
+  cls.def(
+         "validate",
+         [](const Contract& self, nb::handle output) {
+           return validate(self, require_text(output, "output"));
+         },
+         arg("output"), nb::sig("def validate(self, output: str) -> ContractResult"),
+         "Holds an output against the contract; returns the verdict, never raises one.\n\n"
+         "Raises what the host raises for a forbidden pattern that is no regular expression.")
+      .def(
+          "_primary_strategy",
+          [](const Contract& self) { return from_utf8(primary_strategy(self)); },
+          "The first strategy that is configured.");
   bind_strategy(cls, "_validate_schema", validate_schema);
   bind_strategy(cls, "_validate_determinism", validate_determinism);
   bind_strategy(cls, "_validate_similarity", validate_similarity);

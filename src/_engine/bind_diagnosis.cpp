@@ -52,18 +52,17 @@ nb::object suggest_recovery(nb::handle diagnosis, nb::handle provider) {
 }
 
 void bind_records(nb::module_& module) {
-  bind_record<Diagnosis>(module,
-                         "The label of one failure and what follows from it.\n\n"
-                         "`category` is a FaultCategory or a text of the caller's own;\n"
-                         "`retry_after` is in seconds; `raw_error` is the lower-cased error text,\n"
-                         "at most 500 characters of it; `sub_category` is the finer label.",
-                         {required<&Diagnosis::category>("category"),
-                          required<&Diagnosis::confidence>("confidence"),
-                          required<&Diagnosis::should_retry>("should_retry"),
-                          required<&Diagnosis::skip_to_failover>("skip_to_failover"),
-                          field<&Diagnosis::retry_after>("retry_after"),
-                          field<&Diagnosis::raw_error>("raw_error"),
-                          field<&Diagnosis::sub_category>("sub_category")});
+  bind_record<Diagnosis>(
+      module,
+      "The label of one failure and what follows from it.\n\n"
+      "`category` is a FaultCategory or a text of the caller's own;\n"
+      "`retry_after` is in seconds; `raw_error` is the lower-cased error text,\n"
+      "at most 500 characters of it; `sub_category` is the finer label.",
+      {required<&Diagnosis::category>("category"), required<&Diagnosis::confidence>("confidence"),
+       required<&Diagnosis::should_retry>("should_retry"),
+       required<&Diagnosis::skip_to_failover>("skip_to_failover"),
+       field<&Diagnosis::retry_after>("retry_after"), field<&Diagnosis::raw_error>("raw_error"),
+       field<&Diagnosis::sub_category>("sub_category")});
   bind_record<RecoveryAction>(
       module, "A suggested step of recovery; `delay` is the wait before it in seconds.",
       {required<&RecoveryAction::level>("level"), required<&RecoveryAction::action>("action"),
@@ -78,34 +77,39 @@ void bind_diagnosis(nb::module_& module) {
   nb::class_<Diagnoser> cls(module, "Diagnoser",
                             "Labels failed provider requests by HTTP status and error text.");
   cls.def(nb::init<>())
-      .def("diagnose",
-           [](Diagnoser& self, nb::handle error, nb::handle status) {
-             return self.diagnose(text_form(error), status_argument(status));
-           },
-           arg("error"), arg("status_code") = nb::none(),
-           nb::sig("def diagnose(self, error: object, status_code: float | None = None) "
-                   "-> Diagnosis"),
-           "Labels a failure by its text form and, when known, its HTTP status.\n\n"
-           "Returns a new Diagnosis; an unknown text is labelled UNKNOWN. TypeError when\n"
-           "`status_code` is no number.")
-      .def("suggest_recovery",
-           [](Diagnoser&, nb::handle diagnosis, Arg<std::optional<std::string>, "provider"> provider,
-              Arg<std::optional<std::string>, "model"> model) {
-             provider.get();
-             model.get();
-             return suggest_recovery(diagnosis, provider.given);
-           },
-           arg("diagnosis"), arg("provider") = nb::none(), arg("model") = nb::none(),
-           nb::sig("def suggest_recovery(self, diagnosis: typing.Any, provider: str | None = None, "
-                   "model: str | None = None) -> RecoveryAction"),
-           "The step of recovery that suits a diagnosis, or any object with a `category`.\n\n"
-           "Returns a new RecoveryAction. AttributeError without a `category`.")
-      .def("get_stats", [](Diagnoser& self) { return stats_of(self); },
-           nb::sig("def get_stats(self) -> dict[str, int]"),
-           "How often each category and label was diagnosed; a fresh dictionary.")
-      .def("get_latency_stats", [](const Diagnoser& self) { return latency_stats_of(self); },
-           nb::sig("def get_latency_stats(self) -> dict[str, float]"),
-           "count, p50, p95 and avg of the newest diagnoses in microseconds; empty before the first.");
+      .def(
+          "diagnose",
+          [](Diagnoser& self, nb::handle error, nb::handle status) {
+            return self.diagnose(text_form(error), status_argument(status));
+          },
+          arg("error"), arg("status_code") = nb::none(),
+          nb::sig("def diagnose(self, error: object, status_code: float | None = None) "
+                  "-> Diagnosis"),
+          "Labels a failure by its text form and, when known, its HTTP status.\n\n"
+          "Returns a new Diagnosis; an unknown text is labelled UNKNOWN. TypeError when\n"
+          "`status_code` is no number.")
+      .def(
+          "suggest_recovery",
+          [](Diagnoser&, nb::handle diagnosis, Arg<std::optional<std::string>, "provider"> provider,
+             Arg<std::optional<std::string>, "model"> model) {
+            provider.get();
+            model.get();
+            return suggest_recovery(diagnosis, provider.given);
+          },
+          arg("diagnosis"), arg("provider") = nb::none(), arg("model") = nb::none(),
+          nb::sig("def suggest_recovery(self, diagnosis: typing.Any, provider: str | None = None, "
+                  "model: str | None = None) -> RecoveryAction"),
+          "The step of recovery that suits a diagnosis, or any object with a `category`.\n\n"
+          "Returns a new RecoveryAction. AttributeError without a `category`.")
+      .def(
+          "get_stats", [](Diagnoser& self) { return stats_of(self); },
+          nb::sig("def get_stats(self) -> dict[str, int]"),
+          "How often each category and label was diagnosed; a fresh dictionary.")
+      .def(
+          "get_latency_stats", [](const Diagnoser& self) { return latency_stats_of(self); },
+          nb::sig("def get_latency_stats(self) -> dict[str, float]"),
+          "count, p50, p95 and avg of the newest diagnoses in microseconds; empty before the "
+          "first.");
   bind_field(cls, field<&DiagnoserFields::stats>("_stats"));
   bind_field(cls, field<&DiagnoserFields::latencies>("_latencies"));
   bind_field(cls, lock_field<Diagnoser>());

@@ -56,15 +56,18 @@ constexpr const char* kCallDoc =
     "Args:\n"
     "    prompt: the user prompt.\n"
     "    model: the requested model; None lets the provider's default be chosen.\n"
-    "    task_type: a label such as \"summarization\" that decides how far the call may be healed.\n"
+    "    task_type: a label such as \"summarization\" that decides how far the call may be "
+    "healed.\n"
     "    has_schema: an output schema is declared, so that the answer must be exact.\n"
     "    semantic_domain: replaces the domain that the task type stands for.\n"
     "    contract: what healed output must look like.\n"
     "    api_type: \"chat\", \"completions\", \"embeddings\", \"images/generations\" or\n"
     "        \"audio/transcriptions\".\n"
     "    **options: `request_id` (text, made fresh when absent), `bulkhead_timeout` (seconds to\n"
-    "        wait for a slot, 1.0), `timeout` (seconds for the request, 8.0), `structured_output`;\n"
-    "        all but `request_id` are also sent in the request's body, and so is any other option.\n\n"
+    "        wait for a slot, 1.0), `timeout` (seconds for the request, 8.0), "
+    "`structured_output`;\n"
+    "        all but `request_id` are also sent in the request's body, and so is any other "
+    "option.\n\n"
     "Raises:\n"
     "    APIError: no provider answered; the error of the last one.\n"
     "    ContractViolationError: healed output does not hold the contract.\n"
@@ -80,8 +83,8 @@ void bind_call(EngineClass& cls, const char* name, const std::string& sig, F fun
       [function](nb::handle_t<Engine> self, nb::handle prompt, nb::handle model,
                  nb::handle task_type, nb::handle has_schema, nb::handle semantic_domain,
                  nb::handle contract, nb::handle api_type, nb::kwargs options) {
-        const CallArguments arguments{prompt,   model,    task_type, has_schema, semantic_domain,
-                                      contract, api_type, std::move(options)};
+        const CallArguments arguments{prompt,          model,    task_type, has_schema,
+                                      semantic_domain, contract, api_type,  std::move(options)};
         return function(self, arguments);
       },
       arg("prompt"), arg("model") = nb::none(), arg("task_type") = "", arg("has_schema") = false,
@@ -111,8 +114,7 @@ void bind_failover(EngineClass& cls, const char* name, const std::string& sig, F
       [function](nb::handle_t<Engine> self, nb::handle prompt, nb::handle model,
                  nb::handle failed_provider, nb::handle diag, nb::handle sem_class,
                  nb::handle original_provider, nb::handle original_model, nb::handle request_id,
-                 nb::handle contract, nb::handle trace, nb::handle call_start,
-                 nb::kwargs options) {
+                 nb::handle contract, nb::handle trace, nb::handle call_start, nb::kwargs options) {
         const FailoverArguments arguments{
             prompt,         model,      failed_provider, diag,  sem_class,  original_provider,
             original_model, request_id, contract,        trace, call_start, std::move(options)};
@@ -127,22 +129,23 @@ void bind_failover(EngineClass& cls, const char* name, const std::string& sig, F
 void bind_calls(EngineClass& cls) {
   bind_call(cls, "call_sync", signature("call_sync", kCallArguments, "CallResult"), call_blocking,
             kCallDoc);
-  bind_call(cls, "call", signature("call", kCallArguments, awaitable("CallResult")),
-            call_coroutine,
-            "The same as `call_sync`, to be awaited.\n\nThe event loop goes on while the call waits "
-            "for a slot, a pause or the provider.");
+  bind_call(
+      cls, "call", signature("call", kCallArguments, awaitable("CallResult")), call_coroutine,
+      "The same as `call_sync`, to be awaited.\n\nThe event loop goes on while the call waits "
+      "for a slot, a pause or the provider.");
   bind_execute(cls, "_execute_sync", signature("_execute_sync", kExecuteArguments, "str | None"),
                execute_blocking,
                "Sends one request to one provider; returns the answer's text.\n\n"
                "May be replaced in a subclass or on an instance. Raises APIError.");
   bind_execute(cls, "_execute", signature("_execute", kExecuteArguments, awaitable("str | None")),
                execute_coroutine, "The same as `_execute_sync`, to be awaited.");
-  bind_failover(cls, "_failover_sync", signature("_failover_sync", kFailoverArguments, "CallResult"),
-                failover_blocking,
+  bind_failover(cls, "_failover_sync",
+                signature("_failover_sync", kFailoverArguments, "CallResult"), failover_blocking,
                 "Tries every other available provider, best first, until one answers.\n\n"
                 "Raises the last APIError, RuntimeError when no provider could be tried, or\n"
                 "ContractViolationError.");
-  bind_failover(cls, "_failover", signature("_failover", kFailoverArguments, awaitable("CallResult")),
+  bind_failover(cls, "_failover",
+                signature("_failover", kFailoverArguments, awaitable("CallResult")),
                 failover_coroutine, "The same as `_failover_sync`, to be awaited.");
   execute_sync_seam.native = cls.attr("_execute_sync").ptr();
   execute_seam.native = cls.attr("_execute").ptr();
@@ -157,70 +160,74 @@ std::vector<NamedProvider> named(const Engine& engine, nb::handle names) {
     const nb::object record = nb::steal(PyObject_GetItem(engine.providers.ptr(), name.ptr()));
     if (!record.is_valid()) throw nb::python_error();
     bound<ProviderConfig>(record, "a provider");
-    chosen.push_back({convert_argument<std::string>(name, "providers: a name"),
-                      nb::cast<ProviderPtr>(record)});
+    chosen.push_back(
+        {convert_argument<std::string>(name, "providers: a name"), nb::cast<ProviderPtr>(record)});
   }
   if (chosen.empty()) throw nb::value_error("providers must not be empty");
   return chosen;
 }
 
 void bind_decisions(EngineClass& cls) {
-  cls.def("_pick_provider",
-          [](const Engine& self, Arg<OptionalText, "model"> model, nb::handle providers) {
-            return from_utf8(
-                pick_provider(model.get().value_or(""), named(self, providers)).name);
+  cls.def(
+         "_pick_provider",
+         [](const Engine& self, Arg<OptionalText, "model"> model, nb::handle providers) {
+           return from_utf8(pick_provider(model.get().value_or(""), named(self, providers)).name);
+         },
+         arg("model"), nb::arg("providers"),
+         nb::sig("def _pick_provider(self, model: str | None, providers: list[str]) -> str"),
+         "The provider of a first attempt: one that serves the model, else the healthiest.")
+      .def(
+          "_pick_fallback",
+          [](const Engine& self, nb::handle providers) {
+            return from_utf8(pick_fallback(named(self, providers)).name);
           },
-          arg("model"), nb::arg("providers"),
-          nb::sig("def _pick_provider(self, model: str | None, providers: list[str]) -> str"),
-          "The provider of a first attempt: one that serves the model, else the healthiest.")
-      .def("_pick_fallback",
-           [](const Engine& self, nb::handle providers) {
-             return from_utf8(pick_fallback(named(self, providers)).name);
-           },
-           nb::arg("providers"), nb::sig("def _pick_fallback(self, providers: list[str]) -> str"),
-           "The healthiest of the providers; among equals the first.")
-      .def("_provider_priority",
-           [](const Engine& self, Arg<std::string, "provider"> provider,
-              Arg<std::string, "fault_pattern"> pattern,
-              Arg<std::string, "sub_category"> sub_category) {
-             const nb::list names(nb::make_tuple(from_utf8(provider.get())));
-             return provider_priority(named(self, names).front(), pattern.get(),
-                                      sub_category.get(),
-                                      bound<FlywheelLearner>(self.learner, "_learner"));
-           },
-           arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
-           "The score by which failover candidates are ordered; higher is better.")
-      .def("_resolve_model",
-           [](const Engine&, Arg<std::string, "provider_name"> provider,
-              Arg<OptionalText, "requested_model"> model) {
-             return from_utf8(resolve_model(provider.get(), model.get().value_or("")));
-           },
-           arg("provider_name"), arg("requested_model") = nb::none(),
-           "The model to send to a provider for the requested one.")
-      .def("_get_downgraded_model",
-           [](const Engine& self, Arg<std::string, "provider"> provider,
-              Arg<std::string, "current_model"> model,
-              Arg<SemanticDomain, "semantic_domain"> domain) -> OptionalText {
-             const std::string from = provider.get();
-             const std::string current = model.get();
-             if (domain.get() != SemanticDomain::kOutOfBounds) {
-               return downgraded_model(from, current);
-             }
-             bound<MetricsCollector>(self.metrics, "_metrics").inc("downgrade_blocked_oob");
-             return std::nullopt;
-           },
-           arg("provider"), arg("current_model"),
-           arg("semantic_domain") =
-               HostEnum<SemanticDomain>::member(SemanticDomain::kTauNeighborhood),
-           nb::sig("def _get_downgraded_model(self, provider: str, current_model: str, "
-                   "semantic_domain: SemanticDomain = ...) -> str | None"),
-           "The next model down the provider's chain, or None; none when out of bounds.")
-      .def("_model_to_error_hint",
-           [](const Engine&, Arg<OptionalText, "model"> model) {
-             return model_to_error_hint(model.get().value_or(""));
-           },
-           arg("model"), nb::sig("def _model_to_error_hint(self, model: str | None) -> str | None"),
-           "The learner's pattern for requests of the model's family, or None.");
+          nb::arg("providers"), nb::sig("def _pick_fallback(self, providers: list[str]) -> str"),
+          "The healthiest of the providers; among equals the first.")
+      .def(
+          "_provider_priority",
+          [](const Engine& self, Arg<std::string, "provider"> provider,
+             Arg<std::string, "fault_pattern"> pattern,
+             Arg<std::string, "sub_category"> sub_category) {
+            const nb::list names(nb::make_tuple(from_utf8(provider.get())));
+            return provider_priority(named(self, names).front(), pattern.get(), sub_category.get(),
+                                     bound<FlywheelLearner>(self.learner, "_learner"));
+          },
+          arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
+          "The score by which failover candidates are ordered; higher is better.")
+      .def(
+          "_resolve_model",
+          [](const Engine&, Arg<std::string, "provider_name"> provider,
+             Arg<OptionalText, "requested_model"> model) {
+            return from_utf8(resolve_model(provider.get(), model.get().value_or("")));
+          },
+          arg("provider_name"), arg("requested_model") = nb::none(),
+          "The model to send to a provider for the requested one.")
+      .def(
+          "_get_downgraded_model",
+          [](const Engine& self, Arg<std::string, "provider"> provider,
+             Arg<std::string, "current_model"> model,
+             Arg<SemanticDomain, "semantic_domain"> domain) -> OptionalText {
+            const std::string from = provider.get();
+            const std::string current = model.get();
+            if (domain.get() != SemanticDomain::kOutOfBounds) {
+              return downgraded_model(from, current);
+            }
+            bound<MetricsCollector>(self.metrics, "_metrics").inc("downgrade_blocked_oob");
+            return std::nullopt;
+          },
+          arg("provider"), arg("current_model"),
+          arg("semantic_domain") =
+              HostEnum<SemanticDomain>::member(SemanticDomain::kTauNeighborhood),
+          nb::sig("def _get_downgraded_model(self, provider: str, current_model: str, "
+                  "semantic_domain: SemanticDomain = ...) -> str | None"),
+          "The next model down the provider's chain, or None; none when out of bounds.")
+      .def(
+          "_model_to_error_hint",
+          [](const Engine&, Arg<OptionalText, "model"> model) {
+            return model_to_error_hint(model.get().value_or(""));
+          },
+          arg("model"), nb::sig("def _model_to_error_hint(self, model: str | None) -> str | None"),
+          "The learner's pattern for requests of the model's family, or None.");
 }
 
 // A counter of the engine, or an attribute of the caller's own.
@@ -238,27 +245,30 @@ void inc_counter(nb::handle_t<Engine> self, const std::string& name, std::int64_
 }
 
 void bind_read_outs(EngineClass& cls) {
-  cls.def("_inc_counter",
-          [](nb::handle_t<Engine> self, Arg<std::string, "name"> name,
-             Arg<std::int64_t, "value"> value) { inc_counter(self, name.get(), value.get()); },
-          arg("name"), arg("value") = 1, "Adds to a counter; a new name makes an attribute.")
+  cls.def(
+         "_inc_counter",
+         [](nb::handle_t<Engine> self, Arg<std::string, "name"> name,
+            Arg<std::int64_t, "value"> value) { inc_counter(self, name.get(), value.get()); },
+         arg("name"), arg("value") = 1, "Adds to a counter; a new name makes an attribute.")
       .def("_read_counters", &Engine::read_counters,
            nb::sig("def _read_counters(self) -> dict[str, int]"), "A snapshot of the counters.")
       .def("health_check", &Engine::health_check,
            nb::sig("def health_check(self) -> dict[str, str]"),
            "Each provider's state: no_key, circuit_open, degraded, unhealthy or healthy.")
-      .def("get_available_providers",
-           [](const Engine& self) {
-             nb::list names;
-             for (const auto& entry : available_providers(HostRegistry(self.providers))) {
-               names.append(from_utf8(entry.name));
-             }
-             return names;
-           },
-           nb::sig("def get_available_providers(self) -> list[str]"),
-           "The names of the providers that may be called now, in order of registration.")
-      .def("get_metrics", [](const Engine& self) { return self.metrics; },
-           nb::sig("def get_metrics(self) -> MetricsCollector"), "The engine's own collector.")
+      .def(
+          "get_available_providers",
+          [](const Engine& self) {
+            nb::list names;
+            for (const auto& entry : available_providers(HostRegistry(self.providers))) {
+              names.append(from_utf8(entry.name));
+            }
+            return names;
+          },
+          nb::sig("def get_available_providers(self) -> list[str]"),
+          "The names of the providers that may be called now, in order of registration.")
+      .def(
+          "get_metrics", [](const Engine& self) { return self.metrics; },
+          nb::sig("def get_metrics(self) -> MetricsCollector"), "The engine's own collector.")
       .def("get_stats", &Engine::stats, nb::sig("def get_stats(self) -> dict[str, typing.Any]"),
            "Counters, providers, diagnoses, learned rules and metrics, built afresh.")
       .def("get_mapek_stats", &Engine::mapek_stats,
@@ -278,43 +288,50 @@ void bind_lifecycle(EngineClass& cls) {
            "Registers every preset provider that has a key.")
       .def("_init_from_list", &Engine::init_from_list, nb::arg("names"), nb::arg("api_keys"),
            "Registers the named preset providers; ValueError for an unknown name.")
-      .def("_get_sync_client",
-           [](Engine& self, Arg<std::string, "provider_name"> name) {
-             return self.sync_client(name.get());
-           },
-           arg("provider_name"), "The pooled blocking HTTP client for a provider.")
-      .def("_get_session",
-           [](Engine& self, Arg<std::string, "provider_name"> name) {
-             return self.session(name.get());
-           },
-           arg("provider_name"),
-           nb::sig("def _get_session(self, provider_name: str) -> "
-                   "collections.abc.Coroutine[typing.Any, typing.Any, typing.Any]"),
-           "The pooled asynchronous HTTP client of the running loop, to be awaited.")
+      .def(
+          "_get_sync_client",
+          [](Engine& self, Arg<std::string, "provider_name"> name) {
+            return self.sync_client(name.get());
+          },
+          arg("provider_name"), "The pooled blocking HTTP client for a provider.")
+      .def(
+          "_get_session",
+          [](Engine& self, Arg<std::string, "provider_name"> name) {
+            return self.session(name.get());
+          },
+          arg("provider_name"),
+          nb::sig("def _get_session(self, provider_name: str) -> "
+                  "collections.abc.Coroutine[typing.Any, typing.Any, typing.Any]"),
+          "The pooled asynchronous HTTP client of the running loop, to be awaited.")
       .def("close", &Engine::close,
            nb::sig("def close(self) -> collections.abc.Coroutine[typing.Any, typing.Any, None]"),
            "Closes every pooled client, to be awaited. The engine stays usable.")
       .def("close_sync", &Engine::close_sync, "Closes every pooled client, blocking.")
       .def("_close_sync_clients", &Engine::close_sync_clients, "Closes the blocking clients.")
-      .def("__enter__", [](nb::handle_t<Engine> self) { return self; },
-           nb::sig("def __enter__(self) -> typing.Self"))
-      .def("__exit__", [](Engine& self, const nb::args&) { self.close_sync(); },
-           nb::sig("def __exit__(self, *args: object) -> None"))
-      .def("__aenter__",
-           [](nb::handle_t<Engine> self) { return call(import("tarvomeldric._http").attr("ready"), self); },
-           nb::sig("def __aenter__(self) -> collections.abc.Coroutine[typing.Any, typing.Any, typing.Self]"))
-      .def("__aexit__", [](nb::handle_t<Engine> self, const nb::args&) {
-             return call(self.attr("close"));
-           },
-           nb::sig("def __aexit__(self, *args: object) -> "
-                   "collections.abc.Coroutine[typing.Any, typing.Any, None]"));
+      .def(
+          "__enter__", [](nb::handle_t<Engine> self) { return self; },
+          nb::sig("def __enter__(self) -> typing.Self"))
+      .def(
+          "__exit__", [](Engine& self, const nb::args&) { self.close_sync(); },
+          nb::sig("def __exit__(self, *args: object) -> None"))
+      .def(
+          "__aenter__",
+          [](nb::handle_t<Engine> self) {
+            return call(import("tarvomeldric._http").attr("ready"), self);
+          },
+          nb::sig("def __aenter__(self) -> collections.abc.Coroutine[typing.Any, typing.Any, "
+                  "typing.Self]"))
+      .def(
+          "__aexit__",
+          [](nb::handle_t<Engine> self, const nb::args&) { return call(self.attr("close")); },
+          nb::sig("def __aexit__(self, *args: object) -> "
+                  "collections.abc.Coroutine[typing.Any, typing.Any, None]"));
 }
 
 template <nb::object Engine::*Member>
 void bind_member(EngineClass& cls, const char* name, const char* type) {
   const std::string getter = "def " + std::string(name) + "(self) -> " + type;
-  const std::string setter =
-      "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
+  const std::string setter = "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
   cls.def_prop_rw(
       name, [](const Engine& self) { return self.*Member; },
       [](Engine& self, nb::handle value) { self.*Member = nb::borrow(value); },
@@ -339,8 +356,7 @@ void bind_typed_member(EngineClass& cls, const char* name) {
 template <nb::object Engine::*Member>
 void bind_dictionary(EngineClass& cls, const char* name, const char* type) {
   const std::string getter = "def " + std::string(name) + "(self) -> " + type;
-  const std::string setter =
-      "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
+  const std::string setter = "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
   cls.def_prop_rw(
       name, [](const Engine& self) { return self.*Member; },
       [name](Engine& self, nb::handle value) {
@@ -352,8 +368,9 @@ void bind_dictionary(EngineClass& cls, const char* name, const char* type) {
 }
 
 void bind_lock(EngineClass& cls, const char* name, Mutex& (*lock)(Engine&)) {
-  cls.def_prop_ro(name, [lock](Engine& self) -> Mutex& { return lock(self); },
-                  nb::rv_policy::reference_internal);
+  cls.def_prop_ro(
+      name, [lock](Engine& self) -> Mutex& { return lock(self); },
+      nb::rv_policy::reference_internal);
 }
 
 void bind_members(EngineClass& cls) {
@@ -387,13 +404,14 @@ void bind_engine(nb::module_& module) {
   PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse)},
                          {Py_tp_clear, reinterpret_cast<void*>(clear)},
                          {0, nullptr}};
-  EngineClass cls(module, "SelfHealingEngine",
-                  "Sends prompts to model providers and heals what goes wrong on the way.\n\n"
-                  "`providers`: None finds every preset provider that has a key in `api_keys` or\n"
-                  "the environment; a list names presets; a dictionary holds ProviderConfig records\n"
-                  "by name. One engine serves any number of threads and event loops. As a context\n"
-                  "manager, `with` or `async with`, it closes its HTTP clients on exit.",
-                  nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
+  EngineClass cls(
+      module, "SelfHealingEngine",
+      "Sends prompts to model providers and heals what goes wrong on the way.\n\n"
+      "`providers`: None finds every preset provider that has a key in `api_keys` or\n"
+      "the environment; a list names presets; a dictionary holds ProviderConfig records\n"
+      "by name. One engine serves any number of threads and event loops. As a context\n"
+      "manager, `with` or `async with`, it closes its HTTP clients on exit.",
+      nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
   cls.def(
       "__init__",
       [](Engine* self, nb::handle providers, nb::handle api_keys) {

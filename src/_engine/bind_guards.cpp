@@ -26,35 +26,39 @@ void bind_breaker(nb::module_& module) {
        field<&F::consecutive_fails>("_consecutive_fails"), field<&F::window>("_window"),
        field<&F::opened_at>("_opened_at"), field<&F::half_open_tries>("_half_open_tries"),
        field<&F::last_provider>("_last_provider"), field<&F::trip_count>("_trip_count")})
-      .def("record_success",
-           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
-             provider.get();
-             self.record_success();
-           },
-           arg("provider") = "", "Counts a success; closes a half-open breaker.")
-      .def("record_failure",
-           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
-             self.record_failure(provider.get());
-           },
-           arg("provider") = "", "Counts a failure; opens the breaker when it reaches a threshold.")
+      .def(
+          "record_success",
+          [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
+            provider.get();
+            self.record_success();
+          },
+          arg("provider") = "", "Counts a success; closes a half-open breaker.")
+      .def(
+          "record_failure",
+          [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
+            self.record_failure(provider.get());
+          },
+          arg("provider") = "", "Counts a failure; opens the breaker when it reaches a threshold.")
       .def("_trip", &CircuitBreaker::trip, "Opens the breaker.")
-      .def("trip_with_fault",
-           [](CircuitBreaker& self, Arg<std::string, "fault_category"> category) {
-             self.trip_with_fault(category.get());
-           },
-           arg("fault_category"),
-           "Opens the breaker and sets the cooldown that suits the fault (10 to 600 seconds).")
+      .def(
+          "trip_with_fault",
+          [](CircuitBreaker& self, Arg<std::string, "fault_category"> category) {
+            self.trip_with_fault(category.get());
+          },
+          arg("fault_category"),
+          "Opens the breaker and sets the cooldown that suits the fault (10 to 600 seconds).")
       .def("is_available", &CircuitBreaker::is_available,
            "Whether traffic may pass. An open breaker that cooled down turns half-open.")
       .def("probe", &CircuitBreaker::probe,
            "Counts a probe; returns whether the breaker is half-open.")
-      .def("get_state",
-           [](CircuitBreaker& self) { return Convert<CircuitState>::to(self.state()); },
-           nb::sig("def get_state(self) -> CircuitState"),
-           "The state. An open breaker that cooled down turns half-open.")
-      .def("to_dict", [](CircuitBreaker& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-           "state, consecutive_fails, trip_count, window_errors and window_total.");
+      .def(
+          "get_state", [](CircuitBreaker& self) { return Convert<CircuitState>::to(self.state()); },
+          nb::sig("def get_state(self) -> CircuitState"),
+          "The state. An open breaker that cooled down turns half-open.")
+      .def(
+          "to_dict", [](CircuitBreaker& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+          "state, consecutive_fails, trip_count, window_errors and window_total.");
 }
 
 void bind_limiter(nb::module_& module) {
@@ -67,33 +71,35 @@ void bind_limiter(nb::module_& module) {
        field<&F::tokens>("_tokens"), varying(field<&F::last_refill>("_last_refill")),
        lock_field<RateLimiter>(), field<&F::rejected>("_rejected")},
       [] { return RateLimiter().snapshot(); })
-      .def("acquire",
-           [](RateLimiter& self, Arg<std::int64_t, "tokens"> tokens) {
-             return self.acquire(tokens.get());
-           },
-           arg("tokens") = 1, "Takes tokens if they are there; returns whether it did. Never waits.")
-      .def("to_dict", [](RateLimiter& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-           "tokens_remaining, max, refill_rate and rejected.");
+      .def(
+          "acquire",
+          [](RateLimiter& self, Arg<std::int64_t, "tokens"> tokens) {
+            return self.acquire(tokens.get());
+          },
+          arg("tokens") = 1, "Takes tokens if they are there; returns whether it did. Never waits.")
+      .def(
+          "to_dict", [](RateLimiter& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+          "tokens_remaining, max, refill_rate and rejected.");
 }
 
 void bind_bulkhead(nb::module_& module) {
   using F = BulkheadFields;
-  bind_record<Bulkhead>(module,
-                        "Caps the requests in flight to one provider at `max_concurrent` (10).",
-                        {field<&F::max_concurrent>("max_concurrent"),
-                         own_part(field<&F::semaphore>("_semaphore")),
-                         field<&F::active>("_active"), field<&F::rejected>("_rejected"),
-                         lock_field<Bulkhead>()})
-      .def("acquire",
-           [](Bulkhead& self, Arg<double, "timeout"> timeout) {
-             return self.acquire(timeout.get());
-           },
-           arg("timeout") = 2.0,
-           "Waits at most `timeout` seconds for a slot; returns whether it was granted.")
+  bind_record<Bulkhead>(
+      module, "Caps the requests in flight to one provider at `max_concurrent` (10).",
+      {field<&F::max_concurrent>("max_concurrent"), own_part(field<&F::semaphore>("_semaphore")),
+       field<&F::active>("_active"), field<&F::rejected>("_rejected"), lock_field<Bulkhead>()})
+      .def(
+          "acquire",
+          [](Bulkhead& self, Arg<double, "timeout"> timeout) {
+            return self.acquire(timeout.get());
+          },
+          arg("timeout") = 2.0,
+          "Waits at most `timeout` seconds for a slot; returns whether it was granted.")
       .def("release", &Bulkhead::release, "Gives a slot back.")
-      .def("to_dict", [](Bulkhead& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"), "active, max and rejected.");
+      .def(
+          "to_dict", [](Bulkhead& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"), "active, max and rejected.");
 }
 
 }  // namespace

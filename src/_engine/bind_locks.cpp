@@ -39,8 +39,8 @@ class HostWaiter final : public Semaphore::Waiter {
     bool woken = false;
     {
       const error_scope keep;
-      const auto answer = host_call(
-          [&] { return nb::steal(PyObject_CallMethod(waiter_.ptr(), "wake", nullptr)); });
+      const auto answer =
+          host_call([&] { return nb::steal(PyObject_CallMethod(waiter_.ptr(), "wake", nullptr)); });
       woken = answer.is_valid() && answer.is(nb::handle(Py_True));
       if (!answer.is_valid()) PyErr_Clear();
     }
@@ -58,13 +58,14 @@ class HostWaiter final : public Semaphore::Waiter {
 void bind_locks(nb::module_& module) NO_THREAD_SAFETY_ANALYSIS {
   nb::class_<Mutex>(module, "Lock",
                     "A lock of the engine, used like the host's own: `acquire`, `release`, `with`.")
-      .def("acquire",
-           [](Mutex& self, Arg<bool, "blocking"> blocking, Arg<double, "timeout"> timeout) {
-             return acquire(self, blocking, timeout);
-           },
-           arg("blocking") = true, arg("timeout") = -1.0,
-           "Takes the lock; waits at most `timeout` seconds (-1: as long as it takes).\n\n"
-           "Returns whether it was taken.")
+      .def(
+          "acquire",
+          [](Mutex& self, Arg<bool, "blocking"> blocking, Arg<double, "timeout"> timeout) {
+            return acquire(self, blocking, timeout);
+          },
+          arg("blocking") = true, arg("timeout") = -1.0,
+          "Takes the lock; waits at most `timeout` seconds (-1: as long as it takes).\n\n"
+          "Returns whether it was taken.")
       .def("release", &release, "Frees the lock; RuntimeError when nobody holds it.")
       .def("locked", &Mutex::locked, "Whether somebody holds the lock.")
       .def("__enter__",
@@ -77,29 +78,33 @@ void bind_locks(nb::module_& module) NO_THREAD_SAFETY_ANALYSIS {
   nb::class_<HostWaiter>(module, "_Waiter", "A place in the line of a semaphore.");
   nb::class_<Semaphore>(module, "Semaphore",
                         "Permits, and a line of threads and coroutines that wait for one.")
-      .def("__init__",
-           [](Semaphore* self, Arg<std::int64_t, "value"> value) {
-             new (self) Semaphore(value.get());
-           },
-           arg("value") = 1)
-      .def("acquire", [](Semaphore& self, Arg<double, "timeout"> timeout) {
-             return self.acquire(timeout);
-           },
-           arg("timeout") = 2.0,
-           "Waits at most `timeout` seconds for a permit; returns whether it was taken.")
+      .def(
+          "__init__",
+          [](Semaphore* self, Arg<std::int64_t, "value"> value) {
+            new (self) Semaphore(value.get());
+          },
+          arg("value") = 1)
+      .def(
+          "acquire",
+          [](Semaphore& self, Arg<double, "timeout"> timeout) { return self.acquire(timeout); },
+          arg("timeout") = 2.0,
+          "Waits at most `timeout` seconds for a permit; returns whether it was taken.")
       .def("release", &Semaphore::release, "Adds a permit and wakes the first in line.")
       .def("_take_any", &Semaphore::take_any, "Takes a permit if there is one; does not wait.")
-      .def("_join",
-           [](Semaphore& self, nb::handle waiter) {
-             auto place = std::make_shared<HostWaiter>(waiter);
-             self.join(place);
-             return place;
-           },
-           nb::arg("waiter"), "Puts an object with a `wake()` at the end of the line.")
-      .def("_look", [](Semaphore& self, HostWaiter& place) { return self.look(place); },
-           nb::arg("place"), "Takes a permit for one in line, if there is one for it.")
-      .def("_leave", [](Semaphore& self, HostWaiter& place) { self.leave(place); },
-           nb::arg("place"), "Leaves the line; a wake-up that came is passed on.")
+      .def(
+          "_join",
+          [](Semaphore& self, nb::handle waiter) {
+            auto place = std::make_shared<HostWaiter>(waiter);
+            self.join(place);
+            return place;
+          },
+          nb::arg("waiter"), "Puts an object with a `wake()` at the end of the line.")
+      .def(
+          "_look", [](Semaphore& self, HostWaiter& place) { return self.look(place); },
+          nb::arg("place"), "Takes a permit for one in line, if there is one for it.")
+      .def(
+          "_leave", [](Semaphore& self, HostWaiter& place) { self.leave(place); }, nb::arg("place"),
+          "Leaves the line; a wake-up that came is passed on.")
       .def_prop_ro("_permits", &Semaphore::permits, "Permits that are free.")
       .def_prop_ro("_waiting", &Semaphore::waiting, "How many stand in line.")
       .def_prop_ro_static("LOOK_AGAIN", [](nb::handle) { return Semaphore::kLookAgain; });

@@ -22,8 +22,7 @@ nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
        secret(required<&F::api_key>("api_key")), field<&F::models>("models"),
        field<&F::healthy>("healthy"), field<&F::success_count>("success_count"),
        field<&F::fail_count>("fail_count"), field<&F::last_error>("last_error"),
-       field<&F::last_error_time>("last_error_time"),
-       field<&F::circuit_breaker>("circuit_breaker"),
+       field<&F::last_error_time>("last_error_time"), field<&F::circuit_breaker>("circuit_breaker"),
        field<&F::category_circuit_breakers>("_category_circuit_breakers"),
        field<&F::rate_limiter>("rate_limiter"), field<&F::bulkhead>("bulkhead"),
        field<&F::recent_latencies>("_recent_latencies")},
@@ -42,34 +41,39 @@ void bind_providers(nb::module_& module) {
            "Whether the breaker lets traffic through and the provider is marked healthy.")
       .def("check_quota", &ProviderConfig::check_quota,
            "Takes one token of the rate limiter; returns whether it was there.")
-      .def("can_accept",
-           [](ProviderConfig& self, Arg<double, "bulkhead_timeout"> timeout) {
-             return self.can_accept(timeout.get());
-           },
-           arg("bulkhead_timeout") = 1.0,
-           "Takes a token and a slot; waits at most `bulkhead_timeout` seconds for the slot.\n\n"
-           "Returns whether the request is admitted; a refusal holds nothing.")
+      .def(
+          "can_accept",
+          [](ProviderConfig& self, Arg<double, "bulkhead_timeout"> timeout) {
+            return self.can_accept(timeout.get());
+          },
+          arg("bulkhead_timeout") = 1.0,
+          "Takes a token and a slot; waits at most `bulkhead_timeout` seconds for the slot.\n\n"
+          "Returns whether the request is admitted; a refusal holds nothing.")
       .def("release_slot", &ProviderConfig::release_slot, "Gives back the slot of `can_accept`.")
-      .def("record_success",
-           [](ProviderConfig& self, Arg<double, "latency_ms"> latency_ms) {
-             self.record_success(latency_ms.get());
-           },
-           arg("latency_ms"), "Counts a success and its latency in milliseconds.")
-      .def("record_failure",
-           [](ProviderConfig& self, Arg<std::string, "error"> error,
-              Arg<std::string, "fault_category"> category) {
-             self.record_failure(error.get(), category.get());
-           },
-           arg("error"), arg("fault_category") = "",
-           "Counts a failure; one that opens the breaker sets the cooldown of its category.")
-      .def("get_category_circuit_breaker",
-           [](ProviderConfig& self, Arg<std::string, "category"> category) {
-             return self.category_circuit_breaker(category.get());
-           },
-           arg("category"), "The breaker for one category of faults, made on first use.")
-      .def("to_dict", [](ProviderConfig& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-           "The record for read-outs, without the key.");
+      .def(
+          "record_success",
+          [](ProviderConfig& self, Arg<double, "latency_ms"> latency_ms) {
+            self.record_success(latency_ms.get());
+          },
+          arg("latency_ms"), "Counts a success and its latency in milliseconds.")
+      .def(
+          "record_failure",
+          [](ProviderConfig& self, Arg<std::string, "error"> error,
+             Arg<std::string, "fault_category"> category) {
+            self.record_failure(error.get(), category.get());
+          },
+          arg("error"), arg("fault_category") = "",
+          "Counts a failure; one that opens the breaker sets the cooldown of its category.")
+      .def(
+          "get_category_circuit_breaker",
+          [](ProviderConfig& self, Arg<std::string, "category"> category) {
+            return self.category_circuit_breaker(category.get());
+          },
+          arg("category"), "The breaker for one category of faults, made on first use.")
+      .def(
+          "to_dict", [](ProviderConfig& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+          "The record for read-outs, without the key.");
 }
 
 }  // namespace tarvomeldric::host

@@ -9,24 +9,26 @@ namespace tarvomeldric::host {
 namespace {
 
 void bind_trace(nb::module_& module) {
-  bind_record<MapeKTrace>(module,
-                          "What one call did, stage by stage.\n\n"
-                          "`phases` holds (phase, time of entry in microseconds of the monotonic\n"
-                          "clock); `total_loop_us` is the duration of the whole pass.",
-                          {required<&MapeKTrace::request_id>("request_id"),
-                           field<&MapeKTrace::phases>("phases"),
-                           field<&MapeKTrace::monitor_result>("monitor_result"),
-                           field<&MapeKTrace::analyze_result>("analyze_result"),
-                           field<&MapeKTrace::plan_result>("plan_result"),
-                           field<&MapeKTrace::execute_result>("execute_result"),
-                           field<&MapeKTrace::knowledge_recorded>("knowledge_recorded"),
-                           field<&MapeKTrace::total_loop_us>("total_loop_us")})
-      .def("enter",
-           [](MapeKTrace& self, Arg<MapeKPhase, "phase"> phase) { self.enter(phase.get()); },
-           arg("phase"), "Adds a phase with the present time.")
-      .def("to_dict", [](const MapeKTrace& self) { return to_dict(self); },
-           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-           "A copy of every field; later entries do not change it.");
+  bind_record<MapeKTrace>(
+      module,
+      "What one call did, stage by stage.\n\n"
+      "`phases` holds (phase, time of entry in microseconds of the monotonic\n"
+      "clock); `total_loop_us` is the duration of the whole pass.",
+      {required<&MapeKTrace::request_id>("request_id"), field<&MapeKTrace::phases>("phases"),
+       field<&MapeKTrace::monitor_result>("monitor_result"),
+       field<&MapeKTrace::analyze_result>("analyze_result"),
+       field<&MapeKTrace::plan_result>("plan_result"),
+       field<&MapeKTrace::execute_result>("execute_result"),
+       field<&MapeKTrace::knowledge_recorded>("knowledge_recorded"),
+       field<&MapeKTrace::total_loop_us>("total_loop_us")})
+      .def(
+          "enter",
+          [](MapeKTrace& self, Arg<MapeKPhase, "phase"> phase) { self.enter(phase.get()); },
+          arg("phase"), "Adds a phase with the present time.")
+      .def(
+          "to_dict", [](const MapeKTrace& self) { return to_dict(self); },
+          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
+          "A copy of every field; later entries do not change it.");
 }
 
 }  // namespace

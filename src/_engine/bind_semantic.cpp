@@ -16,27 +16,29 @@ void bind_topology(nb::module_& module) {
   nb::class_<SemanticTopology>(module, "SemanticTopology",
                                "Sorts requests and answers into the three semantic domains.")
       .def(nb::init<>())
-      .def("classify_request",
-           [](const SemanticTopology& self, Arg<std::string, "task_type"> task_type,
-              Arg<bool, "has_schema"> has_schema, Arg<bool, "structured_output"> structured) {
-             return self.classify_request(task_type.get(), has_schema.get(), structured.get());
-           },
-           arg("task_type") = "", arg("has_schema") = false, arg("structured_output") = false,
-           nb::sig("def classify_request(self, task_type: str = '', has_schema: bool = False, "
-                   "structured_output: bool = False) -> SemanticClassification"),
-           "The domain of a request; a declared structure makes it exact.")
-      .def("classify_response_drift",
-           [](const SemanticTopology& self, Arg<std::int64_t, "primary_len"> primary_len,
-              Arg<std::int64_t, "fallback_len"> fallback_len,
-              Arg<bool, "has_structure"> has_structure,
-              Arg<bool, "structure_match"> structure_match) {
-             return self.classify_response_drift(primary_len.get(), fallback_len.get(),
-                                                 has_structure.get(), structure_match.get());
-           },
-           arg("primary_len"), arg("fallback_len"), arg("has_structure"), arg("structure_match"),
-           nb::sig("def classify_response_drift(self, primary_len: int, fallback_len: int, "
-                   "has_structure: bool, structure_match: bool) -> SemanticClassification"),
-           "How far a fallback's answer drifted; lengths in characters.");
+      .def(
+          "classify_request",
+          [](const SemanticTopology& self, Arg<std::string, "task_type"> task_type,
+             Arg<bool, "has_schema"> has_schema, Arg<bool, "structured_output"> structured) {
+            return self.classify_request(task_type.get(), has_schema.get(), structured.get());
+          },
+          arg("task_type") = "", arg("has_schema") = false, arg("structured_output") = false,
+          nb::sig("def classify_request(self, task_type: str = '', has_schema: bool = False, "
+                  "structured_output: bool = False) -> SemanticClassification"),
+          "The domain of a request; a declared structure makes it exact.")
+      .def(
+          "classify_response_drift",
+          [](const SemanticTopology& self, Arg<std::int64_t, "primary_len"> primary_len,
+             Arg<std::int64_t, "fallback_len"> fallback_len,
+             Arg<bool, "has_structure"> has_structure,
+             Arg<bool, "structure_match"> structure_match) {
+            return self.classify_response_drift(primary_len.get(), fallback_len.get(),
+                                                has_structure.get(), structure_match.get());
+          },
+          arg("primary_len"), arg("fallback_len"), arg("has_structure"), arg("structure_match"),
+          nb::sig("def classify_response_drift(self, primary_len: int, fallback_len: int, "
+                  "has_structure: bool, structure_match: bool) -> SemanticClassification"),
+          "How far a fallback's answer drifted; lengths in characters.");
 }
 
 }  // namespace

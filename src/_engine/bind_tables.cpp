@@ -32,8 +32,8 @@ nb::list compiled_patterns() {
   const nb::object re = import("re");
   nb::list rows;
   for (const FaultPattern& row : kFaultPatterns) {
-    rows.append(pattern_row(
-        call(re.attr("compile"), from_utf8(row.pattern), re.attr("IGNORECASE")), row));
+    rows.append(
+        pattern_row(call(re.attr("compile"), from_utf8(row.pattern), re.attr("IGNORECASE")), row));
   }
   return rows;
 }
@@ -45,8 +45,7 @@ void bind_fault_tables(nb::module_& module) {
   for (std::size_t i = 0; i < kFaultCategories.size(); ++i) {
     const auto value = static_cast<FaultCategory>(i);
     const Decision decision = decision_of(value);
-    decisions[category(value)] =
-        nb::make_tuple(decision.should_retry, decision.skip_to_failover);
+    decisions[category(value)] = nb::make_tuple(decision.should_retry, decision.skip_to_failover);
   }
   module.attr("_STATUS_MAP") = statuses;
   module.attr("_DECISION") = decisions;

@@ -2,7 +2,8 @@
 
 #include "host/python.h"
 
-// One function per room, called by the module's entry in the order in which the rooms need each other.
+// One function per room, called by the module's entry in the order in which the rooms need each
+// other.
 namespace tarvomeldric::host {
 
 void bind_locks(nb::module_& module);

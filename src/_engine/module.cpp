@@ -12,7 +12,8 @@ using namespace tarvomeldric;
 using namespace tarvomeldric::host;
 
 NB_MODULE(_engine, module) {
-  module.doc() = "The engine of TarvoMeldric: calls to hosted model providers that heal themselves.";
+  module.doc() =
+      "The engine of TarvoMeldric: calls to hosted model providers that heal themselves.";
   module.attr("__version__") = kVersion;
   // A user's exit prints nothing, whatever is still alive in daemon threads.
   nb::set_leak_warnings(false);

@@ -65,7 +65,7 @@ Task<CallOutcome> Call::run() {
 
 void Call::classify() {
   facts_.classification = engine_.topology.classify_request(request_.task_type, request_.has_schema,
-                                                      request_.structured_output);
+                                                            request_.structured_output);
   if (!request_.semantic_domain) return;
   facts_.classification.domain = *request_.semantic_domain;
   facts_.classification.reason = "user_explicit";

@@ -58,8 +58,8 @@ struct CallFacts {
   MapeKTrace trace;
 };
 
-// One pass through the loop, from the prompt to an answer or an error. The request, the surroundings
-// and the `Io` outlive the task; a task that is abandoned gives back what it holds.
+// One pass through the loop, from the prompt to an answer or an error. The request, the
+// surroundings and the `Io` outlive the task; a task that is abandoned gives back what it holds.
 Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io);
 
 // Eight random lower-case hexadecimal digits.

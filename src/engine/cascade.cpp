@@ -15,8 +15,8 @@ constexpr double kFirstDelay = 1.0;  // seconds
 
 // One level of healing on the provider that failed, as far as it differs from the other one.
 struct Level {
-  const char* heal_level;     // in the result
-  const char* action;         // as the telemetry hears it
+  const char* heal_level;  // in the result
+  const char* action;      // as the telemetry hears it
   const char* success_metric;
   const char* contract_message;
   std::optional<Counter> counter;  // beside the one for every healed call
@@ -111,12 +111,13 @@ Task<CallOutcome> Cascade::block() {
   const std::string& reason = facts_.classification.reason;
   co_return CallFailed{CallFailed::Kind::kOutOfBounds,
                        "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=" + request_.task_type +
-                           ", reason=" + reason + "). Original error: " +
-                           std::string(value_of(first_.category)),
+                           ", reason=" + reason +
+                           "). Original error: " + std::string(value_of(first_.category)),
                        std::string(value_of(domain())), reason};
 }
 
-// L1. The first diagnosis steers the whole series; each failure is diagnosed for what comes after it.
+// L1. The first diagnosis steers the whole series; each failure is diagnosed for what comes after
+// it.
 Task<Cascade::Healed> Cascade::retry() {
   facts_.trace.plan_result = "l1_retry";
   const std::string label(first_.fault_label());
@@ -200,8 +201,8 @@ Task<CallOutcome> Cascade::heal(Level level, Diagnosis fault, std::string action
   co_return answered;
 }
 
-// Applies the contract to healed output: in an exact domain a broken one ends the call, elsewhere it
-// is only counted.
+// Applies the contract to healed output: in an exact domain a broken one ends the call, elsewhere
+// it is only counted.
 Task<bool> Cascade::breaks_contract(std::string label, std::string action,
                                     std::optional<bool>& validation_passed) {
   if (!io_.has_contract()) co_return false;
@@ -229,10 +230,14 @@ Task<void> Cascade::learn(std::string label, std::string action, bool success, d
 
 Task<CallOutcome> Cascade::fail_over() {
   facts_.trace.plan_result = "l3_failover";
-  const FailoverRequest request{request_.prompt_length,   request_.model,
-                                route_.target.name,       last_,
-                                facts_.classification,    facts_.original_provider,
-                                facts_.original_model,    &facts_.trace,
+  const FailoverRequest request{request_.prompt_length,
+                                request_.model,
+                                route_.target.name,
+                                last_,
+                                facts_.classification,
+                                facts_.original_provider,
+                                facts_.original_model,
+                                &facts_.trace,
                                 facts_.start};
   co_return co_await run_failover(request, engine_, io_);
 }

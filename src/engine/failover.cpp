@@ -66,8 +66,8 @@ std::vector<NamedProvider> Failover::candidates() const {
   std::vector<Ranked> ranked;
   for (NamedProvider& candidate : available_providers(engine_.registry)) {
     if (candidate.name == request_.failed_provider) continue;
-    const double priority = provider_priority(candidate, category(),
-                                              request_.diagnosis.sub_category, engine_.learner);
+    const double priority =
+        provider_priority(candidate, category(), request_.diagnosis.sub_category, engine_.learner);
     ranked.push_back({priority, std::move(candidate)});
   }
   std::ranges::stable_sort(ranked, std::greater{}, &Ranked::priority);
@@ -134,15 +134,15 @@ Task<CallOutcome> Failover::break_contract(const NamedProvider& candidate) {
   engine_.metrics.inc("contract_validation_failed");
   engine_.metrics.inc("heal_l3_failover");
   close_trace("contract_violation");
-  co_return CallFailed{CallFailed::Kind::kContract, "Contract validation failed after L3 failover to " +
-                                                        candidate.name + ": "};
+  co_return CallFailed{CallFailed::Kind::kContract,
+                       "Contract validation failed after L3 failover to " + candidate.name + ": "};
 }
 
 Task<CallOutcome> Failover::heal(const NamedProvider& candidate, std::string model,
                                  double latency_ms, std::optional<bool> validation_passed) {
   engine_.counters.count({Counter::kHeal, Counter::kL3Failover});
-  io_.report({category(), candidate.name, model, "failover", latency_ms,
-              request_.diagnosis.sub_category});
+  io_.report(
+      {category(), candidate.name, model, "failover", latency_ms, request_.diagnosis.sub_category});
   co_await learn("failover:" + candidate.name, true, latency_ms);
   engine_.metrics.inc("heal_l3_failover");
   engine_.metrics.observe("latency_failover_ms", latency_ms);

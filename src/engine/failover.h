@@ -31,7 +31,8 @@ double provider_priority(const NamedProvider& candidate, std::string_view fault_
                          std::string_view sub_category, FlywheelLearner& learner);
 
 // L3: tries every other available provider, best first, one after the other, until one answers;
-// checks its answer against the caller's contract and for drift. What is handed in outlives the task.
+// checks its answer against the caller's contract and for drift. What is handed in outlives the
+// task.
 Task<CallOutcome> run_failover(const FailoverRequest& request, Surroundings engine, Io& io);
 
 }  // namespace tarvomeldric

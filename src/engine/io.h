@@ -38,11 +38,11 @@ struct Recovery {
 };
 
 // Everything in which a call waits for somebody else. The pipeline is written once over it and does
-// not know whether it blocks a thread or suspends on an event loop. An `Io` serves one call; it keeps
-// the answer and the error of the latest attempt for whoever made it.
+// not know whether it blocks a thread or suspends on an event loop. An `Io` serves one call; it
+// keeps the answer and the error of the latest attempt for whoever made it.
 //
-// A task of an `Io` may end with an exception at any await (a cancellation), or never be resumed and
-// be destroyed: what the pipeline holds must be owned by its locals.
+// A task of an `Io` may end with an exception at any await (a cancellation), or never be resumed
+// and be destroyed: what the pipeline holds must be owned by its locals.
 class Io {
  public:
   virtual ~Io() = default;

@@ -20,7 +20,7 @@ struct CallAnswered {
   double latency_ms = 0.0;
   std::string heal_level;  // empty for a plain first-attempt success
   SemanticDomain domain = SemanticDomain::kTauNeighborhood;
-  std::optional<Diagnosis> fault;         // of a healed call
+  std::optional<Diagnosis> fault;  // of a healed call
   bool downgraded = false;
   std::optional<bool> validation_passed;  // null when no contract was applied
   std::optional<MapeKTrace> trace;

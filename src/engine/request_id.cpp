@@ -10,7 +10,8 @@
 namespace tarvomeldric {
 namespace {
 
-// From the system, not from a generator of our own: a forked child must not repeat its parent's ids.
+// From the system, not from a generator of our own: a forked child must not repeat its parent's
+// ids.
 std::uint32_t random_bits() {
   std::uint32_t bits = 0;
   if (getrandom(&bits, sizeof bits, 0) == sizeof bits) return bits;

@@ -30,7 +30,6 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
   // The two halves of `acquire`, for those who wait in their own way in between.
   std::shared_ptr<Semaphore> semaphore() const;
   void count(bool granted);
-
 };
 
 }  // namespace tarvomeldric

@@ -48,15 +48,15 @@ struct CircuitSummary {
 };
 
 // Bars traffic to what keeps failing. It opens on `failure_threshold` failures in a row, or when at
-// least `error_rate_threshold` of a full window failed; an open breaker turns half-open when somebody
-// asks after the cooldown; a success then closes it, and the failure that reaches a threshold again
-// opens it again.
+// least `error_rate_threshold` of a full window failed; an open breaker turns half-open when
+// somebody asks after the cooldown; a success then closes it, and the failure that reaches a
+// threshold again opens it again.
 //
 //   breaker.record_failure("openai");
 //   if (breaker.is_available()) { ... }
 //
-// Any thread; every operation holds the breaker's own lock for its whole duration. The cooldown runs
-// on the wall clock: setting that back lengthens it.
+// Any thread; every operation holds the breaker's own lock for its whole duration. The cooldown
+// runs on the wall clock: setting that back lengthens it.
 class CircuitBreaker : public GuardedRecord<CircuitBreakerFields> {
  public:
   explicit CircuitBreaker(CircuitBreakerFields fields = {}, const Clock& clock = system_clock())

@@ -15,9 +15,9 @@ struct RateLimiterFields {
   std::int64_t rejected = 0;
 };
 
-// A token bucket: a burst of `max_tokens`, then `refill_rate` a second. It answers at once, whatever
-// the answer. Refilled when asked, on the wall clock; a clock that steps back counts as no time
-// elapsed, so the level stays between 0 and `max_tokens`. Any thread.
+// A token bucket: a burst of `max_tokens`, then `refill_rate` a second. It answers at once,
+// whatever the answer. Refilled when asked, on the wall clock; a clock that steps back counts as no
+// time elapsed, so the level stays between 0 and `max_tokens`. Any thread.
 class RateLimiter : public GuardedRecord<RateLimiterFields> {
  public:
   explicit RateLimiter(const Clock& clock = system_clock());

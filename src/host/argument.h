@@ -35,7 +35,8 @@ inline nb::object require_text(nb::handle given, const char* name) {
 }
 
 inline nb::object require_text_or_none(nb::handle given, const char* name) {
-  if (!given.is_none() && !PyUnicode_Check(given.ptr())) refuse_argument(name, "str or None", given);
+  if (!given.is_none() && !PyUnicode_Check(given.ptr()))
+    refuse_argument(name, "str or None", given);
   return nb::borrow(given);
 }
 

@@ -8,12 +8,13 @@ namespace tarvomeldric::host {
 namespace {
 
 constexpr std::array kHeldObjects{
-    &CallState::engine,  &CallState::prompt,       &CallState::model,     &CallState::contract,
-    &CallState::options, &CallState::providers,    &CallState::diagnoser, &CallState::learner,
-    &CallState::metrics, &CallState::topology,     &CallState::answer,    &CallState::raw_response,
-    &CallState::error,   &CallState::verdict,      &CallState::fault,     &CallState::trace};
+    &CallState::engine,  &CallState::prompt,    &CallState::model,     &CallState::contract,
+    &CallState::options, &CallState::providers, &CallState::diagnoser, &CallState::learner,
+    &CallState::metrics, &CallState::topology,  &CallState::answer,    &CallState::raw_response,
+    &CallState::error,   &CallState::verdict,   &CallState::fault,     &CallState::trace};
 
-// An error of ours always has the attribute; one that a replacement raised may carry anything there.
+// An error of ours always has the attribute; one that a replacement raised may carry anything
+// there.
 std::optional<std::int64_t> status_of(nb::handle error) {
   std::optional<std::int64_t> status;
   const nb::object given = nb::getattr(error, "status_code", nb::none());
@@ -108,8 +109,7 @@ nb::object CallIo::replacement() const {
 void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
   PyObject* given = PyDict_GetItemString(state_.options.ptr(), "api_type");
   const std::string api_type = given ? to_utf8(given) : "chat";
-  state_.exchange =
-      Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
+  state_.exchange = Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
 }
 
 nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
@@ -147,9 +147,8 @@ Task<void> AwaitingIo::sleep(double seconds) {
 
 Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
   if (!(timeout > 0)) co_return semaphore->take_any();
-  HostAwait waiting(suspension_,
-                    call(import("tarvomeldric._waiting").attr("wait_for_permit"), semaphore,
-                         timeout));
+  HostAwait waiting(suspension_, call(import("tarvomeldric._waiting").attr("wait_for_permit"),
+                                      semaphore, timeout));
   const nb::object granted = co_await waiting;
   co_return granted.is(nb::handle(Py_True));
 }
@@ -162,8 +161,7 @@ Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {
     co_return as_answer(answer);
   }
   prepare_exchange(*provider, model);
-  nb::object answer =
-      co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
+  nb::object answer = co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
   state_.raw_response = state_.exchange.decoded;
   co_return answer;
 }

@@ -55,8 +55,8 @@ struct Seam {
 inline Seam execute_sync_seam{"_execute_sync", nullptr};
 inline Seam execute_seam{"_execute", nullptr};
 
-// The execution of attempts, the same for both ways of waiting: the replacement that a subclass or an
-// instance put in place of the engine's own execution, else the native exchange.
+// The execution of attempts, the same for both ways of waiting: the replacement that a subclass or
+// an instance put in place of the engine's own execution, else the native exchange.
 class CallIo : public Io {
  public:
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}

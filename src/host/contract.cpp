@@ -54,8 +54,8 @@ std::string_view widest_brackets(std::string_view text) {
   return text.substr(open, close - open + 1);
 }
 
-// The document in an output: all of it, or the first piece in braces, or what brackets enclose. None
-// when there is none.
+// The document in an output: all of it, or the first piece in braces, or what brackets enclose.
+// None when there is none.
 nb::object document_in(nb::handle output) {
   nb::object whole = parsed(output);
   if (whole.is_valid()) return whole;
@@ -109,8 +109,9 @@ ContractCheck validate_schema(const Contract& contract, nb::handle output) {
 
 ContractCheck validate_determinism(const Contract& contract, nb::handle output) {
   const std::string utf8 = to_utf8(output);
-  const nb::object digest = call(
-      call(import("hashlib").attr("sha256"), nb::bytes(utf8.data(), utf8.size())).attr("hexdigest"));
+  const nb::object digest =
+      call(call(import("hashlib").attr("sha256"), nb::bytes(utf8.data(), utf8.size()))
+               .attr("hexdigest"));
   const auto prefix = nb::steal(PyUnicode_Substring(digest.ptr(), 0, kHashDigits));
   const bool match = prefix.equal(contract.determinism_hash);
   return check("determinism", match, match ? "hash_match=True" : "hash_match=False");

@@ -10,9 +10,9 @@
 
 namespace tarvomeldric::host {
 
-// How one type crosses between host and core: its name in messages and stubs, `from` (false when the
-// host object is of another type) and `to`. Texts take lone surrogates; numbers take what the host
-// takes for a number of their kind, and nothing that would lose digits.
+// How one type crosses between host and core: its name in messages and stubs, `from` (false when
+// the host object is of another type) and `to`. Texts take lone surrogates; numbers take what the
+// host takes for a number of their kind, and nothing that would lose digits.
 template <class T>
 struct Convert;
 

@@ -12,9 +12,9 @@ nb::object iterator_of(nb::handle awaitable) {
   if (PyCoro_CheckExact(awaitable.ptr())) return nb::borrow(awaitable);
   const nb::handle type = awaitable.type();
   if (!nb::hasattr(type, "__await__")) {
-    throw nb::type_error((std::string("object ") + class_name(awaitable) +
-                          " can't be used in 'await' expression")
-                             .c_str());
+    throw nb::type_error(
+        (std::string("object ") + class_name(awaitable) + " can't be used in 'await' expression")
+            .c_str());
   }
   return call(awaitable.attr("__await__"));
 }
@@ -98,8 +98,7 @@ PySendResult Coroutine::send(PyObject* value, PyObject** out) {
   const Running running(*this);
   if (stage_ == Stage::kNew) {
     if (value != Py_None) {
-      return raise_error(PyExc_TypeError,
-                         "can't send non-None value to a just-started coroutine");
+      return raise_error(PyExc_TypeError, "can't send non-None value to a just-started coroutine");
     }
     stage_ = Stage::kStarted;
     task_.emplace(work_->run(suspension_));
@@ -108,8 +107,8 @@ PySendResult Coroutine::send(PyObject* value, PyObject** out) {
     if (started != PYGEN_NEXT) return started;
   }
   PyObject* yielded = nullptr;
-  const PySendResult reply = host_call(
-      [&] { return PyIter_Send(suspension_.awaiting.ptr(), value, &yielded); });
+  const PySendResult reply =
+      host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), value, &yielded); });
   return feed(reply, yielded, out);
 }
 
@@ -127,8 +126,8 @@ PySendResult Coroutine::throw_in(nb::handle type, nb::handle value, nb::handle t
   return throw_into_awaited(exception, out);
 }
 
-// The awaited operation hears of it first; what it makes of it is what the task gets. A GeneratorExit
-// closes it instead, and so does anything thrown at what cannot be thrown at.
+// The awaited operation hears of it first; what it makes of it is what the task gets. A
+// GeneratorExit closes it instead, and so does anything thrown at what cannot be thrown at.
 PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out) {
   const nb::object awaited = suspension_.awaiting;
   const auto raise = [&] { PyErr_SetObject(exception.type().ptr(), exception.ptr()); };
@@ -142,16 +141,16 @@ PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out)
     if (closed) raise();
     return feed(PYGEN_ERROR, nullptr, out);
   }
-  PyObject* yielded = host_call(
-      [&] { return PyObject_CallMethod(awaited.ptr(), "throw", "O", exception.ptr()); });
+  PyObject* yielded =
+      host_call([&] { return PyObject_CallMethod(awaited.ptr(), "throw", "O", exception.ptr()); });
   if (yielded) return feed(PYGEN_NEXT, yielded, out);
   if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return feed(PYGEN_ERROR, nullptr, out);
   const nb::python_error stop;
   return feed(PYGEN_RETURN, nb::object(stop.value().attr("value")).release().ptr(), out);
 }
 
-// Takes the awaited operation's reply and drives the task on until something is to be yielded up, or
-// the task is over.
+// Takes the awaited operation's reply and drives the task on until something is to be yielded up,
+// or the task is over.
 PySendResult Coroutine::feed(PySendResult reply, PyObject* value, PyObject** out) {
   for (;;) {
     if (reply == PYGEN_NEXT) {
@@ -202,7 +201,8 @@ void Coroutine::close() {
   Py_XDECREF(yielded);
   if (reply == PYGEN_NEXT) throw std::runtime_error("coroutine ignored GeneratorExit");
   if (reply == PYGEN_RETURN) return;
-  if (!PyErr_ExceptionMatches(PyExc_GeneratorExit) && !PyErr_ExceptionMatches(PyExc_StopIteration)) {
+  if (!PyErr_ExceptionMatches(PyExc_GeneratorExit) &&
+      !PyErr_ExceptionMatches(PyExc_StopIteration)) {
     throw nb::python_error();
   }
   PyErr_Clear();

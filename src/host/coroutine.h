@@ -23,9 +23,7 @@ class HostAwait {
  public:
   HostAwait(Suspension& suspension, nb::handle awaitable);
   bool await_ready() const noexcept { return false; }
-  void await_suspend(std::coroutine_handle<> waiter) const noexcept {
-    suspension_.waiter = waiter;
-  }
+  void await_suspend(std::coroutine_handle<> waiter) const noexcept { suspension_.waiter = waiter; }
   nb::object await_resume() const;
 
  private:
@@ -44,9 +42,9 @@ class CoroutineWork {
   virtual void clear() = 0;
 };
 
-// A task as a full coroutine of the host: awaited, sent to, thrown into, closed. Nothing of the work
-// happens before the first send. The task is destroyed as soon as it is finished or closed, which
-// gives back what its locals own.
+// A task as a full coroutine of the host: awaited, sent to, thrown into, closed. Nothing of the
+// work happens before the first send. The task is destroyed as soon as it is finished or closed,
+// which gives back what its locals own.
 class Coroutine {
  public:
   explicit Coroutine(std::unique_ptr<CoroutineWork> work) : work_(std::move(work)) {}

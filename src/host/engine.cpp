@@ -41,8 +41,8 @@ std::vector<std::string> models_of(std::string_view provider) {
 }
 
 std::string unknown_provider(const std::string& name) {
-  std::string message = "Unknown provider '" + name +
-                        "'. Use ProviderConfig for custom providers, or choose from: ";
+  std::string message =
+      "Unknown provider '" + name + "'. Use ProviderConfig for custom providers, or choose from: ";
   const char* separator = "";
   for (const PresetUrl& row : kPresetUrls) {
     message += separator + std::string(row.provider);
@@ -75,9 +75,9 @@ Engine::Engine(nb::handle given_providers, nb::handle api_keys)
   } else if (PyDict_Check(given_providers.ptr())) {
     providers = nb::borrow(given_providers);
   } else {
-    throw nb::type_error(("providers must be list, dict, or None, got " +
-                          std::string(class_name(given_providers)))
-                             .c_str());
+    throw nb::type_error(
+        ("providers must be list, dict, or None, got " + std::string(class_name(given_providers)))
+            .c_str());
   }
 }
 

@@ -47,7 +47,8 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
 
 // item(a, b, ...) is what the host writes as a[b]...; a missing one is the host's error.
 nb::object item(nb::handle container, nb::handle key) {
-  const auto found = host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
+  const auto found =
+      host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
   if (!found.is_valid()) throw nb::python_error();
   return found;
 }
@@ -84,8 +85,8 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
   return as_answer(answer_in(request_kind(exchange.api_type), exchange.decoded));
 }
 
-// What a failed exchange is reported as. Nothing of the failure but its type and the part of its text
-// that may be shown goes into the new error.
+// What a failed exchange is reported as. Nothing of the failure but its type and the part of its
+// text that may be shown goes into the new error.
 [[noreturn]] void raise_failure(nb::python_error& failure, const Exchange& exchange,
                                 bool asynchronous) {
   if (!failure.matches(PyExc_Exception) || failure.matches(api_error_type())) throw;

@@ -24,22 +24,22 @@ struct Exchange {
   nb::object decoded = nb::none();  // the reply's body, once it is there
 
   // `extra` are the keyword options of the call; all of them but `api_type` go into the body.
-  Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model,
-           const std::string& kind, nb::handle extra);
+  Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model, const std::string& kind,
+           nb::handle extra);
   Exchange() = default;
 
   int traverse(visitproc visit, void* arg);
   void clear();
 };
 
-// Sends the request and waits; the provider's answer, text or None. Every failure of the exchange is
-// an APIError; what is no failure (an interrupt, a cancellation) passes through.
+// Sends the request and waits; the provider's answer, text or None. Every failure of the exchange
+// is an APIError; what is no failure (an interrupt, a cancellation) passes through.
 nb::object exchange_blocking(Engine& engine, Exchange& exchange);
 // The same, awaited. `engine` and `exchange` outlive the task.
 Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension);
 
-// A provider's answer as the text it is handed on as: an answer that is neither text nor None becomes
-// its JSON text.
+// A provider's answer as the text it is handed on as: an answer that is neither text nor None
+// becomes its JSON text.
 nb::object as_answer(nb::handle answer);
 
 }  // namespace tarvomeldric::host

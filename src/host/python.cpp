@@ -37,16 +37,15 @@ std::string to_utf8(nb::handle text) {
   }
   if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw nb::python_error();
   PyErr_Clear();
-  const auto bytes =
-      nb::steal(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
+  const auto bytes = nb::steal(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
   if (!bytes.is_valid()) throw nb::python_error();
   return std::string(PyBytes_AS_STRING(bytes.ptr()),
                      static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
 }
 
 nb::str from_utf8(std::string_view utf8) {
-  PyObject* text = PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()),
-                                        "surrogatepass");
+  PyObject* text =
+      PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "surrogatepass");
   if (!text) throw nb::python_error();
   return nb::steal<nb::str>(text);
 }

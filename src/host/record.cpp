@@ -5,9 +5,7 @@
 namespace tarvomeldric::host {
 namespace {
 
-[[noreturn]] void type_error(const std::string& message) {
-  throw nb::type_error(message.c_str());
-}
+[[noreturn]] void type_error(const std::string& message) { throw nb::type_error(message.c_str()); }
 
 nb::object shown_value(const Field& field, void* fields) {
   if (!field.secret) return field.plain(fields);
@@ -32,7 +30,8 @@ std::string default_text(const Field& field, void* defaults) {
 
 void assign_field(const char* class_name, void* fields, const Field& field, nb::handle value) {
   if (!field.set(fields, value)) {
-    refuse_argument((std::string(class_name) + "." + field.name).c_str(), field.type.c_str(), value);
+    refuse_argument((std::string(class_name) + "." + field.name).c_str(), field.type.c_str(),
+                    value);
   }
 }
 

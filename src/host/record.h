@@ -22,17 +22,17 @@ namespace tarvomeldric::host {
 struct Field {
   const char* name;
   std::string type;
-  bool (*set)(void* fields, nb::handle value);               // false: a value of another type
-  nb::object (*live)(nb::handle owner, void* fields);        // as the host sees it
-  nb::object (*plain)(void* fields);                         // as it is copied and compared
-  nb::handle (*held)(void* fields);                          // a host object kept by reference
-  void (*drop)(void* fields);                                // lets go of it
+  bool (*set)(void* fields, nb::handle value);         // false: a value of another type
+  nb::object (*live)(nb::handle owner, void* fields);  // as the host sees it
+  nb::object (*plain)(void* fields);                   // as it is copied and compared
+  nb::handle (*held)(void* fields);                    // a host object kept by reference
+  void (*drop)(void* fields);                          // lets go of it
   bool required = false;
   bool shown = true;     // in `repr`
   bool compared = true;  // in `==` and in pickles
   bool assignable = true;
-  bool secret = false;    // shown as asterisks
-  bool varying = false;   // no two records start with the same value
+  bool secret = false;   // shown as asterisks
+  bool varying = false;  // no two records start with the same value
 };
 
 namespace detail {
@@ -81,7 +81,8 @@ Field required(const char* name) {
   return made;
 }
 
-// A part that is made with its record: a given one is not taken over, and none is compared or copied.
+// A part that is made with its record: a given one is not taken over, and none is compared or
+// copied.
 inline Field own_part(Field part) {
   part.set = [](void*, nb::handle) { return true; };
   part.shown = part.compared = false;
@@ -138,7 +139,8 @@ struct RecordTable {
   nb::object reduce(PyObject* self) const;
   int traverse(PyObject* self, visitproc visit, void* arg) const;
   int clear(PyObject* self) const;
-  // The text of the constructor's signature; `defaults` are fields as a record without arguments has.
+  // The text of the constructor's signature; `defaults` are fields as a record without arguments
+  // has.
   std::string signature(void* defaults) const;
   nb::tuple match_args() const;
 };
@@ -184,8 +186,9 @@ void bind_field(nb::class_<T, Extra...>& cls, Field bound) {
 
 // `make_defaults` gives the fields that a record without arguments starts from.
 template <class T>
-nb::class_<T> bind_record(nb::module_& module, const char* doc, std::vector<Field> fields,
-                          FieldsOf<T> (*make_defaults)() = [] { return FieldsOf<T>{}; }) {
+nb::class_<T> bind_record(
+    nb::module_& module, const char* doc, std::vector<Field> fields,
+    FieldsOf<T> (*make_defaults)() = [] { return FieldsOf<T>{}; }) {
   const char* name = HostName<T>::value.text;
   auto* table = new RecordTable{name, std::move(fields), [](PyObject* self) -> void* {
                                   return &fields_of(*nb::inst_ptr<T>(self));

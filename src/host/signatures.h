@@ -4,9 +4,9 @@
 
 namespace tarvomeldric::host {
 
-// Lets `inspect.signature` look into the module's classes and functions: gives the binding library's
-// types of both, which are this module's own, a `__signature__`. They are found through any bound
-// class that needs no arguments, and the name of one of its methods.
+// Lets `inspect.signature` look into the module's classes and functions: gives the binding
+// library's types of both, which are this module's own, a `__signature__`. They are found through
+// any bound class that needs no arguments, and the name of one of its methods.
 void bind_signatures(nb::handle bound_class, const char* method);
 
 }  // namespace tarvomeldric::host

@@ -11,8 +11,8 @@
 
 namespace tarvomeldric::host {
 
-// A core enumeration as a string enumeration of the host. Its members are made once, when the module
-// loads, and live as long as the interpreter.
+// A core enumeration as a string enumeration of the host. Its members are made once, when the
+// module loads, and live as long as the interpreter.
 template <class E>
 struct HostEnum;
 
@@ -21,9 +21,7 @@ struct HostEnumOf {
   static constexpr const auto& kTable = Table;
   static inline std::array<PyObject*, Table.size()> members{};
 
-  static nb::object member(E value) {
-    return nb::borrow(members[static_cast<std::size_t>(value)]);
-  }
+  static nb::object member(E value) { return nb::borrow(members[static_cast<std::size_t>(value)]); }
   static std::optional<E> find(nb::handle h) {
     for (std::size_t i = 0; i < members.size(); ++i) {
       if (members[i] == h.ptr()) return static_cast<E>(i);
@@ -50,9 +48,12 @@ struct HostEnum<MapeKPhase> : HostEnumOf<MapeKPhase, kMapeKPhases> {
 };
 
 template <class E>
-concept HostEnumerated = requires { HostEnum<E>::kTable; };
+concept HostEnumerated = requires {
+  HostEnum<E>::kTable;
+};
 
-// Makes the host's enumeration: a `str` whose `str()` and `format()` are the value on every version.
+// Makes the host's enumeration: a `str` whose `str()` and `format()` are the value on every
+// version.
 template <HostEnumerated E>
 void bind_enum(nb::module_& module, const char* doc) {
   nb::list items;

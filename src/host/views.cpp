@@ -29,8 +29,7 @@ template <class C>
 void bind_mutator(nb::class_<View<C>>& cls, const char* name) {
   cls.def(name, [name](View<C>& self, const nb::args& args, const nb::kwargs& kwargs) {
     nb::object copy = Convert<C>::to(*self.container);
-    nb::object result =
-        host_call([&]() -> nb::object { return copy.attr(name)(*args, **kwargs); });
+    nb::object result = host_call([&]() -> nb::object { return copy.attr(name)(*args, **kwargs); });
     if (!assign(*self.container, copy)) {
       throw nb::type_error((std::string(name) + ": an element is of the wrong type").c_str());
     }
@@ -56,13 +55,16 @@ nb::class_<View<C>> bind_view(nb::module_& module, const char* name, const char*
     bind_reader(cls, reader);
   }
   // A view equals what its copy equals; another view counts as its copy.
-  cls.def("__eq__", [](const View<C>& self, nb::handle other) {
-    const nb::object mine = Convert<C>::to(*self.container);
-    if (nb::isinstance<View<C>>(other)) {
-      return mine.equal(Convert<C>::to(*nb::cast<View<C>&>(other).container));
-    }
-    return mine.equal(other);
-  }, nb::arg("other").none());
+  cls.def(
+      "__eq__",
+      [](const View<C>& self, nb::handle other) {
+        const nb::object mine = Convert<C>::to(*self.container);
+        if (nb::isinstance<View<C>>(other)) {
+          return mine.equal(Convert<C>::to(*nb::cast<View<C>&>(other).container));
+        }
+        return mine.equal(other);
+      },
+      nb::arg("other").none());
   cls.attr("__hash__") = nb::none();
   import("collections.abc").attr(protocol).attr("register")(cls);
   return cls;
@@ -78,20 +80,25 @@ template <class C>
 void bind_sequence(nb::module_& module, const char* name, const char* doc) {
   using Element = typename Shape<C>::Element;
   auto cls = bind_view<C>(module, name, doc, "MutableSequence");
-  cls.def("__getitem__", [](const View<C>& self, nb::handle index) -> nb::object {
-    if (!PyIndex_Check(index.ptr())) return Convert<C>::to(*self.container)[index];
-    const Py_ssize_t at = PyNumber_AsSsize_t(index.ptr(), PyExc_IndexError);
-    if (at == -1 && PyErr_Occurred()) throw nb::python_error();
-    return Convert<Element>::to((*self.container)[checked_index(at, self.container->size())]);
-  }, nb::arg("index").none());
-  cls.def("__iter__", [](nb::handle_t<View<C>> self) {
-    return nb::steal(PySeqIter_New(self.ptr()));
-  });
-  cls.def("append", [](View<C>& self, Arg<Element, "value"> value) {
-    Shape<C>::append(*self.container, value.get());
-  }, arg("value"));
-  for (const char* mutator : {"__setitem__", "__delitem__", "extend", "insert", "pop", "remove",
-                              "clear", "reverse"}) {
+  cls.def(
+      "__getitem__",
+      [](const View<C>& self, nb::handle index) -> nb::object {
+        if (!PyIndex_Check(index.ptr())) return Convert<C>::to(*self.container)[index];
+        const Py_ssize_t at = PyNumber_AsSsize_t(index.ptr(), PyExc_IndexError);
+        if (at == -1 && PyErr_Occurred()) throw nb::python_error();
+        return Convert<Element>::to((*self.container)[checked_index(at, self.container->size())]);
+      },
+      nb::arg("index").none());
+  cls.def("__iter__",
+          [](nb::handle_t<View<C>> self) { return nb::steal(PySeqIter_New(self.ptr())); });
+  cls.def(
+      "append",
+      [](View<C>& self, Arg<Element, "value"> value) {
+        Shape<C>::append(*self.container, value.get());
+      },
+      arg("value"));
+  for (const char* mutator :
+       {"__setitem__", "__delitem__", "extend", "insert", "pop", "remove", "clear", "reverse"}) {
     bind_mutator(cls, mutator);
   }
   for (const char* reader : {"count", "index", "__reversed__", "__add__"}) {
@@ -113,21 +120,27 @@ template <class V>
 void bind_mapping(nb::module_& module, const char* name, const char* doc) {
   using C = OrderedMap<V>;
   auto cls = bind_view<C>(module, name, doc, "MutableMapping");
-  cls.def("__getitem__", [](nb::pointer_and_handle<View<C>> self, nb::handle key) {
-    V* value = PyUnicode_Check(key.ptr()) ? self.p->container->find(to_utf8(key)) : nullptr;
-    if (value) return live(self.p->owner, *value);
-    PyErr_SetObject(PyExc_KeyError, key.ptr());
-    throw nb::python_error();
-  }, nb::arg("key").none());
-  cls.def("__setitem__", [](View<C>& self, Arg<std::string, "key"> key, Arg<V, "value"> value) {
-    V converted = value.get();
-    (*self.container)[key.get()] = std::move(converted);
-  }, arg("key"), arg("value"));
+  cls.def(
+      "__getitem__",
+      [](nb::pointer_and_handle<View<C>> self, nb::handle key) {
+        V* value = PyUnicode_Check(key.ptr()) ? self.p->container->find(to_utf8(key)) : nullptr;
+        if (value) return live(self.p->owner, *value);
+        PyErr_SetObject(PyExc_KeyError, key.ptr());
+        throw nb::python_error();
+      },
+      nb::arg("key").none());
+  cls.def(
+      "__setitem__",
+      [](View<C>& self, Arg<std::string, "key"> key, Arg<V, "value"> value) {
+        V converted = value.get();
+        (*self.container)[key.get()] = std::move(converted);
+      },
+      arg("key"), arg("value"));
   for (const char* mutator : {"__delitem__", "pop", "popitem", "setdefault", "update", "clear"}) {
     bind_mutator(cls, mutator);
   }
-  for (const char* reader : {"__iter__", "__reversed__", "__or__", "get", "keys", "values",
-                             "items"}) {
+  for (const char* reader :
+       {"__iter__", "__reversed__", "__or__", "get", "keys", "values", "items"}) {
     bind_reader(cls, reader);
   }
 }

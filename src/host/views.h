@@ -81,8 +81,8 @@ nb::dict host_dict(const OrderedMap<V>& map) {
 template <class V>
 bool assign(OrderedMap<V>& map, nb::handle values) {
   if (!PyDict_Check(values.ptr()) && !nb::hasattr(values, "keys")) return false;
-  const auto given = nb::borrow<nb::dict>(
-      call(nb::handle(reinterpret_cast<PyObject*>(&PyDict_Type)), values));
+  const auto given =
+      nb::borrow<nb::dict>(call(nb::handle(reinterpret_cast<PyObject*>(&PyDict_Type)), values));
   OrderedMap<V> fresh;
   for (auto [key, value] : given) {
     std::string name;
@@ -96,9 +96,8 @@ bool assign(OrderedMap<V>& map, nb::handle values) {
 
 template <class T>
 struct Convert<std::vector<T>> {
-  static constexpr auto kName =
-      nb::detail::const_name("collections.abc.Iterable[") + Convert<T>::kName +
-      nb::detail::const_name("]");
+  static constexpr auto kName = nb::detail::const_name("collections.abc.Iterable[") +
+                                Convert<T>::kName + nb::detail::const_name("]");
   static bool from(nb::handle h, std::vector<T>& out) {
     return !PyUnicode_Check(h.ptr()) && PySequence_Check(h.ptr()) && assign(out, h);
   }
@@ -138,7 +137,8 @@ struct Convert<std::shared_ptr<std::vector<double>>> {
     return true;
   }
   static nb::object to(const Shared& samples) {
-    nb::capsule owner(new Shared(samples), [](void* held) noexcept { delete static_cast<Shared*>(held); });
+    nb::capsule owner(new Shared(samples),
+                      [](void* held) noexcept { delete static_cast<Shared*>(held); });
     return nb::cast(View<std::vector<double>>{owner, samples.get()});
   }
 };

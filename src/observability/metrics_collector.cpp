@@ -22,7 +22,8 @@ bool names_any(std::string_view name, std::initializer_list<std::string_view> pa
 template <class V>
 std::vector<std::pair<std::string, V>> by_name(const OrderedMap<V>& map) {
   std::vector<std::pair<std::string, V>> sorted(map.begin(), map.end());
-  std::ranges::sort(sorted, {}, [](const auto& entry) -> const auto& { return entry.first; });
+  std::ranges::sort(
+      sorted, {}, [](const auto& entry) -> const auto& { return entry.first; });
   return sorted;
 }
 

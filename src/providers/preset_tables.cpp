@@ -10,9 +10,10 @@ constexpr const char* kGoogleUrl = "https://generativelanguage.googleapis.com/v1
 constexpr const char* kDashScopeUrl = "https://dashscope.aliyuncs.com/compatible-mode/v1";
 constexpr const char* kNvidiaUrl = "https://integrate.api.nvidia.com/v1";
 constexpr const char* kGroqUrl = "https://api.groq.com/openai/v1";
-// Every customer has an endpoint of their own; the reserved ending keeps a stranger from registering
-// this one and collecting keys.
-constexpr const char* kAzureExampleUrl = "https://your-resource.openai.azure.invalid/openai/deployments";
+// Every customer has an endpoint of their own; the reserved ending keeps a stranger from
+// registering this one and collecting keys.
+constexpr const char* kAzureExampleUrl =
+    "https://your-resource.openai.azure.invalid/openai/deployments";
 
 // clang-format off
 constexpr std::array kNvidiaModels{"meta/llama-3.1-8b-instruct", "meta/llama-3.1-70b-instruct"};

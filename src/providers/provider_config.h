@@ -37,8 +37,8 @@ struct ProviderFields {
   BoundedQueue<double, 100> recent_latencies;  // milliseconds, of successes
 };
 
-// One provider: where its API lives, the key, the models, how it has been doing, and the guards that
-// say whether it may be called now.
+// One provider: where its API lives, the key, the models, how it has been doing, and the guards
+// that say whether it may be called now.
 //
 // An admitted attempt takes a token, then a slot; it reports its outcome with `record_success` or
 // `record_failure` and gives the slot back once (`AdmittedSlot` in engine/admission.h owns it).

@@ -10,7 +10,8 @@
 
 namespace tarvomeldric {
 
-// How far a call may be healed: exact output (validated), near output (warned about), or not at all.
+// How far a call may be healed: exact output (validated), near output (warned about), or not at
+// all.
 enum class SemanticDomain : std::uint8_t { kStrongEquivalence, kTauNeighborhood, kOutOfBounds };
 
 inline constexpr std::array<std::pair<const char*, const char*>, 3> kSemanticDomains{{
@@ -23,14 +24,14 @@ constexpr std::string_view value_of(SemanticDomain domain) {
   return kSemanticDomains[static_cast<std::size_t>(domain)].second;
 }
 
-inline constexpr std::array kStrongEquivTasks{
-    "classification", "extraction", "schema_output",  "translation_literal",
-    "sentiment",      "ner",        "sql_generation", "code_format"};
+inline constexpr std::array kStrongEquivTasks{"classification",      "extraction", "schema_output",
+                                              "translation_literal", "sentiment",  "ner",
+                                              "sql_generation",      "code_format"};
 inline constexpr std::array kTauTasks{"summarization",        "qa_factual",    "code_generation",
                                       "translation_creative", "data_analysis", "rewriting"};
-inline constexpr std::array kOobTasks{"creative_writing", "brainstorming",
-                                      "persuasion",       "storytelling",
-                                      "philosophical_reasoning", "open_dialogue"};
+inline constexpr std::array kOobTasks{
+    "creative_writing", "brainstorming",           "persuasion",
+    "storytelling",     "philosophical_reasoning", "open_dialogue"};
 
 struct SemanticClassification {
   SemanticDomain domain = SemanticDomain::kTauNeighborhood;

@@ -4,8 +4,8 @@
 
 namespace tarvomeldric {
 
-// What the host wants done around a wait. The core calls these and knows nothing of the interpreter;
-// without hooks (in the C++ tests) a region is free of cost and effect.
+// What the host wants done around a wait. The core calls these and knows nothing of the
+// interpreter; without hooks (in the C++ tests) a region is free of cost and effect.
 struct BlockingHooks {
   // Gives up what this thread holds of the host; returns a token, or null when it holds nothing.
   void* (*release)() = nullptr;

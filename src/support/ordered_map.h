@@ -9,8 +9,9 @@
 
 namespace tarvomeldric {
 
-// A map from text that iterates in the order of first insertion, like the host's dictionary: storing
-// under a key that is present keeps the key's place. Erasing costs a walk; nothing hot erases.
+// A map from text that iterates in the order of first insertion, like the host's dictionary:
+// storing under a key that is present keeps the key's place. Erasing costs a walk; nothing hot
+// erases.
 template <class V>
 class OrderedMap {
  public:

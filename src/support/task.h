@@ -62,9 +62,9 @@ struct TaskPromise<void> : TaskPromiseBase {
 
 }  // namespace detail
 
-// A lazy coroutine: nothing of its body runs before it is awaited or started. Awaiting it runs it to
-// its first suspension; its result, or the exception that ended it, reaches the awaiter. Destroying
-// an unfinished task destroys its frame, so what its locals own is given back.
+// A lazy coroutine: nothing of its body runs before it is awaited or started. Awaiting it runs it
+// to its first suspension; its result, or the exception that ended it, reaches the awaiter.
+// Destroying an unfinished task destroys its frame, so what its locals own is given back.
 //
 //   Task<int> answer() { co_return 42; }
 //   Task<void> caller() { int n = co_await answer(); ... }
