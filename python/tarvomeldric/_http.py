@@ -18,8 +18,16 @@ if TYPE_CHECKING:
 
     import httpx
 
-_SYNC_LIMITS = {"max_connections": 50, "max_keepalive_connections": 10, "keepalive_expiry": 30.0}
-_ASYNC_LIMITS = {"max_connections": 100, "max_keepalive_connections": 20, "keepalive_expiry": 30.0}
+_SYNC_LIMITS: dict[str, Any] = {
+    "max_connections": 50,
+    "max_keepalive_connections": 10,
+    "keepalive_expiry": 30.0,
+}
+_ASYNC_LIMITS: dict[str, Any] = {
+    "max_connections": 100,
+    "max_keepalive_connections": 20,
+    "keepalive_expiry": 30.0,
+}
 
 
 def _read(response: httpx.Response) -> tuple[int, Any]:
@@ -99,6 +107,7 @@ class HttpClients:
         self._tls: ssl.SSLContext | None = None
         self._preparing = threading.Lock()
         self._bound: dict[tuple[int, str], _Bound] = {}
+        self._left: list[_Bound] = []  # could not be closed before their loops are
         self._made: weakref.WeakSet[Any] = weakref.WeakSet()
 
     def prepare(self) -> None:
@@ -167,8 +176,14 @@ class HttpClients:
     def _drop_closed_loops(self) -> None:
         for key, bound in list(self._bound.items()):
             if bound.loop.is_closed():
-                self._bound.pop(key, None)
+                self._left.append(self._bound.pop(key))
+        for bound in self._left:
+            if bound.loop.is_closed():
                 bound.abandon()
+        self._left = [bound for bound in self._left if not bound.loop.is_closed()]
+
+    def __del__(self) -> None:
+        self._drop_closed_loops()
 
     def _take_out(self, pool: dict[str, Any], lock: Any) -> tuple[list[Any], list[_Bound]]:
         """Empties the pool: the clients that the host put there, and all that were made here."""
@@ -187,11 +202,11 @@ class HttpClients:
             with contextlib.suppress(Exception):
                 await client.aclose()
         for entry in bound:
-            with contextlib.suppress(Exception):
-                if entry.loop is here:
+            if entry.loop is here:
+                with contextlib.suppress(Exception):
                     await entry.aclose()
-                else:
-                    _close_elsewhere(entry)
+            else:
+                self._close_elsewhere(entry)
         close_blocking_clients()
 
     def close_blocking(self, pool: dict[str, Any], lock: Any) -> None:
@@ -201,8 +216,20 @@ class HttpClients:
             with contextlib.suppress(Exception):
                 _run_on_private_loop(client)
         for entry in bound:
-            with contextlib.suppress(Exception):
-                _close_elsewhere(entry)
+            self._close_elsewhere(entry)
+
+    def _close_elsewhere(self, entry: _Bound) -> None:
+        """Closes a client whose loop is not the running one: on its loop, now or when that runs again."""
+        closing = entry.aclose()
+        try:
+            if entry.loop.is_running():
+                asyncio.run_coroutine_threadsafe(closing, entry.loop)
+            else:
+                entry.loop.run_until_complete(closing)
+        except Exception:
+            closing.close()
+            self._left.append(entry)
+            self._drop_closed_loops()
 
 
 def _run_on_private_loop(client: Any) -> None:
@@ -216,22 +243,6 @@ def _run_on_private_loop(client: Any) -> None:
             raise
     finally:
         loop.close()
-
-
-def _close_elsewhere(entry: _Bound) -> None:
-    """Closes a client whose loop is not the running one: on its loop, if that can still run it."""
-    if entry.loop.is_closed():
-        entry.abandon()
-        return
-    closing = entry.aclose()
-    try:
-        if entry.loop.is_running():
-            asyncio.run_coroutine_threadsafe(closing, entry.loop)
-        else:
-            entry.loop.run_until_complete(closing)
-    except BaseException:
-        closing.close()
-        raise
 
 
 async def ready(engine: Any) -> Any:

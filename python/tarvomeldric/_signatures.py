@@ -44,6 +44,7 @@ def _without_self(signature: inspect.Signature) -> inspect.Signature:
 def _parameters(
     arguments: ast.arguments, defaults: dict[str, Any]
 ) -> collections.abc.Iterator[inspect.Parameter]:
+    positional: list[tuple[ast.arg, Any]]
     positional = [(one, inspect.Parameter.POSITIONAL_ONLY) for one in arguments.posonlyargs]
     positional += [(one, inspect.Parameter.POSITIONAL_OR_KEYWORD) for one in arguments.args]
     required = len(positional) - len(arguments.defaults)

@@ -1,9 +1,16 @@
-"""How a coroutine stands in line for a permit without holding up its event loop."""
+"""How a coroutine waits for others without holding up its event loop."""
 
 from __future__ import annotations
 
 import asyncio
+import os
+import weakref
+from concurrent.futures import ThreadPoolExecutor
 from typing import Any
+
+# One thread a learner, so that what is recorded is published in order.
+_workers: weakref.WeakKeyDictionary[Any, ThreadPoolExecutor] = weakref.WeakKeyDictionary()
+os.register_at_fork(after_in_child=lambda: _workers.clear())
 
 
 class _Turn:
@@ -58,3 +65,11 @@ async def wait_for_permit(semaphore: Any, timeout: float) -> bool:
                 return True
         finally:
             semaphore._leave(place)
+
+
+async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
+    """Runs a method of the learner on the learner's own worker thread."""
+    worker = _workers.get(learner)
+    if worker is None:
+        worker = _workers[learner] = ThreadPoolExecutor(1, thread_name_prefix="learner")
+    return await asyncio.get_running_loop().run_in_executor(worker, getattr(learner, method), *arguments)

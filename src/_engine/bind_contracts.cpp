@@ -12,12 +12,12 @@ void bind_verdicts(nb::module_& module) {
       module, "The verdict of one strategy of a contract.",
       {required<&ContractCheck::strategy>("strategy"), required<&ContractCheck::passed>("passed"),
        field<&ContractCheck::detail>("detail")});
-  bind_record<ContractResult>(
-      module,
-      "The verdict of a contract: `passed` when every check passed.\n\n"
-      "`contract_type` is the contract's primary strategy.",
-      {required<&ContractResult::passed>("passed"), required<&ContractResult::checks>("checks"),
-       required<&ContractResult::contract_type>("contract_type")})
+  bind_record<ContractResult>(module,
+                              "The verdict of a contract: `passed` when every check passed.\n\n"
+                              "`contract_type` is the contract's primary strategy.",
+                              {required<&ContractResult::passed>("passed"),
+                               required<&ContractResult::checks>("checks", "list[ContractCheck]"),
+                               required<&ContractResult::contract_type>("contract_type")})
       .def(
           "to_dict", [](const ContractResult& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
@@ -48,12 +48,14 @@ void bind_contracts(nb::module_& module) {
       "`similarity_threshold` (0 to 1) with `reference_text`: the share of words in common;\n"
       "`required_entities`: texts that must occur; `forbidden_patterns`: regular expressions\n"
       "that must not match. Letter case is ignored.",
-      {field<&Contract::output_schema>("output_schema"),
-       field<&Contract::determinism_hash>("determinism_hash"),
-       field<&Contract::similarity_threshold>("similarity_threshold"),
-       field<&Contract::reference_text>("reference_text"),
-       field<&Contract::required_entities>("required_entities"),
-       field<&Contract::forbidden_patterns>("forbidden_patterns")});
+      {field<&Contract::output_schema>("output_schema", "dict[str, typing.Any] | None"),
+       field<&Contract::determinism_hash>("determinism_hash", "str | None"),
+       field<&Contract::similarity_threshold>("similarity_threshold", "float | None"),
+       field<&Contract::reference_text>("reference_text", "str | None"),
+       field<&Contract::required_entities>("required_entities",
+                                           "collections.abc.Sequence[str] | None"),
+       field<&Contract::forbidden_patterns>("forbidden_patterns",
+                                            "collections.abc.Sequence[str] | None")});
   cls.def(
          "validate",
          [](const Contract& self, nb::handle output) {

@@ -67,7 +67,7 @@ void bind_records(nb::module_& module) {
       module, "A suggested step of recovery; `delay` is the wait before it in seconds.",
       {required<&RecoveryAction::level>("level"), required<&RecoveryAction::action>("action"),
        required<&RecoveryAction::target>("target"), required<&RecoveryAction::delay>("delay"),
-       required<&RecoveryAction::metadata>("metadata")});
+       required<&RecoveryAction::metadata>("metadata", "dict[str, typing.Any]")});
 }
 
 }  // namespace

@@ -189,8 +189,11 @@ void bind_decisions(EngineClass& cls) {
              Arg<std::string, "fault_pattern"> pattern,
              Arg<std::string, "sub_category"> sub_category) {
             const nb::list names(nb::make_tuple(from_utf8(provider.get())));
-            return provider_priority(named(self, names).front(), pattern.get(), sub_category.get(),
-                                     bound<FlywheelLearner>(self.learner, "_learner"));
+            const std::string category = pattern.get();
+            const std::string label = sub_category.get();
+            return provider_priority(named(self, names).front(),
+                                     bound<HostLearner>(self.learner, "_learner")
+                                         .match(label.empty() ? category : label));
           },
           arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
           "The score by which failover candidates are ordered; higher is better.")
@@ -201,6 +204,8 @@ void bind_decisions(EngineClass& cls) {
             return from_utf8(resolve_model(provider.get(), model.get().value_or("")));
           },
           arg("provider_name"), arg("requested_model") = nb::none(),
+          nb::sig("def _resolve_model(self, provider_name: str, "
+                  "requested_model: str | None = None) -> str"),
           "The model to send to a provider for the requested one.")
       .def(
           "_get_downgraded_model",
@@ -275,6 +280,7 @@ void bind_read_outs(EngineClass& cls) {
            nb::sig("def get_mapek_stats(self) -> dict[str, typing.Any]"),
            "What the loop did: healing by level, contracts, semantic boundaries, rules.")
       .def("_get_telemetry", &Engine::telemetry_collector,
+           nb::sig("def _get_telemetry(self) -> typing.Any"),
            "The telemetry collector, made on first use.");
 }
 
@@ -293,7 +299,9 @@ void bind_lifecycle(EngineClass& cls) {
           [](Engine& self, Arg<std::string, "provider_name"> name) {
             return self.sync_client(name.get());
           },
-          arg("provider_name"), "The pooled blocking HTTP client for a provider.")
+          arg("provider_name"),
+          nb::sig("def _get_sync_client(self, provider_name: str) -> typing.Any"),
+          "The pooled blocking HTTP client for a provider.")
       .def(
           "_get_session",
           [](Engine& self, Arg<std::string, "provider_name"> name) {
@@ -307,6 +315,7 @@ void bind_lifecycle(EngineClass& cls) {
            nb::sig("def close(self) -> collections.abc.Coroutine[typing.Any, typing.Any, None]"),
            "Closes every pooled client, to be awaited. The engine stays usable.")
       .def("close_sync", &Engine::close_sync, "Closes every pooled client, blocking.")
+      .def("_after_fork", &Engine::after_fork, "Starts afresh in the child of a fork.")
       .def("_close_sync_clients", &Engine::close_sync_clients, "Closes the blocking clients.")
       .def(
           "__enter__", [](nb::handle_t<Engine> self) { return self; },
@@ -342,15 +351,17 @@ void bind_member(EngineClass& cls, const char* name, const char* type) {
 // A member in which a call can use one type only.
 template <nb::object Engine::*Member, class T>
 void bind_typed_member(EngineClass& cls, const char* name) {
-  const std::string type = nb::type_name(nb::type<T>()).c_str();
-  const std::string setter = "def " + std::string(name) + "(self, value: typing.Any, /) -> None";
+  const std::string type = HostName<T>::value.text;
+  const std::string getter = "def " + std::string(name) + "(self) -> " + type;
+  const std::string setter = "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
   cls.def_prop_rw(
       name, [](const Engine& self) { return self.*Member; },
       [name](Engine& self, nb::handle value) {
         bound<T>(value, name);
         self.*Member = nb::borrow(value);
       },
-      nb::for_setter(nb::sig(setter.c_str())), nb::for_setter(nb::arg("value").none()));
+      nb::for_getter(nb::sig(getter.c_str())), nb::for_setter(nb::sig(setter.c_str())),
+      nb::for_setter(nb::arg("value").none()));
 }
 
 template <nb::object Engine::*Member>
@@ -376,7 +387,7 @@ void bind_lock(EngineClass& cls, const char* name, Mutex& (*lock)(Engine&)) {
 void bind_members(EngineClass& cls) {
   bind_dictionary<&Engine::providers>(cls, "_providers", "dict[str, ProviderConfig]");
   bind_typed_member<&Engine::diagnoser, Diagnoser>(cls, "_diagnoser");
-  bind_typed_member<&Engine::learner, FlywheelLearner>(cls, "_learner");
+  bind_typed_member<&Engine::learner, HostLearner>(cls, "_learner");
   bind_typed_member<&Engine::metrics, MetricsCollector>(cls, "_metrics");
   bind_typed_member<&Engine::topology, SemanticTopology>(cls, "_topology");
   bind_lock(cls, "_lock", [](Engine& e) -> Mutex& { return e.counters.general_lock(); });
@@ -414,8 +425,10 @@ void bind_engine(nb::module_& module) {
       nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
   cls.def(
       "__init__",
-      [](Engine* self, nb::handle providers, nb::handle api_keys) {
-        new (self) Engine(providers, api_keys);
+      [](nb::pointer_and_handle<Engine> self, nb::handle providers, nb::handle api_keys) {
+        new (self.p) Engine(providers, api_keys);
+        nb::inst_set_state(self.h, true, true);
+        call(import("tarvomeldric._fork").attr("watch"), self.h);
       },
       arg("providers") = nb::none(), arg("api_keys") = nb::none(),
       nb::sig("def __init__(self, providers: list[str] | dict[str, ProviderConfig] | None = None, "

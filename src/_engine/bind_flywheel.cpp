@@ -1,6 +1,7 @@
 #include "_engine/bindings.h"
-#include "flywheel/learner.h"
+#include "flywheel/learned_rule.h"
 #include "host/argument.h"
+#include "host/learner.h"
 #include "host/read_outs.h"
 #include "host/record.h"
 #include "host/records.h"
@@ -49,31 +50,51 @@ void bind_rule(nb::module_& module) {
   // A class method: the host's own wrapper hands it the class, of a subclass as well.
   const nb::object from_dict =
       nb::cpp_function(rule_from_dict, nb::name("from_dict"), nb::arg("cls"), arg("d"),
+                       nb::sig("def from_dict(cls, d: dict[str, typing.Any]) -> LearnedRule"),
                        "Makes a rule from a dictionary; keys that are no fields are ignored.\n\n"
                        "TypeError without \"pattern\" or \"action\".");
   cls.attr("from_dict") = nb::steal(PyClassMethod_New(from_dict.ptr()));
 }
 
-}  // namespace
+using LearnerClass = nb::class_<HostLearner>;
+using OptionalText = std::optional<std::string>;
 
-void bind_flywheel(nb::module_& module) {
-  bind_rule(module);
-  nb::class_<FlywheelLearner> cls(module, "FlywheelLearner",
-                                  "Remembers which recovery worked for which fault, and advises.",
-                                  nb::dynamic_attr());
-  cls.def(nb::init<>())
-      .def(
-          "record",
-          [](FlywheelLearner& self, Arg<std::string, "error_pattern"> pattern,
-             Arg<std::string, "recovery_action"> action, Arg<bool, "success"> success,
-             Arg<double, "heal_time_ms"> heal_time) {
-            self.record({pattern.get(), action.get(), success.get(), heal_time.get()});
-          },
-          arg("error_pattern"), arg("recovery_action"), arg("success"), arg("heal_time_ms") = 0.0,
-          "Counts one outcome of a recovery action; `heal_time_ms` in milliseconds.")
+int traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_VISIT(*members);
+  return nb::inst_ready(self) ? nb::inst_ptr<HostLearner>(self)->traverse(visit, arg) : 0;
+}
+
+int clear(PyObject* self) {
+  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_CLEAR(*members);
+  if (nb::inst_ready(self)) nb::inst_ptr<HostLearner>(self)->clear();
+  return 0;
+}
+
+void construct(HostLearner* self, const OptionalText& path, const OptionalText& url,
+               const std::string& channel) {
+  new (self) HostLearner(path.value_or(""), url.value_or(""), channel);
+}
+
+// A rule from a dictionary of the host's; a type error for one of the wrong shape.
+RulePtr rule_of(nb::handle d) {
+  return nb::cast<RulePtr>(rule_from_dict(nb::type<LearnedRule>(), d));
+}
+
+void bind_use(LearnerClass& cls) {
+  cls.def(
+         "record",
+         [](HostLearner& self, Arg<std::string, "error_pattern"> pattern,
+            Arg<std::string, "recovery_action"> action, Arg<bool, "success"> success,
+            Arg<double, "heal_time_ms"> heal_time) {
+           self.record({pattern.get(), action.get(), success.get(), heal_time.get()});
+         },
+         arg("error_pattern"), arg("recovery_action"), arg("success"), arg("heal_time_ms") = 0.0,
+         "Counts one outcome of a recovery action; `heal_time_ms` in milliseconds.\n\n"
+         "Writes the rules file at every 20th record; has published when it returns.")
       .def(
           "match",
-          [](FlywheelLearner& self, Arg<std::string, "error_pattern"> pattern) {
+          [](HostLearner& self, Arg<std::string, "error_pattern"> pattern) {
             return rule_or_none(self.match(pattern.get()));
           },
           arg("error_pattern"),
@@ -81,7 +102,7 @@ void bind_flywheel(nb::module_& module) {
           "The most confident rule above 0.6 for the pattern, else for its category, else None.")
       .def(
           "match_best_action",
-          [](FlywheelLearner& self, Arg<std::string, "error_pattern"> pattern) -> nb::object {
+          [](HostLearner& self, Arg<std::string, "error_pattern"> pattern) -> nb::object {
             const RulePtr rule = self.match(pattern.get());
             return rule ? nb::object(from_utf8(rule->action)) : nb::none();
           },
@@ -90,7 +111,7 @@ void bind_flywheel(nb::module_& module) {
           "The action of `match`, or None.")
       .def(
           "get_rules",
-          [](const FlywheelLearner& self) {
+          [](const HostLearner& self) {
             nb::list rules;
             for (const RulePtr& rule : self.rules()) rules.append(nb::cast(rule));
             return rules;
@@ -98,15 +119,124 @@ void bind_flywheel(nb::module_& module) {
           nb::sig("def get_rules(self) -> list[LearnedRule]"),
           "All rules in table order: a new list of the live rules.")
       .def(
-          "get_stats", [](const FlywheelLearner& self) { return stats_of(self); },
+          "get_stats", [](const HostLearner& self) { return stats_of(self); },
           nb::sig("def get_stats(self) -> dict[str, typing.Any]"),
           "total_rules, total_records, high_confidence_rules (above 0.8),\n"
           "bootstrap_rules_loaded and sync_mode.");
+}
+
+void bind_keeping(LearnerClass& cls) {
+  cls.def("_persist", &HostLearner::persist, "Writes the rules file.")
+      .def("_load", [](nb::pointer_and_handle<HostLearner> self) { self.p->load(self.h); },
+           "Reads the rules file; starts from the bootstrap rules when it yields none.")
+      .def(
+          "_store",
+          [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
+            const std::string name = key.get();
+            self.store(name, rule_of(rule));
+          },
+          arg("key"), arg("rule"), "Puts a rule, given as a dictionary, into the table.")
+      .def("_keep_unreadable", [](HostLearner& self) { self.file().keep_unreadable(); },
+           "Has the next write keep the file that could not be read.")
+      .def_prop_rw(
+          "_persist_path", [](HostLearner& self) { return from_utf8(self.file().path()); },
+          [](HostLearner& self, Arg<std::string, "_persist_path"> path) {
+            const std::string given = path.get();
+            MutexLock lock(self.mutex());
+            self.file().set_path(given);
+          });
+}
+
+void bind_fleet(LearnerClass& cls) {
+  cls.def("_init_redis", [](nb::pointer_and_handle<HostLearner> self) { self.p->init_redis(self.h); },
+          "Connects to the fleet; goes on alone when that fails.")
+      .def("_redis_subscribe",
+           [](nb::handle_t<HostLearner> self) {
+             const nb::object reference = call(import("weakref").attr("ref"), self);
+             call(import("tarvomeldric._fleet").attr("subscribe_for"), reference);
+           },
+           "What the subscriber thread runs.")
+      .def("_redis_load_rules",
+           [](nb::pointer_and_handle<HostLearner> self) { self.p->load_shared_rules(self.h); },
+           "Takes over the rules of the shared hash.")
+      .def(
+          "_redis_publish",
+          [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
+            const std::string name = key.get();
+            require<LearnedRule>(rule, "rule");
+            self.publish_rule(name, *nb::inst_ptr<LearnedRule>(rule));
+          },
+          arg("key"), arg("rule"), "Shares a rule with the fleet.")
+      .def(
+          "_merge",
+          [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
+            const std::string name = key.get();
+            self.merge(name, rule_of(rule));
+          },
+          arg("key"), arg("rule"), "Takes in a published rule that is new or more confident.")
+      .def("_after_fork",
+           [](nb::pointer_and_handle<HostLearner> self) { self.p->after_fork(self.h); },
+           "Starts afresh in the child of a fork.")
+      .def_prop_rw(
+          "_redis_url", [](const HostLearner& self) { return from_utf8(self.redis_url); },
+          [](HostLearner& self, Arg<std::string, "_redis_url"> url) { self.redis_url = url.get(); })
+      .def_prop_rw(
+          "_redis_channel", [](const HostLearner& self) { return from_utf8(self.redis_channel); },
+          [](HostLearner& self, Arg<std::string, "_redis_channel"> channel) {
+            self.redis_channel = channel.get();
+          })
+      .def_prop_rw(
+          "_redis_client", [](const HostLearner& self) { return self.redis_client; },
+          [](HostLearner& self, nb::handle client) { self.redis_client = nb::borrow(client); },
+          nb::for_getter(nb::sig("def _redis_client(self) -> typing.Any")),
+          nb::for_setter(nb::sig("def _redis_client(self, client: typing.Any, /) -> None")),
+          nb::for_setter(nb::arg("client").none()))
+      .def_prop_rw(
+          "_redis_sub_thread", [](const HostLearner& self) { return self.redis_sub_thread; },
+          [](HostLearner& self, nb::handle thread) { self.redis_sub_thread = nb::borrow(thread); },
+          nb::for_getter(nb::sig("def _redis_sub_thread(self) -> typing.Any")),
+          nb::for_setter(nb::sig("def _redis_sub_thread(self, thread: typing.Any, /) -> None")),
+          nb::for_setter(nb::arg("thread").none()))
+      .def_prop_ro(
+          "_link", [](const HostLearner& self) { return self.link; },
+          nb::sig("def _link(self) -> typing.Any"));
+}
+
+}  // namespace
+
+void bind_flywheel(nb::module_& module) {
+  bind_rule(module);
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear)},
+                         {0, nullptr}};
+  LearnerClass cls(module, "FlywheelLearner",
+                   "Remembers which recovery worked for which fault, and advises.\n\n"
+                   "The table is kept in `persist_path` (None: .tarvomeldric/flywheel_rules.json in\n"
+                   "the home directory). With `redis_url` (None: the environment's\n"
+                   "TARVOMELDRIC_REDIS_URL) it is shared with every learner on `redis_channel`.",
+                   nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
+  cls.def(
+      "__init__",
+      [](nb::pointer_and_handle<HostLearner> self, Arg<OptionalText, "persist_path"> path,
+         Arg<OptionalText, "redis_url"> url, Arg<std::string, "redis_channel"> channel) {
+        construct(self.p, path.get(), url.get(), channel.get());
+        nb::inst_set_state(self.h, true, true);
+        self.p->load(self.h);
+        if (self.p->host_fields().sync_mode == "redis") self.p->init_redis(self.h);
+        call(import("tarvomeldric._fork").attr("watch"), self.h);
+      },
+      arg("persist_path") = nb::none(), arg("redis_url") = nb::none(),
+      arg("redis_channel") = "tarvomeldric:flywheel",
+      nb::sig("def __init__(self, persist_path: str | None = None, redis_url: str | None = None, "
+              "redis_channel: str = 'tarvomeldric:flywheel') -> None"));
+  bind_use(cls);
+  bind_keeping(cls);
+  bind_fleet(cls);
   bind_field(cls, field<&LearnerFields::rules>("_rules"));
   bind_field(cls, field<&LearnerFields::records>("_records"));
   bind_field(cls, field<&LearnerFields::bootstrap_loaded>("_bootstrap_loaded"));
   bind_field(cls, field<&LearnerFields::sync_mode>("_sync_mode"));
-  bind_field(cls, lock_field<FlywheelLearner>());
+  bind_field(cls, lock_field<HostLearner>());
 }
 
 }  // namespace tarvomeldric::host

@@ -8,14 +8,14 @@
 namespace tarvomeldric::host {
 namespace {
 
-bool acquire(Mutex& mutex, bool blocking, double timeout) {
+bool acquire(Mutex& mutex, bool blocking, double timeout) NO_THREAD_SAFETY_ANALYSIS {
   if (!blocking) return mutex.try_lock();
   if (timeout >= 0) return mutex.try_lock_for(timeout);
   mutex.lock();
   return true;
 }
 
-void release(Mutex& mutex) {
+void release(Mutex& mutex) NO_THREAD_SAFETY_ANALYSIS {
   if (!mutex.locked()) throw std::runtime_error("release unlocked lock");
   mutex.unlock();
 }
@@ -48,9 +48,23 @@ class HostWaiter final : public Semaphore::Waiter {
     return woken;
   }
 
+  nb::handle waiter() const { return waiter_; }
+  void clear() { waiter_.reset(); }
+
  private:
   nb::object waiter_;
 };
+
+int traverse_waiter(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  if (nb::inst_ready(self)) Py_VISIT(nb::inst_ptr<HostWaiter>(self)->waiter().ptr());
+  return 0;
+}
+
+int clear_waiter(PyObject* self) {
+  if (nb::inst_ready(self)) nb::inst_ptr<HostWaiter>(self)->clear();
+  return 0;
+}
 
 }  // namespace
 
@@ -69,13 +83,19 @@ void bind_locks(nb::module_& module) NO_THREAD_SAFETY_ANALYSIS {
       .def("release", &release, "Frees the lock; RuntimeError when nobody holds it.")
       .def("locked", &Mutex::locked, "Whether somebody holds the lock.")
       .def("__enter__",
-           [](Mutex& self) {
+           [](Mutex& self) NO_THREAD_SAFETY_ANALYSIS {
              self.lock();
              return true;
            })
-      .def("__exit__", [](Mutex& self, const nb::args&) { release(self); });
+      .def(
+          "__exit__", [](Mutex& self, const nb::args&) { release(self); },
+          nb::sig("def __exit__(self, *args: object) -> None"));
 
-  nb::class_<HostWaiter>(module, "_Waiter", "A place in the line of a semaphore.");
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_waiter)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_waiter)},
+                         {0, nullptr}};
+  nb::class_<HostWaiter>(module, "_Waiter", "A place in the line of a semaphore.",
+                         nb::type_slots(slots));
   nb::class_<Semaphore>(module, "Semaphore",
                         "Permits, and a line of threads and coroutines that wait for one.")
       .def(

@@ -43,17 +43,18 @@ void bind_results(nb::module_& module) {
       "\"l3_failover\" or \"l4_learned\", `fault` the Diagnosis of the last fault on the way,\n"
       "`mapek_trace` the trace as a dictionary, `raw_response` the decoded body of a\n"
       "first-attempt answer.",
-      {required<&CallResult::text>("text"), required<&CallResult::provider>("provider"),
-       required<&CallResult::model>("model"), field<&CallResult::success>("success"),
-       field<&CallResult::fault>("fault"),
+      {required<&CallResult::text>("text", "str | typing.Any"),
+       required<&CallResult::provider>("provider"), required<&CallResult::model>("model"),
+       field<&CallResult::success>("success"),
+       field<&CallResult::fault>("fault", "Diagnosis | None"),
        field<&CallResult::original_provider>("original_provider"),
        field<&CallResult::original_model>("original_model"),
        field<&CallResult::latency_ms>("latency_ms"), field<&CallResult::from_cache>("from_cache"),
        field<&CallResult::downgraded>("downgraded"), field<&CallResult::heal_level>("heal_level"),
        field<&CallResult::semantic_domain>("semantic_domain"),
        field<&CallResult::validation_passed>("validation_passed"),
-       field<&CallResult::contract_result>("contract_result"),
-       field<&CallResult::mapek_trace>("mapek_trace"),
+       field<&CallResult::contract_result>("contract_result", "ContractResult | None"),
+       field<&CallResult::mapek_trace>("mapek_trace", "dict[str, typing.Any] | typing.Any"),
        field<&CallResult::raw_response>("raw_response")});
 }
 

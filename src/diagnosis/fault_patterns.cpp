@@ -126,11 +126,13 @@ const CompiledPatterns& compiled() {
 constexpr std::string_view kDotlessI = "\u0131";
 
 std::string without_dotless_i(std::string_view text) {
-  std::string replaced(text);
-  for (std::size_t at = 0; (at = replaced.find(kDotlessI, at)) != std::string::npos;) {
-    replaced.replace(at, kDotlessI.size(), "i");
+  std::string replaced;
+  replaced.reserve(text.size());
+  for (std::size_t at; (at = text.find(kDotlessI)) != std::string_view::npos;) {
+    replaced.append(text.substr(0, at)).append("i");
+    text.remove_prefix(at + kDotlessI.size());
   }
-  return replaced;
+  return replaced.append(text);
 }
 
 }  // namespace

@@ -32,13 +32,13 @@ class Call {
   void classify();
   bool under_back_pressure() const;
   bool monitor();
-  void analyze();
+  Task<void> analyze();
   Task<std::optional<AdmittedSlot>> plan();
   Task<CallOutcome> execute(AdmittedSlot slot);
   Task<CallOutcome> succeed(double latency_ms);
 
   Route route_to(NamedProvider target) const;
-  std::string learned_target() const;
+  Task<std::string> learned_target() const;
   CallOutcome refuse(std::string message);
 
   const CallRequest& request_;
@@ -57,7 +57,7 @@ Task<CallOutcome> Call::run() {
   trace_.enter(MapeKPhase::kMonitor, engine_.clock);
   if (under_back_pressure()) co_await io_.sleep(kBackPressurePause);
   if (!monitor()) co_return refuse("No healthy providers available.");
-  analyze();
+  co_await analyze();
   std::optional<AdmittedSlot> slot = co_await plan();
   if (!slot) co_return refuse(refusal_);
   co_return co_await execute(std::move(*slot));
@@ -95,12 +95,12 @@ bool Call::monitor() {
   return true;
 }
 
-void Call::analyze() {
+Task<void> Call::analyze() {
   trace_.enter(MapeKPhase::kAnalyze, engine_.clock);
-  const std::string target = learned_target();
-  if (target.empty() || target == route_.target.name) return;
+  const std::string target = co_await learned_target();
+  if (target.empty() || target == route_.target.name) co_return;
   const auto learned = std::ranges::find(available_, target, &NamedProvider::name);
-  if (learned == available_.end()) return;
+  if (learned == available_.end()) co_return;
   learned_ = true;
   route_ = route_to(*learned);
   engine_.counters.count({Counter::kL4Learned});
@@ -108,15 +108,16 @@ void Call::analyze() {
 }
 
 // Where a confident rule sends requests of this kind; empty when there is none.
-std::string Call::learned_target() const {
+Task<std::string> Call::learned_target() const {
   const auto hint = model_to_error_hint(request_.model);
-  const RulePtr rule = hint ? engine_.learner.match(*hint) : nullptr;
-  if (!rule || rule->confidence <= kLearnedRoutingConfidence) return {};
+  if (!hint) co_return std::string();
+  const RulePtr rule = co_await io_.advise(*hint);
+  if (!rule || rule->confidence <= kLearnedRoutingConfidence) co_return std::string();
   std::string target = rule->action;
   for (std::size_t at = 0; (at = target.find(kFailoverAction, at)) != std::string::npos;) {
     target.erase(at, kFailoverAction.size());
   }
-  return target;
+  co_return target;
 }
 
 // Admission by the chosen provider, else by the one fallback; a refusal leaves its message behind.

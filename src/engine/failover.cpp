@@ -31,7 +31,7 @@ class Failover {
   SemanticDomain domain() const { return request_.classification.domain; }
   std::string category() const { return std::string(value_of(request_.diagnosis.category)); }
 
-  std::vector<NamedProvider> candidates() const;
+  Task<std::vector<NamedProvider>> candidates() const;
   Task<Ended> try_candidate(const NamedProvider& candidate);
   Task<Ended> judge(const NamedProvider& candidate, std::size_t answer_length,
                     std::optional<bool>& validation_passed);
@@ -49,7 +49,7 @@ class Failover {
 };
 
 Task<CallOutcome> Failover::run() {
-  const std::vector<NamedProvider> ordered = candidates();
+  const std::vector<NamedProvider> ordered = co_await candidates();
   for (const NamedProvider& candidate : ordered) {
     Ended ended = co_await try_candidate(candidate);
     if (ended) co_return std::move(*ended);
@@ -58,22 +58,24 @@ Task<CallOutcome> Failover::run() {
 }
 
 // Best first. The priority of each is taken once; equals keep the order of registration.
-std::vector<NamedProvider> Failover::candidates() const {
+Task<std::vector<NamedProvider>> Failover::candidates() const {
   struct Ranked {
     double priority;
     NamedProvider candidate;
   };
   std::vector<Ranked> ranked;
-  for (NamedProvider& candidate : available_providers(engine_.registry)) {
+  const std::string pattern(request_.diagnosis.fault_label());
+  std::vector<NamedProvider> available = available_providers(engine_.registry);
+  for (NamedProvider& candidate : available) {
     if (candidate.name == request_.failed_provider) continue;
-    const double priority =
-        provider_priority(candidate, category(), request_.diagnosis.sub_category, engine_.learner);
+    const RulePtr advice = co_await io_.advise(pattern);
+    const double priority = provider_priority(candidate, advice);
     ranked.push_back({priority, std::move(candidate)});
   }
   std::ranges::stable_sort(ranked, std::greater{}, &Ranked::priority);
   std::vector<NamedProvider> ordered;
   for (Ranked& entry : ranked) ordered.push_back(std::move(entry.candidate));
-  return ordered;
+  co_return ordered;
 }
 
 // Nothing when the candidate was skipped or failed, and the next one is to be tried.
@@ -188,12 +190,10 @@ void Failover::close_trace(const char* execute_result) {
 
 }  // namespace
 
-double provider_priority(const NamedProvider& candidate, std::string_view fault_pattern,
-                         std::string_view sub_category, FlywheelLearner& learner) {
+double provider_priority(const NamedProvider& candidate, const RulePtr& advice) {
   double score = candidate.provider->health_score();
-  const RulePtr rule = learner.match(sub_category.empty() ? fault_pattern : sub_category);
-  if (rule && text::contains(rule->action, "failover:" + candidate.name)) {
-    score += rule->confidence * kAdviceWeight;
+  if (advice && text::contains(advice->action, "failover:" + candidate.name)) {
+    score += advice->confidence * kAdviceWeight;
   }
   const double latency_ms = candidate.provider->avg_latency();
   if (latency_ms > 0 && latency_ms < kSlowLatencyMs) {

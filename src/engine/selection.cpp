@@ -1,6 +1,7 @@
 #include "engine/selection.h"
 
 #include <algorithm>
+#include <span>
 
 #include "providers/preset_tables.h"
 
@@ -18,11 +19,11 @@ const NamedProvider& pick_provider(std::string_view model,
 }
 
 const NamedProvider& pick_fallback(const std::vector<NamedProvider>& providers) {
-  const NamedProvider* healthiest = nullptr;
-  double best = 0.0;
-  for (const NamedProvider& candidate : providers) {
+  const NamedProvider* healthiest = &providers.front();
+  double best = healthiest->provider->health_score();
+  for (const NamedProvider& candidate : std::span(providers).subspan(1)) {
     const double score = candidate.provider->health_score();
-    if (healthiest && score <= best) continue;
+    if (score <= best) continue;
     healthiest = &candidate;
     best = score;
   }

@@ -1,5 +1,6 @@
 #include "flywheel/learned_rule.h"
 
+#include <limits>
 #include <numeric>
 
 namespace tarvomeldric {
@@ -25,13 +26,15 @@ double mean(const std::vector<double>& values) {
 }  // namespace
 
 void LearnedRule::update(bool success, double heal_time_ms, double now) {
-  ++(success ? success_count : fail_count);
+  std::int64_t& count = success ? success_count : fail_count;
+  if (count < std::numeric_limits<std::int64_t>::max()) ++count;
   if (success && heal_time_ms > 0) {
     remember(heal_times, heal_time_ms);
     avg_heal_time_ms = mean(heal_times);
   }
-  const std::int64_t total = success_count + fail_count;
-  confidence = total > 0 ? static_cast<double>(success_count) / static_cast<double>(total) : 0.0;
+  // As floats: a count that came from outside may be anything.
+  const double total = static_cast<double>(success_count) + static_cast<double>(fail_count);
+  confidence = total > 0 ? static_cast<double>(success_count) / total : 0.0;
   last_seen = now;
 }
 

@@ -3,12 +3,15 @@
 #include <algorithm>
 
 #include "flywheel/bootstrap_rules.h"
+#include "flywheel/rules_json.h"
+#include "support/blocking.h"
 
 namespace tarvomeldric {
 namespace {
 
 constexpr double kAdviceConfidence = 0.6;
 constexpr double kHighConfidence = 0.8;
+constexpr std::int64_t kRecordsPerWrite = 20;
 
 // The best of the rules offered to it; on equal confidence the first one stays.
 struct Best {
@@ -24,12 +27,11 @@ struct Best {
 
 }  // namespace
 
-FlywheelLearner::FlywheelLearner(const Clock& clock) : clock_(clock) {
-  MutexLock lock(mutex_);
-  seed();
-}
+FlywheelLearner::FlywheelLearner(std::string persist_path, const Clock& clock)
+    : clock_(clock), file_(std::move(persist_path)) {}
 
 void FlywheelLearner::seed() {
+  MutexLock lock(mutex_);
   const double now = clock_.wall();
   for (const BootstrapRule& row : kBootstrapRules) {
     auto rule = std::make_shared<LearnedRule>();
@@ -42,26 +44,65 @@ void FlywheelLearner::seed() {
     fields_.rules[rule_key(row.pattern, row.action)] = std::move(rule);
   }
   fields_.bootstrap_loaded = true;
+  persist();
+}
+
+void FlywheelLearner::store(const std::string& key, RulePtr rule) {
+  MutexLock lock(mutex_);
+  fields_.rules[key] = std::move(rule);
+}
+
+void FlywheelLearner::merge(const std::string& key, const RulePtr& rule) {
+  MutexLock lock(mutex_);
+  RulePtr& known = fields_.rules[key];
+  if (!known || rule->confidence > known->confidence) known = rule;
 }
 
 void FlywheelLearner::record(const Outcome& outcome) {
   MutexLock lock(mutex_);
-  RulePtr& rule = fields_.rules[rule_key(outcome.error_pattern, outcome.action)];
+  const std::string key = rule_key(outcome.error_pattern, outcome.action);
+  RulePtr rule = fields_.rules[key];
   if (!rule) {
     rule = std::make_shared<LearnedRule>();
     rule->pattern = outcome.error_pattern;
     rule->action = outcome.action;
     rule->source = "learned";
+    fields_.rules[key] = rule;
   }
   rule->update(outcome.success, outcome.heal_time_ms, clock_.wall());
-  ++fields_.records;
+  const bool to_be_written = ++fields_.records % kRecordsPerWrite == 0;
+  const bool shared = fields_.sync_mode == "redis";
+  if (to_be_written) persist();
+  if (shared && publisher_) publisher_->publish(key, *rule);
+}
+
+void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
+  if (file_.path().empty()) return;
+  const std::string text = rules_file_text(fields_.rules);
+  const BlockingRegion region;
+  file_.write(text);
+}
+
+bool FlywheelLearner::would_wait() const NO_THREAD_SAFETY_ANALYSIS {
+  return mutex_.locked() || (publisher_ && fields_.sync_mode == "redis");
 }
 
 RulePtr FlywheelLearner::match(std::string_view error_pattern) {
+  MutexLock lock(mutex_);
+  return match_locked(error_pattern);
+}
+
+std::optional<RulePtr> FlywheelLearner::try_match(std::string_view error_pattern) {
+  if (!mutex_.try_lock()) return std::nullopt;
+  RulePtr rule = match_locked(error_pattern);
+  mutex_.unlock();
+  return rule;
+}
+
+RulePtr FlywheelLearner::match_locked(std::string_view error_pattern) {
   const std::size_t colon = error_pattern.find(':');
   const std::string_view category = error_pattern.substr(0, colon);
   const bool has_category = colon != std::string_view::npos;
-  MutexLock lock(mutex_);
   const double now = clock_.wall();
   Best exact;
   Best fallback;

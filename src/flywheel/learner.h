@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "flywheel/learned_rule.h"
+#include "flywheel/rules_file.h"
 #include "support/clock.h"
 #include "support/guarded_record.h"
 #include "support/ordered_map.h"
@@ -27,7 +29,7 @@ struct LearnerFields {
   OrderedMap<RulePtr> rules;  // by rule_key
   std::int64_t records = 0;
   bool bootstrap_loaded = false;
-  std::string sync_mode = "local";
+  std::string sync_mode = "local";  // "redis" while rules are shared with a fleet
 };
 
 struct LearnerStats {
@@ -38,31 +40,58 @@ struct LearnerStats {
   std::string sync_mode;
 };
 
+// Who is told of every recorded rule while the learner shares its rules. Called under the learner's
+// lock; must not throw and must not call back.
+class RulePublisher {
+ public:
+  virtual ~RulePublisher() = default;
+  virtual void publish(const std::string& key, const LearnedRule& rule) = 0;
+};
+
 // The table of what worked for which fault, and the advice drawn from it. It only remembers and
 // answers; routing is up to the engine.
 //
 //   learner.record({"timeout", "failover:openai", true, 850.0});
 //   if (RulePtr rule = learner.match("timeout:azure")) ... rule->action ...
 //
-// Any thread; every operation holds the lock for its whole duration.
+// The table is written to the rules file at every 20th record. Any thread; every operation holds the
+// lock for its whole duration, `record` also while it writes the file and tells the publisher.
 class FlywheelLearner : public GuardedRecord<LearnerFields> {
  public:
-  // Starts from the bootstrap rules.
-  explicit FlywheelLearner(const Clock& clock = system_clock());
+  // An empty table, kept in memory alone while the path is empty; `seed` or `store` fill it.
+  explicit FlywheelLearner(std::string persist_path = "", const Clock& clock = system_clock());
 
   void record(const Outcome& outcome);
   // The most confident rule above 0.6 for exactly this pattern, else for its category (the part
   // before the first colon); null when there is none. Rules gone stale lose confidence first.
   RulePtr match(std::string_view error_pattern);
+  // The same for one who must not wait: nothing when the lock is held by somebody.
+  std::optional<RulePtr> try_match(std::string_view error_pattern);
   std::vector<RulePtr> rules() const;
   LearnerStats stats() const;
+
+  // Starts from the bootstrap rules, and writes them.
+  void seed();
+  // Puts a rule into the table, in place of one with the same key.
+  void store(const std::string& key, RulePtr rule);
+  // The same for a rule that another learner published: only when it is new here, or more confident.
+  void merge(const std::string& key, const RulePtr& rule);
+
+  // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.
+  void persist();
+  RulesFile& file() { return file_; }
+  // Whether `record` would wait for somebody: the lock is held, or there is a fleet to tell.
+  bool would_wait() const;
+  void set_publisher(RulePublisher* publisher) { publisher_ = publisher; }
 
   const Clock& clock() const { return clock_; }
 
  private:
-  void seed() REQUIRES(mutex_);
+  RulePtr match_locked(std::string_view error_pattern) REQUIRES(mutex_);
 
   const Clock& clock_;
+  RulesFile file_;
+  RulePublisher* publisher_ = nullptr;
 };
 
 }  // namespace tarvomeldric

@@ -38,4 +38,11 @@ void Bulkhead::release() {
   fields_.active = std::max<std::int64_t>(0, fields_.active - 1);
 }
 
+void Bulkhead::reset_after_fork() {
+  mutex_.reset_after_fork();
+  MutexLock lock(mutex_);
+  fields_.semaphore = std::make_shared<Semaphore>(fields_.max_concurrent);
+  fields_.active = 0;
+}
+
 }  // namespace tarvomeldric

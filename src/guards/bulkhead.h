@@ -30,6 +30,9 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
   // The two halves of `acquire`, for those who wait in their own way in between.
   std::shared_ptr<Semaphore> semaphore() const;
   void count(bool granted);
+
+  // In the child of a fork nobody holds a slot: its lock and all its permits are new.
+  void reset_after_fork();
 };
 
 }  // namespace tarvomeldric

@@ -78,7 +78,7 @@ void Semaphore::join(const std::shared_ptr<Waiter>& waiter) {
     InnerLock lock(inner_);
     if (waiter->place_ == Waiter::Place::kInLine) return;
     forget_locked(*waiter);
-    line_.push_back(waiter);
+    line_.push_back({waiter.get(), waiter});
     waiter->place_ = Waiter::Place::kInLine;
   }
   wake_waiters();
@@ -123,7 +123,7 @@ std::int64_t Semaphore::on_their_way_locked() {
 void Semaphore::forget_locked(Waiter& waiter) {
   if (waiter.place_ == Waiter::Place::kWoken) woken_ = std::max<std::int64_t>(0, woken_ - 1);
   if (waiter.place_ == Waiter::Place::kInLine) {
-    line_.remove_if([&](const auto& in_line) { return in_line.get() == &waiter; });
+    line_.remove_if([&](const InLine& place) { return place.who == &waiter; });
   }
   waiter.place_ = Waiter::Place::kNotInLine;
 }
@@ -131,9 +131,13 @@ void Semaphore::forget_locked(Waiter& waiter) {
 // The first in line, when there is a permit that nobody is on the way to.
 std::shared_ptr<Semaphore::Waiter> Semaphore::next_to_wake() {
   InnerLock lock(inner_);
-  if (line_.empty() || permits_ <= on_their_way_locked()) return nullptr;
-  auto next = std::move(line_.front());
-  line_.pop_front();
+  if (permits_ <= on_their_way_locked()) return nullptr;
+  std::shared_ptr<Waiter> next;
+  while (!next && !line_.empty()) {
+    next = line_.front().waiter.lock();
+    line_.pop_front();
+  }
+  if (!next) return nullptr;
   next->place_ = Waiter::Place::kWoken;
   ++woken_;
   last_wake_ = clock_.monotonic();

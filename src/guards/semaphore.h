@@ -47,7 +47,8 @@ class Semaphore {
   void release();
 
   // For those who wait in their own way (coroutines): into the line, a look from within it, out of
-  // it. Whoever joined must leave. `look` answers whether a permit was taken.
+  // it. Whoever joined must leave, or be destroyed: the line holds nobody alive. `look` answers
+  // whether a permit was taken.
   void join(const std::shared_ptr<Waiter>& waiter);
   bool look(Waiter& waiter);
   void leave(Waiter& waiter);
@@ -59,6 +60,11 @@ class Semaphore {
   static constexpr double kGrace = 0.1;       // seconds
 
  private:
+  struct InLine {
+    const Waiter* who;
+    std::weak_ptr<Waiter> waiter;
+  };
+
   bool take_locked(std::int64_t claims) REQUIRES(inner_);
   std::int64_t on_their_way_locked() REQUIRES(inner_);
   void forget_locked(Waiter& waiter) REQUIRES(inner_);
@@ -88,7 +94,7 @@ class Semaphore {
   const Clock& clock_;
   mutable Inner inner_;
   std::int64_t permits_ GUARDED_BY(inner_);
-  std::list<std::shared_ptr<Waiter>> line_ GUARDED_BY(inner_);
+  std::list<InLine> line_ GUARDED_BY(inner_);
   std::int64_t woken_ GUARDED_BY(inner_) = 0;  // told, and not seen since
   double last_wake_ GUARDED_BY(inner_) = 0.0;  // monotonic, seconds
 };

@@ -66,11 +66,7 @@ struct Arg {
 };
 
 // The annotation that belongs to an `Arg`: whatever is given reaches the body, None included.
-inline nb::arg arg(const char* name) {
-  nb::arg annotation(name);
-  annotation.none();
-  return annotation;
-}
+inline auto arg(const char* name) { return nb::arg(name).none(); }
 
 }  // namespace tarvomeldric::host
 

@@ -13,13 +13,16 @@ constexpr std::array kHeldObjects{
     &CallState::metrics, &CallState::topology,  &CallState::answer,    &CallState::raw_response,
     &CallState::error,   &CallState::verdict,   &CallState::fault,     &CallState::trace};
 
+constexpr const char* kWaiting = "tarvomeldric._waiting";
+
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
 std::optional<std::int64_t> status_of(nb::handle error) {
-  std::optional<std::int64_t> status;
   const nb::object given = nb::getattr(error, "status_code", nb::none());
-  if (PyLong_Check(given.ptr())) status = nb::cast<std::int64_t>(given);
-  return status;
+  if (!PyLong_Check(given.ptr())) return std::nullopt;
+  int overflow = 0;
+  const std::int64_t status = PyLong_AsLongLongAndOverflow(given.ptr(), &overflow);
+  return overflow == 0 ? std::optional(status) : std::nullopt;
 }
 
 std::size_t length_of(nb::handle answer) {
@@ -39,7 +42,7 @@ Surroundings CallState::surroundings() {
   return {*registry,
           bound<SemanticTopology>(topology, "_topology"),
           bound<Diagnoser>(diagnoser, "_diagnoser"),
-          bound<FlywheelLearner>(learner, "_learner"),
+          bound<HostLearner>(learner, "_learner"),
           bound<MetricsCollector>(metrics, "_metrics"),
           native().counters};
 }
@@ -66,11 +69,6 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
     attempt.failure = ApiFailure{text_form(state_.error), status_of(state_.error)};
   }
   co_return attempt;
-}
-
-Task<void> CallIo::learn(Outcome outcome) {
-  nb::inst_ptr<FlywheelLearner>(state_.learner)->record(outcome);
-  co_return;
 }
 
 bool CallIo::contract_has_schema() const {
@@ -140,6 +138,15 @@ Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model) {
   co_return answer;
 }
 
+Task<void> BlockingIo::learn(Outcome outcome) {
+  learner().record(outcome);
+  co_return;
+}
+
+Task<RulePtr> BlockingIo::advise(std::string error_pattern) {
+  co_return learner().match(error_pattern);
+}
+
 Task<void> AwaitingIo::sleep(double seconds) {
   HostAwait sleeping(suspension_, call(import("asyncio").attr("sleep"), seconds));
   co_await sleeping;
@@ -147,10 +154,33 @@ Task<void> AwaitingIo::sleep(double seconds) {
 
 Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
   if (!(timeout > 0)) co_return semaphore->take_any();
-  HostAwait waiting(suspension_, call(import("tarvomeldric._waiting").attr("wait_for_permit"),
+  HostAwait waiting(suspension_, call(import(kWaiting).attr("wait_for_permit"),
                                       semaphore, timeout));
   const nb::object granted = co_await waiting;
   co_return granted.is(nb::handle(Py_True));
+}
+
+// What would hold up the event loop is done by the learner's worker thread, in order.
+Task<void> AwaitingIo::learn(Outcome outcome) {
+  if (!learner().would_wait()) {
+    learner().record(outcome);
+    co_return;
+  }
+  HostAwait recording(suspension_,
+                      call(import(kWaiting).attr("in_worker"), state_.learner, "record",
+                           from_utf8(outcome.error_pattern), from_utf8(outcome.action),
+                           outcome.success, outcome.heal_time_ms));
+  co_await recording;
+}
+
+Task<RulePtr> AwaitingIo::advise(std::string error_pattern) {
+  std::optional<RulePtr> at_once = learner().try_match(error_pattern);
+  if (at_once) co_return std::move(*at_once);
+  HostAwait matching(suspension_, call(import(kWaiting).attr("in_worker"), state_.learner, "match",
+                                       from_utf8(error_pattern)));
+  const nb::object rule = co_await matching;
+  if (rule.is_none()) co_return nullptr;
+  co_return nb::cast<RulePtr>(rule);
 }
 
 Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {

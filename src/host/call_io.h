@@ -61,13 +61,13 @@ class CallIo : public Io {
  public:
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
   Task<Attempt> execute(ProviderPtr provider, std::string model) override;
-  Task<void> learn(Outcome outcome) override;
   bool has_contract() const override { return !state_.contract.is_none(); }
   bool contract_has_schema() const override;
   bool validate() override;
   void report(const Recovery& recovery) override;
 
  protected:
+  HostLearner& learner() const { return *nb::inst_ptr<HostLearner>(state_.learner); }
   virtual Task<nb::object> perform(ProviderPtr provider, std::string model) = 0;
 
   // The replacement of the engine's own execution, or null.
@@ -88,6 +88,8 @@ class BlockingIo final : public CallIo {
   explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+  Task<void> learn(Outcome outcome) override;
+  Task<RulePtr> advise(std::string error_pattern) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model) override;
@@ -100,6 +102,8 @@ class AwaitingIo final : public CallIo {
       : CallIo(state, execute_seam), suspension_(suspension) {}
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+  Task<void> learn(Outcome outcome) override;
+  Task<RulePtr> advise(std::string error_pattern) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model) override;

@@ -26,6 +26,13 @@ PySendResult raise_error(PyObject* type, const char* message) {
   return PYGEN_ERROR;
 }
 
+// A coroutine's StopIteration would read as its result; the host's own coroutines raise this instead.
+void forbid_stop_iteration() {
+  if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return;
+  nb::python_error stop;
+  nb::raise_from(stop, PyExc_RuntimeError, "coroutine raised StopIteration");
+}
+
 // The one exception instance that the arguments of `throw` mean.
 nb::object exception_of(nb::handle type, nb::handle value, nb::handle traceback) {
   nb::object exception;
@@ -121,6 +128,7 @@ PySendResult Coroutine::throw_in(nb::handle type, nb::handle value, nb::handle t
   if (stage_ == Stage::kNew) {
     finish();
     PyErr_SetObject(exception.type().ptr(), exception.ptr());
+    forbid_stop_iteration();
     return PYGEN_ERROR;
   }
   return throw_into_awaited(exception, out);
@@ -187,6 +195,7 @@ PySendResult Coroutine::settle(PyObject** out) {
   finish();
   if (!thrown) return PYGEN_RETURN;
   set_error(thrown);
+  forbid_stop_iteration();
   return PYGEN_ERROR;
 }
 

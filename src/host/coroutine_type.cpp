@@ -43,7 +43,12 @@ PyObject* next(PyObject* self) {
   return answer(reply, value);
 }
 
-PyObject* same(PyObject* self) {
+// One that a task is driving at the moment cannot be awaited by somebody else.
+PyObject* awaited(PyObject* self) {
+  if (!coroutine_of(self).awaiting().is_none()) {
+    PyErr_SetString(PyExc_RuntimeError, "coroutine is being awaited already");
+    return nullptr;
+  }
   Py_INCREF(self);
   return self;
 }
@@ -90,7 +95,7 @@ nb::object checked(PyObject* answered) {
 }  // namespace
 
 void bind_coroutine(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_am_await, reinterpret_cast<void*>(same)},
+  PyType_Slot slots[] = {{Py_am_await, reinterpret_cast<void*>(awaited)},
                          {Py_am_send, reinterpret_cast<void*>(send)},
                          {Py_tp_iternext, reinterpret_cast<void*>(next)},
                          {Py_tp_getset, members},

@@ -62,7 +62,7 @@ nb::object keys_or_empty(nb::handle api_keys) {
 Engine::Engine(nb::handle given_providers, nb::handle api_keys)
     : providers(nb::dict()),
       diagnoser(made<Diagnoser>()),
-      learner(made<FlywheelLearner>()),
+      learner(made<HostLearner>()),
       metrics(made<MetricsCollector>()),
       topology(made<SemanticTopology>()),
       http_pool(nb::dict()),

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "engine/call.h"
+#include "host/learner.h"
 #include "host/python.h"
 #include "providers/engine_counters.h"
 #include "providers/registry.h"
@@ -34,6 +35,10 @@ class Engine {
   nb::object close();
   void close_sync();
   void close_sync_clients();
+
+  // In the child of a fork: new locks, free slots, and connections of its own. The parent's stay as
+  // they are.
+  void after_fork();
 
   nb::object telemetry_collector();
 

@@ -70,7 +70,7 @@ nb::dict Engine::stats() const {
   put(dict, "providers", records);
   put(dict, "diagnosis_counts", stats_of(diagnosed));
   put(dict, "diagnosis_latency_us", latency_stats_of(diagnosed));
-  put(dict, "flywheel", stats_of(bound<FlywheelLearner>(learner, "_learner")));
+  put(dict, "flywheel", stats_of(bound<HostLearner>(learner, "_learner")));
   put(dict, "metrics", all_of(bound<MetricsCollector>(metrics, "_metrics")));
   return dict;
 }
@@ -101,7 +101,7 @@ nb::dict Engine::mapek_stats() const {
   put(dict, "heal_cascade", cascade);
   put(dict, "contract_validation", contracts);
   put(dict, "semantic_boundaries", boundaries);
-  put(dict, "flywheel_rules", stats_of(bound<FlywheelLearner>(learner, "_learner")));
+  put(dict, "flywheel_rules", stats_of(bound<HostLearner>(learner, "_learner")));
   return dict;
 }
 

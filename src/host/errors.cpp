@@ -26,7 +26,7 @@ nb::object as_status(nb::handle status) {
   if (!slots || !(slots->nb_index || slots->nb_int)) {
     refuse_argument("status_code", "int or None", status);
   }
-  const auto whole = nb::steal(PyNumber_Long(status.ptr()));
+  auto whole = nb::steal(PyNumber_Long(status.ptr()));
   if (!whole.is_valid()) throw nb::python_error();
   return whole;
 }

@@ -47,7 +47,7 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
 
 // item(a, b, ...) is what the host writes as a[b]...; a missing one is the host's error.
 nb::object item(nb::handle container, nb::handle key) {
-  const auto found =
+  auto found =
       host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
   if (!found.is_valid()) throw nb::python_error();
   return found;
@@ -56,7 +56,7 @@ nb::object item(nb::handle container, const char* key) { return item(container, 
 nb::object first(nb::handle container) { return item(container, nb::int_(0)); }
 
 nb::object image_answer(nb::handle image) {
-  const nb::object url = call(image.attr("get"), "url");
+  nb::object url = call(image.attr("get"), "url");
   if (is_true(url)) return url;
   return call(image.attr("get"), "b64_json", "");
 }

@@ -37,4 +37,20 @@ nb::object Engine::close() {
               self.attr("_close_sync_clients"));
 }
 
+void Engine::after_fork() {
+  counters.reset_after_fork();
+  pool_lock.reset_after_fork();
+  sync_client_lock.reset_after_fork();
+  bound<Diagnoser>(diagnoser, "_diagnoser").mutex().reset_after_fork();
+  bound<MetricsCollector>(metrics, "_metrics").mutex().reset_after_fork();
+  for (const NamedProvider& entry : HostRegistry(providers).entries()) {
+    entry.provider->reset_after_fork();
+  }
+  call(import("tarvomeldric._fork").attr("keep"), clients_.is_valid() ? clients_ : nb::none(),
+       call(http_pool.attr("copy")), call(sync_client_pool.attr("copy")));
+  clients_.reset();
+  call(http_pool.attr("clear"));
+  call(sync_client_pool.attr("clear"));
+}
+
 }  // namespace tarvomeldric::host

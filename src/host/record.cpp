@@ -49,6 +49,7 @@ void RecordTable::fill(void* target, const nb::args& args, const nb::kwargs& kwa
     if (keyword && i < given) {
       type_error(std::string(name) + "() got multiple values for argument '" + field.name + "'");
     }
+    if (field.own) continue;
     if (i < given) {
       assign_field(name, target, field, args[i]);
     } else if (keyword) {

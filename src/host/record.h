@@ -32,6 +32,7 @@ struct Field {
   bool compared = true;  // in `==` and in pickles
   bool assignable = true;
   bool secret = false;   // shown as asterisks
+  bool own = false;      // made by the record itself
   bool varying = false;  // no two records start with the same value
 };
 
@@ -47,14 +48,15 @@ MemberOf<F, M> member_of(M F::*);
 
 }  // namespace detail
 
+// `type` says what a field that takes any host object is meant to hold.
 template <auto Pointer>
-Field field(const char* name) {
+Field field(const char* name, const char* type = nullptr) {
   using Of = decltype(detail::member_of(Pointer));
   using F = typename Of::Fields;
   using M = typename Of::Member;
   Field made{};
   made.name = name;
-  made.type = Convert<M>::kName.text;
+  made.type = type ? type : Convert<M>::kName.text;
   made.set = [](void* fields, nb::handle value) {
     M converted{};
     if (!Convert<M>::from(value, converted)) return false;
@@ -75,16 +77,16 @@ Field field(const char* name) {
 }
 
 template <auto Pointer>
-Field required(const char* name) {
-  Field made = field<Pointer>(name);
+Field required(const char* name, const char* type = nullptr) {
+  Field made = field<Pointer>(name, type);
   made.required = true;
   return made;
 }
 
-// A part that is made with its record: a given one is not taken over, and none is compared or
-// copied.
+// A part that every record makes for itself: one given at construction is not taken over, and none is
+// shown, compared or copied.
 inline Field own_part(Field part) {
-  part.set = [](void*, nb::handle) { return true; };
+  part.own = true;
   part.shown = part.compared = false;
   return part;
 }
@@ -208,20 +210,25 @@ nb::class_<T> bind_record(
       },
       nb::sig(table->signature(&defaults).c_str()));
   for (const Field& field : table->fields) bind_field(cls, field);
-  cls.def("__repr__", [table](nb::pointer_and_handle<T> self) -> nb::object {
-    if constexpr (requires { summary(*self.p); }) {
-      return from_utf8(summary(*self.p));
-    } else {
-      return table->repr(self.h.ptr());
-    }
-  });
+  cls.def(
+      "__repr__",
+      [](nb::pointer_and_handle<T> self) -> nb::object {
+        if constexpr (requires { summary(*self.p); }) {
+          return from_utf8(summary(*self.p));
+        } else {
+          return record_table<T>->repr(self.h.ptr());
+        }
+      },
+      nb::sig("def __repr__(self) -> str"));
   cls.def(
       "__eq__",
       [table](nb::handle_t<T> self, nb::handle other) {
         return table->equals(self.ptr(), other.ptr());
       },
       nb::arg("other").none(), nb::sig("def __eq__(self, other: object, /) -> bool"));
-  cls.def("__reduce__", [table](nb::handle_t<T> self) { return table->reduce(self.ptr()); });
+  cls.def(
+      "__reduce__", [table](nb::handle_t<T> self) { return table->reduce(self.ptr()); },
+      nb::sig("def __reduce__(self) -> tuple[typing.Any, ...]"));
   cls.attr("__hash__") = nb::none();
   cls.attr("__match_args__") = table->match_args();
   return cls;

@@ -5,8 +5,8 @@
 
 #include "diagnosis/diagnoser.h"
 #include "engine/trace.h"
-#include "flywheel/learner.h"
 #include "host/convert.h"
+#include "host/learner.h"
 #include "observability/metrics_collector.h"
 #include "providers/provider_config.h"
 #include "semantic/topology.h"
@@ -84,8 +84,12 @@ struct HostName<Diagnoser> {
   static constexpr auto value = nb::detail::const_name("Diagnoser");
 };
 template <>
-struct HostName<FlywheelLearner> {
+struct HostName<HostLearner> {
   static constexpr auto value = nb::detail::const_name("FlywheelLearner");
+};
+template <>
+struct HostName<SemanticTopology> {
+  static constexpr auto value = nb::detail::const_name("SemanticTopology");
 };
 template <>
 struct HostName<MetricsCollector> {

@@ -96,7 +96,7 @@ bool assign(OrderedMap<V>& map, nb::handle values) {
 
 template <class T>
 struct Convert<std::vector<T>> {
-  static constexpr auto kName = nb::detail::const_name("collections.abc.Iterable[") +
+  static constexpr auto kName = nb::detail::const_name("collections.abc.MutableSequence[") +
                                 Convert<T>::kName + nb::detail::const_name("]");
   static bool from(nb::handle h, std::vector<T>& out) {
     return !PyUnicode_Check(h.ptr()) && PySequence_Check(h.ptr()) && assign(out, h);
@@ -119,7 +119,7 @@ struct Convert<BoundedQueue<T, N>> {
 
 template <class V>
 struct Convert<OrderedMap<V>> {
-  static constexpr auto kName = nb::detail::const_name("collections.abc.Mapping[str, ") +
+  static constexpr auto kName = nb::detail::const_name("collections.abc.MutableMapping[str, ") +
                                 Convert<V>::kName + nb::detail::const_name("]");
   static bool from(nb::handle h, OrderedMap<V>& out) { return assign(out, h); }
   static nb::object to(const OrderedMap<V>& map) { return host_dict(map); }

@@ -133,4 +133,15 @@ void ProviderConfig::record_failure(std::string_view error, std::string_view fau
   if (may_trip && breaker->state() == CircuitState::kOpen) breaker->trip_with_fault(fault_category);
 }
 
+void ProviderConfig::reset_after_fork() {
+  mutex_.reset_after_fork();
+  MutexLock lock(mutex_);
+  fields_.circuit_breaker->mutex().reset_after_fork();
+  for (const auto& [_, breaker] : fields_.category_circuit_breakers) {
+    breaker->mutex().reset_after_fork();
+  }
+  fields_.rate_limiter->mutex().reset_after_fork();
+  fields_.bulkhead->reset_after_fork();
+}
+
 }  // namespace tarvomeldric

@@ -71,6 +71,9 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   // A categorised failure that opens the breaker also sets the cooldown that suits its category.
   void record_failure(std::string_view error, std::string_view fault_category = "");
 
+  // In the child of a fork: the locks of the record and of its guards are new, its slots free.
+  void reset_after_fork();
+
  private:
   const Clock& clock_;
 };

@@ -29,6 +29,29 @@ bool is_anthropic(std::string_view provider_name, std::string_view base_url) {
   return provider_name == "anthropic" || text::contains(base_url, "anthropic");
 }
 
+bool speaks_of_credentials(std::string_view shown) {
+  const std::string lowered = text::lower(shown);
+  return std::ranges::any_of(
+      kSecretMarkers, [&](std::string_view marker) { return text::contains(lowered, marker); });
+}
+
+// What a failure's text would show as it is, whichever way it quotes the rest.
+bool is_plain(char c) { return c > ' ' && c < 0x7F && c != '\'' && c != '"' && c != '\\'; }
+
+// Whether a text holds the key, or any stretch of it that is long enough to matter: an HTTP library
+// quotes a key that it cannot send with the offending characters escaped.
+bool holds_key(std::string_view text, std::string_view api_key) {
+  if (text::length(api_key) < kShortestKey) return false;
+  if (text::contains(text, api_key)) return true;
+  for (auto at = api_key.begin(); at != api_key.end();) {
+    const auto from = std::find_if(at, api_key.end(), is_plain);
+    at = std::find_if_not(from, api_key.end(), is_plain);
+    const std::string_view stretch(from, at);
+    if (stretch.size() >= kShortestKey && text::contains(text, stretch)) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 RequestKind request_kind(std::string_view api_type) {
@@ -65,12 +88,8 @@ std::vector<std::pair<std::string, std::string>> request_headers(std::string_vie
 
 std::string shown_failure(std::string_view failure_text, std::string_view api_key) {
   const std::string_view shown = text::first(failure_text, kShownFailure);
-  const std::string lowered = text::lower(shown);
-  const bool marked = std::ranges::any_of(
-      kSecretMarkers, [&](std::string_view marker) { return text::contains(lowered, marker); });
-  const bool has_key =
-      text::length(api_key) >= kShortestKey && text::contains(failure_text, api_key);
-  return std::string(marked || has_key ? kRedacted : shown);
+  const bool secret = speaks_of_credentials(shown) || holds_key(failure_text, api_key);
+  return std::string(secret ? kRedacted : shown);
 }
 
 std::string status_message(long status, std::string_view body) {

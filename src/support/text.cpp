@@ -24,6 +24,14 @@ constexpr bool is_space(std::uint32_t c) {
          c == 0x205F || c == 0x3000;
 }
 
+std::string_view last_character(std::string_view text) {
+  std::size_t at = text.size() - 1;
+  while (at > 0 && is_continuation(text[at])) --at;
+  return text.substr(at);
+}
+
+}  // namespace
+
 std::uint32_t code_point(std::string_view character) {
   const auto lead = static_cast<unsigned char>(character[0]);
   std::uint32_t c = lead < 0x80 ? lead : lead & (0x3FU >> (character.size() - 1));
@@ -36,14 +44,6 @@ std::string_view first_character(std::string_view text) {
   while (n < text.size() && is_continuation(text[n])) ++n;
   return text.substr(0, n);
 }
-std::string_view last_character(std::string_view text) {
-  std::size_t at = text.size() - 1;
-  while (at > 0 && is_continuation(text[at])) --at;
-  return text.substr(at);
-}
-
-}  // namespace
-
 void install_lower_hook(LowerHook hook) { lower_hook = hook; }
 
 std::string lower(std::string_view text) {

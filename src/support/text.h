@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,10 @@ std::string_view strip(std::string_view text);
 // Characters, not bytes.
 std::size_t length(std::string_view text);
 std::string_view first(std::string_view text, std::size_t characters);
+
+// The first character of a text that is not empty, and the code point of one character.
+std::string_view first_character(std::string_view text);
+std::uint32_t code_point(std::string_view character);
 
 bool contains(std::string_view text, std::string_view part);
 

@@ -1,0 +1,144 @@
+"""How learned rules travel between the members of a fleet: a Redis hash and a channel.
+
+Nothing here ever fails a caller. The publishing connection waits half a second at most; after it did
+not get through, the next tries are spaced out, and what was recorded meanwhile is sent in its latest
+state with the first publication that succeeds.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import socket
+import threading
+import time
+import weakref
+from typing import Any
+
+_TIMEOUT = 0.5  # seconds
+_FIRST_PAUSE = 1.0  # seconds
+_LONGEST_PAUSE = 30.0  # seconds
+
+
+def _connect(url: str, **options: Any) -> Any:
+    import redis
+    from redis.backoff import NoBackoff
+    from redis.retry import Retry
+
+    return redis.Redis.from_url(
+        url,
+        decode_responses=True,
+        encoding_errors="replace",
+        socket_connect_timeout=_TIMEOUT,
+        retry=Retry(NoBackoff(), 0),
+        **options,
+    )
+
+
+class Link:
+    """A learner's connection to its fleet."""
+
+    def __init__(self, url: str, channel: str) -> None:
+        self._url = url
+        self._channel = channel
+        self._source = os.environ.get("HOSTNAME", "local")
+        self._unsent: dict[str, tuple[str, str]] = {}
+        self._pause = 0.0
+        self._next_try = 0.0
+
+    def connect(self) -> Any:
+        """Opens the connection for the hash and for publishing."""
+        return _connect(self._url, socket_timeout=_TIMEOUT)
+
+    def source(self) -> str:
+        """The name under which this instance publishes."""
+        return self._source
+
+    def rules(self, client: Any) -> dict[str, str]:
+        """The shared hash: a rule's JSON text for each key."""
+        return dict(client.hgetall(f"{self._channel}:rules"))
+
+    def publish(self, client: Any, key: str, rule: str, message: str) -> None:
+        """Shares the latest state of a rule, and of those that could not be shared before."""
+        self._unsent[key] = (rule, message)
+        if time.monotonic() < self._next_try:
+            return
+        try:
+            for waiting in list(self._unsent):
+                rule, message = self._unsent[waiting]
+                client.hset(f"{self._channel}:rules", waiting, rule)
+                client.publish(self._channel, message)
+                self._unsent.pop(waiting, None)
+        except Exception:
+            self._pause = min(max(2 * self._pause, _FIRST_PAUSE), _LONGEST_PAUSE)
+            self._next_try = time.monotonic() + self._pause
+        else:
+            self._pause = 0.0
+
+    def subscription(self) -> Any:
+        """A connection of its own that is subscribed to the channel; reading it waits for ever."""
+        subscription = _connect(self._url, socket_timeout=None).pubsub()
+        subscription.subscribe(self._channel)
+        return subscription
+
+
+def start_subscriber(learner: Any) -> threading.Thread:
+    """Runs the learner's subscriber on a daemon thread that holds the learner only while it works for it."""
+    thread = threading.Thread(target=subscribe_for, args=(weakref.ref(learner),), daemon=True, name="rules subscriber")
+    thread.start()
+    return thread
+
+
+def subscribe_for(reference: weakref.ref[Any]) -> None:
+    """Follows the channel for a learner, as long as there is the learner and the connection."""
+    learner = reference()
+    if learner is None:
+        return
+    link = learner._link
+    del learner
+    with contextlib.suppress(Exception):
+        subscription = link.subscription()
+        with contextlib.closing(subscription):
+            _follow(subscription, reference)
+
+
+def _follow(subscription: Any, reference: weakref.ref[Any]) -> None:
+    learner = reference()
+    if learner is None:
+        return
+    # Wakes the thread out of its endless read when the learner is gone.
+    closing = weakref.finalize(learner, _shut, subscription)
+    closing.atexit = False
+    del learner
+    for item in subscription.listen():
+        if item.get("type") == "message":
+            learner = reference()
+            if learner is None:
+                return
+            merge(learner, item.get("data"))
+            del learner
+
+
+def _shut(subscription: Any) -> None:
+    with contextlib.suppress(Exception):
+        subscription.connection._sock.shutdown(socket.SHUT_RDWR)
+
+
+def merge(learner: Any, payload: Any) -> None:
+    """Takes in one published rule; what is not one is passed over."""
+    with contextlib.suppress(Exception):
+        message = json.loads(payload)
+        key, rule = message.get("key", ""), message.get("rule", {})
+        if key and rule:
+            learner._merge(key, rule)
+
+
+def load_rules(learner: Any) -> None:
+    """Takes over the shared hash, in place of local rules with the same keys; skips what is not a rule."""
+    shared = learner._link.rules(learner._redis_client)
+    for key, payload in shared.items():
+        with contextlib.suppress(Exception):
+            learner._store(key, json.loads(payload))
+    if shared:
+        learner._bootstrap_loaded = False

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tarvomeldric {
+
+// Where a learner's table is kept. Several processes may share it: a reader sees the old or the new
+// file, whole, never a part of one. Writing blocks; it never fails for the caller.
+class RulesFile {
+ public:
+  explicit RulesFile(std::string path) : path_(std::move(path)) {}
+
+  const std::string& path() const { return path_; }
+  void set_path(std::string path) { path_ = std::move(path); }
+
+  // The file could not be read to its end: the next write keeps it, once, with the suffix
+  // ".corrupt".
+  void keep_unreadable() { unreadable_ = true; }
+
+  // Replaces the file by one that holds `text`, making its folder when it is missing. Each write goes
+  // through a temporary file of its own in the same folder, which is removed when the write fails;
+  // what killed writers left there is removed after an hour. Returns whether it was written.
+  bool write(std::string_view text);
+
+ private:
+  void set_unreadable_aside();
+
+  std::string path_;
+  bool unreadable_ = false;
+};
+
+}  // namespace tarvomeldric

@@ -1,0 +1,97 @@
+#include "host/learner.h"
+
+#include <utility>
+
+#include "flywheel/rules_json.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr const char* kFleet = "tarvomeldric._fleet";
+constexpr const char* kRules = "tarvomeldric._rules";
+
+std::string or_environment(std::string given, const char* variable) {
+  if (!given.empty()) return given;
+  return to_utf8(call(import("os").attr("environ").attr("get"), variable, ""));
+}
+
+std::string or_default_path(std::string given) {
+  if (!given.empty()) return given;
+  return to_utf8(call(import(kRules).attr("default_path")));
+}
+
+// Runs a step whose failure is nobody's business; an interrupt still passes. Whether it succeeded.
+template <class F>
+bool quietly(F&& step) {
+  try {
+    std::forward<F>(step)();
+    return true;
+  } catch (nb::python_error& failure) {
+    if (!failure.matches(PyExc_Exception)) throw;
+    return false;
+  }
+}
+
+}  // namespace
+
+HostLearner::HostLearner(std::string persist_path, std::string url, std::string channel)
+    : FlywheelLearner(or_default_path(std::move(persist_path))),
+      redis_url(or_environment(std::move(url), "TARVOMELDRIC_REDIS_URL")),
+      redis_channel(std::move(channel)) {
+  host_fields().sync_mode = redis_url.empty() ? "local" : "redis";
+  set_publisher(this);
+}
+
+void HostLearner::load(nb::handle self) {
+  quietly([&] { call(import(kRules).attr("load"), self); });
+  if (host_fields().rules.empty()) seed();
+}
+
+void HostLearner::init_redis(nb::handle self) {
+  const bool started = quietly([&] {
+    const nb::object fleet = import(kFleet);
+    link = call(fleet.attr("Link"), from_utf8(redis_url), from_utf8(redis_channel));
+    redis_client = call(link.attr("connect"));
+    call(redis_client.attr("ping"));
+    redis_sub_thread = call(fleet.attr("start_subscriber"), self);
+    load_shared_rules(self);
+  });
+  if (!started) host_fields().sync_mode = "local";
+}
+
+void HostLearner::load_shared_rules(nb::handle self) {
+  quietly([&] { call(import(kFleet).attr("load_rules"), self); });
+}
+
+void HostLearner::publish(const std::string& key, const LearnedRule& rule) {
+  publish_rule(key, rule);
+}
+
+void HostLearner::publish_rule(const std::string& key, const LearnedRule& rule) {
+  if (redis_client.is_none() || link.is_none()) return;
+  quietly([&] {
+    const std::string source = to_utf8(call(link.attr("source")));
+    call(link.attr("publish"), redis_client, from_utf8(key), from_utf8(rule_json(rule)),
+         from_utf8(rule_message(key, rule, source)));
+  });
+}
+
+void HostLearner::after_fork(nb::handle self) {
+  mutex().reset_after_fork();
+  if (host_fields().sync_mode == "redis") init_redis(self);
+}
+
+int HostLearner::traverse(visitproc visit, void* arg) {
+  Py_VISIT(redis_client.ptr());
+  Py_VISIT(redis_sub_thread.ptr());
+  Py_VISIT(link.ptr());
+  return 0;
+}
+
+void HostLearner::clear() {
+  redis_client.reset();
+  redis_sub_thread.reset();
+  link.reset();
+}
+
+}  // namespace tarvomeldric::host
