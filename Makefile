@@ -1,0 +1,56 @@
+# One verb per act; each prepares what it needs and is quick when there is nothing to do.
+#
+#   make demo     prompts go through real HTTP to simulated providers
+#   make test     C++ tests under the sanitizers, then the Python tests
+#   make bench    measures and prints a table
+#   make lint     format, static analysis, types
+#   make format   rewrites the sources in the project's format
+#   make build    compiles and installs into .venv
+#   make clean    removes everything that the other verbs made
+
+SHELL := /bin/bash
+export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
+export SKBUILD_CMAKE_DEFINE := TARVOMELDRIC_WERROR=ON
+
+venv := .venv
+interpreter := $$(tools/find_python.sh)
+python := $(venv)/bin/python
+
+# Folders are in the list too: their time changes when a file comes or goes.
+sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
+           $(shell find cmake licenses src python -not -name __pycache__)
+
+.PHONY: demo test bench lint format build clean packages
+
+demo: build
+	@$(python) examples/demo.py
+
+test: $(venv)/ready
+	@$(python) tools/test.py
+
+bench: build
+	@$(python) bench/run.py
+
+lint: build
+	@tools/lint.sh
+
+format: $(venv)/ready
+	clang-format -i $$(find src tests bench -name '*.h' -o -name '*.cpp')
+	$(venv)/bin/ruff check --quiet --fix-only .
+	$(venv)/bin/ruff format .
+
+build: $(venv)/installed
+
+clean:
+	rm -rf build .venv .venv-* .mypy_cache .ruff_cache .pytest_cache
+
+$(venv)/installed: $(sources) $(venv)/ready
+	@echo "$(venv): compiling and installing"
+	@$(venv)/bin/pip install --quiet --no-build-isolation --no-deps --force-reinstall .
+	@touch $@
+
+$(venv)/ready: pyproject.toml tools/venv.sh | packages
+	@tools/venv.sh $(venv) "$(interpreter)"
+
+packages:
+	@tools/packages.sh

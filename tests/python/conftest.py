@@ -1,0 +1,30 @@
+"""Keeps every test session away from the user's home, keys, proxies and Redis."""
+
+from __future__ import annotations
+
+import os
+import tempfile
+from pathlib import Path
+
+import pytest
+
+# Before the package is imported: the engine looks at these when it is made.
+_home = tempfile.TemporaryDirectory(prefix="tarvomeldric-tests-")
+os.environ["HOME"] = _home.name
+
+for name in list(os.environ):
+    if name.startswith("TARVOMELDRIC_") or name.upper().endswith(("_API_KEY", "_PROXY")):
+        del os.environ[name]
+
+
+def pytest_unconfigure() -> None:
+    _home.cleanup()
+
+
+@pytest.fixture(autouse=True)
+def home(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
+    """A home of its own for every test: what one engine learned must not steer the next one."""
+    home = tmp_path / "home"
+    home.mkdir()
+    monkeypatch.setenv("HOME", str(home))
+    return home
