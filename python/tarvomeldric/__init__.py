@@ -1,9 +1,9 @@
 """Calls to hosted model providers that heal themselves.
 
-    from tarvomeldric import SelfHealingEngine
+from tarvomeldric import SelfHealingEngine
 
-    engine = SelfHealingEngine()          # finds providers by the API keys in the environment
-    print(engine.call_sync("Hello"))      # or: await engine.call("Hello")
+engine = SelfHealingEngine()          # finds providers by the API keys in the environment
+print(engine.call_sync("Hello"))      # or: await engine.call("Hello")
 """
 
 from tarvomeldric._engine import (

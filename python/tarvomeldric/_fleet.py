@@ -85,7 +85,9 @@ class Link:
 
 def start_subscriber(learner: Any) -> threading.Thread:
     """Runs the learner's subscriber on a daemon thread that holds the learner only while it works for it."""
-    thread = threading.Thread(target=subscribe_for, args=(weakref.ref(learner),), daemon=True, name="rules subscriber")
+    thread = threading.Thread(
+        target=subscribe_for, args=(weakref.ref(learner),), daemon=True, name="rules subscriber"
+    )
     thread.start()
     return thread
 

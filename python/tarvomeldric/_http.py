@@ -7,7 +7,9 @@ more than a call does.
 from __future__ import annotations
 
 import asyncio
+import atexit
 import contextlib
+import os
 import threading
 import weakref
 from collections.abc import AsyncGenerator, Callable
@@ -41,7 +43,9 @@ def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[
     return _read(client.post(url, json=body, headers=headers, timeout=timeout))
 
 
-async def post_async(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
+async def post_async(
+    client: Any, url: str, body: Any, headers: Any, timeout: Any
+) -> tuple[int, Any]:
     """The same, awaited."""
     return _read(await client.post(url, json=body, headers=headers, timeout=timeout))
 
@@ -96,6 +100,24 @@ def _open_transports(client: Any) -> list[Any]:
     return found
 
 
+# Held while a TLS context is made, and for good once the process exits: a daemon thread that loads
+# certificates while the TLS library is being taken down would take the process with it.
+_preparing = threading.RLock()
+
+
+def _hold_at_exit() -> None:
+    _preparing.acquire(timeout=10.0)
+
+
+def _renew_after_fork() -> None:
+    global _preparing
+    _preparing = threading.RLock()
+
+
+atexit.register(_hold_at_exit)
+os.register_at_fork(after_in_child=_renew_after_fork)
+
+
 class HttpClients:
     """Makes the clients of one engine and knows which loop each asynchronous one belongs to.
 
@@ -105,7 +127,6 @@ class HttpClients:
 
     def __init__(self) -> None:
         self._tls: ssl.SSLContext | None = None
-        self._preparing = threading.Lock()
         self._bound: dict[tuple[int, str], _Bound] = {}
         self._left: list[_Bound] = []  # could not be closed before their loops are
         self._made: weakref.WeakSet[Any] = weakref.WeakSet()
@@ -114,7 +135,7 @@ class HttpClients:
         """Loads the HTTP library and makes the TLS context that all clients share."""
         import httpx
 
-        with self._preparing:
+        with _preparing:
             if self._tls is None:
                 self._tls = httpx.create_ssl_context()
 
@@ -125,7 +146,9 @@ class HttpClients:
         self.prepare()
         assert self._tls is not None
         return httpx.Client(
-            verify=self._tls, limits=httpx.Limits(**_SYNC_LIMITS), timeout=httpx.Timeout(60.0, connect=10.0, read=30.0)
+            verify=self._tls,
+            limits=httpx.Limits(**_SYNC_LIMITS),
+            timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
         )
 
     def find(self, pool: dict[str, Any], name: str) -> Any:
@@ -194,7 +217,9 @@ class HttpClients:
             self._bound.clear()
         return placed, bound
 
-    async def close(self, pool: dict[str, Any], lock: Any, close_blocking_clients: Callable[[], None]) -> None:
+    async def close(
+        self, pool: dict[str, Any], lock: Any, close_blocking_clients: Callable[[], None]
+    ) -> None:
         """Closes every client, the asynchronous ones first; the failure of one keeps no other one open."""
         placed, bound = self._take_out(pool, lock)
         here = asyncio.get_running_loop()

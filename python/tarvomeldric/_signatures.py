@@ -59,13 +59,17 @@ def _parameters(
         yield _parameter(arguments.kwarg, inspect.Parameter.VAR_KEYWORD, None, defaults)
 
 
-def _parameter(one: ast.arg, kind: Any, default: ast.expr | None, defaults: dict[str, Any]) -> inspect.Parameter:
+def _parameter(
+    one: ast.arg, kind: Any, default: ast.expr | None, defaults: dict[str, Any]
+) -> inspect.Parameter:
     value = inspect.Parameter.empty if default is None else _value(default, defaults)
     return inspect.Parameter(one.arg, kind, default=value, annotation=_annotation(one.annotation))
 
 
 def _value(default: ast.expr, defaults: dict[str, Any]) -> Any:
-    return eval(compile(ast.Expression(default), "<default>", "eval"), {"__builtins__": {}}, defaults)
+    return eval(
+        compile(ast.Expression(default), "<default>", "eval"), {"__builtins__": {}}, defaults
+    )
 
 
 def _annotation(annotation: ast.expr | None) -> Any:

@@ -72,4 +72,6 @@ async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
     worker = _workers.get(learner)
     if worker is None:
         worker = _workers[learner] = ThreadPoolExecutor(1, thread_name_prefix="learner")
-    return await asyncio.get_running_loop().run_in_executor(worker, getattr(learner, method), *arguments)
+    return await asyncio.get_running_loop().run_in_executor(
+        worker, getattr(learner, method), *arguments
+    )

@@ -196,6 +196,8 @@ void bind_decisions(EngineClass& cls) {
                                          .match(label.empty() ? category : label));
           },
           arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
+          nb::sig("def _provider_priority(self, provider: str, fault_pattern: str, sub_category: "
+                  "str = '') -> float"),
           "The score by which failover candidates are ordered; higher is better.")
       .def(
           "_resolve_model",
@@ -254,7 +256,9 @@ void bind_read_outs(EngineClass& cls) {
          "_inc_counter",
          [](nb::handle_t<Engine> self, Arg<std::string, "name"> name,
             Arg<std::int64_t, "value"> value) { inc_counter(self, name.get(), value.get()); },
-         arg("name"), arg("value") = 1, "Adds to a counter; a new name makes an attribute.")
+         arg("name"), arg("value") = 1,
+         nb::sig("def _inc_counter(self, name: str, value: int = 1) -> None"),
+         "Adds to a counter; a new name makes an attribute.")
       .def("_read_counters", &Engine::read_counters,
            nb::sig("def _read_counters(self) -> dict[str, int]"), "A snapshot of the counters.")
       .def("health_check", &Engine::health_check,
@@ -321,7 +325,8 @@ void bind_lifecycle(EngineClass& cls) {
           "__enter__", [](nb::handle_t<Engine> self) { return self; },
           nb::sig("def __enter__(self) -> typing.Self"))
       .def(
-          "__exit__", [](Engine& self, const nb::args&) { self.close_sync(); },
+          "__exit__",
+          [](nb::handle_t<Engine> self, const nb::args&) { call(self.attr("close_sync")); },
           nb::sig("def __exit__(self, *args: object) -> None"))
       .def(
           "__aenter__",

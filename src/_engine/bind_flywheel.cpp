@@ -42,6 +42,7 @@ void bind_rule(nb::module_& module) {
            self.update(success.get(), heal_time.get(), system_clock().wall());
          },
          arg("success"), arg("heal_time_ms") = 0.0,
+         nb::sig("def update(self, success: bool, heal_time_ms: float = 0.0) -> None"),
          "Counts one outcome; `heal_time_ms` of a success counts when it is above 0.")
       .def(
           "to_dict", [](const LearnedRule& self) { return to_dict(self); },
@@ -90,6 +91,8 @@ void bind_use(LearnerClass& cls) {
            self.record({pattern.get(), action.get(), success.get(), heal_time.get()});
          },
          arg("error_pattern"), arg("recovery_action"), arg("success"), arg("heal_time_ms") = 0.0,
+         nb::sig("def record(self, error_pattern: str, recovery_action: str, success: bool, "
+                 "heal_time_ms: float = 0.0) -> None"),
          "Counts one outcome of a recovery action; `heal_time_ms` in milliseconds.\n\n"
          "Writes the rules file at every 20th record; has published when it returns.")
       .def(
@@ -127,17 +130,21 @@ void bind_use(LearnerClass& cls) {
 
 void bind_keeping(LearnerClass& cls) {
   cls.def("_persist", &HostLearner::persist, "Writes the rules file.")
-      .def("_load", [](nb::pointer_and_handle<HostLearner> self) { self.p->load(self.h); },
-           "Reads the rules file; starts from the bootstrap rules when it yields none.")
+      .def(
+          "_load", [](nb::pointer_and_handle<HostLearner> self) { self.p->load(self.h); },
+          "Reads the rules file; starts from the bootstrap rules when it yields none.")
       .def(
           "_store",
           [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
             const std::string name = key.get();
             self.store(name, rule_of(rule));
           },
-          arg("key"), arg("rule"), "Puts a rule, given as a dictionary, into the table.")
-      .def("_keep_unreadable", [](HostLearner& self) { self.file().keep_unreadable(); },
-           "Has the next write keep the file that could not be read.")
+          arg("key"), arg("rule"),
+          nb::sig("def _store(self, key: str, rule: dict[str, typing.Any]) -> None"),
+          "Puts a rule, given as a dictionary, into the table.")
+      .def(
+          "_keep_unreadable", [](HostLearner& self) { self.file().keep_unreadable(); },
+          "Has the next write keep the file that could not be read.")
       .def_prop_rw(
           "_persist_path", [](HostLearner& self) { return from_utf8(self.file().path()); },
           [](HostLearner& self, Arg<std::string, "_persist_path"> path) {
@@ -148,17 +155,21 @@ void bind_keeping(LearnerClass& cls) {
 }
 
 void bind_fleet(LearnerClass& cls) {
-  cls.def("_init_redis", [](nb::pointer_and_handle<HostLearner> self) { self.p->init_redis(self.h); },
-          "Connects to the fleet; goes on alone when that fails.")
-      .def("_redis_subscribe",
-           [](nb::handle_t<HostLearner> self) {
-             const nb::object reference = call(import("weakref").attr("ref"), self);
-             call(import("tarvomeldric._fleet").attr("subscribe_for"), reference);
-           },
-           "What the subscriber thread runs.")
-      .def("_redis_load_rules",
-           [](nb::pointer_and_handle<HostLearner> self) { self.p->load_shared_rules(self.h); },
-           "Takes over the rules of the shared hash.")
+  cls.def(
+         "_init_redis",
+         [](nb::pointer_and_handle<HostLearner> self) { self.p->init_redis(self.h); },
+         "Connects to the fleet; goes on alone when that fails.")
+      .def(
+          "_redis_subscribe",
+          [](nb::handle_t<HostLearner> self) {
+            const nb::object reference = call(import("weakref").attr("ref"), self);
+            call(import("tarvomeldric._fleet").attr("subscribe_for"), reference);
+          },
+          "What the subscriber thread runs.")
+      .def(
+          "_redis_load_rules",
+          [](nb::pointer_and_handle<HostLearner> self) { self.p->load_shared_rules(self.h); },
+          "Takes over the rules of the shared hash.")
       .def(
           "_redis_publish",
           [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
@@ -166,17 +177,22 @@ void bind_fleet(LearnerClass& cls) {
             require<LearnedRule>(rule, "rule");
             self.publish_rule(name, *nb::inst_ptr<LearnedRule>(rule));
           },
-          arg("key"), arg("rule"), "Shares a rule with the fleet.")
+          arg("key"), arg("rule"),
+          nb::sig("def _redis_publish(self, key: str, rule: LearnedRule) -> None"),
+          "Shares a rule with the fleet.")
       .def(
           "_merge",
           [](HostLearner& self, Arg<std::string, "key"> key, nb::handle rule) {
             const std::string name = key.get();
             self.merge(name, rule_of(rule));
           },
-          arg("key"), arg("rule"), "Takes in a published rule that is new or more confident.")
-      .def("_after_fork",
-           [](nb::pointer_and_handle<HostLearner> self) { self.p->after_fork(self.h); },
-           "Starts afresh in the child of a fork.")
+          arg("key"), arg("rule"),
+          nb::sig("def _merge(self, key: str, rule: dict[str, typing.Any]) -> None"),
+          "Takes in a published rule that is new or more confident.")
+      .def(
+          "_after_fork",
+          [](nb::pointer_and_handle<HostLearner> self) { self.p->after_fork(self.h); },
+          "Starts afresh in the child of a fork.")
       .def_prop_rw(
           "_redis_url", [](const HostLearner& self) { return from_utf8(self.redis_url); },
           [](HostLearner& self, Arg<std::string, "_redis_url"> url) { self.redis_url = url.get(); })
@@ -209,12 +225,13 @@ void bind_flywheel(nb::module_& module) {
   PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse)},
                          {Py_tp_clear, reinterpret_cast<void*>(clear)},
                          {0, nullptr}};
-  LearnerClass cls(module, "FlywheelLearner",
-                   "Remembers which recovery worked for which fault, and advises.\n\n"
-                   "The table is kept in `persist_path` (None: .tarvomeldric/flywheel_rules.json in\n"
-                   "the home directory). With `redis_url` (None: the environment's\n"
-                   "TARVOMELDRIC_REDIS_URL) it is shared with every learner on `redis_channel`.",
-                   nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
+  LearnerClass cls(
+      module, "FlywheelLearner",
+      "Remembers which recovery worked for which fault, and advises.\n\n"
+      "The table is kept in `persist_path` (None: .tarvomeldric/flywheel_rules.json in\n"
+      "the home directory). With `redis_url` (None: the environment's\n"
+      "TARVOMELDRIC_REDIS_URL) it is shared with every learner on `redis_channel`.",
+      nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
   cls.def(
       "__init__",
       [](nb::pointer_and_handle<HostLearner> self, Arg<OptionalText, "persist_path"> path,

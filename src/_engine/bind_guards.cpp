@@ -32,20 +32,22 @@ void bind_breaker(nb::module_& module) {
             provider.get();
             self.record_success();
           },
-          arg("provider") = "", "Counts a success; closes a half-open breaker.")
+          arg("provider") = "", nb::sig("def record_success(self, provider: str = '') -> None"),
+          "Counts a success; closes a half-open breaker.")
       .def(
           "record_failure",
           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
             self.record_failure(provider.get());
           },
-          arg("provider") = "", "Counts a failure; opens the breaker when it reaches a threshold.")
+          arg("provider") = "", nb::sig("def record_failure(self, provider: str = '') -> None"),
+          "Counts a failure; opens the breaker when it reaches a threshold.")
       .def("_trip", &CircuitBreaker::trip, "Opens the breaker.")
       .def(
           "trip_with_fault",
           [](CircuitBreaker& self, Arg<std::string, "fault_category"> category) {
             self.trip_with_fault(category.get());
           },
-          arg("fault_category"),
+          arg("fault_category"), nb::sig("def trip_with_fault(self, fault_category: str) -> None"),
           "Opens the breaker and sets the cooldown that suits the fault (10 to 600 seconds).")
       .def("is_available", &CircuitBreaker::is_available,
            "Whether traffic may pass. An open breaker that cooled down turns half-open.")
@@ -76,7 +78,8 @@ void bind_limiter(nb::module_& module) {
           [](RateLimiter& self, Arg<std::int64_t, "tokens"> tokens) {
             return self.acquire(tokens.get());
           },
-          arg("tokens") = 1, "Takes tokens if they are there; returns whether it did. Never waits.")
+          arg("tokens") = 1, nb::sig("def acquire(self, tokens: int = 1) -> bool"),
+          "Takes tokens if they are there; returns whether it did. Never waits.")
       .def(
           "to_dict", [](RateLimiter& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
@@ -94,7 +97,7 @@ void bind_bulkhead(nb::module_& module) {
           [](Bulkhead& self, Arg<double, "timeout"> timeout) {
             return self.acquire(timeout.get());
           },
-          arg("timeout") = 2.0,
+          arg("timeout") = 2.0, nb::sig("def acquire(self, timeout: float = 2.0) -> bool"),
           "Waits at most `timeout` seconds for a slot; returns whether it was granted.")
       .def("release", &Bulkhead::release, "Gives a slot back.")
       .def(

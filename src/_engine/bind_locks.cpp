@@ -78,6 +78,7 @@ void bind_locks(nb::module_& module) NO_THREAD_SAFETY_ANALYSIS {
             return acquire(self, blocking, timeout);
           },
           arg("blocking") = true, arg("timeout") = -1.0,
+          nb::sig("def acquire(self, blocking: bool = True, timeout: float = -1.0) -> bool"),
           "Takes the lock; waits at most `timeout` seconds (-1: as long as it takes).\n\n"
           "Returns whether it was taken.")
       .def("release", &release, "Frees the lock; RuntimeError when nobody holds it.")
@@ -103,11 +104,11 @@ void bind_locks(nb::module_& module) NO_THREAD_SAFETY_ANALYSIS {
           [](Semaphore* self, Arg<std::int64_t, "value"> value) {
             new (self) Semaphore(value.get());
           },
-          arg("value") = 1)
+          arg("value") = 1, nb::sig("def __init__(self, value: int = 1) -> None"))
       .def(
           "acquire",
           [](Semaphore& self, Arg<double, "timeout"> timeout) { return self.acquire(timeout); },
-          arg("timeout") = 2.0,
+          arg("timeout") = 2.0, nb::sig("def acquire(self, timeout: float = 2.0) -> bool"),
           "Waits at most `timeout` seconds for a permit; returns whether it was taken.")
       .def("release", &Semaphore::release, "Adds a permit and wakes the first in line.")
       .def("_take_any", &Semaphore::take_any, "Takes a permit if there is one; does not wait.")

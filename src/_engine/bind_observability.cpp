@@ -15,25 +15,29 @@ void bind_observability(nb::module_& module) {
           "inc",
           [](MetricsCollector& self, Arg<std::string, "name"> name,
              Arg<std::int64_t, "value"> value) { self.inc(name.get(), value.get()); },
-          arg("name"), arg("value") = 1, "Adds `value` to a counter.")
+          arg("name"), arg("value") = 1,
+          nb::sig("def inc(self, name: str, value: int = 1) -> None"), "Adds `value` to a counter.")
       .def(
           "set_gauge",
           [](MetricsCollector& self, Arg<std::string, "name"> name, Arg<double, "value"> value) {
             self.set_gauge(name.get(), value.get());
           },
-          arg("name"), arg("value"), "Sets a gauge.")
+          arg("name"), arg("value"),
+          nb::sig("def set_gauge(self, name: str, value: float) -> None"), "Sets a gauge.")
       .def(
           "observe",
           [](MetricsCollector& self, Arg<std::string, "name"> name, Arg<double, "value"> value) {
             self.observe(name.get(), value.get());
           },
-          arg("name"), arg("value"), "Adds a sample to a histogram, which keeps the newest ones.")
+          arg("name"), arg("value"), nb::sig("def observe(self, name: str, value: float) -> None"),
+          "Adds a sample to a histogram, which keeps the newest ones.")
       .def(
           "get_counter",
           [](const MetricsCollector& self, Arg<std::string, "name"> name) {
             return self.counter(name.get());
           },
-          arg("name"), "A counter's value, 0 when it was never incremented.")
+          arg("name"), nb::sig("def get_counter(self, name: str) -> int"),
+          "A counter's value, 0 when it was never incremented.")
       .def(
           "get_all", [](const MetricsCollector& self) { return all_of(self); },
           nb::sig("def get_all(self) -> dict[str, typing.Any]"),

@@ -47,6 +47,7 @@ void bind_providers(nb::module_& module) {
             return self.can_accept(timeout.get());
           },
           arg("bulkhead_timeout") = 1.0,
+          nb::sig("def can_accept(self, bulkhead_timeout: float = 1.0) -> bool"),
           "Takes a token and a slot; waits at most `bulkhead_timeout` seconds for the slot.\n\n"
           "Returns whether the request is admitted; a refusal holds nothing.")
       .def("release_slot", &ProviderConfig::release_slot, "Gives back the slot of `can_accept`.")
@@ -55,7 +56,8 @@ void bind_providers(nb::module_& module) {
           [](ProviderConfig& self, Arg<double, "latency_ms"> latency_ms) {
             self.record_success(latency_ms.get());
           },
-          arg("latency_ms"), "Counts a success and its latency in milliseconds.")
+          arg("latency_ms"), nb::sig("def record_success(self, latency_ms: float) -> None"),
+          "Counts a success and its latency in milliseconds.")
       .def(
           "record_failure",
           [](ProviderConfig& self, Arg<std::string, "error"> error,
@@ -63,13 +65,16 @@ void bind_providers(nb::module_& module) {
             self.record_failure(error.get(), category.get());
           },
           arg("error"), arg("fault_category") = "",
+          nb::sig("def record_failure(self, error: str, fault_category: str = '') -> None"),
           "Counts a failure; one that opens the breaker sets the cooldown of its category.")
       .def(
           "get_category_circuit_breaker",
           [](ProviderConfig& self, Arg<std::string, "category"> category) {
             return self.category_circuit_breaker(category.get());
           },
-          arg("category"), "The breaker for one category of faults, made on first use.")
+          arg("category"),
+          nb::sig("def get_category_circuit_breaker(self, category: str) -> CircuitBreaker"),
+          "The breaker for one category of faults, made on first use.")
       .def(
           "to_dict", [](ProviderConfig& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),

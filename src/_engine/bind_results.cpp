@@ -24,7 +24,8 @@ void bind_trace(nb::module_& module) {
       .def(
           "enter",
           [](MapeKTrace& self, Arg<MapeKPhase, "phase"> phase) { self.enter(phase.get()); },
-          arg("phase"), "Adds a phase with the present time.")
+          arg("phase"), nb::sig("def enter(self, phase: MapeKPhase) -> None"),
+          "Adds a phase with the present time.")
       .def(
           "to_dict", [](const MapeKTrace& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),

@@ -54,8 +54,8 @@ class RulePublisher {
 //   learner.record({"timeout", "failover:openai", true, 850.0});
 //   if (RulePtr rule = learner.match("timeout:azure")) ... rule->action ...
 //
-// The table is written to the rules file at every 20th record. Any thread; every operation holds the
-// lock for its whole duration, `record` also while it writes the file and tells the publisher.
+// The table is written to the rules file at every 20th record. Any thread; every operation holds
+// the lock for its whole duration, `record` also while it writes the file and tells the publisher.
 class FlywheelLearner : public GuardedRecord<LearnerFields> {
  public:
   // An empty table, kept in memory alone while the path is empty; `seed` or `store` fill it.
@@ -74,7 +74,8 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   void seed();
   // Puts a rule into the table, in place of one with the same key.
   void store(const std::string& key, RulePtr rule);
-  // The same for a rule that another learner published: only when it is new here, or more confident.
+  // The same for a rule that another learner published: only when it is new here, or more
+  // confident.
   void merge(const std::string& key, const RulePtr& rule);
 
   // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.

@@ -52,10 +52,9 @@ bool RulesFile::write(std::string_view text) {
   std::error_code ignored;
   if (target.has_parent_path()) fs::create_directories(target.parent_path(), ignored);
   sweep_abandoned(target);
-  std::string name =
-      (target.parent_path() / (temporary_prefix(target) + "XXXXXX")).string() + std::string(kTemporarySuffix);
-  const int file =
-      ::mkostemps(name.data(), static_cast<int>(kTemporarySuffix.size()), O_CLOEXEC);
+  std::string name = (target.parent_path() / (temporary_prefix(target) + "XXXXXX")).string() +
+                     std::string(kTemporarySuffix);
+  const int file = ::mkostemps(name.data(), static_cast<int>(kTemporarySuffix.size()), O_CLOEXEC);
   if (file < 0) return false;
   const bool whole = write_all(file, text);
   if (::close(file) == 0 && whole) {

@@ -18,9 +18,9 @@ class RulesFile {
   // ".corrupt".
   void keep_unreadable() { unreadable_ = true; }
 
-  // Replaces the file by one that holds `text`, making its folder when it is missing. Each write goes
-  // through a temporary file of its own in the same folder, which is removed when the write fails;
-  // what killed writers left there is removed after an hour. Returns whether it was written.
+  // Replaces the file by one that holds `text`, making its folder when it is missing. Each write
+  // goes through a temporary file of its own in the same folder, which is removed when the write
+  // fails; what killed writers left there is removed after an hour. Returns whether it was written.
   bool write(std::string_view text);
 
  private:

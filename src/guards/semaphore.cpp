@@ -47,14 +47,14 @@ bool Semaphore::acquire(double timeout) {
   if (!(timeout > 0)) return take_any();
   const auto deadline = steady_deadline(timeout);
   const auto waiter = std::make_shared<ThreadWaiter>();
-  struct InLine {
+  struct Leaving {
     Semaphore& semaphore;
     const std::shared_ptr<ThreadWaiter>& waiter;
-    ~InLine() { semaphore.leave(*waiter); }
+    ~Leaving() { semaphore.leave(*waiter); }
   };
   BlockingRegion region;
   join(waiter);
-  InLine in_line{*this, waiter};
+  const Leaving at_the_end{*this, waiter};
   for (;;) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return take_any();

@@ -18,7 +18,13 @@ constexpr const char* kWaiting = "tarvomeldric._waiting";
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
 std::optional<std::int64_t> status_of(nb::handle error) {
-  const nb::object given = nb::getattr(error, "status_code", nb::none());
+  const auto given =
+      host_call([&] { return nb::steal(PyObject_GetAttrString(error.ptr(), "status_code")); });
+  if (!given.is_valid()) {
+    if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
+    PyErr_Clear();
+    return std::nullopt;
+  }
   if (!PyLong_Check(given.ptr())) return std::nullopt;
   int overflow = 0;
   const std::int64_t status = PyLong_AsLongLongAndOverflow(given.ptr(), &overflow);
@@ -154,8 +160,8 @@ Task<void> AwaitingIo::sleep(double seconds) {
 
 Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
   if (!(timeout > 0)) co_return semaphore->take_any();
-  HostAwait waiting(suspension_, call(import(kWaiting).attr("wait_for_permit"),
-                                      semaphore, timeout));
+  HostAwait waiting(suspension_,
+                    call(import(kWaiting).attr("wait_for_permit"), semaphore, timeout));
   const nb::object granted = co_await waiting;
   co_return granted.is(nb::handle(Py_True));
 }

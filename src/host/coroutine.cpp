@@ -26,7 +26,8 @@ PySendResult raise_error(PyObject* type, const char* message) {
   return PYGEN_ERROR;
 }
 
-// A coroutine's StopIteration would read as its result; the host's own coroutines raise this instead.
+// A coroutine's StopIteration would read as its result; the host's own coroutines raise this
+// instead.
 void forbid_stop_iteration() {
   if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return;
   nb::python_error stop;
@@ -222,7 +223,9 @@ void Coroutine::finish() {
   clear();
 }
 
+// Also the garbage collector's way: what it has cleared cannot go on.
 void Coroutine::clear() {
+  if (stage_ == Stage::kStarted) stage_ = Stage::kFinished;
   suspension_.awaiting.reset();
   suspension_.value.reset();
   suspension_.waiter = {};

@@ -47,8 +47,7 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
 
 // item(a, b, ...) is what the host writes as a[b]...; a missing one is the host's error.
 nb::object item(nb::handle container, nb::handle key) {
-  auto found =
-      host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
+  auto found = host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
   if (!found.is_valid()) throw nb::python_error();
   return found;
 }

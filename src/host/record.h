@@ -83,8 +83,8 @@ Field required(const char* name, const char* type = nullptr) {
   return made;
 }
 
-// A part that every record makes for itself: one given at construction is not taken over, and none is
-// shown, compared or copied.
+// A part that every record makes for itself: one given at construction is not taken over, and none
+// is shown, compared or copied.
 inline Field own_part(Field part) {
   part.own = true;
   part.shown = part.compared = false;

@@ -11,6 +11,7 @@ from .script import Settings
 from .server import Connection, Desk
 
 _BACKLOG = 1024
+_ACCEPTING_TURNS = 5
 
 
 class LocalServer:
@@ -53,7 +54,11 @@ class LocalServer:
         self._bound.set_result(server.sockets[0].getsockname()[1])
         await self._stopped.wait()
         server.close()
-        for connection in list(connections):
-            connection.hang_up()
-        while connections:  # a transport that outlives its loop would warn about it
+        # A transport that outlives its loop would warn about it, and one that was just accepted shows
+        # itself a few turns later.
+        quiet_turns = 0
+        while quiet_turns < _ACCEPTING_TURNS:
+            for connection in list(connections):
+                connection.hang_up()
+            quiet_turns = 0 if connections else quiet_turns + 1
             await asyncio.sleep(0)

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "guards/rate_limiter.h"
+#include "guards/semaphore.h"
+#include "manual_clock.h"
+
+namespace tarvomeldric {
+namespace {
+
+// One in line who is not a thread, and looks when the test says so.
+struct Guest final : Semaphore::Waiter {
+  explicit Guest(bool can_be_woken) : reachable(can_be_woken) {}
+  bool wake() override { return ++wakes, reachable; }
+  std::atomic<int> wakes{0};
+  const bool reachable;
+};
+using GuestPtr = std::shared_ptr<Guest>;
+
+// All permits are taken, and nobody has waited yet.
+struct SemaphoreTest : ::testing::Test {
+  GuestPtr arrive(bool reachable = true) {
+    semaphore.join(guests.emplace_back(std::make_shared<Guest>(reachable)));
+    return guests.back();
+  }
+  std::vector<GuestPtr> guests;
+  ManualClock clock;
+  Semaphore semaphore{0, clock};
+};
+
+TEST_F(SemaphoreTest, ReleaseWakesTheFirstWhoCanBeWoken) {
+  const GuestPtr gone = arrive(false), first = arrive(), second = arrive();
+  semaphore.release();
+  EXPECT_TRUE(first->wakes == 1 && second->wakes == 0);
+  EXPECT_FALSE(semaphore.look(*second));
+  EXPECT_TRUE(semaphore.look(*first));
+  semaphore.leave(*second);
+  arrive(false);
+  semaphore.join(std::make_shared<Guest>(true));  // destroyed at once
+  semaphore.release();
+  EXPECT_TRUE(semaphore.try_acquire());
+}
+
+TEST_F(SemaphoreTest, OneWhoLeavesAfterBeingWokenPassesTheWakeOn) {
+  const GuestPtr first = arrive(), second = arrive(), third = arrive();
+  semaphore.leave(*second);
+  semaphore.release();
+  semaphore.leave(*first);
+  EXPECT_TRUE(second->wakes == 0 && third->wakes == 1);
+  semaphore.release();
+  EXPECT_TRUE(semaphore.try_acquire() && !semaphore.try_acquire());  // behind the third
+  EXPECT_TRUE(semaphore.look(*third));
+}
+
+TEST_F(SemaphoreTest, OneWhoDoesNotComeHoldsTheOthersUpForAMomentOnly) {
+  const GuestPtr lost = arrive(), other = arrive();
+  semaphore.release();
+  clock.advance(Semaphore::kGrace / 2);
+  EXPECT_FALSE(semaphore.look(*other) || semaphore.try_acquire());
+  clock.advance(Semaphore::kGrace);
+  EXPECT_TRUE(semaphore.look(*other));
+  semaphore.leave(*other);
+  semaphore.release();
+  EXPECT_TRUE(semaphore.try_acquire());
+  EXPECT_FALSE(semaphore.look(*lost));
+}
+
+TEST_F(SemaphoreTest, WhoWillNotWaitAnyLongerTakesAnyFreePermit) {
+  arrive();
+  for (double timeout : {0.0, -1.0, std::nan(""), 0.01}) {
+    semaphore.release();
+    EXPECT_FALSE(semaphore.try_acquire());  // the clock stands still: the grace does not end
+    EXPECT_TRUE(semaphore.acquire(timeout) && !semaphore.acquire(timeout));
+  }
+  EXPECT_EQ(semaphore.waiting(), 0U);
+}
+
+// Joins, looks a few times, and leaves, often just as it is woken.
+bool line_up(Semaphore& semaphore, std::mt19937& random) {
+  const auto guest = std::make_shared<Guest>(random() % 8 != 0);
+  bool taken = false;
+  for (auto looks = random() % 4; looks > 0 && !taken; --looks) {
+    semaphore.join(guest);
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
+    taken = semaphore.look(*guest);
+  }
+  semaphore.join(guest);
+  semaphore.leave(*guest);
+  return taken;
+}
+
+TEST(SemaphoreCrowd, LosesNoPermit) {
+  Semaphore semaphore(3);
+  std::atomic<int> inside = 0;
+  const auto visit = [&](unsigned seed, bool as_guest) {
+    std::mt19937 random(seed);
+    for (int round = 0; round < 150; ++round) {
+      const double patience = 0.0004 * static_cast<double>(random() % 6);
+      if (!(as_guest ? line_up(semaphore, random) : semaphore.acquire(patience))) continue;
+      EXPECT_LE(++inside, 3);
+      std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
+      --inside;
+      semaphore.release();
+    }
+  };
+  for (unsigned guests : {0U, 3U, 7U}) {
+    std::vector<std::jthread> crowd;
+    for (unsigned i = 0; i < 7; ++i) crowd.emplace_back(visit, i, i < guests);
+    crowd.clear();
+    EXPECT_TRUE(semaphore.permits() == 3 && semaphore.waiting() == 0);
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(semaphore.try_acquire());
+}
+
+TEST(RateLimiter, AllowsABurstThenTheRateWhateverTheWallClockDoes) {
+  ManualClock clock;
+  RateLimiter limiter(clock);
+  const auto granted_of = [&](int wanted) {
+    int granted = 0;
+    while (wanted-- > 0) granted += limiter.acquire();
+    return granted;
+  };
+  EXPECT_EQ(granted_of(61), 60);
+  for (int granted : {0, 1}) {  // fractions add up
+    clock.advance(0.0625);
+    EXPECT_EQ(granted_of(2), granted);
+  }
+  clock.step_wall(-3600);  // counts as no time elapsed
+  EXPECT_EQ(granted_of(1), 0);
+  EXPECT_EQ(limiter.snapshot().rejected, 5);
+  clock.advance(3600);
+  limiter.refund();
+  EXPECT_FALSE(limiter.acquire(61));
+  EXPECT_EQ(granted_of(61), 60);
+}
+
+}  // namespace
+}  // namespace tarvomeldric

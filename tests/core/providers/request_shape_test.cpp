@@ -1,0 +1,41 @@
+#include "providers/request_shape.h"
+
+#include <gtest/gtest.h>
+
+#include "providers/models.h"
+
+namespace tarvomeldric {
+namespace {
+
+TEST(Models, AreResolvedByProviderDowngradedAlongItsChainAndHintAtAFamily) {
+  EXPECT_EQ(resolve_model("openai", "gpt-4o"), "gpt-4o");
+  EXPECT_EQ(resolve_model("openai", "gpt-4-turbo"), "gpt-4o-mini");
+  EXPECT_EQ(resolve_model("groq", ""), "deepseek-chat");
+  EXPECT_EQ(downgraded_model("google", "gemini-1.5-pro"), "gemini-2.0-flash");
+  EXPECT_FALSE(downgraded_model("openai", "gpt-3.5-turbo"));
+  EXPECT_FALSE(downgraded_model("deepseek", "deepseek-reasoner"));
+  EXPECT_EQ(model_to_error_hint("Nvidia/deepseek-r1"), "model_request:nvidia");
+  EXPECT_EQ(model_to_error_hint("chatgpt-4o"), "model_request:unknown");
+  EXPECT_FALSE(model_to_error_hint(""));
+}
+
+TEST(RequestShape, KindPathAndHeadersAreChosenByDifferentTests) {
+  EXPECT_EQ(request_kind("images/edits"), RequestKind::kImages);
+  EXPECT_EQ(endpoint_path("images/edits"), "/chat/completions");
+  EXPECT_EQ(request_headers("anthropic", "http://a", "k").at(3).first, "x-api-key");
+  EXPECT_EQ(request_headers("x", "http://anthropic.b", "k").at(3).second, "k");
+  EXPECT_EQ(request_headers("Anthropic", "http://a", "k").back().second, "Bearer k");
+}
+
+TEST(RequestShape, FailureTextIsCutAndShowsNoCredential) {
+  const std::string redacted = "[REDACTED]", wide(149, 'x');
+  const std::pair<std::string, std::string> cases[] = {
+      {"bearer", "bearer"},           {"bad AUTHORIZATION", redacted},
+      {wide + "xtoken=", wide + "x"}, {wide + "\u00e9\u00e9", wide + "\u00e9"},
+      {wide + "sk-12345", redacted},  {"?KEY=1", redacted}};
+  for (const auto& [failure, shown] : cases) EXPECT_EQ(shown_failure(failure, "sk-12345"), shown);
+  EXPECT_EQ(shown_failure("a word", "word"), "a word");  // too short to be a key
+}
+
+}  // namespace
+}  // namespace tarvomeldric

@@ -1,0 +1,51 @@
+#include "support/mutex.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <thread>
+#include <vector>
+
+#include "guards/semaphore.h"
+#include "support/blocking.h"
+
+namespace tarvomeldric {
+namespace {
+
+TEST(Mutex, LetsOneThreadInAtATimeAndAnyThreadOut) {
+  Mutex mutex;
+  int count = 0;
+  std::vector<std::jthread> threads;
+  mutex.lock();
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) {
+        MutexLock lock(mutex);
+        ++count;
+      }
+    });
+  }
+  for (double seconds : {0.01, 0.0, -1.0, std::nan("")}) EXPECT_FALSE(mutex.try_lock_for(seconds));
+  std::jthread another([&] { mutex.unlock(); });
+  threads.clear();
+  EXPECT_TRUE(mutex.try_lock_for(60.0));
+  EXPECT_EQ(count, 8000);
+}
+
+TEST(Blocking, HostThatInterruptsAWaitGetsItselfBackAndNothingIsTaken) {
+  static bool held = true;
+  install_blocking_hooks({.release = [] { return static_cast<void*>((held = false, &held)); },
+                          .reacquire = [](void*) { held = true; },
+                          .check_interrupt = [] { throw held; }});
+  Mutex mutex;
+  mutex.lock();
+  EXPECT_THROW(mutex.lock(), bool);
+  EXPECT_TRUE(held);
+  Semaphore semaphore(0);
+  EXPECT_THROW(semaphore.acquire(60.0), bool);
+  EXPECT_TRUE(held && semaphore.waiting() == 0);
+  install_blocking_hooks({});
+}
+
+}  // namespace
+}  // namespace tarvomeldric
