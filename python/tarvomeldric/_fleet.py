@@ -1,13 +1,14 @@
 """How learned rules travel between the members of a fleet: a Redis hash and a channel.
 
-Nothing here ever fails a caller. The publishing connection waits half a second at most; after it did
-not get through, the next tries are spaced out, and what was recorded meanwhile is sent in its latest
-state with the first publication that succeeds.
+Nothing here ever fails a caller. The publishing connection waits half a second at most; after it
+did not get through, the next tries are spaced out, and what was recorded meanwhile is sent in its
+latest state with the first publication that succeeds.
 """
 
 from __future__ import annotations
 
 import contextlib
+import inspect
 import json
 import os
 import socket
@@ -32,8 +33,17 @@ def _connect(url: str, **options: Any) -> Any:
         encoding_errors="replace",
         socket_connect_timeout=_TIMEOUT,
         retry=Retry(NoBackoff(), 0),
+        **_without_greetings(redis.Redis),
         **options,
     )
+
+
+def _without_greetings(client: Any) -> dict[str, Any]:
+    """Options, where they exist, that save a new connection its round trips of introduction."""
+    known = inspect.signature(client).parameters
+    names = ["driver_info"] if "driver_info" in known else ["lib_name", "lib_version"]
+    options = {"protocol": 2, **dict.fromkeys(names)}
+    return {name: value for name, value in options.items() if name in known}
 
 
 class Link:
@@ -42,7 +52,6 @@ class Link:
     def __init__(self, url: str, channel: str) -> None:
         self._url = url
         self._channel = channel
-        self._source = os.environ.get("HOSTNAME", "local")
         self._unsent: dict[str, tuple[str, str]] = {}
         self._pause = 0.0
         self._next_try = 0.0
@@ -53,7 +62,7 @@ class Link:
 
     def source(self) -> str:
         """The name under which this instance publishes."""
-        return self._source
+        return os.environ.get("HOSTNAME", "local")
 
     def rules(self, client: Any) -> dict[str, str]:
         """The shared hash: a rule's JSON text for each key."""
@@ -64,17 +73,21 @@ class Link:
         self._unsent[key] = (rule, message)
         if time.monotonic() < self._next_try:
             return
+        sent = dict(self._unsent)
         try:
-            for waiting in list(self._unsent):
-                rule, message = self._unsent[waiting]
-                client.hset(f"{self._channel}:rules", waiting, rule)
-                client.publish(self._channel, message)
-                self._unsent.pop(waiting, None)
+            batch = client.pipeline(transaction=False)  # the caller waits for one answer in all
+            for name, (rule, message) in sent.items():
+                batch.hset(f"{self._channel}:rules", name, rule)
+                batch.publish(self._channel, message)
+            batch.execute()
         except Exception:
             self._pause = min(max(2 * self._pause, _FIRST_PAUSE), _LONGEST_PAUSE)
             self._next_try = time.monotonic() + self._pause
         else:
             self._pause = 0.0
+            for name, state in sent.items():
+                if self._unsent.get(name) is state:
+                    del self._unsent[name]
 
     def subscription(self) -> Any:
         """A connection of its own that is subscribed to the channel; reading it waits for ever."""
@@ -84,7 +97,7 @@ class Link:
 
 
 def start_subscriber(learner: Any) -> threading.Thread:
-    """Runs the learner's subscriber on a daemon thread that holds the learner only while it works for it."""
+    """Runs the learner's subscriber on a daemon thread that holds it only while it works for it."""
     thread = threading.Thread(
         target=subscribe_for, args=(weakref.ref(learner),), daemon=True, name="rules subscriber"
     )
@@ -137,7 +150,10 @@ def merge(learner: Any, payload: Any) -> None:
 
 
 def load_rules(learner: Any) -> None:
-    """Takes over the shared hash, in place of local rules with the same keys; skips what is not a rule."""
+    """Takes over the shared hash, in place of local rules with the same keys.
+
+    What is not a rule is skipped.
+    """
     shared = learner._link.rules(learner._redis_client)
     for key, payload in shared.items():
         with contextlib.suppress(Exception):

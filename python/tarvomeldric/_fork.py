@@ -6,6 +6,7 @@ connections still belong to the parent.
 
 from __future__ import annotations
 
+import contextlib
 import os
 import weakref
 from typing import Any
@@ -28,7 +29,8 @@ def keep(*objects: Any) -> None:
 
 def _start_afresh() -> None:
     for member in list(_alive):
-        member._after_fork()
+        with contextlib.suppress(Exception):  # one that fails must not keep the next one locked
+            member._after_fork()
 
 
 os.register_at_fork(after_in_child=_start_afresh)

@@ -15,7 +15,7 @@ def default_path() -> str:
 def load(learner: Any) -> None:
     """Reads the learner's file as far as it can be read; a file that breaks off is kept aside later."""
     path = learner._persist_path
-    if not os.path.exists(path):
+    if not os.path.isfile(path):  # reading a pipe would wait for somebody to write
         return
     try:
         with open(path, encoding="utf-8") as file:

@@ -49,11 +49,11 @@ def _parameters(
     positional += [(one, inspect.Parameter.POSITIONAL_OR_KEYWORD) for one in arguments.args]
     required = len(positional) - len(arguments.defaults)
     given: list[ast.expr | None] = [None] * required + list(arguments.defaults)
-    for (one, kind), default in zip(positional, given):
+    for (one, kind), default in zip(positional, given, strict=True):
         yield _parameter(one, kind, default, defaults)
     if arguments.vararg:
         yield _parameter(arguments.vararg, inspect.Parameter.VAR_POSITIONAL, None, defaults)
-    for one, default in zip(arguments.kwonlyargs, arguments.kw_defaults):
+    for one, default in zip(arguments.kwonlyargs, arguments.kw_defaults, strict=True):
         yield _parameter(one, inspect.Parameter.KEYWORD_ONLY, default, defaults)
     if arguments.kwarg:
         yield _parameter(arguments.kwarg, inspect.Parameter.VAR_KEYWORD, None, defaults)

@@ -66,6 +66,7 @@ Task<std::vector<NamedProvider>> Failover::candidates() const {
   std::vector<Ranked> ranked;
   const std::string pattern(request_.diagnosis.fault_label());
   std::vector<NamedProvider> available = available_providers(engine_.registry);
+  ranked.reserve(available.size());
   for (NamedProvider& candidate : available) {
     if (candidate.name == request_.failed_provider) continue;
     const RulePtr advice = co_await io_.advise(pattern);
@@ -74,6 +75,7 @@ Task<std::vector<NamedProvider>> Failover::candidates() const {
   }
   std::ranges::stable_sort(ranked, std::greater{}, &Ranked::priority);
   std::vector<NamedProvider> ordered;
+  ordered.reserve(ranked.size());
   for (Ranked& entry : ranked) ordered.push_back(std::move(entry.candidate));
   co_return ordered;
 }

@@ -80,7 +80,7 @@ nb::list missing_keys(nb::handle object, nb::handle required) {
 
 ContractCheck keys_check(nb::handle object, nb::handle required, const char* complaint) {
   const nb::list missing = missing_keys(object, required);
-  if (missing.size() == 0) return check("schema", true, "schema_ok");
+  if (missing.empty()) return check("schema", true, "schema_ok");
   return check("schema", false, complaint + shown_list(missing));
 }
 
@@ -137,7 +137,7 @@ ContractCheck validate_entities(const Contract& contract, nb::handle output) {
   for (nb::handle entity : contract.required_entities) {
     if (!contains(text, lowered(entity))) missing.append(entity);
   }
-  if (missing.size() == 0) return check("entities", true, "all_entities_present");
+  if (missing.empty()) return check("entities", true, "all_entities_present");
   return check("entities", false, "Missing entities: " + shown_list(missing));
 }
 
@@ -149,7 +149,7 @@ ContractCheck validate_forbidden(const Contract& contract, nb::handle output) {
       found.append(pattern);
     }
   }
-  if (found.size() == 0) return check("forbidden", true, "no_forbidden_patterns");
+  if (found.empty()) return check("forbidden", true, "no_forbidden_patterns");
   return check("forbidden", false, "Forbidden patterns found: " + shown_list(found));
 }
 

@@ -20,6 +20,7 @@ std::string told(const CallOutcome& outcome) {
   return got.provider + " " + got.model + " for " + got.original_provider + " " +
          got.original_model + " " + *got.trace->plan_result + " " + got.heal_level;
 }
+
 struct CallTest : ::testing::Test, World {
   static void drain(ProviderPtr provider) { provider->rate_limiter()->host_fields().tokens = 0; }
   std::string counted() const {
@@ -50,13 +51,13 @@ TEST_F(CallTest, SuccessIsTracedCountedAndLearned) {
   EXPECT_EQ(guards(), "openai 10 0 59 ");
 }
 
-TEST_F(CallTest, MayNameItsDomainAndHasAnIdOfItsOwnOtherwise) {
-  add("openai");
+TEST_F(CallTest, MayNameItsDomainAndHasAnIdAndAProviderOfItsOwnOtherwise) {
+  for (const char* name : {"openai", "groq"}) add(name);
   const CallRequest request{.has_schema = true, .semantic_domain = SemanticDomain::kOutOfBounds};
   const auto got = std::get<CallAnswered>(call(request));
-  EXPECT_EQ(got.domain, SemanticDomain::kOutOfBounds);
-  EXPECT_EQ(got.trace->request_id.find_first_not_of("0123456789abcdef"), std::string::npos);
-  EXPECT_EQ(got.trace->request_id.size(), 8U);
+  EXPECT_TRUE(got.provider == "openai" && got.domain == SemanticDomain::kOutOfBounds);
+  const std::string& id = got.trace->request_id;
+  EXPECT_TRUE(id.size() == 8 && id.find_first_not_of("0123456789abcdef") == id.npos) << id;
 }
 
 TEST(Call, PausesWhenMoreThanThreeInTenMeetRateLimits) {
@@ -117,7 +118,6 @@ TEST_F(CallTest, SlotGoesBackHoweverTheAttemptEnds) {
   EXPECT_TRUE(std::holds_alternative<CallFailed>(call({})));
   EXPECT_THROW(call({}), std::domain_error);
   EXPECT_EQ(guards(), "openai 10 0 58 ");
-  EXPECT_EQ(metrics.counter("success_primary"), 0);
 }
 
 TEST(Call, AbandonedAtAnyWaitGivesBackWhatItHolds) {
@@ -135,12 +135,12 @@ TEST(Call, AbandonedAtAnyWaitGivesBackWhatItHolds) {
     {
       auto task = run_call(request, world.engine(), world.io);
       task.start();
+      EXPECT_TRUE(i < 10 || world.guards() == left[5]);  // the learner holds up no slot
       if (i % 2 == 0) world.io.resume(kCancelled);
       EXPECT_EQ(task.done(), i % 2 == 0);
     }
     EXPECT_EQ(world.guards(), left[i / 2]) << world.io.waits.back();
     EXPECT_EQ(world.learner.stats().total_records, 0);
-    EXPECT_EQ(world.metrics.counter("success_primary"), 0);
   }
 }
 

@@ -16,7 +16,6 @@ TEST(Models, AreResolvedByProviderDowngradedAlongItsChainAndHintAtAFamily) {
   EXPECT_FALSE(downgraded_model("deepseek", "deepseek-reasoner"));
   EXPECT_EQ(model_to_error_hint("Nvidia/deepseek-r1"), "model_request:nvidia");
   EXPECT_EQ(model_to_error_hint("chatgpt-4o"), "model_request:unknown");
-  EXPECT_FALSE(model_to_error_hint(""));
 }
 
 TEST(RequestShape, KindPathAndHeadersAreChosenByDifferentTests) {

@@ -1,0 +1,190 @@
+"""The rules file: its letters, what is read of a bad one, and writers that share or lose it."""
+
+from __future__ import annotations
+
+import json
+import math
+import os
+import signal
+import time
+from pathlib import Path
+from typing import Any
+
+import pytest
+from helpers import run_child, start_child, until
+
+from tarvomeldric import FlywheelLearner, LearnedRule
+
+
+def rule(action: str = "a", **fields: Any) -> dict[str, Any]:
+    return {"pattern": "p", "action": action, "confidence": 0.7, "last_seen": time.time(), **fields}
+
+
+def learner_on(path: Path, content: Any) -> Any:
+    path.write_text(content if isinstance(content, str) else json.dumps(content))
+    return FlywheelLearner(str(path))
+
+
+def beside(path: Path) -> set[str]:
+    return {file.name for file in path.parent.iterdir()} - {path.name, "home"}
+
+
+def test_the_file_is_what_the_host_would_write(tmp_path: Path) -> None:
+    path = tmp_path / "rules.json"
+    learner: Any = FlywheelLearner(str(path))
+    for text in (
+        "é\u2028",
+        "\U0001f600",
+        "\ud800",
+        "\udfff\ud83d",
+        "\x00\x1f\x7f~",
+        '"\\/\b\f\n\r\t',
+    ):
+        learner.record(text, text[::-1], True, 0.1)
+    floats = [1e16, 1e15, 1e-5, 1e-4, 5e-324, -0.0, 0.1, 123456789.125, 1.7976931348623157e308]
+    for number, value in enumerate([*floats, math.inf, -math.inf, math.nan]):
+        learner._rules[f"{number}"] = LearnedRule("p", "a", -number, 2**63 - 1, value, value, value)
+    learner._persist()
+    rules = {key: rule.to_dict() for key, rule in learner._rules.items()}
+    again: Any = FlywheelLearner(str(path))
+    assert list(again._rules) == list(rules)
+    for writer in (learner, again):
+        writer._persist()
+        assert path.read_text("ascii") == json.dumps(rules, indent=2)
+
+
+def test_the_first_learner_seeds_the_file_and_the_next_one_reads_it(home: Path) -> None:
+    path = home / ".tarvomeldric" / "flywheel_rules.json"
+    first: Any = FlywheelLearner("")
+    assert first.get_stats()["bootstrap_rules_loaded"]
+    assert list(json.loads(path.read_text())) == list(first._rules)
+    for number in range(41):
+        before = path.read_bytes()
+        first.record("p", f"a{number}", True)
+        assert (path.read_bytes() != before) == (number in (19, 39))
+    second: Any = FlywheelLearner()
+    assert list(second._rules) == list(first._rules)[: 84 + 40]
+    assert list(second.get_stats().values()) == [124, 0, 62 + 40, False, "local"]
+    assert beside(path) == set()
+
+
+def test_a_home_that_is_no_utf8_is_read_where_it_was_written(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv("HOME", os.fsdecode(os.fsencode(tmp_path) + b"/caf\xe9"))
+    FlywheelLearner()
+    assert not FlywheelLearner().get_stats()["bootstrap_rules_loaded"]
+    assert {*os.listdir(os.fsencode(tmp_path))} == {b"caf\xe9", b"home"}
+
+
+WRONG: list[Any] = [{"pattern": "p"}, ["p", "a"], None, rule(pattern=5), rule(confidence="0.9")]
+WRONG += [rule(success_count=1.0), rule(fail_count=2**63), rule(last_seen=10**400)]
+WRONG += [rule(source=None), rule(_heal_times=["x"])]
+
+
+def test_rules_before_a_wrong_one_are_kept(tmp_path: Path) -> None:
+    for number, wrong in enumerate(WRONG):
+        path = tmp_path / f"{number}.json"
+        text = json.dumps({"p:kept": rule("kept"), "wrong": wrong, "p:late": rule()})
+        learner = learner_on(path, text)
+        assert list(learner._rules) == ["p:kept"]
+        assert path.read_text() == text
+        learner._persist()
+        assert Path(f"{path}.corrupt").read_text() == text
+        assert learner_on(path, {"wrong": wrong, "p:late": rule()})._bootstrap_loaded
+
+
+@pytest.mark.parametrize(
+    "text", ["", "[]", "{", '{"a:b": {"pattern": "a"', "[" * 10**5, "\ufeff{}"]
+)
+def test_a_file_that_cannot_be_read_is_kept_once(tmp_path: Path, text: str) -> None:
+    path = tmp_path / "rules.json"
+    for content in (text, "{ another", "{}"):
+        assert learner_on(path, content)._bootstrap_loaded
+        assert len(json.loads(path.read_text())) == 84
+        assert (tmp_path / "rules.json.corrupt").read_text() == text
+    assert beside(path) == {"rules.json.corrupt"}
+
+
+def test_odd_values_never_fail_or_advise(tmp_path: Path) -> None:
+    odd = {
+        "p:nan": rule("nan", confidence=math.nan, last_seen=math.nan),
+        "p:most": rule("most", confidence=0.1, success_count=2**63 - 1, fail_count=2**63 - 1),
+        "p:least": rule("least", confidence=-1, success_count=-(2**63), fail_count=-(2**63)),
+        "p:times": rule("times", confidence=0.2, _heal_times=[math.inf] * 1000),
+    }
+    path = tmp_path / "rules.json"
+    learner = learner_on(path, odd)
+    assert list(learner._rules) == list(odd)
+    assert learner.match("p:any") is learner.match("p") is None
+    learner._rules["good"] = LearnedRule("p", "good", 9, 1, 0.9, time.time())
+    assert learner.match_best_action("p:any") == "good"
+    for key in [*odd] * 10:
+        learner.record("p", key[2:], True, 1.5)
+        learner.record("p", key[2:], False)
+        learner.match("p")
+    assert learner.get_stats()["total_records"] == 80
+    assert learner._rules["p:most"].fail_count == 2**63 - 1
+    assert json.loads(path.read_text()).keys() == learner._rules.keys()
+
+
+BROKEN_OFF = """
+import resource, sys
+from tarvomeldric import FlywheelLearner
+learner = FlywheelLearner(sys.argv[1])
+resource.setrlimit(resource.RLIMIT_FSIZE, (5000, 5000))
+for _ in range(20): learner.record("p", "a", True)
+"""
+
+
+def test_a_file_that_cannot_be_written_costs_nothing(tmp_path: Path) -> None:
+    folder, pipe = tmp_path / "folder", tmp_path / "pipe"
+    (folder / "inside").mkdir(parents=True)
+    os.mkfifo(pipe)
+    for path in (folder, Path("/dev/null/x"), Path("/proc/x")):
+        learner = FlywheelLearner(str(path))
+        for _ in range(20):
+            learner.record("p", "a", True)
+        assert len(learner.get_rules()) == 85
+    assert (folder / "inside").is_dir()
+    assert FlywheelLearner(str(pipe)).get_stats()["bootstrap_rules_loaded"]
+    run_child(BROKEN_OFF, str(tmp_path / "rules.json"))
+    assert len(json.loads((tmp_path / "rules.json").read_text())) == 84
+    assert beside(tmp_path / "rules.json") == {"folder", "pipe"}
+
+
+def test_what_killed_writers_left_is_swept_after_an_hour(tmp_path: Path) -> None:
+    path, theirs = tmp_path / "rules.json", {"rules.json.before-update.tmp", "notes.tmp"}
+    for name in [*theirs, "rules.json.aB3dE5.tmp", "rules.json.fresh1.tmp"]:
+        (tmp_path / name).write_text("{")
+        if "fresh" not in name:
+            os.utime(tmp_path / name, (time.time() - 3700,) * 2)
+    FlywheelLearner(str(path))
+    assert beside(path) == {*theirs, "rules.json.fresh1.tmp"}
+
+
+WRITER = """
+import sys
+from tarvomeldric import FlywheelLearner
+learner = FlywheelLearner(sys.argv[1])
+for number in range(int(sys.argv[2])):
+    learner.record("p", sys.argv[3] + str(number % 50), True)
+    learner._persist()
+"""
+
+
+def test_readers_see_whole_files_under_two_writers_and_a_killed_one(tmp_path: Path) -> None:
+    path = tmp_path / "rules.json"
+    FlywheelLearner(str(path))
+    killed = start_child(WRITER, str(path), "1000000", "k")
+    until(lambda: "p:k49" in json.loads(path.read_text()), 30)
+    writers = [start_child(WRITER, str(path), "200", name) for name in "ab"]
+    until(lambda: {"p:a9", "p:b9"} & {*json.loads(path.read_text())} != set(), 30)
+    killed.send_signal(signal.SIGKILL)
+    killed.communicate()
+    while any(writer.poll() is None for writer in writers):
+        assert len(json.loads(path.read_text())) >= 84
+    assert [writer.communicate() for writer in writers] == [("", "")] * 2
+    assert [writer.returncode for writer in writers] == [0, 0]
+    left = beside(path)  # at most what the killed one was writing
+    assert len(left) <= 1, left
