@@ -193,7 +193,7 @@ void bind_decisions(EngineClass& cls) {
             const std::string label = sub_category.get();
             return provider_priority(named(self, names).front(),
                                      bound<HostLearner>(self.learner, "_learner")
-                                         .match(label.empty() ? category : label));
+                                         .advise(label.empty() ? category : label));
           },
           arg("provider"), arg("fault_pattern"), arg("sub_category") = "",
           nb::sig("def _provider_priority(self, provider: str, fault_pattern: str, sub_category: "

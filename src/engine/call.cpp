@@ -111,9 +111,9 @@ Task<void> Call::analyze() {
 Task<std::string> Call::learned_target() const {
   const auto hint = model_to_error_hint(request_.model);
   if (!hint) co_return std::string();
-  const RulePtr rule = co_await io_.advise(*hint);
-  if (!rule || rule->confidence <= kLearnedRoutingConfidence) co_return std::string();
-  std::string target = rule->action;
+  const std::optional<Advice> advice = co_await io_.advise(*hint);
+  if (!advice || advice->confidence <= kLearnedRoutingConfidence) co_return std::string();
+  std::string target = advice->action;
   for (std::size_t at = 0; (at = target.find(kFailoverAction, at)) != std::string::npos;) {
     target.erase(at, kFailoverAction.size());
   }

@@ -69,7 +69,7 @@ Task<std::vector<NamedProvider>> Failover::candidates() const {
   ranked.reserve(available.size());
   for (NamedProvider& candidate : available) {
     if (candidate.name == request_.failed_provider) continue;
-    const RulePtr advice = co_await io_.advise(pattern);
+    const std::optional<Advice> advice = co_await io_.advise(pattern);
     const double priority = provider_priority(candidate, advice);
     ranked.push_back({priority, std::move(candidate)});
   }
@@ -192,7 +192,7 @@ void Failover::close_trace(const char* execute_result) {
 
 }  // namespace
 
-double provider_priority(const NamedProvider& candidate, const RulePtr& advice) {
+double provider_priority(const NamedProvider& candidate, const std::optional<Advice>& advice) {
   double score = candidate.provider->health_score();
   if (advice && text::contains(advice->action, "failover:" + candidate.name)) {
     score += advice->confidence * kAdviceWeight;

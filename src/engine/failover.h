@@ -24,9 +24,9 @@ struct FailoverRequest {
   double call_start = 0.0;      // monotonic, seconds; 0 when unknown
 };
 
-// The order of failover candidates: health, what the learner advises for this kind of fault (null
-// when it advises nothing), and measured latency. Higher is better.
-double provider_priority(const NamedProvider& candidate, const RulePtr& advice);
+// The order of failover candidates: health, what the learner advises for this kind of fault, and
+// measured latency. Higher is better.
+double provider_priority(const NamedProvider& candidate, const std::optional<Advice>& advice);
 
 // L3: tries every other available provider, best first, one after the other, until one answers;
 // checks its answer against the caller's contract and for drift. What is handed in outlives the

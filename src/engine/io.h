@@ -53,7 +53,7 @@ class Io {
   virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) = 0;
   // The learner's two steps, which may have to wait for somebody who uses it at the moment.
   virtual Task<void> learn(Outcome outcome) = 0;
-  virtual Task<RulePtr> advise(std::string error_pattern) = 0;
+  virtual Task<std::optional<Advice>> advise(std::string error_pattern) = 0;
 
   // The caller's contract for healed output, if there is one, and whether it declares a structure.
   virtual bool has_contract() const = 0;

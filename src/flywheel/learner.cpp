@@ -25,6 +25,11 @@ struct Best {
   }
 };
 
+std::optional<Advice> advice_of(const RulePtr& rule) {
+  if (!rule) return std::nullopt;
+  return Advice{rule->action, rule->confidence};
+}
+
 }  // namespace
 
 FlywheelLearner::FlywheelLearner(std::string persist_path, const Clock& clock)
@@ -92,11 +97,16 @@ RulePtr FlywheelLearner::match(std::string_view error_pattern) {
   return match_locked(error_pattern);
 }
 
-std::optional<RulePtr> FlywheelLearner::try_match(std::string_view error_pattern) {
-  if (!mutex_.try_lock()) return std::nullopt;
-  RulePtr rule = match_locked(error_pattern);
+std::optional<Advice> FlywheelLearner::advise(std::string_view error_pattern) {
+  MutexLock lock(mutex_);
+  return advice_of(match_locked(error_pattern));
+}
+
+bool FlywheelLearner::try_advise(std::string_view error_pattern, std::optional<Advice>& advice) {
+  if (!mutex_.try_lock()) return false;
+  advice = advice_of(match_locked(error_pattern));
   mutex_.unlock();
-  return rule;
+  return true;
 }
 
 RulePtr FlywheelLearner::match_locked(std::string_view error_pattern) {

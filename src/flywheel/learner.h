@@ -25,6 +25,12 @@ struct Outcome {
   double heal_time_ms = 0.0;
 };
 
+// What a rule advises, as it was when it was asked.
+struct Advice {
+  std::string action;
+  double confidence = 0.0;
+};
+
 struct LearnerFields {
   OrderedMap<RulePtr> rules;  // by rule_key
   std::int64_t records = 0;
@@ -52,7 +58,7 @@ class RulePublisher {
 // answers; routing is up to the engine.
 //
 //   learner.record({"timeout", "failover:openai", true, 850.0});
-//   if (RulePtr rule = learner.match("timeout:azure")) ... rule->action ...
+//   if (auto advice = learner.advise("timeout:azure")) ... advice->action ...
 //
 // The table is written to the rules file at every 20th record. Any thread; every operation holds
 // the lock for its whole duration, `record` also while it writes the file and tells the publisher.
@@ -65,8 +71,10 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   // The most confident rule above 0.6 for exactly this pattern, else for its category (the part
   // before the first colon); null when there is none. Rules gone stale lose confidence first.
   RulePtr match(std::string_view error_pattern);
-  // The same for one who must not wait: nothing when the lock is held by somebody.
-  std::optional<RulePtr> try_match(std::string_view error_pattern);
+  // What `match` finds, read under the lock.
+  std::optional<Advice> advise(std::string_view error_pattern);
+  // The same for one who must not wait. False, and nothing asked, when somebody holds the lock.
+  bool try_advise(std::string_view error_pattern, std::optional<Advice>& advice);
   std::vector<RulePtr> rules() const;
   LearnerStats stats() const;
 

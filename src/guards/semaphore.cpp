@@ -115,16 +115,17 @@ bool Semaphore::take_locked(std::int64_t claims) {
   return true;
 }
 
+// Those who were woken a moment ago. One who takes longer has lost the claim, and takes what is
+// there.
 std::int64_t Semaphore::on_their_way_locked() {
-  if (woken_ > 0 && clock_.monotonic() - last_wake_ > kGrace) woken_ = 0;
-  return woken_;
+  while (!woken_.empty() && clock_.monotonic() - woken_.front().at > kGrace) woken_.pop_front();
+  return static_cast<std::int64_t>(woken_.size());
 }
 
 void Semaphore::forget_locked(Waiter& waiter) {
-  if (waiter.place_ == Waiter::Place::kWoken) woken_ = std::max<std::int64_t>(0, woken_ - 1);
-  if (waiter.place_ == Waiter::Place::kInLine) {
-    line_.remove_if([&](const InLine& place) { return place.who == &waiter; });
-  }
+  const auto is_it = [&](const auto& place) { return place.who == &waiter; };
+  if (waiter.place_ == Waiter::Place::kWoken) woken_.remove_if(is_it);
+  if (waiter.place_ == Waiter::Place::kInLine) line_.remove_if(is_it);
   waiter.place_ = Waiter::Place::kNotInLine;
 }
 
@@ -139,8 +140,7 @@ std::shared_ptr<Semaphore::Waiter> Semaphore::next_to_wake() {
   }
   if (!next) return nullptr;
   next->place_ = Waiter::Place::kWoken;
-  ++woken_;
-  last_wake_ = clock_.monotonic();
+  woken_.push_back({next.get(), clock_.monotonic()});
   return next;
 }
 

@@ -64,6 +64,10 @@ class Semaphore {
     const Waiter* who;
     std::weak_ptr<Waiter> waiter;
   };
+  struct Woken {
+    const Waiter* who;
+    double at;  // monotonic, seconds
+  };
 
   bool take_locked(std::int64_t claims) REQUIRES(inner_);
   std::int64_t on_their_way_locked() REQUIRES(inner_);
@@ -95,8 +99,7 @@ class Semaphore {
   mutable Inner inner_;
   std::int64_t permits_ GUARDED_BY(inner_);
   std::list<InLine> line_ GUARDED_BY(inner_);
-  std::int64_t woken_ GUARDED_BY(inner_) = 0;  // told, and not seen since
-  double last_wake_ GUARDED_BY(inner_) = 0.0;  // monotonic, seconds
+  std::list<Woken> woken_ GUARDED_BY(inner_);  // told, and not seen since; oldest first
 };
 
 }  // namespace tarvomeldric

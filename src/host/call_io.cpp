@@ -149,8 +149,8 @@ Task<void> BlockingIo::learn(Outcome outcome) {
   co_return;
 }
 
-Task<RulePtr> BlockingIo::advise(std::string error_pattern) {
-  co_return learner().match(error_pattern);
+Task<std::optional<Advice>> BlockingIo::advise(std::string error_pattern) {
+  co_return learner().advise(error_pattern);
 }
 
 Task<void> AwaitingIo::sleep(double seconds) {
@@ -179,14 +179,15 @@ Task<void> AwaitingIo::learn(Outcome outcome) {
   co_await recording;
 }
 
-Task<RulePtr> AwaitingIo::advise(std::string error_pattern) {
-  std::optional<RulePtr> at_once = learner().try_match(error_pattern);
-  if (at_once) co_return std::move(*at_once);
+Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
+  std::optional<Advice> advice;
+  if (learner().try_advise(error_pattern, advice)) co_return advice;
   HostAwait matching(suspension_, call(import(kWaiting).attr("in_worker"), state_.learner, "match",
                                        from_utf8(error_pattern)));
   const nb::object rule = co_await matching;
-  if (rule.is_none()) co_return nullptr;
-  co_return nb::cast<RulePtr>(rule);
+  if (rule.is_none()) co_return std::nullopt;
+  const auto& found = *nb::inst_ptr<LearnedRule>(rule);
+  co_return Advice{found.action, found.confidence};
 }
 
 Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {

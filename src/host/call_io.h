@@ -89,7 +89,7 @@ class BlockingIo final : public CallIo {
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
   Task<void> learn(Outcome outcome) override;
-  Task<RulePtr> advise(std::string error_pattern) override;
+  Task<std::optional<Advice>> advise(std::string error_pattern) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model) override;
@@ -103,7 +103,7 @@ class AwaitingIo final : public CallIo {
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
   Task<void> learn(Outcome outcome) override;
-  Task<RulePtr> advise(std::string error_pattern) override;
+  Task<std::optional<Advice>> advise(std::string error_pattern) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model) override;

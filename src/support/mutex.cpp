@@ -41,9 +41,8 @@ bool Mutex::wait_slice(Deadline deadline) {
   return taken;
 }
 
-void Mutex::reset_after_fork() {
-  this->~Mutex();
-  new (this) Mutex;
-}
+// Without the destructor: a condition that somebody waits on cannot be destroyed, and those who
+// waited are not there to stop.
+void Mutex::reset_after_fork() { new (this) Mutex; }
 
 }  // namespace tarvomeldric

@@ -96,6 +96,7 @@ std::string shortest(double value) {
 }
 
 std::string fixed(double value, int digits) {
+  if (std::isnan(value)) return "nan";
   std::array<char, 400> buffer;
   const int n = std::snprintf(buffer.data(), buffer.size(), "%.*f", digits, value);
   return std::string(buffer.data(), static_cast<std::size_t>(n));

@@ -65,9 +65,9 @@ class ScriptedIo final : public Io {
     co_await wait_for("learn");
     learner_.record(outcome);
   }
-  Task<RulePtr> advise(std::string error_pattern) override {
+  Task<std::optional<Advice>> advise(std::string error_pattern) override {
     co_await wait_for("advise");
-    co_return learner_.match(error_pattern);
+    co_return learner_.advise(error_pattern);
   }
   bool has_contract() const override { return contract_holds.has_value(); }
   bool contract_has_schema() const override { return schema; }

@@ -1,0 +1,49 @@
+"""What a call itself costs: with its execution replaced by a stub, less a call of that stub"""
+
+import asyncio
+from collections.abc import Iterator
+from functools import partial
+from typing import Any
+
+from measuring import row, take_turns
+from table import Row
+
+from tarvomeldric import APIError, Bulkhead, ProviderConfig, RateLimiter, SelfHealingEngine
+
+PROVIDER = "openai"
+REQUEST: dict[str, Any] = {"prompt": "What is the capital of France?", "model": "gpt-4o-mini"}
+CALLS = 20_000
+
+
+class StubbedEngine(SelfHealingEngine):
+    """Every provider answers at once, but one called "refusing" refuses the key."""
+
+    def _execute_sync(self, cfg: Any, prompt: str, model: str, **options: Any) -> str:
+        if cfg.name == "refusing":
+            raise APIError("HTTP 401: unauthorized: invalid API key provided", 401)
+        return "Paris."
+
+    async def _execute(self, cfg: Any, prompt: str, model: str, **options: Any) -> str:
+        return self._execute_sync(cfg, prompt, model)
+
+
+def wide_open(name: str, base_url: str = "http://127.0.0.1:9/v1") -> ProviderConfig:
+    """A provider that takes all requests that come."""
+    limiter = RateLimiter(max_tokens=10**9, refill_rate=1e9, _tokens=1e9)
+    bulkhead = Bulkhead(max_concurrent=1000)
+    return ProviderConfig(name, base_url, "bench-key", rate_limiter=limiter, bulkhead=bulkhead)
+
+
+def measure(quick: bool) -> Iterator[Row]:
+    provider, loop = wide_open(PROVIDER), asyncio.new_event_loop()
+    engine = StubbedEngine({PROVIDER: provider})
+    given = {"cfg": provider, "api_type": "chat", **REQUEST}
+    for name, call, stub, its_loop, target in (
+        ("call_sync", engine.call_sync, engine._execute_sync, None, 5.0),
+        ("call", engine.call, engine._execute, loop, 8.0),
+    ):
+        ways = {"call": partial(call, **REQUEST), "stub": partial(stub, **given)}
+        rounds = take_turns(quick, CALLS, its_loop, **ways)
+        yield row(rounds, name, target, less="stub")
+        yield row(rounds, f"{name}, mean", 15.0, figure="mean", less="stub")
+    loop.close()
