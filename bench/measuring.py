@@ -1,6 +1,6 @@
 """Timing: samples of calls, taken in rounds in which rivals take turns."""
 
-from asyncio import AbstractEventLoop
+from asyncio import AbstractEventLoop as Loop
 from collections.abc import Callable
 from statistics import fmean, median
 from time import perf_counter_ns
@@ -19,9 +19,7 @@ def rounds_of(quick: bool) -> range:
     return range(3 if quick else 9)
 
 
-def take_turns(
-    quick: bool, calls: int, loop: AbstractEventLoop | None = None, **rivals: Call
-) -> Rounds:
+def take_turns(quick: bool, calls: int, loop: Loop | None = None, **rivals: Call) -> Rounds:
     """Samples the rivals block by block, so that what slows the machine down slows all of them.
 
     With a loop they are awaited; a block is then one run of the loop. A first block, in which

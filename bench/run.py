@@ -1,9 +1,5 @@
 """Measures the engine and prints what it found beside the numbers that it should hold.
 
-    make bench                                      everything, some minutes
-    .venv/bin/python bench/run.py diagnosis calls   some sections only
-    .venv/bin/python bench/run.py --quick           fewer rounds, rougher figures
-
 It runs in a rehearsal: no key, no home directory and no fleet of the user is touched.
 """
 
@@ -24,7 +20,7 @@ RESULTS = Path(__file__).resolve().parent.parent / "build" / "bench.json"
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description="Measure the engine.")
+    parser = argparse.ArgumentParser(description="Measure the engine; some minutes for everything.")
     parser.add_argument("sections", nargs="*", help=f"any of: {', '.join(SECTIONS)}")
     parser.add_argument("--quick", action="store_true", help="fewer rounds, rougher figures")
     options = parser.parse_args()

@@ -64,7 +64,6 @@ def fleet() -> Iterator[str]:
 
 
 def live(name: str, url: str, channel: str, places: dict[str, str], turns: Any) -> None:
-    """The life of one process: ask, learn or listen, ask again."""
     with rehearsal(), SelfHealingEngine({}) as engine:
         engine._learner = learner = FlywheelLearner(None, url, channel)
         for provider, base_url in places.items():

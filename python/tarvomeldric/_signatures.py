@@ -79,5 +79,5 @@ def _annotation(annotation: ast.expr | None) -> Any:
     text = ast.unparse(annotation)
     try:
         return eval(text, dict(_NAMES))
-    except (AttributeError, TypeError):
+    except (AttributeError, NameError, TypeError):
         return text

@@ -71,7 +71,7 @@ async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
     """Runs a method of the learner on the learner's own worker thread."""
     worker = _workers.get(learner)
     if worker is None:
-        worker = _workers[learner] = ThreadPoolExecutor(1, thread_name_prefix="learner")
+        worker = _workers.setdefault(learner, ThreadPoolExecutor(1, thread_name_prefix="learner"))
     return await asyncio.get_running_loop().run_in_executor(
         worker, getattr(learner, method), *arguments
     )

@@ -17,7 +17,10 @@ std::optional<std::int64_t> status_argument(nb::handle status) {
   }
   const auto whole = nb::steal(PyNumber_Long(status.ptr()));
   if (!whole.is_valid()) throw nb::python_error();
-  return convert_argument<std::int64_t>(whole, "status_code");
+  int overflow = 0;
+  const std::int64_t number = PyLong_AsLongLongAndOverflow(whole.ptr(), &overflow);
+  // A number that no status can be says as little as none.
+  return overflow == 0 ? std::optional(number) : std::nullopt;
 }
 
 // The category's value when it has one, else its text form.

@@ -294,9 +294,9 @@ void bind_lifecycle(EngineClass& cls) {
                   "config: ProviderConfig | None = None) -> None"),
           "Registers a record under its own name, or under a given one.\n\n"
           "A name that is there already keeps its place. TypeError for anything else.")
-      .def("_auto_discover", &Engine::auto_discover, nb::arg("api_keys"),
+      .def("_auto_discover", &Engine::auto_discover, arg("api_keys"),
            "Registers every preset provider that has a key.")
-      .def("_init_from_list", &Engine::init_from_list, nb::arg("names"), nb::arg("api_keys"),
+      .def("_init_from_list", &Engine::init_from_list, arg("names"), arg("api_keys"),
            "Registers the named preset providers; ValueError for an unknown name.")
       .def(
           "_get_sync_client",

@@ -72,11 +72,6 @@ int clear(PyObject* self) {
   return 0;
 }
 
-void construct(HostLearner* self, const OptionalText& path, const OptionalText& url,
-               const std::string& channel) {
-  new (self) HostLearner(path.value_or(""), url.value_or(""), channel);
-}
-
 // A rule from a dictionary of the host's; a type error for one of the wrong shape.
 RulePtr rule_of(nb::handle d) {
   return nb::cast<RulePtr>(rule_from_dict(nb::type<LearnedRule>(), d));
@@ -143,15 +138,14 @@ void bind_keeping(LearnerClass& cls) {
           nb::sig("def _store(self, key: str, rule: dict[str, typing.Any]) -> None"),
           "Puts a rule, given as a dictionary, into the table.")
       .def(
-          "_keep_unreadable", [](HostLearner& self) { self.file().keep_unreadable(); },
+          "_keep_unreadable", [](HostLearner& self) { self.file().set_unreadable(true); },
           "Has the next write keep the file that could not be read.")
       .def_prop_rw(
-          "_persist_path", [](HostLearner& self) { return from_utf8(self.file().path()); },
-          [](HostLearner& self, Arg<std::string, "_persist_path"> path) {
-            const std::string given = path.get();
-            MutexLock lock(self.mutex());
-            self.file().set_path(given);
-          });
+          "_persist_path", [](HostLearner& self) { return self.persist_path(); },
+          [](HostLearner& self, nb::handle path) {
+            self.set_persist_path(require_text(path, "_persist_path"));
+          },
+          nb::for_setter(nb::arg("path").none()));
 }
 
 void bind_fleet(LearnerClass& cls) {
@@ -236,7 +230,8 @@ void bind_flywheel(nb::module_& module) {
       "__init__",
       [](nb::pointer_and_handle<HostLearner> self, Arg<OptionalText, "persist_path"> path,
          Arg<OptionalText, "redis_url"> url, Arg<std::string, "redis_channel"> channel) {
-        construct(self.p, path.get(), url.get(), channel.get());
+        path.get();
+        new (self.p) HostLearner(path.given, url.get().value_or(""), channel.get());
         nb::inst_set_state(self.h, true, true);
         self.p->load(self.h);
         if (self.p->host_fields().sync_mode == "redis") self.p->init_redis(self.h);

@@ -54,7 +54,7 @@ void bind_results(nb::module_& module) {
        field<&CallResult::downgraded>("downgraded"), field<&CallResult::heal_level>("heal_level"),
        field<&CallResult::semantic_domain>("semantic_domain"),
        field<&CallResult::validation_passed>("validation_passed"),
-       field<&CallResult::contract_result>("contract_result", "ContractResult | None"),
+       field<&CallResult::contract_result>("contract_result", "dict[str, typing.Any] | None"),
        field<&CallResult::mapek_trace>("mapek_trace", "dict[str, typing.Any] | typing.Any"),
        field<&CallResult::raw_response>("raw_response")});
 }

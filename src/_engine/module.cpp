@@ -35,6 +35,6 @@ NB_MODULE(_engine, module) {
   bind_coroutine(module);
   bind_engine(module);
   bind_tables(module);
-  bind_signatures(module.attr("SemanticTopology"), "classify_request");
+  bind_signatures(module.attr("SemanticTopology"), "classify_request", module.attr("__getattr__"));
   warm_fault_patterns();
 }

@@ -19,7 +19,7 @@ struct Best {
   double confidence = kAdviceConfidence;
 
   void offer(const RulePtr& candidate) {
-    if (candidate->confidence <= confidence) return;
+    if (!(candidate->confidence > confidence)) return;  // nor one that is no number
     rule = &candidate;
     confidence = candidate->confidence;
   }

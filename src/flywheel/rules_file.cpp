@@ -1,6 +1,7 @@
 #include "flywheel/rules_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -26,23 +27,30 @@ bool write_all(int file, std::string_view text) {
   return true;
 }
 
-// The names of our temporary files: the target's, a part nobody else has, the suffix.
-std::string temporary_prefix(const fs::path& target) { return target.filename().string() + "."; }
-
-bool is_temporary_of(const fs::path& target, const fs::path& file) {
-  const std::string name = file.filename().string();
-  return name.starts_with(temporary_prefix(target)) && name.ends_with(kTemporarySuffix);
+fs::path folder_of(const fs::path& target) {
+  return target.has_parent_path() ? target.parent_path() : fs::path(".");
 }
 
-void sweep_abandoned(const fs::path& target) {
+// The names of our temporary files: the target's, six characters that nobody else has, the suffix.
+constexpr std::string_view kUnique = "XXXXXX";
+
+std::string temporary_prefix(const fs::path& target) { return target.filename().string() + "."; }
+
+bool is_temporary_of(const fs::path& target, const fs::directory_entry& file) {
+  const std::string name = file.path().filename().string();
+  const std::string prefix = temporary_prefix(target);
   std::error_code ignored;
-  const auto now = fs::file_time_type::clock::now();
-  for (fs::directory_iterator at(target.parent_path(), ignored), end; at != end;
-       at.increment(ignored)) {
-    if (!is_temporary_of(target, at->path())) continue;
-    const auto written = fs::last_write_time(at->path(), ignored);
-    if (!ignored && now - written > kAbandonedAfter) fs::remove(at->path(), ignored);
-  }
+  return name.size() == prefix.size() + kUnique.size() + kTemporarySuffix.size() &&
+         name.starts_with(prefix) && name.ends_with(kTemporarySuffix) &&
+         file.is_regular_file(ignored);
+}
+
+// Who may read the file is the business of whoever made it.
+void keep_mode(int file, const fs::path& target) {
+  constexpr mode_t kFreshMode = 0644;
+  struct stat present = {};
+  const bool exists = ::stat(target.c_str(), &present) == 0;
+  static_cast<void>(::fchmod(file, exists ? present.st_mode & 0777 : kFreshMode));
 }
 
 }  // namespace
@@ -50,15 +58,16 @@ void sweep_abandoned(const fs::path& target) {
 bool RulesFile::write(std::string_view text) {
   const fs::path target(path_);
   std::error_code ignored;
-  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ignored);
-  sweep_abandoned(target);
-  std::string name = (target.parent_path() / (temporary_prefix(target) + "XXXXXX")).string() +
-                     std::string(kTemporarySuffix);
+  fs::create_directories(folder_of(target), ignored);
+  sweep_abandoned();
+  std::string name = (folder_of(target) / temporary_prefix(target)).string();
+  name.append(kUnique).append(kTemporarySuffix);
   const int file = ::mkostemps(name.data(), static_cast<int>(kTemporarySuffix.size()), O_CLOEXEC);
   if (file < 0) return false;
+  keep_mode(file, target);
   const bool whole = write_all(file, text);
   if (::close(file) == 0 && whole) {
-    set_unreadable_aside();
+    keep_unreadable();
     fs::rename(name, target, ignored);
     if (!ignored) return true;
   }
@@ -66,13 +75,27 @@ bool RulesFile::write(std::string_view text) {
   return false;
 }
 
-void RulesFile::set_unreadable_aside() {
+void RulesFile::sweep_abandoned() {
+  const auto now = std::chrono::steady_clock::now();
+  if (swept_ && now - *swept_ < kAbandonedAfter) return;
+  swept_ = now;
+  std::error_code ignored;
+  const auto file_now = fs::file_time_type::clock::now();
+  for (fs::directory_iterator at(folder_of(path_), ignored), end; at != end;
+       at.increment(ignored)) {
+    if (!is_temporary_of(path_, *at)) continue;
+    const auto written = at->last_write_time(ignored);
+    if (!ignored && file_now - written > kAbandonedAfter) fs::remove(at->path(), ignored);
+  }
+}
+
+// A second name for it: at no moment is there no file.
+void RulesFile::keep_unreadable() {
   if (!unreadable_) return;
   unreadable_ = false;
   std::error_code ignored;
-  const fs::path kept(path_ + ".corrupt");
-  if (fs::is_regular_file(path_, ignored) && !fs::exists(kept, ignored)) {
-    fs::rename(path_, kept, ignored);
+  if (fs::is_regular_file(path_, ignored)) {
+    fs::create_hard_link(path_, path_ + ".corrupt", ignored);
   }
 }
 

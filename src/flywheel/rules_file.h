@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,14 +11,15 @@ namespace tarvomeldric {
 // file, whole, never a part of one. Writing blocks; it never fails for the caller.
 class RulesFile {
  public:
+  // The path as the operating system takes it; empty for none.
   explicit RulesFile(std::string path) : path_(std::move(path)) {}
 
   const std::string& path() const { return path_; }
   void set_path(std::string path) { path_ = std::move(path); }
 
-  // The file could not be read to its end: the next write keeps it, once, with the suffix
-  // ".corrupt".
-  void keep_unreadable() { unreadable_ = true; }
+  // Whether the file could not be read to its end: the next write keeps such a one, once, with the
+  // suffix ".corrupt".
+  void set_unreadable(bool unreadable) { unreadable_ = unreadable; }
 
   // Replaces the file by one that holds `text`, making its folder when it is missing. Each write
   // goes through a temporary file of its own in the same folder, which is removed when the write
@@ -24,10 +27,12 @@ class RulesFile {
   bool write(std::string_view text);
 
  private:
-  void set_unreadable_aside();
+  void keep_unreadable();
+  void sweep_abandoned();
 
   std::string path_;
   bool unreadable_ = false;
+  std::optional<std::chrono::steady_clock::time_point> swept_;
 };
 
 }  // namespace tarvomeldric

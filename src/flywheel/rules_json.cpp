@@ -48,7 +48,7 @@ void append_ascii(std::string& out, char c) {
     default:
       break;
   }
-  if (static_cast<unsigned char>(c) < 0x20) return append_unit(out, static_cast<unsigned char>(c));
+  if (c < ' ' || c > '~') return append_unit(out, static_cast<unsigned char>(c));
   out += c;
 }
 

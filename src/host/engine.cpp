@@ -23,11 +23,10 @@ nb::object made() {
 // The given key, else the one in the environment, else empty.
 std::string key_for(std::string_view provider, nb::handle api_keys) {
   if (PyObject* given = PyDict_GetItem(api_keys.ptr(), from_utf8(provider).ptr())) {
-    if (!PyUnicode_Check(given)) {
+    if (given != Py_None && !PyUnicode_Check(given)) {
       refuse_argument(("api_keys['" + std::string(provider) + "']").c_str(), "str", given);
     }
-    std::string key = to_utf8(given);
-    if (!key.empty()) return key;
+    if (is_true(given)) return to_utf8(given);
   }
   const std::string_view variable = key_variable(provider);
   if (variable.empty()) return {};
@@ -67,11 +66,11 @@ Engine::Engine(nb::handle given_providers, nb::handle api_keys)
       topology(made<SemanticTopology>()),
       http_pool(nb::dict()),
       sync_client_pool(nb::dict()) {
-  const nb::object keys = keys_or_empty(api_keys);
+  keys_or_empty(api_keys);
   if (given_providers.is_none()) {
-    auto_discover(keys);
+    auto_discover(api_keys);
   } else if (PyList_Check(given_providers.ptr())) {
-    init_from_list(given_providers, keys);
+    init_from_list(given_providers, api_keys);
   } else if (PyDict_Check(given_providers.ptr())) {
     providers = nb::borrow(given_providers);
   } else {
@@ -81,7 +80,8 @@ Engine::Engine(nb::handle given_providers, nb::handle api_keys)
   }
 }
 
-void Engine::auto_discover(nb::handle api_keys) {
+void Engine::auto_discover(nb::handle given_keys) {
+  const nb::object api_keys = keys_or_empty(given_keys);
   for (const ProviderKeyVariable& row : kEnvKeyMap) {
     const std::string_view url = preset_url(row.provider);
     if (!url.empty() && !key_for(row.provider, api_keys).empty()) {
@@ -90,7 +90,9 @@ void Engine::auto_discover(nb::handle api_keys) {
   }
 }
 
-void Engine::init_from_list(nb::handle names, nb::handle api_keys) {
+void Engine::init_from_list(nb::handle names, nb::handle given_keys) {
+  const nb::object api_keys = keys_or_empty(given_keys);
+  if (!PyList_Check(names.ptr())) refuse_argument("names", "list", names);
   for (nb::handle item : names) {
     const auto name = convert_argument<std::string>(item, "providers: a name");
     const std::string_view url = preset_url(name);

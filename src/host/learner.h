@@ -12,7 +12,7 @@ namespace tarvomeldric::host {
 class HostLearner final : public FlywheelLearner, private RulePublisher {
  public:
   // An empty path stands for the default one, an empty URL for the environment's.
-  HostLearner(std::string persist_path, std::string redis_url, std::string redis_channel);
+  HostLearner(nb::handle persist_path, std::string redis_url, std::string redis_channel);
 
   // What the host may call by hand; none of them throws anything but an interrupt.
   void load(nb::handle self);
@@ -22,6 +22,10 @@ class HostLearner final : public FlywheelLearner, private RulePublisher {
 
   // In the child of a fork: a new lock, and a connection and a subscriber of its own.
   void after_fork(nb::handle self);
+
+  // The path of the rules file, as the host writes paths.
+  nb::object persist_path();
+  void set_persist_path(nb::handle path);
 
   int traverse(visitproc visit, void* arg);
   void clear();
@@ -33,6 +37,7 @@ class HostLearner final : public FlywheelLearner, private RulePublisher {
   nb::object link = nb::none();
 
  private:
+  nb::object new_link() const;
   void publish(const std::string& key, const LearnedRule& rule) override;
 };
 

@@ -21,7 +21,8 @@ void bind_signature(nb::handle type, const char* reader) {
 
 }  // namespace
 
-void bind_signatures(nb::handle bound_class, const char* method) {
+void bind_signatures(nb::handle bound_class, const char* method, nb::handle function) {
+  bind_signature(function.type(), "of_function");
   bind_signature(bound_class.type(), "of_class");
   bind_signature(bound_class.attr(method).type(), "of_function");
   bind_signature(call(bound_class).attr(method).type(), "of_bound_method");

@@ -53,12 +53,14 @@ class LocalServer:
         )
         self._bound.set_result(server.sockets[0].getsockname()[1])
         await self._stopped.wait()
+        # A connection that is being accepted while the server closes would be lost half-made, and a
+        # transport that outlives its loop would warn about it.
+        for listening in server.sockets:
+            self._loop.remove_reader(listening.fileno())
+        for _ in range(_ACCEPTING_TURNS):
+            await asyncio.sleep(0)
         server.close()
-        # A transport that outlives its loop would warn about it, and one that was just accepted shows
-        # itself a few turns later.
-        quiet_turns = 0
-        while quiet_turns < _ACCEPTING_TURNS:
+        while connections:
             for connection in list(connections):
                 connection.hang_up()
-            quiet_turns = 0 if connections else quiet_turns + 1
             await asyncio.sleep(0)
