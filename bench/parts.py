@@ -24,17 +24,23 @@ def measure(quick: bool) -> Iterator[Row]:
         ("learner: match, 84 rules", matching(84), CALLS, 0.5),
         ("learner: match, 10,000 rules", matching(10_000), CALLS // 10, 30.0),
         ("learner: record", record, CALLS, None),
+        ("learner: 100 rules written to the file", filled(100)._persist, CALLS // 100, 150.0),
     ):
         rounds = take_turns(quick, calls, call=call)
         yield row(rounds, what, target)
-    yield row(rounds, "learner: record, mean", figure="mean")
+        if call is record:
+            yield row(rounds, "learner: record, mean", figure="mean")
 
 
-def matching(rules: int) -> "partial[LearnedRule | None]":
-    """`match` on a table that is filled up with rules that nobody asks for."""
+def filled(rules: int) -> FlywheelLearner:
+    """A learner whose table is filled up with rules that nobody asks for."""
     learner = FlywheelLearner()
     for number in range(rules - len(learner._rules)):
         pattern, action = f"server_error:provider_{number}", "failover:openai"
         rule = LearnedRule(pattern, action, 9, 1, 0.9, time.time())
         learner._rules[f"{pattern}:{action}"] = rule
-    return partial(learner.match, "timeout:azure")
+    return learner
+
+
+def matching(rules: int) -> "partial[LearnedRule | None]":
+    return partial(filled(rules).match, "timeout:azure")
