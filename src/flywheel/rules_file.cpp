@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kTemporarySuffix = ".tmp";
 constexpr std::chrono::hours kAbandonedAfter{1};
+constexpr mode_t kFreshMode = 0644;
 
 bool write_all(int file, std::string_view text) {
   while (!text.empty()) {
@@ -47,7 +48,6 @@ bool is_temporary_of(const fs::path& target, const fs::directory_entry& file) {
 
 // Who may read the file is the business of whoever made it.
 void keep_mode(int file, const fs::path& target) {
-  constexpr mode_t kFreshMode = 0644;
   struct stat present = {};
   const bool exists = ::stat(target.c_str(), &present) == 0;
   static_cast<void>(::fchmod(file, exists ? present.st_mode & 0777 : kFreshMode));
