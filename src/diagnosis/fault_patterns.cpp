@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -90,7 +91,6 @@ class CompiledPatterns {
     for (const FaultPattern& row : kFaultPatterns) {
       const std::string pattern = with_unicode_space(row.pattern);
       if (all_.Add(pattern, nullptr) < 0) std::abort();
-      alone_.push_back(std::make_unique<RE2>(pattern, pattern_options()));
     }
     if (!all_.Compile()) std::abort();
   }
@@ -106,6 +106,11 @@ class CompiledPatterns {
 
  private:
   const FaultPattern* walk(std::string_view text) const {
+    std::call_once(compiled_, [this] {
+      for (const FaultPattern& row : kFaultPatterns) {
+        alone_.push_back(std::make_unique<RE2>(with_unicode_space(row.pattern), pattern_options()));
+      }
+    });
     for (std::size_t i = 0; i < alone_.size(); ++i) {
       if (RE2::PartialMatch(text, *alone_[i])) return &kFaultPatterns[i];
     }
@@ -113,7 +118,9 @@ class CompiledPatterns {
   }
 
   RE2::Set all_;
-  std::vector<std::unique_ptr<RE2>> alone_;
+  // Compiled when they are first needed, which is hardly ever.
+  mutable std::once_flag compiled_;
+  mutable std::vector<std::unique_ptr<RE2>> alone_;
 };
 
 const CompiledPatterns& compiled() {

@@ -6,7 +6,14 @@
 namespace tarvomeldric::host {
 namespace {
 
-unsigned long main_thread = 0;
+// Found out at the first wait: asking for it at import would cost more than the rest of the hooks.
+unsigned long main_thread() {
+  static unsigned long ident = 0;
+  if (ident == 0) {
+    ident = nb::cast<unsigned long>(import("threading").attr("main_thread")().attr("ident"));
+  }
+  return ident;
+}
 
 void* release_interpreter() {
   return Py_IsInitialized() && PyGILState_Check() ? PyEval_SaveThread() : nullptr;
@@ -19,7 +26,7 @@ void reacquire_interpreter(void* state) {
 
 // Only the main thread is interrupted; asking on the others would cost the lock for nothing.
 void check_interrupt() {
-  if (PyThread_get_thread_ident() != main_thread) return;
+  if (PyThread_get_thread_ident() != main_thread()) return;
   if (host_call([] { return PyErr_CheckSignals(); }) != 0) throw nb::python_error();
 }
 
@@ -63,8 +70,6 @@ nb::object import(const char* module) {
 }
 
 void install_hooks() {
-  const nb::object threading = import("threading");
-  main_thread = nb::cast<unsigned long>(threading.attr("main_thread")().attr("ident"));
   install_blocking_hooks({release_interpreter, reacquire_interpreter, check_interrupt});
   text::install_lower_hook(lower);
 }
