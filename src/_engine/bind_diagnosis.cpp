@@ -2,6 +2,7 @@
 #include "diagnosis/diagnoser.h"
 #include "diagnosis/recovery_table.h"
 #include "host/argument.h"
+#include "host/errors.h"
 #include "host/read_outs.h"
 #include "host/record.h"
 #include "host/records.h"
@@ -11,12 +12,7 @@ namespace {
 
 std::optional<std::int64_t> status_argument(nb::handle status) {
   if (status.is_none()) return std::nullopt;
-  const auto* slots = Py_TYPE(status.ptr())->tp_as_number;
-  if (!slots || !(slots->nb_index || slots->nb_int)) {
-    refuse_argument("status_code", "int or None", status);
-  }
-  const auto whole = nb::steal(PyNumber_Long(status.ptr()));
-  if (!whole.is_valid()) throw nb::python_error();
+  const nb::object whole = as_status(status);
   int overflow = 0;
   const std::int64_t number = PyLong_AsLongLongAndOverflow(whole.ptr(), &overflow);
   // A number that no status can be says as little as none.

@@ -6,6 +6,7 @@
 #include "engine/selection.h"
 #include "host/argument.h"
 #include "host/call_io.h"
+#include "host/collected.h"
 #include "host/engine.h"
 #include "host/engine_call.h"
 #include "host/read_outs.h"
@@ -18,18 +19,6 @@ namespace {
 
 using EngineClass = nb::class_<Engine>;
 using OptionalText = std::optional<std::string>;
-
-int traverse(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_VISIT(*members);
-  return nb::inst_ready(self) ? nb::inst_ptr<Engine>(self)->traverse(visit, arg) : 0;
-}
-
-int clear(PyObject* self) {
-  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_CLEAR(*members);
-  if (nb::inst_ready(self)) nb::inst_ptr<Engine>(self)->clear();
-  return 0;
-}
 
 constexpr const char* kCallArguments =
     "self, prompt: str, model: str | None = None, task_type: str = '', has_schema: bool = False, "
@@ -417,8 +406,8 @@ void bind_members(EngineClass& cls) {
 }  // namespace
 
 void bind_engine(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear)},
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<Engine>)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<Engine>)},
                          {0, nullptr}};
   EngineClass cls(
       module, "SelfHealingEngine",

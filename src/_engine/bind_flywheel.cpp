@@ -1,6 +1,7 @@
 #include "_engine/bindings.h"
 #include "flywheel/learned_rule.h"
 #include "host/argument.h"
+#include "host/collected.h"
 #include "host/learner.h"
 #include "host/read_outs.h"
 #include "host/record.h"
@@ -59,18 +60,6 @@ void bind_rule(nb::module_& module) {
 
 using LearnerClass = nb::class_<HostLearner>;
 using OptionalText = std::optional<std::string>;
-
-int traverse(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_VISIT(*members);
-  return nb::inst_ready(self) ? nb::inst_ptr<HostLearner>(self)->traverse(visit, arg) : 0;
-}
-
-int clear(PyObject* self) {
-  if (PyObject** members = _PyObject_GetDictPtr(self)) Py_CLEAR(*members);
-  if (nb::inst_ready(self)) nb::inst_ptr<HostLearner>(self)->clear();
-  return 0;
-}
 
 // A rule from a dictionary of the host's; a type error for one of the wrong shape.
 RulePtr rule_of(nb::handle d) {
@@ -216,8 +205,8 @@ void bind_fleet(LearnerClass& cls) {
 
 void bind_flywheel(nb::module_& module) {
   bind_rule(module);
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear)},
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<HostLearner>)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<HostLearner>)},
                          {0, nullptr}};
   LearnerClass cls(
       module, "FlywheelLearner",

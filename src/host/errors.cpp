@@ -20,17 +20,6 @@ void require_text(nb::handle value, const char* name) {
   if (!PyUnicode_Check(value.ptr())) refuse_argument(name, "str", value);
 }
 
-nb::object as_status(nb::handle status) {
-  if (status.is_none()) return nb::none();
-  const auto* slots = Py_TYPE(status.ptr())->tp_as_number;
-  if (!slots || !(slots->nb_index || slots->nb_int)) {
-    refuse_argument("status_code", "int or None", status);
-  }
-  auto whole = nb::steal(PyNumber_Long(status.ptr()));
-  if (!whole.is_valid()) throw nb::python_error();
-  return whole;
-}
-
 PyObject* make_type(nb::module_& module, const char* name, const char* doc) {
   const std::string qualified = to_utf8(module.attr("__name__")) + "." + name;
   PyObject* type = PyErr_NewExceptionWithDoc(qualified.c_str(), doc, PyExc_Exception, nullptr);
@@ -110,6 +99,17 @@ PyObject* host_type(nb::exception_type kind) {
 nb::handle api_error_type() { return api_error; }
 nb::handle contract_violation_type() { return contract_violation; }
 nb::handle boundary_violation_type() { return boundary_violation; }
+
+nb::object as_status(nb::handle status) {
+  if (status.is_none()) return nb::none();
+  const auto* slots = Py_TYPE(status.ptr())->tp_as_number;
+  if (!slots || !(slots->nb_index || slots->nb_int)) {
+    refuse_argument("status_code", "int or None", status);
+  }
+  auto whole = nb::steal(PyNumber_Long(status.ptr()));
+  if (!whole.is_valid()) throw nb::python_error();
+  return whole;
+}
 
 void bind_errors(nb::module_& module) {
   bind_api_error(module);

@@ -14,6 +14,10 @@ nb::handle api_error_type();
 nb::handle contract_violation_type();
 nb::handle boundary_violation_type();
 
+// A status as the host gave it: None, or the whole number that it is converted to. A type error
+// that names `status_code` for anything that is no number.
+nb::object as_status(nb::handle status);
+
 void bind_errors(nb::module_& module);
 
 [[noreturn]] void raise_api_error(const std::string& message, std::optional<std::int64_t> status);
