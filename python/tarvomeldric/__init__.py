@@ -33,6 +33,8 @@ from tarvomeldric._engine import (
     SemanticDomain,
     SemanticTopology,
     __version__,
+    run,
+    serve_dashboard,
 )
 
 __all__ = [
@@ -62,4 +64,6 @@ __all__ = [
     "SemanticDomain",
     "SemanticTopology",
     "__version__",
+    "run",
+    "serve_dashboard",
 ]

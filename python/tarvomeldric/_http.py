@@ -46,7 +46,7 @@ def _parsed(url: str) -> httpx.URL:
     return httpx.URL(url)
 
 
-def _address(client: Any, url: str) -> Any:
+def address(client: Any, url: str) -> Any:
     """The URL as the library's own clients take it; parsing it anew costs more than the engine does."""
     import httpx
 
@@ -55,15 +55,15 @@ def _address(client: Any, url: str) -> Any:
 
 def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
     """Sends one request: the status with the decoded body, or with the body's text when it is not 200."""
-    return _read(client.post(_address(client, url), json=body, headers=headers, timeout=timeout))
+    return _read(client.post(address(client, url), json=body, headers=headers, timeout=timeout))
 
 
 async def post_async(
     client: Any, url: str, body: Any, headers: Any, timeout: Any
 ) -> tuple[int, Any]:
     """The same, awaited."""
-    address = _address(client, url)
-    return _read(await client.post(address, json=body, headers=headers, timeout=timeout))
+    target = address(client, url)
+    return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
 
 
 def is_timeout(error: BaseException, asynchronous: bool) -> bool:

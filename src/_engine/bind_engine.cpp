@@ -64,6 +64,22 @@ constexpr const char* kCallDoc =
     "    RuntimeError: no provider is available, or none would take the request.\n"
     "    TypeError: an argument of the wrong type, before anything happens.";
 
+constexpr const char* kStreamDoc =
+    "Streams one chat prompt to one provider: an asynchronous generator of its events.\n\n"
+    "Each item is the JSON value of one event, as the provider sent it and as soon as it arrives.\n"
+    "A failure raises nothing: it is the last item, a dictionary with \"error\" and\n"
+    "\"recoverable\", which is true when the connection was lost or the provider took too long.\n"
+    "Nothing is healed or counted here. Closing the generator closes the connection.\n\n"
+    "Args:\n"
+    "    cfg: the provider.\n"
+    "    prompt: the user prompt.\n"
+    "    model: the model, sent as it is given.\n"
+    "    api_type: decides the path of the request alone.\n"
+    "    **extra: sent in the body; `timeout` (seconds, 8.0) also bounds the connecting and\n"
+    "        each pause between two pieces of the answer.\n\n"
+    "Raises:\n"
+    "    TypeError: an argument of the wrong type, when called.";
+
 template <class F>
 void bind_call(EngineClass& cls, const char* name, const std::string& sig, F function,
                const char* doc) {
@@ -128,6 +144,10 @@ void bind_calls(EngineClass& cls) {
                "May be replaced in a subclass or on an instance. Raises APIError.");
   bind_execute(cls, "_execute", signature("_execute", kExecuteArguments, awaitable("str | None")),
                execute_coroutine, "The same as `_execute_sync`, to be awaited.");
+  bind_execute(cls, "_execute_stream",
+               signature("_execute_stream", kExecuteArguments,
+                         "collections.abc.AsyncGenerator[typing.Any, None]"),
+               execute_stream, kStreamDoc);
   bind_failover(cls, "_failover_sync",
                 signature("_failover_sync", kFailoverArguments, "CallResult"), failover_blocking,
                 "Tries every other available provider, best first, until one answers.\n\n"

@@ -15,6 +15,9 @@ void bind_flywheel(nb::module_& module);
 void bind_observability(nb::module_& module);
 void bind_providers(nb::module_& module);
 void bind_results(nb::module_& module);
+void bind_stream(nb::module_& module);
+void bind_dashboard(nb::module_& module);
+void bind_quick_start(nb::module_& module);
 void bind_engine(nb::module_& module);
 void bind_tables(nb::module_& module);
 

@@ -33,7 +33,10 @@ NB_MODULE(_engine, module) {
   bind_providers(module);
   bind_results(module);
   bind_coroutine(module);
+  bind_stream(module);
   bind_engine(module);
+  bind_dashboard(module);
+  bind_quick_start(module);
   bind_tables(module);
   bind_signatures(module.attr("SemanticTopology"), "classify_request", module.attr("__getattr__"));
   warm_fault_patterns();

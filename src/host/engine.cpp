@@ -34,9 +34,8 @@ std::string key_for(std::string_view provider, nb::handle api_keys) {
   return to_utf8(call(import("os").attr("environ").attr("get"), from_utf8(variable), ""));
 }
 
-std::vector<std::string> models_of(std::string_view provider) {
-  const auto models = preset_models(provider);
-  return {models.begin(), models.end()};
+nb::object make_record(ProviderFields fields) {
+  return nb::cast(std::make_shared<ProviderConfig>(std::move(fields)));
 }
 
 std::string unknown_provider(const std::string& name) {
@@ -50,13 +49,24 @@ std::string unknown_provider(const std::string& name) {
   return message;
 }
 
+}  // namespace
+
 nb::object keys_or_empty(nb::handle api_keys) {
   if (api_keys.is_none()) return nb::dict();
   if (!PyDict_Check(api_keys.ptr())) refuse_argument("api_keys", "dict or None", api_keys);
   return nb::borrow(api_keys);
 }
 
-}  // namespace
+ProviderFields preset_record(std::string_view name, std::string_view base_url,
+                             nb::handle api_keys) {
+  ProviderFields fields;
+  fields.name = name;
+  fields.base_url = base_url;
+  fields.api_key = key_for(name, api_keys);
+  const auto models = preset_models(name);
+  fields.models = {models.begin(), models.end()};
+  return fields;
+}
 
 Engine::Engine(nb::handle given_providers, nb::handle api_keys)
     : providers(nb::dict()),
@@ -84,9 +94,9 @@ void Engine::auto_discover(nb::handle given_keys) {
   const nb::object api_keys = keys_or_empty(given_keys);
   for (const ProviderKeyVariable& row : kEnvKeyMap) {
     const std::string_view url = preset_url(row.provider);
-    if (!url.empty() && !key_for(row.provider, api_keys).empty()) {
-      register_preset(row.provider, url, api_keys);
-    }
+    if (url.empty()) continue;
+    ProviderFields fields = preset_record(row.provider, url, api_keys);
+    if (!fields.api_key.empty()) providers[row.provider] = make_record(std::move(fields));
   }
 }
 
@@ -97,17 +107,8 @@ void Engine::init_from_list(nb::handle names, nb::handle given_keys) {
     const auto name = convert_argument<std::string>(item, "providers: a name");
     const std::string_view url = preset_url(name);
     if (url.empty()) throw nb::value_error(unknown_provider(name).c_str());
-    register_preset(name, url, api_keys);
+    providers[item] = make_record(preset_record(name, url, api_keys));
   }
-}
-
-void Engine::register_preset(const std::string& name, std::string_view url, nb::handle api_keys) {
-  ProviderFields fields;
-  fields.name = name;
-  fields.base_url = url;
-  fields.api_key = key_for(name, api_keys);
-  fields.models = models_of(name);
-  providers[from_utf8(name)] = nb::cast(std::make_shared<ProviderConfig>(std::move(fields)));
 }
 
 void Engine::add_provider(nb::handle config_or_name, nb::handle config) {

@@ -66,10 +66,14 @@ class Engine {
  private:
   nb::handle clients();
   nb::object pool_lock_object();
-  void register_preset(const std::string& name, std::string_view url, nb::handle api_keys);
-
   nb::object clients_;  // host.HttpClients, made on first use
 };
+
+// `api_keys` as a dictionary; a type error for what is neither that nor None.
+nb::object keys_or_empty(nb::handle api_keys);
+// A preset provider's record with its models, and with its key from `api_keys`, else from the
+// environment, else an empty one.
+ProviderFields preset_record(std::string_view name, std::string_view base_url, nb::handle api_keys);
 
 // The registry of an engine: the host's dictionary, whose entries anybody may set.
 class HostRegistry final : public Registry {

@@ -21,7 +21,7 @@ struct CallArguments {
 nb::object call_blocking(nb::handle engine, const CallArguments& arguments);
 nb::object call_coroutine(nb::handle engine, const CallArguments& arguments);
 
-// The arguments of `_execute_sync` and `_execute`.
+// The arguments of `_execute_sync`, `_execute` and `_execute_stream`.
 struct ExecuteArguments {
   nb::handle cfg;
   nb::handle prompt;
@@ -31,6 +31,8 @@ struct ExecuteArguments {
 };
 nb::object execute_blocking(nb::handle engine, const ExecuteArguments& arguments);
 nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& arguments);
+// The asynchronous generator of the events of a streamed answer.
+nb::object execute_stream(nb::handle engine, const ExecuteArguments& arguments);
 
 // The arguments of `_failover_sync` and `_failover`.
 struct FailoverArguments {

@@ -26,7 +26,10 @@ nb::dict header_dict(const ProviderFields& provider) {
   return headers;
 }
 
-nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::handle extra) {
+nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::handle extra,
+                   Delivery delivery) {
+  const bool streamed = delivery == Delivery::kStreamed;
+  if (streamed) kind = RequestKind::kChat;
   nb::dict body;
   put(body, "model", model);
   if (kind == RequestKind::kEmbeddings) put(body, "input", prompt);
@@ -39,19 +42,13 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
     messages.append(message);
     put(body, "messages", messages);
   }
+  if (streamed) put(body, "stream", truth(true));
   for (auto [name, value] : nb::borrow<nb::dict>(extra)) {
     if (PyUnicode_CompareWithASCIIString(name.ptr(), "api_type") != 0) body[name] = value;
   }
   return body;
 }
 
-// item(a, b, ...) is what the host writes as a[b]...; a missing one is the host's error.
-nb::object item(nb::handle container, nb::handle key) {
-  auto found = host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
-  if (!found.is_valid()) throw nb::python_error();
-  return found;
-}
-nb::object item(nb::handle container, const char* key) { return item(container, nb::str(key)); }
 nb::object first(nb::handle container) { return item(container, nb::int_(0)); }
 
 nb::object image_answer(nb::handle image) {
@@ -101,14 +98,14 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
 }  // namespace
 
 Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model,
-                   const std::string& kind, nb::handle extra)
+                   const std::string& kind, nb::handle extra, Delivery delivery)
     : api_type(kind) {
   const ProviderFields& fields = provider.host_fields();
   provider_name = fields.name;
   api_key = fields.api_key;
   url = from_utf8(fields.base_url + std::string(endpoint_path(api_type)));
   headers = header_dict(fields);
-  body = body_dict(request_kind(api_type), prompt, model, extra);
+  body = body_dict(request_kind(api_type), prompt, model, extra, delivery);
   PyObject* given = PyDict_GetItemString(extra.ptr(), "timeout");
   timeout = given ? nb::borrow(given) : number(kProviderTimeout);
 }

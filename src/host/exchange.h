@@ -10,6 +10,9 @@ namespace tarvomeldric::host {
 
 class Engine;
 
+// Whether an answer comes as one body, or as events while it is being made.
+enum class Delivery { kWhole, kStreamed };
+
 // One request to one provider, built and ready to be sent. Its host objects are members, visible to
 // the garbage collector while an exchange is suspended.
 struct Exchange {
@@ -23,9 +26,10 @@ struct Exchange {
   nb::object timeout = nb::none();
   nb::object decoded = nb::none();  // the reply's body, once it is there
 
-  // `extra` are the keyword options of the call; all of them but `api_type` go into the body.
+  // `extra` are the keyword options of the call; all of them but `api_type` go into the body. A
+  // streamed request is one of a chat, whatever its kind.
   Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model, const std::string& kind,
-           nb::handle extra);
+           nb::handle extra, Delivery delivery = Delivery::kWhole);
   Exchange() = default;
 
   int traverse(visitproc visit, void* arg);

@@ -10,13 +10,13 @@
 namespace tarvomeldric::host {
 namespace {
 
-Exchange exchange_of(const ExecuteArguments& given) {
+Exchange exchange_of(const ExecuteArguments& given, Delivery delivery = Delivery::kWhole) {
   require<ProviderConfig>(given.cfg, "cfg");
   require_text(given.prompt, "prompt");
   require_text(given.model, "model");
   require_text(given.api_type, "api_type");
   return Exchange(*nb::inst_ptr<ProviderConfig>(given.cfg), given.prompt, given.model,
-                  to_utf8(given.api_type), given.extra);
+                  to_utf8(given.api_type), given.extra, delivery);
 }
 
 class ExecuteWork final : public CoroutineWork {
@@ -52,6 +52,13 @@ nb::object execute_blocking(nb::handle engine, const ExecuteArguments& arguments
 
 nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& arguments) {
   return make_coroutine(std::make_unique<ExecuteWork>(engine, arguments));
+}
+
+nb::object execute_stream(nb::handle engine, const ExecuteArguments& arguments) {
+  const Exchange exchange = exchange_of(arguments, Delivery::kStreamed);
+  return call(import("tarvomeldric._stream").attr("execute_stream"), engine,
+              from_utf8(exchange.provider_name), exchange.url, exchange.body, exchange.headers,
+              exchange.timeout);
 }
 
 }  // namespace tarvomeldric::host

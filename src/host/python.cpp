@@ -57,6 +57,12 @@ nb::str from_utf8(std::string_view utf8) {
   return nb::steal<nb::str>(text);
 }
 
+nb::object item(nb::handle container, nb::handle key) {
+  auto found = host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
+  if (!found.is_valid()) throw nb::python_error();
+  return found;
+}
+
 std::string text_form(nb::handle object) {
   const auto text = host_call([&] { return nb::steal(PyObject_Str(object.ptr())); });
   if (text.is_valid()) return to_utf8(text);

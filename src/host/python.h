@@ -43,6 +43,12 @@ std::string text_form(nb::handle object);
 
 nb::object import(const char* module);
 
+// What the host writes as container[key]; a missing one is the host's error.
+nb::object item(nb::handle container, nb::handle key);
+inline nb::object item(nb::handle container, const char* key) {
+  return item(container, nb::str(key));
+}
+
 // Sets one entry of a dictionary whose key is a literal.
 inline void put(nb::dict& dict, const char* key, nb::handle value) {
   if (PyDict_SetItemString(dict.ptr(), key, value.ptr()) < 0) throw nb::python_error();

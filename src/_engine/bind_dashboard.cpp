@@ -1,0 +1,49 @@
+#include "_engine/bindings.h"
+#include "host/argument.h"
+#include "host/dashboard_page.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr const char* kServeDoc =
+    "Serves an engine's figures over plain HTTP on a daemon thread, and returns at once.\n\n"
+    "\"/\" is a page that reloads itself every 5 seconds, \"/metrics\" the Prometheus text,\n"
+    "\"/health\" and \"/stats\" are JSON. Nobody is asked for a password and nothing is "
+    "encrypted:\n"
+    "bind to \"127.0.0.1\" unless everybody who reaches the port may read it. No request changes\n"
+    "the engine. A client that does not send its request within a few seconds is dropped.\n\n"
+    "Args:\n"
+    "    engine: the engine to read.\n"
+    "    host: the address to listen on; all interfaces by default.\n"
+    "    port: 9898 by default; 0 lets the system choose, see `server_port` of the result.\n"
+    "    with_prometheus: whether \"/metrics\" is served.\n"
+    "    with_health: whether \"/health\" is served.\n"
+    "    with_dashboard: whether the page is served.\n\n"
+    "Returns the running server: `shutdown()` and then `server_close()` end it.\n\n"
+    "Raises:\n"
+    "    OSError: the address is in use or cannot be bound.\n"
+    "    TypeError: an argument of the wrong type.";
+
+}  // namespace
+
+void bind_dashboard(nb::module_& module) {
+  module.def(
+      "serve_dashboard",
+      [](nb::handle engine, Arg<std::string, "host"> host, Arg<std::int64_t, "port"> port,
+         Arg<bool, "with_prometheus"> with_prometheus, Arg<bool, "with_health"> with_health,
+         Arg<bool, "with_dashboard"> with_dashboard) {
+        return call(import("tarvomeldric._dashboard").attr("serve"), engine, host.get(), port.get(),
+                    with_prometheus.get(), with_health.get(), with_dashboard.get());
+      },
+      arg("engine"), arg("host") = "0.0.0.0", arg("port") = 9898, arg("with_prometheus") = true,
+      arg("with_health") = true, arg("with_dashboard") = true,
+      nb::sig("def serve_dashboard(engine: SelfHealingEngine, host: str = '0.0.0.0', "
+              "port: int = 9898, with_prometheus: bool = True, with_health: bool = True, "
+              "with_dashboard: bool = True) -> http.server.HTTPServer"),
+      kServeDoc);
+  module.def("_build_dashboard", &dashboard_page, arg("engine"),
+             nb::sig("def _build_dashboard(engine: SelfHealingEngine) -> str"),
+             "The dashboard's page, for the figures of this moment.");
+}
+
+}  // namespace tarvomeldric::host
