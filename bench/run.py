@@ -15,7 +15,7 @@ from table import print_heading, print_row
 
 from tarvomeldric.simulator import rehearsal
 
-SECTIONS = ["diagnosis", "calls", "loopback", "streaming", "parts", "footprint", "healing"]
+SECTIONS = ["diagnosis", "calls", "loopback", "streaming", "parts", "footprint", "healing", "fleet"]
 RESULTS = Path(__file__).resolve().parent.parent / "build" / "bench.json"
 
 
