@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import json
-from collections.abc import AsyncGenerator, Iterable, Iterator
+from collections.abc import AsyncGenerator, Iterator
 from contextlib import aclosing
 from typing import Any
 
@@ -19,10 +20,11 @@ async def execute_stream(
 
     What the consumer throws in, a cancellation among it, is no failure of the exchange and goes through.
     """
-    async with aclosing(_events(engine, provider, url, body, headers, timeout)) as events:
+    request = {"json": body, "headers": headers, "timeout": timeout}
+    async with aclosing(_Exchange(engine, provider, url, request)) as exchange:
         while True:
             try:
-                event = await events.__anext__()
+                event = await exchange.next_event()
             except StopAsyncIteration:
                 return
             except Exception as error:
@@ -32,34 +34,59 @@ async def execute_stream(
     yield failure
 
 
-async def _events(
-    engine: Any, provider: str, url: str, body: Any, headers: Any, timeout: Any
-) -> AsyncGenerator[Any, None]:
-    client = await engine._get_session(provider)
-    async with client.stream(
-        "POST", address(client, url), json=body, headers=headers, timeout=timeout
-    ) as response:
-        if response.status_code != 200:
-            text = (await response.aread()).decode("utf-8")
-            raise APIError(f"HTTP {response.status_code}: {text[:200]}", response.status_code)
-        stream = _EventStream()
-        async with aclosing(response.aiter_text()) as pieces:
-            async for piece in pieces:
-                for event in _decoded(stream.feed(piece)):
-                    yield event
-                if stream.done:
-                    return
-        for event in _decoded(stream.feed("\n")):  # the end of a reply ends its last line
-            yield event
+class _Exchange:
+    """One streamed exchange, opened when its first event is asked for.
 
+    It is no generator: a loop that ends closes all generators at once, and one that is being closed
+    cannot be closed by the one that holds it.
+    """
 
-def _decoded(payloads: Iterable[str]) -> Iterator[Any]:
-    for payload in payloads:
-        try:
-            event = json.loads(payload)
-        except ValueError:
-            continue
-        yield event
+    def __init__(self, engine: Any, provider: str, url: str, request: dict[str, Any]) -> None:
+        self._engine = engine
+        self._provider = provider
+        self._url = url
+        self._request = request
+        self._opened: Any = None
+        self._response: Any = None
+        self._pieces: Any = None
+        self._stream = _EventStream()
+        self._payloads: Iterator[str] = iter(())
+
+    async def next_event(self) -> Any:
+        """The next event; StopAsyncIteration when there is none."""
+        if self._response is None:
+            await self._open()
+        while True:
+            for payload in self._payloads:
+                try:
+                    return json.loads(payload)
+                except ValueError:
+                    continue
+            if self._stream.done or self._pieces is None:
+                raise StopAsyncIteration
+            self._payloads = iter(self._stream.feed(await self._next_piece()))
+
+    async def _open(self) -> None:
+        client = await self._engine._get_session(self._provider)
+        self._opened = client.stream("POST", address(client, self._url), **self._request)
+        self._response = await self._opened.__aenter__()
+        if (status := self._response.status_code) != 200:
+            text = (await self._response.aread()).decode("utf-8")
+            raise APIError(f"HTTP {status}: {text[:200]}", status)
+        self._pieces = self._response.aiter_text()
+
+    async def _next_piece(self) -> str:
+        async for piece in self._pieces:
+            return str(piece)
+        self._pieces = None
+        return "\n"  # the end of a reply ends its last line
+
+    async def aclose(self) -> None:
+        if self._response is None:
+            return
+        await self._response.aclose()
+        with contextlib.suppress(RuntimeError):  # a loop that ends may be closing it, too
+            await self._opened.__aexit__(None, None, None)
 
 
 def _last_item(error: Exception) -> dict[str, Any]:
