@@ -1,5 +1,6 @@
 #include "flywheel/rules_json.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -22,7 +23,7 @@ void append_escaped(std::string& out, std::uint32_t code_point) {
   append_unit(out, 0xDC00 + ((code_point - 0x10000) & 0x3FF));
 }
 
-void append_ascii(std::string& out, char c) {
+void append_escape(std::string& out, char c) {
   switch (c) {
     case '"':
       out += "\\\"";
@@ -46,18 +47,24 @@ void append_ascii(std::string& out, char c) {
       out += "\\b";
       return;
     default:
-      break;
+      append_unit(out, static_cast<unsigned char>(c));
   }
-  if (c < ' ' || c > '~') return append_unit(out, static_cast<unsigned char>(c));
-  out += c;
 }
+
+// Whether a JSON text holds it as it is.
+constexpr bool is_plain(char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; }
 
 void append_string(std::string& out, std::string_view text) {
   out += '"';
-  while (!text.empty()) {
+  for (;;) {
+    const auto plain =
+        static_cast<std::size_t>(std::ranges::find_if_not(text, is_plain) - text.begin());
+    out.append(text.substr(0, plain));
+    text.remove_prefix(plain);
+    if (text.empty()) break;
     const std::string_view character = text::first_character(text);
     if (character.size() == 1) {
-      append_ascii(out, character[0]);
+      append_escape(out, character[0]);
     } else {
       append_escaped(out, text::code_point(character));
     }
@@ -66,38 +73,29 @@ void append_string(std::string& out, std::string_view text) {
   out += '"';
 }
 
-std::string json_number(double value) {
-  if (std::isnan(value)) return "NaN";
-  if (std::isinf(value)) return value < 0 ? "-Infinity" : "Infinity";
-  return text::shortest(value);
+void append_number(std::string& out, double value) {
+  if (std::isnan(value)) {
+    out += "NaN";
+  } else if (std::isinf(value)) {
+    out += value < 0 ? "-Infinity" : "Infinity";
+  } else {
+    out += text::shortest(value);
+  }
 }
 
 // Writes the members of a rule; `separator` stands before each but the first.
 void append_members(std::string& out, const LearnedRule& rule, std::string_view separator) {
-  const auto name = [&](const char* member) { out.append("\"").append(member).append("\": "); };
-  name("pattern");
-  append_string(out, rule.pattern);
-  out += separator;
-  name("action");
-  append_string(out, rule.action);
-  out += separator;
-  name("success_count");
-  out += std::to_string(rule.success_count);
-  out += separator;
-  name("fail_count");
-  out += std::to_string(rule.fail_count);
-  out += separator;
-  name("confidence");
-  out += json_number(rule.confidence);
-  out += separator;
-  name("last_seen");
-  out += json_number(rule.last_seen);
-  out += separator;
-  name("avg_heal_time_ms");
-  out += json_number(rule.avg_heal_time_ms);
-  out += separator;
-  name("source");
-  append_string(out, rule.source);
+  const auto next = [&](std::string_view name) -> std::string& {
+    return out.append(separator).append(name);
+  };
+  append_string(out.append(R"("pattern": )"), rule.pattern);
+  append_string(next(R"("action": )"), rule.action);
+  next(R"("success_count": )") += std::to_string(rule.success_count);
+  next(R"("fail_count": )") += std::to_string(rule.fail_count);
+  append_number(next(R"("confidence": )"), rule.confidence);
+  append_number(next(R"("last_seen": )"), rule.last_seen);
+  append_number(next(R"("avg_heal_time_ms": )"), rule.avg_heal_time_ms);
+  append_string(next(R"("source": )"), rule.source);
 }
 
 constexpr std::size_t kTypicalRuleSize = 320;
@@ -134,7 +132,8 @@ std::string rules_file_text(const OrderedMap<RulePtr>& rules) {
     out += "\n  }";
     separator = ",\n  ";
   }
-  return out + "\n}";
+  out += "\n}";
+  return out;
 }
 
 }  // namespace tarvomeldric
