@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -37,6 +38,13 @@ constexpr std::string_view kUnique = "XXXXXX";
 
 std::string temporary_prefix(const fs::path& target) { return target.filename().string() + "."; }
 
+// Makes a fresh file beside the target and fills in its name; -1 when it cannot be made.
+int make_temporary(const std::string& target, std::string& name) {
+  name = target;
+  name.append(".").append(kUnique).append(kTemporarySuffix);
+  return ::mkostemps(name.data(), static_cast<int>(kTemporarySuffix.size()), O_CLOEXEC);
+}
+
 bool is_temporary_of(const fs::path& target, const fs::directory_entry& file) {
   const std::string name = file.path().filename().string();
   const std::string prefix = temporary_prefix(target);
@@ -47,7 +55,7 @@ bool is_temporary_of(const fs::path& target, const fs::directory_entry& file) {
 }
 
 // Who may read the file is the business of whoever made it.
-void keep_mode(int file, const fs::path& target) {
+void keep_mode(int file, const std::string& target) {
   struct stat present = {};
   const bool exists = ::stat(target.c_str(), &present) == 0;
   static_cast<void>(::fchmod(file, exists ? present.st_mode & 0777 : kFreshMode));
@@ -56,22 +64,22 @@ void keep_mode(int file, const fs::path& target) {
 }  // namespace
 
 bool RulesFile::write(std::string_view text) {
-  const fs::path target(path_);
-  std::error_code ignored;
-  fs::create_directories(folder_of(target), ignored);
   sweep_abandoned();
-  std::string name = (folder_of(target) / temporary_prefix(target)).string();
-  name.append(kUnique).append(kTemporarySuffix);
-  const int file = ::mkostemps(name.data(), static_cast<int>(kTemporarySuffix.size()), O_CLOEXEC);
+  std::error_code ignored;
+  std::string name;
+  int file = make_temporary(path_, name);
+  if (file < 0 && errno == ENOENT) {
+    fs::create_directories(folder_of(path_), ignored);
+    file = make_temporary(path_, name);
+  }
   if (file < 0) return false;
-  keep_mode(file, target);
+  keep_mode(file, path_);
   const bool whole = write_all(file, text);
   if (::close(file) == 0 && whole) {
     keep_unreadable();
-    fs::rename(name, target, ignored);
-    if (!ignored) return true;
+    if (::rename(name.c_str(), path_.c_str()) == 0) return true;
   }
-  fs::remove(name, ignored);
+  ::unlink(name.c_str());
   return false;
 }
 
