@@ -54,11 +54,17 @@ bool is_temporary_of(const fs::path& target, const fs::directory_entry& file) {
          file.is_regular_file(ignored);
 }
 
-// Who may read the file is the business of whoever made it.
-void keep_mode(int file, const std::string& target) {
-  struct stat present = {};
-  const bool exists = ::stat(target.c_str(), &present) == 0;
-  static_cast<void>(::fchmod(file, exists ? present.st_mode & 0777 : kFreshMode));
+// Lets the file of one name take another one's place. Changing places with a file that is there and
+// removing that one afterwards is as atomic as renaming over it, and keeps away from the disk: some
+// file systems answer a rename over a file by sending the new one's text to the disk and then have
+// blocks of the old one to free, for which the caller waits.
+bool take_place(const std::string& fresh, const std::string& target, bool over_a_file) {
+  if (over_a_file &&
+      ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
+    ::unlink(fresh.c_str());
+    return true;
+  }
+  return ::rename(fresh.c_str(), target.c_str()) == 0;
 }
 
 }  // namespace
@@ -73,11 +79,14 @@ bool RulesFile::write(std::string_view text) {
     file = make_temporary(path_, name);
   }
   if (file < 0) return false;
-  keep_mode(file, path_);
+  // Who may read the file is the business of whoever made it.
+  struct stat present = {};
+  const bool over_a_file = ::stat(path_.c_str(), &present) == 0 && S_ISREG(present.st_mode);
+  static_cast<void>(::fchmod(file, over_a_file ? present.st_mode & 0777 : kFreshMode));
   const bool whole = write_all(file, text);
   if (::close(file) == 0 && whole) {
     keep_unreadable();
-    if (::rename(name.c_str(), path_.c_str()) == 0) return true;
+    if (take_place(name, path_, over_a_file)) return true;
   }
   ::unlink(name.c_str());
   return false;

@@ -6,6 +6,7 @@ import json
 import math
 import os
 import resource
+import shutil
 import signal
 import time
 from pathlib import Path
@@ -140,6 +141,19 @@ def test_a_file_that_cannot_be_written_costs_nothing(tmp_path: Path) -> None:
     resource.setrlimit(resource.RLIMIT_FSIZE, limits)
     assert len(json.loads(path.read_text())) == 84
     assert beside(path) == {"folder", "pipe"}
+
+
+def test_a_rewritten_file_keeps_its_mode_and_a_lost_folder_is_made_again(tmp_path: Path) -> None:
+    path = tmp_path / "deep" / "rules.json"
+    learner = FlywheelLearner(str(path))
+    assert path.stat().st_mode & 0o777 == 0o644
+    path.chmod(0o640)
+    learner._persist()
+    assert path.stat().st_mode & 0o777 == 0o640
+    shutil.rmtree(path.parent)
+    learner._persist()
+    assert len(json.loads(path.read_text())) == 84
+    assert beside(path) == set()
 
 
 def test_what_killed_writers_left_is_swept_after_an_hour(tmp_path: Path) -> None:
