@@ -8,8 +8,6 @@ namespace {
 
 constexpr std::size_t kMostHealTimes = 50;
 constexpr std::size_t kKeptHealTimes = 25;
-constexpr double kStaleSeconds = 30.0 * 24 * 3600;
-constexpr double kLeastConfidence = 0.1;
 
 void remember(std::vector<double>& heal_times, double heal_time_ms) {
   heal_times.push_back(heal_time_ms);
@@ -36,10 +34,6 @@ void LearnedRule::update(bool success, double heal_time_ms, double now) {
   const double total = static_cast<double>(success_count) + static_cast<double>(fail_count);
   confidence = total > 0 ? static_cast<double>(success_count) / total : 0.0;
   last_seen = now;
-}
-
-void LearnedRule::decay(double now) {
-  if (now - last_seen > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
 }
 
 std::string rule_key(std::string_view pattern, std::string_view action) {

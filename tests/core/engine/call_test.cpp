@@ -101,9 +101,11 @@ TEST(Call, ConfidentAdviceReroutesToAnotherAvailableProvider) {
   for (const auto& [confidence, target, moved] : cases) {
     World world;
     for (const char* name : {"openai", "groq"}) world.add(name);
-    world.learner.host_fields().rules["advice"] = std::make_shared<LearnedRule>(
-        LearnedRule{"model_request:openai", std::string("failover:") + target, 0, 0, confidence,
-                    world.clock.wall()});
+    world.learner.host_fields().rules["advice"] =
+        std::make_shared<LearnedRule>(LearnedRule{.pattern = "model_request:openai",
+                                                  .last_seen = world.clock.wall(),
+                                                  .confidence = confidence,
+                                                  .action = std::string("failover:") + target});
     EXPECT_EQ(told(world.call({.model = "gpt-4o"})),
               moved ? "groq gpt-4o for openai gpt-4o l4_learned l4_learned"
                     : "openai gpt-4o for openai gpt-4o direct ");
