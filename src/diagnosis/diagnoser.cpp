@@ -47,9 +47,10 @@ Diagnosis classify(std::string_view lowered, std::optional<std::int64_t> status)
 
 Diagnosis Diagnoser::diagnose(std::string_view error_text, std::optional<std::int64_t> status) {
   const double start = clock_.monotonic();
-  const std::string lowered = text::lower(error_text);
+  std::string lowered = text::lower(error_text);
   Diagnosis diagnosis = classify(lowered, status);
-  diagnosis.raw_error = text::first(lowered, kRawErrorCharacters);
+  lowered.resize(text::first(lowered, kRawErrorCharacters).size());
+  diagnosis.raw_error = std::move(lowered);
   count(diagnosis, (clock_.monotonic() - start) * 1e6);
   return diagnosis;
 }

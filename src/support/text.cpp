@@ -15,7 +15,12 @@ LowerHook lower_hook = nullptr;
 constexpr char ascii_lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
-constexpr bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+// Without an early end, so that the compiler can look at many characters at a time.
+bool is_ascii(std::string_view text) {
+  unsigned seen = 0;
+  for (char c : text) seen |= static_cast<unsigned char>(c);
+  return seen < 0x80;
+}
 constexpr bool is_continuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
 
 constexpr bool is_space(std::uint32_t c) {
@@ -47,8 +52,7 @@ std::string_view first_character(std::string_view text) {
 void install_lower_hook(LowerHook hook) { lower_hook = hook; }
 
 std::string lower(std::string_view text) {
-  const bool ascii = std::all_of(text.begin(), text.end(), is_ascii);
-  if (!ascii && lower_hook) return lower_hook(text);
+  if (!is_ascii(text) && lower_hook) return lower_hook(text);
   std::string lowered(text);
   std::transform(lowered.begin(), lowered.end(), lowered.begin(), ascii_lower);
   return lowered;
