@@ -1,8 +1,8 @@
+#include <pthread.h>
 #include <sys/random.h>
 
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <random>
 
 #include "engine/call.h"
@@ -10,20 +10,44 @@
 namespace tarvomeldric {
 namespace {
 
-// From the system, not from a generator of our own: a forked child must not repeat its parent's
-// ids.
-std::uint32_t random_bits() {
-  std::uint32_t bits = 0;
-  if (getrandom(&bits, sizeof bits, 0) == sizeof bits) return bits;
-  return std::random_device{}();
+constexpr std::size_t kDigits = 8;
+
+// Random bits from the system, fetched for many ids at a time; each thread has its own.
+struct RandomBits {
+  std::array<std::uint32_t, 64> bits;
+  std::size_t left = 0;
+
+  std::uint32_t next() {
+    if (left == 0) fetch();
+    return bits[--left];
+  }
+  void fetch();
+};
+
+thread_local RandomBits random_bits;
+
+// In the child of a fork, on its only thread: what is left are its parent's next ids.
+void drop_after_fork() { random_bits.left = 0; }
+
+void RandomBits::fetch() {
+  [[maybe_unused]] static const int watching = pthread_atfork(nullptr, nullptr, drop_after_fork);
+  if (getrandom(bits.data(), sizeof bits, 0) != sizeof bits) {
+    std::random_device device;
+    for (std::uint32_t& each : bits) each = device();
+  }
+  left = bits.size();
 }
 
 }  // namespace
 
 std::string fresh_request_id() {
-  std::array<char, 9> digits;
-  std::snprintf(digits.data(), digits.size(), "%08x", random_bits());
-  return digits.data();
+  std::uint32_t bits = random_bits.next();
+  std::string digits(kDigits, '0');
+  for (char& digit : digits) {
+    digit = "0123456789abcdef"[bits & 0xFU];
+    bits >>= 4;
+  }
+  return digits;
 }
 
 }  // namespace tarvomeldric

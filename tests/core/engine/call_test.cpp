@@ -1,6 +1,8 @@
 #include "engine/call.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <thread>
@@ -49,6 +51,20 @@ TEST_F(CallTest, SuccessIsTracedCountedAndLearned) {
   EXPECT_EQ(rule->pattern + " " + rule->action, "success direct:openai");
   EXPECT_TRUE(rule->avg_heal_time_ms == 250.0 && openai->avg_latency() == 250.0);
   EXPECT_EQ(guards(), "openai 10 0 59 ");
+}
+
+TEST(RequestId, IsNotRepeatedByAForkedChild) {
+  std::string childs(fresh_request_id().size(), ' ');
+  int channel[2];
+  ASSERT_EQ(pipe(channel), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const std::string id = fresh_request_id();
+    _exit(write(channel[1], id.data(), id.size()) < 0);
+  }
+  EXPECT_EQ(read(channel[0], childs.data(), childs.size()), 8);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  EXPECT_NE(childs, fresh_request_id());
 }
 
 TEST_F(CallTest, MayNameItsDomainAndHasAnIdAndAProviderOfItsOwnOtherwise) {
