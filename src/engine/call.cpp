@@ -15,6 +15,7 @@ constexpr double kLearnedRoutingConfidence = 0.7;
 constexpr double kBackPressurePause = 0.5;  // seconds
 constexpr double kBackPressureRatio = 0.3;
 constexpr std::int64_t kBackPressureCalls = 10;
+constexpr std::size_t kUsualPhases = 5;
 constexpr std::string_view kFailoverAction = "failover:";
 
 // The working values of one call.
@@ -23,10 +24,13 @@ class Call {
   Call(const CallRequest& request, Surroundings engine, Io& io)
       : request_(request), engine_(engine), io_(io) {
     facts_.start = engine.clock.monotonic();
+    facts_.trace.phases.reserve(kUsualPhases);
     facts_.trace.request_id = request.request_id ? *request.request_id : fresh_request_id();
   }
 
-  Task<CallOutcome> run();
+  Task<void> run();
+  // How a finished run ended.
+  CallOutcome take() { return std::move(outcome_); }
 
  private:
   void classify();
@@ -34,12 +38,12 @@ class Call {
   bool monitor();
   Task<void> analyze();
   Task<std::optional<AdmittedSlot>> plan();
-  Task<CallOutcome> execute(AdmittedSlot slot);
-  Task<CallOutcome> succeed(double latency_ms);
+  Task<void> execute(AdmittedSlot slot);
+  Task<void> succeed(double latency_ms);
 
   Route route_to(NamedProvider target) const;
   Task<std::string> learned_target() const;
-  CallOutcome refuse(std::string message);
+  void refuse(std::string message);
 
   const CallRequest& request_;
   Surroundings engine_;
@@ -50,9 +54,10 @@ class Call {
   Route route_;
   bool learned_ = false;
   std::string refusal_;
+  CallOutcome outcome_;  // large, so it is handed on as seldom as can be
 };
 
-Task<CallOutcome> Call::run() {
+Task<void> Call::run() {
   classify();
   trace_.enter(MapeKPhase::kMonitor, engine_.clock);
   if (under_back_pressure()) co_await io_.sleep(kBackPressurePause);
@@ -60,7 +65,7 @@ Task<CallOutcome> Call::run() {
   co_await analyze();
   std::optional<AdmittedSlot> slot = co_await plan();
   if (!slot) co_return refuse(refusal_);
-  co_return co_await execute(std::move(*slot));
+  co_await execute(std::move(*slot));
 }
 
 void Call::classify() {
@@ -148,7 +153,7 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
   co_return slot;
 }
 
-Task<CallOutcome> Call::execute(AdmittedSlot slot) {
+Task<void> Call::execute(AdmittedSlot slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
   const double start = engine_.clock.monotonic();
   Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
@@ -156,24 +161,25 @@ Task<CallOutcome> Call::execute(AdmittedSlot slot) {
   if (attempt.ok()) {
     route_.target.provider->record_success(latency_ms);
     slot.release();
-    co_return co_await succeed(latency_ms);
+    co_await succeed(latency_ms);
+    co_return;
   }
   slot.release();
   FailedAttempt failed{std::move(route_), start, std::move(*attempt.failure)};
-  co_return co_await recover(request_, engine_, io_, facts_, std::move(failed));
+  outcome_ = co_await recover(request_, engine_, io_, facts_, std::move(failed));
 }
 
-Task<CallOutcome> Call::succeed(double latency_ms) {
+Task<void> Call::succeed(double latency_ms) {
   trace_.execute_result = "ok";
   trace_.analyze_result = "nominal";
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  Outcome outcome{"success", "direct:" + route_.target.name, true, latency_ms};
-  co_await io_.learn(std::move(outcome));
+  Outcome success{"success", "direct:" + route_.target.name, true, latency_ms};
+  co_await io_.learn(std::move(success));
   trace_.knowledge_recorded = true;
   trace_.total_loop_us = engine_.us_since(facts_.start);
   engine_.metrics.inc("success_primary");
   engine_.metrics.observe("latency_primary_ms", latency_ms);
-  CallAnswered answered;
+  CallAnswered& answered = outcome_.emplace<CallAnswered>();
   answered.provider = std::move(route_.target.name);
   answered.model = std::move(route_.model);
   answered.original_provider = std::move(facts_.original_provider);
@@ -182,7 +188,6 @@ Task<CallOutcome> Call::succeed(double latency_ms) {
   answered.heal_level = learned_ ? "l4_learned" : "";
   answered.domain = facts_.classification.domain;
   answered.trace = std::move(trace_);
-  co_return answered;
 }
 
 Route Call::route_to(NamedProvider target) const {
@@ -190,16 +195,17 @@ Route Call::route_to(NamedProvider target) const {
   return {std::move(target), std::move(model)};
 }
 
-CallOutcome Call::refuse(std::string message) {
+void Call::refuse(std::string message) {
   trace_.total_loop_us = engine_.us_since(facts_.start);
-  return CallFailed{CallFailed::Kind::kRefused, std::move(message)};
+  outcome_ = CallFailed{CallFailed::Kind::kRefused, std::move(message)};
 }
 
 }  // namespace
 
 Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io) {
   Call call(request, engine, io);
-  co_return co_await call.run();
+  co_await call.run();
+  co_return call.take();
 }
 
 }  // namespace tarvomeldric
