@@ -156,10 +156,8 @@ void bind_calls(EngineClass& cls) {
   bind_failover(cls, "_failover",
                 signature("_failover", kFailoverArguments, awaitable("CallResult")),
                 failover_coroutine, "The same as `_failover_sync`, to be awaited.");
-  execute_sync_seam.native = cls.attr("_execute_sync").ptr();
-  execute_seam.native = cls.attr("_execute").ptr();
-  Py_INCREF(execute_sync_seam.native);
-  Py_INCREF(execute_seam.native);
+  execute_sync_seam = {"_execute_sync"_key, cls.attr("_execute_sync").inc_ref()};
+  execute_seam = {"_execute"_key, cls.attr("_execute").inc_ref()};
 }
 
 // The given names with their records; one that is not registered is the host's key error.

@@ -1,20 +1,11 @@
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
 
 #include "host/convert.h"
 
 namespace tarvomeldric::host {
-
-// A string literal as a template argument.
-template <std::size_t N>
-struct Literal {
-  // NOLINTNEXTLINE(google-explicit-constructor): the point is to be written as a literal.
-  constexpr Literal(const char (&text)[N]) { std::copy_n(text, N, value); }
-  char value[N];
-};
 
 [[noreturn]] inline void refuse_argument(const char* name, const char* wanted, nb::handle given) {
   throw nb::type_error(

@@ -105,20 +105,20 @@ void CallIo::report(const Recovery& recovery) {
 nb::object CallIo::replacement() const {
   const nb::handle engine = state_.engine;
   const nb::object members = nb::steal(PyObject_GenericGetDict(engine.ptr(), nullptr));
-  const bool on_instance = PyDict_GetItemString(members.ptr(), seam_.name) != nullptr;
+  const bool on_instance = entry(members, seam_.name).is_valid();
   if (!on_instance && nb::getattr(engine.type(), seam_.name).is(seam_.native)) return {};
-  return engine.attr(seam_.name);
+  return nb::getattr(engine, seam_.name);
 }
 
 void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
-  PyObject* given = PyDict_GetItemString(state_.options.ptr(), "api_type");
+  const nb::handle given = entry(state_.options, "api_type"_key);
   const std::string api_type = given ? to_utf8(given) : "chat";
   state_.exchange = Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
 }
 
 nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
                                     const std::string& model) const {
-  const auto options = nb::borrow<nb::dict>(call(state_.options.attr("copy")));
+  const auto options = nb::steal<nb::dict>(PyDict_Copy(state_.options.ptr()));
   return host_call([&]() -> nb::object {
     return replacement(nb::cast(provider), state_.prompt, from_utf8(model), **options);
   });

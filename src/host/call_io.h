@@ -48,12 +48,13 @@ struct CallState {
 };
 
 // An operation of the engine that the host may replace, and the engine's own form of it.
+// Both members are set when the engine is bound, and stay.
 struct Seam {
-  const char* name;
-  PyObject* native;
+  nb::handle name;
+  nb::handle native;
 };
-inline Seam execute_sync_seam{"_execute_sync", nullptr};
-inline Seam execute_seam{"_execute", nullptr};
+inline Seam execute_sync_seam;
+inline Seam execute_seam;
 
 // The execution of attempts, the same for both ways of waiting: the replacement that a subclass or
 // an instance put in place of the engine's own execution, else the native exchange.

@@ -12,13 +12,9 @@ namespace {
 
 constexpr double kDefaultBulkheadTimeout = 1.0;  // seconds
 
-PyObject* option(const nb::dict& options, const char* name) {
-  return PyDict_GetItemString(options.ptr(), name);
-}
-
 CallRequest request_of(const CallArguments& given, const nb::dict& options) {
   CallRequest request;
-  if (PyObject* id = option(options, "request_id")) {
+  if (const nb::handle id = entry(options, "request_id"_key)) {
     request.request_id = convert_argument<std::string>(id, "request_id");
   }
   request.prompt_length = text_length(given.prompt);
@@ -27,10 +23,10 @@ CallRequest request_of(const CallArguments& given, const nb::dict& options) {
   request.has_schema = convert_argument<bool>(given.has_schema, "has_schema");
   request.semantic_domain =
       convert_argument<std::optional<SemanticDomain>>(given.semantic_domain, "semantic_domain");
-  if (PyObject* structured = option(options, "structured_output")) {
+  if (const nb::handle structured = entry(options, "structured_output"_key)) {
     request.structured_output = convert_argument<bool>(structured, "structured_output");
   }
-  PyObject* timeout = option(options, "bulkhead_timeout");
+  const nb::handle timeout = entry(options, "bulkhead_timeout"_key);
   request.bulkhead_timeout =
       timeout ? convert_argument<double>(timeout, "bulkhead_timeout") : kDefaultBulkheadTimeout;
   return request;
@@ -38,9 +34,9 @@ CallRequest request_of(const CallArguments& given, const nb::dict& options) {
 
 // The options of every execution: what the caller gave, without the request id.
 nb::dict execution_options(const CallArguments& given) {
-  if (option(given.options, "cfg")) throw nb::type_error("cfg is not an option of a call");
+  if (entry(given.options, "cfg"_key)) throw nb::type_error("cfg is not an option of a call");
   nb::dict options = nb::borrow<nb::dict>(given.options);
-  put(options, "api_type", given.api_type);
+  put(options, "api_type"_key, given.api_type);
   return options;
 }
 
@@ -52,7 +48,7 @@ void fill(CallState& state, nb::handle engine, const CallArguments& given) {
   state.contract = require_or_none<Contract>(given.contract, "contract");
   nb::dict options = execution_options(given);
   state.request = request_of(given, options);
-  if (state.request.request_id) nb::del(options["request_id"]);
+  if (state.request.request_id) nb::del(options["request_id"_key]);
   state.options = options;
   state.engine = nb::borrow(engine);
 }

@@ -12,7 +12,13 @@ namespace {
 
 constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
-constexpr const char* kHttp = "tarvomeldric._http";
+
+// Imported when it is first needed, and kept.
+nb::handle http_module() {
+  static auto& kept = *new nb::object;
+  if (!kept.is_valid()) kept = import("tarvomeldric._http");
+  return kept;
+}
 
 constexpr std::array kHeldObjects{&Exchange::client, &Exchange::url,     &Exchange::headers,
                                   &Exchange::body,   &Exchange::timeout, &Exchange::decoded};
@@ -31,20 +37,20 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
   const bool streamed = delivery == Delivery::kStreamed;
   if (streamed) kind = RequestKind::kChat;
   nb::dict body;
-  put(body, "model", model);
-  if (kind == RequestKind::kEmbeddings) put(body, "input", prompt);
-  if (kind == RequestKind::kImages) put(body, "prompt", prompt);
+  put(body, "model"_key, model);
+  if (kind == RequestKind::kEmbeddings) put(body, "input"_key, prompt);
+  if (kind == RequestKind::kImages) put(body, "prompt"_key, prompt);
   if (kind == RequestKind::kChat) {
     nb::dict message;
-    put(message, "role", nb::str("user"));
-    put(message, "content", prompt);
+    put(message, "role"_key, "user"_key);
+    put(message, "content"_key, prompt);
     nb::list messages;
     messages.append(message);
-    put(body, "messages", messages);
+    put(body, "messages"_key, messages);
   }
-  if (streamed) put(body, "stream", truth(true));
+  if (streamed) put(body, "stream"_key, truth(true));
   for (auto [name, value] : nb::borrow<nb::dict>(extra)) {
-    if (PyUnicode_CompareWithASCIIString(name.ptr(), "api_type") != 0) body[name] = value;
+    if (PyUnicode_Compare(name.ptr(), "api_type"_key.ptr()) != 0) body[name] = value;
   }
   return body;
 }
@@ -86,7 +92,7 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
 [[noreturn]] void raise_failure(nb::python_error& failure, const Exchange& exchange,
                                 bool asynchronous) {
   if (!failure.matches(PyExc_Exception) || failure.matches(api_error_type())) throw;
-  if (nb::cast<bool>(call(import(kHttp).attr("is_timeout"), failure.value(), asynchronous))) {
+  if (nb::cast<bool>(call(http_module().attr("is_timeout"), failure.value(), asynchronous))) {
     raise_api_error(timeout_message(text_form(exchange.timeout), exchange.provider_name),
                     kRequestTimeout);
   }
@@ -106,7 +112,7 @@ Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model
   url = from_utf8(fields.base_url + std::string(endpoint_path(api_type)));
   headers = header_dict(fields);
   body = body_dict(request_kind(api_type), prompt, model, extra, delivery);
-  PyObject* given = PyDict_GetItemString(extra.ptr(), "timeout");
+  const nb::handle given = entry(extra, "timeout"_key);
   timeout = given ? nb::borrow(given) : number(kProviderTimeout);
 }
 
@@ -122,7 +128,7 @@ void Exchange::clear() {
 nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
   try {
     const nb::object client = engine.sync_client(exchange.provider_name);
-    const nb::object reply = call(import(kHttp).attr("post"), client, exchange.url, exchange.body,
+    const nb::object reply = call(http_module().attr("post"), client, exchange.url, exchange.body,
                                   exchange.headers, exchange.timeout);
     return read_reply(engine, exchange, reply);
   } catch (nb::python_error& failure) {
@@ -138,7 +144,7 @@ Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension
       exchange.client = co_await session;
     }
     HostAwait posting(suspension,
-                      call(import(kHttp).attr("post_async"), exchange.client, exchange.url,
+                      call(http_module().attr("post_async"), exchange.client, exchange.url,
                            exchange.body, exchange.headers, exchange.timeout));
     const nb::object reply = co_await posting;
     co_return read_reply(engine, exchange, reply);

@@ -47,7 +47,7 @@ struct FailoverCall {
     state.fault = nb::borrow(given.diag);
     state.trace = nb::borrow(given.trace);
     state.options = nb::borrow<nb::dict>(given.options);
-    if (PyObject* kind = PyDict_GetItemString(given.options.ptr(), "api_type")) {
+    if (const nb::handle kind = entry(given.options, "api_type"_key)) {
       require_text(kind, "api_type");
     }
   }

@@ -7,6 +7,8 @@
 #include <nanobind/stl/string.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,9 +51,33 @@ inline nb::object item(nb::handle container, const char* key) {
   return item(container, nb::str(key));
 }
 
-// Sets one entry of a dictionary whose key is a literal.
+// A string literal as a template argument.
+template <std::size_t N>
+struct Literal {
+  // NOLINTNEXTLINE(google-explicit-constructor): the point is to be written as a literal.
+  constexpr Literal(const char (&text)[N]) { std::copy_n(text, N, value); }
+  char value[N];
+};
+
+// "name"_key is the host's own text of that name, made once and kept as long as the process. On the
+// call path it spares the host making a text and hashing it.
+template <Literal Name>
+nb::handle operator""_key() {
+  static PyObject* const text = PyUnicode_InternFromString(Name.value);
+  return text;
+}
+
+// Sets one entry of a dictionary.
+inline void put(nb::dict& dict, nb::handle key, nb::handle value) {
+  if (PyDict_SetItem(dict.ptr(), key.ptr(), value.ptr()) < 0) throw nb::python_error();
+}
 inline void put(nb::dict& dict, const char* key, nb::handle value) {
   if (PyDict_SetItemString(dict.ptr(), key, value.ptr()) < 0) throw nb::python_error();
+}
+
+// The entry of a dictionary, or null.
+inline nb::handle entry(nb::handle dict, nb::handle key) {
+  return PyDict_GetItem(dict.ptr(), key.ptr());
 }
 
 inline nb::object number(double value) { return nb::steal(PyFloat_FromDouble(value)); }
