@@ -55,7 +55,7 @@ void bind_results(nb::module_& module) {
        field<&CallResult::semantic_domain>("semantic_domain"),
        field<&CallResult::validation_passed>("validation_passed"),
        field<&CallResult::contract_result>("contract_result", "dict[str, typing.Any] | None"),
-       field<&CallResult::mapek_trace>("mapek_trace", "dict[str, typing.Any] | typing.Any"),
+       field<&CallResult::mapek_trace>("mapek_trace"),
        field<&CallResult::raw_response>("raw_response")});
 }
 

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "host/errors.h"
-#include "host/read_outs.h"
 #include "host/records.h"
 
 namespace tarvomeldric::host {
@@ -35,7 +34,7 @@ nb::object result_of(CallState& state, CallAnswered& answered) {
   result.semantic_domain = value_of(answered.domain);
   result.validation_passed = answered.validation_passed;
   if (answered.validation_passed) result.contract_result = call(state.verdict.attr("to_dict"));
-  if (answered.trace) result.mapek_trace = to_dict(*answered.trace);
+  if (answered.trace) result.mapek_trace = ResultTrace(std::move(*answered.trace));
   return nb::cast(std::move(result));
 }
 

@@ -69,7 +69,10 @@ Field field(const char* name, const char* type = nullptr) {
   made.plain = [](void* fields) -> nb::object {
     return Convert<M>::to(static_cast<F*>(fields)->*Pointer);
   };
-  if constexpr (std::is_same_v<M, nb::object>) {
+  if constexpr (requires(M & member) { member.held(); }) {
+    made.held = [](void* fields) { return (static_cast<F*>(fields)->*Pointer).held(); };
+    made.drop = [](void* fields) { (static_cast<F*>(fields)->*Pointer).reset(); };
+  } else if constexpr (std::is_same_v<M, nb::object>) {
     made.held = [](void* fields) -> nb::handle { return static_cast<F*>(fields)->*Pointer; };
     made.drop = [](void* fields) { (static_cast<F*>(fields)->*Pointer).reset(); };
   }

@@ -1,5 +1,7 @@
 #include "host/records.h"
 
+#include "host/read_outs.h"
+
 namespace tarvomeldric::host {
 namespace {
 
@@ -13,6 +15,17 @@ std::string shown_text(const nb::object& text) {
 }
 
 }  // namespace
+
+// Making the dictionary may run the garbage collector, and with it somebody who asks for the same
+// trace.
+nb::object ResultTrace::shown() const {
+  if (const auto trace = trace_) {
+    nb::dict dict = to_dict(*trace);
+    if (trace_) shown_ = std::move(dict);
+    trace_.reset();
+  }
+  return shown_;
+}
 
 std::string summary(const CallResult& result) {
   std::string line = result.success ? "CallResult(✓" : "CallResult(✗";

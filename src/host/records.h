@@ -1,7 +1,9 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "diagnosis/diagnoser.h"
 #include "engine/trace.h"
@@ -12,6 +14,27 @@
 #include "semantic/topology.h"
 
 namespace tarvomeldric::host {
+
+// The trace of a result. It is turned into the host's dictionary when somebody asks for it, which
+// few callers do.
+class ResultTrace {
+ public:
+  ResultTrace() = default;
+  explicit ResultTrace(MapeKTrace trace)
+      : trace_(std::make_shared<const MapeKTrace>(std::move(trace))) {}
+  explicit ResultTrace(nb::object given) : shown_(std::move(given)) {}
+
+  // The dictionary, or whatever the host put in its place; the same object each time.
+  nb::object shown() const;
+
+  // For the garbage collector: what has not been asked for holds no host object.
+  nb::handle held() const { return shown_; }
+  void reset() { shown_.reset(); }
+
+ private:
+  mutable std::shared_ptr<const MapeKTrace> trace_;  // until it is shown
+  mutable nb::object shown_ = nb::none();
+};
 
 // What a call hands back. The texts that the host made stay host objects.
 struct CallResult {
@@ -29,7 +52,7 @@ struct CallResult {
   std::string semantic_domain;
   std::optional<bool> validation_passed;
   nb::object contract_result = nb::none();
-  nb::object mapek_trace = nb::none();
+  ResultTrace mapek_trace;
   nb::object raw_response = nb::none();
 };
 
@@ -138,6 +161,16 @@ struct HostName<RecoveryAction> {
 template <>
 struct HostName<Contract> {
   static constexpr auto value = nb::detail::const_name("Contract");
+};
+
+template <>
+struct Convert<ResultTrace> {
+  static constexpr auto kName = nb::detail::const_name("dict[str, typing.Any] | typing.Any");
+  static bool from(nb::handle h, ResultTrace& out) {
+    out = ResultTrace(nb::borrow(h));
+    return true;
+  }
+  static nb::object to(const ResultTrace& trace) { return trace.shown(); }
 };
 
 // A category that is one of ours shows as its member, any other as the text it is.
