@@ -30,7 +30,7 @@ class Call {
 
   Task<void> run();
   // How a finished run ended.
-  CallOutcome take() { return std::move(outcome_); }
+  CallOutcome&& take() { return std::move(outcome_); }
 
  private:
   void classify();

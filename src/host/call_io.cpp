@@ -118,9 +118,8 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
 
 nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
                                     const std::string& model) const {
-  const auto options = nb::steal<nb::dict>(PyDict_Copy(state_.options.ptr()));
   return host_call([&]() -> nb::object {
-    return replacement(nb::cast(provider), state_.prompt, from_utf8(model), **options);
+    return replacement(nb::cast(provider), state_.prompt, from_utf8(model), **state_.options);
   });
 }
 
