@@ -24,12 +24,18 @@ def measure(quick: bool) -> Iterator[Row]:
         ("learner: match, 84 rules", matching(84), CALLS, 0.5),
         ("learner: match, 10,000 rules", matching(10_000), CALLS // 10, 30.0),
         ("learner: record", record, CALLS, None),
-        ("learner: 100 rules written to the file", filled(100)._persist, CALLS // 100, 150.0),
     ):
         rounds = take_turns(quick, calls, call=call)
         yield row(rounds, what, target)
         if call is record:
             yield row(rounds, "learner: record, mean", figure="mean")
+    learner, without_file = filled(100), filled(100)
+    without_file._persist_path = "/dev/null/rules.json"  # no such file can be made
+    rivals = {"call": learner._persist, "text": without_file._persist}
+    rounds = take_turns(quick, CALLS // 20, **rivals)
+    yield row(rounds, "learner: 100 rules to the rules file", 150.0)
+    yield row(rounds, "of it the file", less="text")
+    yield row([{"call": one["text"]} for one in rounds], "of it the text")
 
 
 def filled(rules: int) -> FlywheelLearner:
