@@ -2,25 +2,27 @@
 
 from __future__ import annotations
 
+import contextlib
 import io
 import json
 import re
 import selectors
 import socket
 import socketserver
-import sys
 import threading
 import time
-from contextlib import ExitStack
 from http.server import BaseHTTPRequestHandler, HTTPServer
 from typing import Any
 
 from tarvomeldric import _fork
 from tarvomeldric._engine import _build_dashboard
 
-# Seconds that a client may take for its first byte, for the whole head of its request, and for
-# taking in the reply.
-_PATIENCE = 3.0
+_PATIENCE = 3.0  # seconds that a client may take for the head of its request, and for the reply
+_LONGEST = 65536  # bytes of a head; the library's own bound for its first line
+_ROOM = 100  # connections that wait at a time: the host's descriptors are not ours to use up
+
+# What a request's target may have around its path; a proxy's client names the server, too.
+_AROUND_PATH = re.compile("^https?://[^/?#]*|[?#].*")
 
 
 def serve(
@@ -47,7 +49,7 @@ def serve(
             self._send(200, content_type, text)
 
         def do_GET(self) -> None:
-            path = re.split("[?#]", self.path, maxsplit=1)[0]
+            path = _AROUND_PATH.sub("", self.path)
             if path == "/metrics" and with_prometheus:
                 self._send_text(engine.get_metrics().prometheus_format())
             elif path == "/health" and with_health:
@@ -64,35 +66,36 @@ def serve(
         "Prometheus": with_prometheus and "/metrics",
         "Health": with_health and "/health",
     }
-    with ExitStack() as undo:
-        server = _Server((host, port), _Handler)
-        undo.callback(server.server_close)
-        threading.Thread(
-            target=server.serve_forever, name="tarvomeldric-dashboard", daemon=True
-        ).start()
-        undo.callback(server.shutdown)
+    server = _Server((host, port), _Handler)
+    try:
+        server.start()
         for label, path in pages.items():
             if path:
                 print(f"  {label}: http://{host}:{server.server_port}{path}")
-        undo.pop_all()
+    except BaseException:
+        server.server_close()
+        raise
     _fork.watch(server)
     return server
 
 
 class _PromptHandler(BaseHTTPRequestHandler):
-    """Waits a few seconds for a request and no longer, and sends each reply in one go."""
+    """Reads a request that is all there, and sends the reply in one go."""
 
     def setup(self) -> None:
-        self.connection = self.request
-        self.rfile = io.BufferedReader(_Head(self.connection))
+        self.connection = self.request.connection
+        self.rfile = io.BytesIO(self.request.head)
         self.wfile = self._reply = io.BytesIO()
 
     def finish(self) -> None:
-        self.connection.settimeout(_PATIENCE)  # for all of it
-        self.connection.sendall(self._reply.getvalue())
+        with contextlib.suppress(OSError):  # a client that goes away is nobody's error
+            self.connection.settimeout(_PATIENCE)  # for all of it
+            self.connection.sendall(self._reply.getvalue())
 
     def _send(self, status: int, content_type: str, text: str) -> None:
-        body = text.encode("utf-8")
+        body = text.encode(
+            "utf-8", "replace"
+        )  # names are free text; half a character must not fail
         self.send_response(status)
         self.send_header("Content-Type", content_type)
         self.send_header("Content-Length", str(len(body)))
@@ -100,29 +103,37 @@ class _PromptHandler(BaseHTTPRequestHandler):
         self.wfile.write(body)
 
 
-class _Head(io.RawIOBase):
-    """What a connection delivers in time, however small its pieces are."""
+class _Client:
+    """A connection, and what it has sent so far."""
 
-    def __init__(self, connection: socket.socket) -> None:
-        self._connection = connection
-        self._deadline = time.monotonic() + _PATIENCE
+    def __init__(self, connection: socket.socket, address: Any) -> None:
+        connection.setblocking(False)
+        self.connection = connection
+        self.address = address
+        self.head = b""
+        self.deadline = time.monotonic() + _PATIENCE
 
-    def readable(self) -> bool:
-        return True
-
-    def readinto(self, buffer: Any) -> int:
-        left = self._deadline - time.monotonic()
-        if left <= 0:
-            raise TimeoutError("the request did not arrive in time")
-        self._connection.settimeout(left)
-        return self._connection.recv_into(buffer)
+    def has_asked(self) -> bool:
+        """Takes in what arrived: whether the head of the request is there, or no more will come."""
+        try:
+            piece = self.connection.recv(_LONGEST)
+        except BlockingIOError:
+            return False
+        except OSError:
+            piece = b""
+        self.head += piece
+        return not piece or len(self.head) > _LONGEST or bool(re.search(b"\n\r?\n", self.head))
 
 
 class _Server(HTTPServer):
-    """Serves one request at a time. A connection has its turn once it has sent something.
+    """Serves one request at a time. A client has its turn once the head of its request is there.
 
-    Browsers open connections in advance and leave them silent; each would hold up everybody else.
+    Browsers open connections in advance and leave them silent, and some clients are slow; each
+    would hold up everybody else.
     """
+
+    request_queue_size = _ROOM
+    _serving = False
 
     def __init__(self, address: tuple[str, int], handler: type[BaseHTTPRequestHandler]) -> None:
         if ":" in address[0]:
@@ -130,6 +141,12 @@ class _Server(HTTPServer):
         self._arrivals = selectors.DefaultSelector()
         super().__init__(address, handler)
         self._arrivals.register(self.socket, selectors.EVENT_READ)
+
+    def start(self) -> None:
+        threading.Thread(
+            target=self.serve_forever, name="tarvomeldric-dashboard", daemon=True
+        ).start()
+        self._serving = True
 
     def server_bind(self) -> None:
         socketserver.TCPServer.server_bind(self)  # the library's next base asks for the host's name
@@ -139,37 +156,54 @@ class _Server(HTTPServer):
         """What the serving loop waits for: somebody new, or something new from those who are here."""
         return self._arrivals.fileno()
 
-    def get_request(self) -> tuple[socket.socket, Any]:
-        """The connection whose turn it is; OSError when there is none yet."""
-        arrived = [key for key, _ in self._arrivals.select(timeout=0)]
-        for key in sorted(arrived, key=lambda key: key.fileobj is self.socket):
+    def get_request(self) -> tuple[Any, Any]:
+        """The client whose turn it is, and its address; OSError when there is none yet."""
+        for key, _ in self._arrivals.select(timeout=0):
             if key.fileobj is self.socket:
-                connection, address = self.socket.accept()
-                latest = time.monotonic() + _PATIENCE
-                self._arrivals.register(connection, selectors.EVENT_READ, (address, latest))
-            else:
+                self._let_in()
+            elif key.data.has_asked():
                 self._arrivals.unregister(key.fileobj)
-                return key.fileobj, key.data[0]  # type: ignore[return-value]
-        raise BlockingIOError("nobody has sent anything")
+                return key.data, key.data.address
+        raise BlockingIOError("nobody has asked")
+
+    def _let_in(self) -> None:
+        try:
+            client = _Client(*self.socket.accept())
+        except OSError:
+            time.sleep(
+                0.1
+            )  # no descriptor is left: to try again at once would keep a processor busy
+        else:
+            self._arrivals.register(client.connection, selectors.EVENT_READ, client)
+
+    def _waiting(self) -> list[_Client]:
+        """Those who are still asking, in the order in which they came."""
+        return [key.data for key in (self._arrivals.get_map() or {}).values() if key.data]
 
     def service_actions(self) -> None:
-        now = time.monotonic()
-        for key in list(self._arrivals.get_map().values()):
-            if key.data and key.data[1] < now:
-                self._arrivals.unregister(key.fileobj)
-                self.shutdown_request(key.fileobj)  # type: ignore[arg-type]
+        now, waiting = time.monotonic(), self._waiting()
+        heard = {key.fileobj for key, _ in self._arrivals.select(timeout=0)}  # while we were busy
+        for ahead, client in enumerate(waiting):
+            late = client.deadline < now or ahead < len(waiting) - _ROOM
+            if late and client.connection not in heard:
+                self._arrivals.unregister(client.connection)
+                self.shutdown_request(client)
 
-    def handle_error(self, request: Any, client_address: Any) -> None:
-        # A client that goes away is nobody's error.
-        if not isinstance(sys.exc_info()[1], ConnectionError | TimeoutError):
-            super().handle_error(request, client_address)
+    def shutdown_request(self, request: Any) -> None:
+        super().shutdown_request(request.connection)
+
+    def shutdown(self) -> None:
+        if self._serving:
+            super().shutdown()
 
     def server_close(self) -> None:
-        for key in (self._arrivals.get_map() or {}).values():
-            key.fileobj.close()  # type: ignore[union-attr]
+        self.shutdown()
+        for client in self._waiting():
+            client.connection.close()
         self._arrivals.close()
         super().server_close()
 
     def _after_fork(self) -> None:
         # The parent serves; a child that kept the port would keep it from being bound again.
+        self._serving = False
         self.server_close()

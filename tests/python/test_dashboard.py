@@ -1,0 +1,475 @@
+"""The dashboard as scrapers, browsers and strangers meet it."""
+
+from __future__ import annotations
+
+import contextlib
+import errno
+import json
+import re
+import socket
+import struct
+import threading
+import time
+from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
+from http.client import HTTPConnection, RemoteDisconnected
+from types import SimpleNamespace
+from typing import Any, NamedTuple
+
+import pytest
+from helpers import engine_with, provider, run_child, until
+from prometheus_client.parser import text_string_to_metric_families
+
+from tarvomeldric import APIError, serve_dashboard
+from tarvomeldric._engine import _build_dashboard
+from tarvomeldric.simulator import ProviderSimulator
+
+LOOPBACK = "127.0.0.1"
+
+CARD = (
+    '<div style="display:inline-block;margin:8px;padding:12px;border-radius:8px;background:#1e1e2e;min-width:180px">'
+    '<span style="color:%(dot)s;font-size:20px">&#9679;</span> <b style="color:#cdd6f4">%(name)s</b><br>'
+    '<small style="color:#a6adc8">score: %(health_score)s | %(avg_latency_ms)sms</small><br>'
+    '<small style="color:#a6adc8">&#10003;%(success)s &#10007;%(fail)s circuit:%(state)s</small></div>'
+)
+LINE = '<div style="color:#a6adc8"><b style="color:#89b4fa">%s</b>: %s</div>'
+CHIP = '<span style="color:#a6adc8;margin-right:12px"><b style="color:#89b4fa">%s</b>:%s</span>'
+NO_CHIP = '<span style="color:#a6adc8">No faults yet</span>'
+PAGE = (
+    "<!DOCTYPE html><html><head><title>TarvoMeldric v%(version)s</title>"
+    '<meta http-equiv="refresh" content="5"><style>body{background:#11111b;color:#cdd6f4;font-family:system-ui,'
+    "sans-serif;margin:20px}h1{color:#89b4fa} h2{color:#cba6f7} a{color:#89b4fa}</style></head><body>"
+    "<h1>TarvoMeldric v%(version)s</h1><h2>Providers</h2>%(cards)s<h2>Engine Stats</h2>"
+    '<div style="display:grid;grid-template-columns:1fr 1fr;gap:8px">'
+    '<div style="background:#1e1e2e;padding:12px;border-radius:8px">'
+    '<b style="color:#f9e2af">Calls</b>: %(call_count)s<br>'
+    '<b style="color:#a6e3a1">Healed</b>: %(heal_count)s (%(heal_rate)s)<br>'
+    '<b style="color:#89b4fa">L1 Skip</b>: %(l1_skip_count)s | '
+    '<b style="color:#cba6f7">L2 Downgrade</b>: %(l2_downgrade_count)s<br>'
+    '<b style="color:#f38ba8">L3 Failover</b>: %(l3_failover_count)s | '
+    '<b style="color:#fab387">L4 Learned</b>: %(l4_learned_count)s</div>'
+    '<div style="background:#1e1e2e;padding:12px;border-radius:8px">'
+    '<b style="color:#f9e2af">Flywheel</b>: %(total_rules)s rules | %(high_confidence_rules)s high-conf<br>'
+    '<b style="color:#89b4fa">Sync</b>: %(sync_mode)s<br>'
+    '<b style="color:#a6e3a1">Rate Limited</b>: %(rate_limited_count)s | '
+    '<b style="color:#f38ba8">Bulkhead Rejected</b>: %(bulkhead_rejected_count)s</div></div><h2>Live Metrics</h2>'
+    '<div style="background:#1e1e2e;padding:12px;border-radius:8px">%(lines)s</div><h2>Diagnosis Counts</h2>'
+    '<div style="background:#1e1e2e;padding:12px;border-radius:8px">%(chips)s</div>'
+    '<p style="color:#585b70;margin-top:20px">Auto-refresh 5s | <a href="/metrics">Prometheus</a> | '
+    '<a href="/health">Health</a> | <a href="/stats">Stats JSON</a></p></body></html>'
+)
+UNKNOWN = {"health_score": "?", "avg_latency_ms": "?", "success": 0, "fail": 0, "state": "?"}
+NO_FLYWHEEL = {"total_rules": 0, "high_confidence_rules": 0, "sync_mode": "local"}
+REQUIRED = dict.fromkeys(re.findall(r"%\((version|heal_rate|\w+_count)\)", PAGE))
+
+
+class Reply(NamedTuple):
+    status: int
+    headers: list[tuple[str, str]]
+    body: bytes
+
+
+def get(server: Any, path: str, method: str = "GET", body: bytes | None = None) -> Reply:
+    connection = HTTPConnection(LOOPBACK, server.server_port, timeout=20)
+    with contextlib.closing(connection):
+        connection.request(method, path, body)
+        response = connection.getresponse()
+        return Reply(response.status, response.getheaders(), response.read())
+
+
+connections: list[socket.socket] = []
+
+
+def connect(server: Any, head: bytes = b"") -> socket.socket:
+    connection = socket.create_connection((LOOPBACK, server.server_port), timeout=20)
+    connections.append(connection)
+    connection.sendall(head)
+    return connection
+
+
+def made_up(stats: Any = REQUIRED, metrics: str = "", health: Any = None) -> Any:
+    """An engine that says what it is told to say; an error is raised."""
+
+    def get_stats() -> Any:
+        if isinstance(stats, Exception):
+            raise stats
+        return stats
+
+    collector = SimpleNamespace(prometheus_format=lambda: metrics, health_endpoint=lambda: health)
+    return SimpleNamespace(get_stats=get_stats, get_metrics=lambda: collector)
+
+
+@contextlib.contextmanager
+def served(engine: Any, **options: Any) -> Iterator[Any]:
+    server = serve_dashboard(engine, LOOPBACK, 0, **options)
+    try:
+        yield server
+    finally:
+        server.shutdown()
+        server.server_close()
+
+
+def dashboards() -> int:
+    return sum("dashboard" in thread.name for thread in threading.enumerate())
+
+
+@pytest.fixture(autouse=True)
+def silent(capfd: pytest.CaptureFixture[str]) -> Iterator[Any]:
+    """Nothing is logged and no thread is left; a test that expects an error takes it."""
+    yield capfd
+    while connections:
+        connections.pop().close()
+    assert capfd.readouterr().err == ""
+    until(lambda: dashboards() == 0)
+
+
+def page(stats: Any) -> str:
+    """What the page must be, to the letter."""
+    cards = [
+        CARD % {**UNKNOWN, **p, **p.get("circuit", {}), "name": n, "dot": dot}
+        for n, p in stats.get("providers", {}).items()
+        for dot in ["#4caf50" if p.get("healthy") else "#f44336"]
+    ]
+    counters = stats.get("metrics", {}).get("counters", {}).items()
+    shown = [pair for pair in counters if re.search("calls|heal|fault|error|success|rate", pair[0])]
+    chips = [CHIP % pair for pair in stats.get("diagnosis_counts", {}).items()]
+    return PAGE % {
+        **stats,
+        **NO_FLYWHEEL,
+        **stats.get("flywheel", {}),
+        "cards": "".join(cards),
+        "lines": "".join(LINE % pair for pair in shown),
+        "chips": "".join(chips) or NO_CHIP,
+    }
+
+
+PROVIDERS = {
+    "<b>&": {"healthy": True, "health_score": 0.1 + 0.2, "avg_latency_ms": 1e16, "success": 2**70},
+    "": {"healthy": 0, "fail": None, "circuit": {}},
+    "é\U0001f600 %s": {"healthy": "yes", "avg_latency_ms": 1e-05, "circuit": {"state": None}},
+    7: {"success": True, "fail": -1, "health_score": float("nan"), "circuit": {"state": "open"}},
+}
+COUNTERS = {"latency_p95": 1, "calls_total": 2.0, "Rate": 3, "rated": None, "fault_é": [], "x": 5}
+COUNTERS |= {"unhealed": True, "errors": "<i>", "success_primary": {}, "": 1}
+
+
+@pytest.mark.parametrize(
+    "optional",
+    [
+        {},
+        {"providers": PROVIDERS, "metrics": {"counters": COUNTERS}},
+        {"metrics": {}, "flywheel": {}, "diagnosis_counts": {"rate_limit": 1, "odd <": None}},
+        {"flywheel": {"total_rules": 84.5, "sync_mode": None}, "diagnosis_counts": {"": ""}},
+        {"flywheel": {"high_confidence_rules": "many", "sync_mode": "redis"}},
+    ],
+)
+def test_the_page_is_fixed_to_the_letter(optional: Any) -> None:
+    values = [None, 8, 3, "37.5%", True, 1.0, 1e22, -4, "", (1, "é")]
+    stats = {**dict(zip(REQUIRED, values, strict=True)), **optional}
+    assert _build_dashboard(made_up(stats)) == page(stats)
+
+
+def test_the_page_of_a_real_engine() -> None:
+    engine = engine_with()
+    with served(engine) as server:
+        for calls, heals in ((0, 0), (8, 3)):
+            engine._call_count, engine._heal_count = calls, heals
+            engine.get_metrics().inc("calls_total", calls)
+            assert get(server, "/").body.decode() == page(engine.get_stats())
+        assert "Calls</b>: 8<br>" in page(engine.get_stats())
+        assert "Healed</b>: 3 (37.5%)<br>" in page(engine.get_stats())
+        assert json.loads(get(server, "/stats").body) == engine.get_stats()
+        engine.get_metrics().inc("\ud800_calls")
+        assert b"?_calls" in get(server, "/").body
+
+
+SWITCHES = {"/": "with_dashboard", "/metrics": "with_prometheus", "/health": "with_health"}
+LABELS = {"/": "Dashboard", "/metrics": "Prometheus", "/health": "Health"}
+STATS = {**REQUIRED, "version": "é", "odd": [1.5, {}]}
+HEALTH = {"status": "dégradé", "error_count": 2}
+BODIES = {
+    "/": ("text/html; charset=utf-8", page(STATS)),
+    "/metrics": ("text/plain", "é 1\n?"),
+    "/health": ("application/json", json.dumps(HEALTH, indent=2)),
+    "/stats": ("application/json", json.dumps(STATS, indent=2)),
+}
+
+
+@pytest.mark.parametrize("off", [(), ("/",), ("/metrics",), ("/health",), tuple(SWITCHES)])
+def test_every_route_with_its_headers_and_its_switch(off: tuple[str, ...], silent: Any) -> None:
+    engine = made_up(STATS, "é 1\n\ud800", HEALTH)
+    with served(engine, **{SWITCHES[path]: False for path in off}) as server:
+        address = f"{LOOPBACK}:{server.server_port}"
+        lines = [f"  {LABELS[path]}: http://{address}{path}\n" for path in LABELS]
+        shown = [line for path, line in zip(LABELS, lines, strict=True) if path not in off]
+        assert silent.readouterr().out == "".join(shown)
+
+        for path, (kind, text) in BODIES.items():
+            for around in ("{}", "{}?a=/b", "{}#x?y", "{}?", f"http://{address}{{}}"):
+                reply = get(server, around.format(path))
+                if path in off:
+                    assert reply.status == 404
+                    continue
+                body = text.encode()
+                assert (reply.status, reply.body) == (200, body), path
+                assert reply.headers[2:] == [
+                    ("Content-Type", kind),
+                    ("Content-Length", str(len(body))),
+                ]
+        for path in ("/metrics/", "/Metrics", "/health%20", "/stats;x", "/x", "*", "/../stats"):
+            assert get(server, path).status == 404, path
+        for method in ("HEAD", "POST", "PUT", "DELETE", "OPTIONS", "NONSENSE"):
+            assert get(server, "/stats", method, b"body").status == 501, method
+
+
+def test_an_engine_that_fails_costs_one_request(silent: Any) -> None:
+    engine = made_up()
+    failures = {key: KeyError(key) for key in REQUIRED}
+    failures |= {"network": ConnectionResetError("mine"), "time": OSError("mine")}
+    with served(engine) as server:
+        for name, failure in failures.items():
+            stats = {key: 0 for key in REQUIRED if key != name}
+            engine.get_stats = made_up(stats if name in REQUIRED else failure).get_stats
+            with pytest.raises(RemoteDisconnected):
+                get(server, "/")
+            header, *_, last, _, _ = silent.readouterr().err.split("\n")
+            assert (header, last) == ("-" * 40, f"{type(failure).__name__}: {failure}")
+            assert get(server, "/metrics").status == 200
+
+
+def test_a_port_in_use_fails_before_anything_happens(silent: Any) -> None:
+    with socket.create_server((LOOPBACK, 0)) as taken:
+        port = taken.getsockname()[1]
+        with pytest.raises(OSError, match="in use") as caught:
+            serve_dashboard(engine_with(), LOOPBACK, port)
+        assert caught.value.errno == errno.EADDRINUSE
+    with pytest.raises(OSError, match="assign"):
+        serve_dashboard(engine_with(), "192.0.2.1", port)
+    assert silent.readouterr().out == ""
+    assert dashboards() == 0
+    server = serve_dashboard(engine_with(), LOOPBACK, port)
+    assert server.server_port == port
+    server.server_close()
+
+
+def test_servers_live_and_end_on_their_own() -> None:
+    engine = engine_with()
+    with served(engine, with_health=False) as one, serve_dashboard(engine, LOOPBACK, 0) as other:
+        assert get(one, "/health").status == 404
+        assert get(other, "/health").status == 200
+        asking = connect(other, b"GET / HT")
+        other.shutdown()
+        other.server_close()
+        assert left(asking) == b""
+        with pytest.raises(ConnectionRefusedError):
+            connect(other)
+        until(lambda: dashboards() == 1)
+        assert get(one, "/stats").status == 200
+
+
+def left(connection: socket.socket) -> bytes:
+    """What a server still sends before it is rid of a connection."""
+    received = b""
+    with contextlib.suppress(ConnectionError):
+        while piece := connection.recv(1 << 20):
+            received += piece
+    return received
+
+
+def goes_on(connection: socket.socket) -> bool:
+    """Sends one more piece of a head, if anybody is there to take it."""
+    connection.settimeout(0)
+    try:
+        connection.send(b"x")
+        connection.recv(1)
+    except BlockingIOError:
+        return True
+    except ConnectionError:
+        return False
+    finally:
+        connection.settimeout(20)
+    return False
+
+
+def test_nobody_waits_for_silent_and_slow_clients() -> None:
+    with served(made_up()) as server:
+        silent = [connect(server) for _ in range(50)]
+        slow = [connect(server, b"GET /stats HTTP/1.0\r\nX: ") for _ in range(20)]
+        for head in (b"", b"G", b"GET /stats HTTP/1.0\r\n\r\n"):
+            gone = connect(server, head)
+            gone.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            gone.close()
+        for path in BODIES:
+            assert get(server, path).status == 200
+        assert all(goes_on(client) for client in silent[:5] + slow)
+        done = connect(server, b"GET /stats HTTP/1.0\n")
+        done.shutdown(socket.SHUT_WR)
+        assert left(done).startswith(b"HTTP/1.0 200 OK\r\n")
+        until(lambda: [goes_on(client) for client in slow] == [False] * len(slow))
+        assert all(left(client) == b"" for client in silent + slow)
+        assert get(server, "/stats").status == 200
+
+
+def test_clients_have_room_and_the_program_keeps_its_descriptors() -> None:
+    with served(made_up()) as server:
+        crowd = [connect(server) for _ in range(300)]
+        assert get(server, "/stats").status == 200
+        assert all(left(client) == b"" for client in crowd[:150])
+        assert all(goes_on(client) for client in crowd[-50:])
+        for head in (b"\n" * 2, b"x" * 100_000, b"\0\xff\r\n\r\n", b"GET /\xff " + b"x" * 70_000):
+            assert b"200 OK" not in left(connect(server, head))
+        assert b"200 OK" in left(connect(server, b"GET /stats HTTP/1.0\n\r\nmore"))
+
+
+def test_a_client_that_does_not_read_its_reply_is_left() -> None:
+    size = 30_000_000
+    with served(made_up(metrics="x" * size)) as server:
+        deaf = connect(server, b"GET /metrics HTTP/1.0\r\n\r\n")
+        assert get(server, "/stats").status == 200
+        assert 0 < len(left(deaf)) < size
+        assert len(get(server, "/metrics").body) == size
+
+
+def samples(metrics: bytes) -> dict[tuple[str, str], float]:
+    """What a scraper makes of it; a line that is not understood is an error."""
+    families = text_string_to_metric_families(metrics.decode())
+    everything = [sample for family in families for sample in family.samples]
+    found = {(one.name, "".join(one.labels.values())): one.value for one in everything}
+    assert len(found) == len(everything) == len(metrics.splitlines())
+    return found
+
+
+def test_scrapes_in_the_middle_of_calls(monkeypatch: pytest.MonkeyPatch) -> None:
+    def call() -> None:
+        for _ in range(40):
+            with contextlib.suppress(APIError, RuntimeError):
+                engine.call_sync("Hi", bulkhead_timeout=20)
+
+    def scrape(path: str) -> int:
+        rounds, calls = 0, 0.0
+        while not all(caller.done() for caller in callers) or rounds == 0:
+            reply = get(server, path)
+            assert reply.status == 200
+            if path == "/metrics":
+                now = samples(reply.body).get(("tm_calls_total_total", ""), 0)
+                assert now >= calls
+                calls = now
+            elif path != "/":
+                json.loads(reply.body)
+            rounds += 1
+        return rounds
+
+    monkeypatch.setattr(time, "sleep", lambda seconds: None)
+    with (
+        ProviderSimulator(default="answer", fault_rate=0.3, faults=[500, 404, 401]) as simulator,
+        ThreadPoolExecutor(12) as threads,
+    ):
+        engine = engine_with(*(provider(simulator.base_url, name, slots=2) for name in "abc"))
+        with served(engine) as server:
+            callers = [threads.submit(call) for _ in range(4)]
+            scrapers = [threads.submit(scrape, path) for path in [*BODIES] * 2]
+            for work in callers + scrapers:
+                work.result(60)
+
+            collector = engine.get_metrics()
+            for value in (2.0, 1e-05, 1e22, float("inf")):
+                collector.set_gauge(f"gauge_{value:g}".translate({43: 95, 45: 95}), value)
+            seen = samples(get(server, "/metrics").body)
+            figures: Any = collector.get_all()
+        engine.close_sync()
+    assert figures["counters"]["calls_total"] == 160
+    assert any(name.startswith("fault_") for name in figures["counters"])
+    expected: Any = {(f"tm_{name}_total", ""): n for name, n in figures["counters"].items()}
+    expected |= {(f"tm_{name}", ""): value for name, value in figures["gauges"].items()}
+    for name, summary in figures["histograms"].items():
+        expected["tm_" + name + "_count", ""] = summary["count"]
+        expected["tm_" + name + "_sum", ""] = summary["avg"] * summary["count"]
+        for key, quantile in (("p50", "0.5"), ("p95", "0.95"), ("p99", "0.99")):
+            expected["tm_" + name, quantile] = summary[key]
+    assert seen == pytest.approx(expected, abs=0.0001)
+
+
+# A child that kept the port would be in the parent's way; one that tidies up must not wait for a thread.
+FORKING = """
+import os, signal, socket
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+engine = engine_with()
+server = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
+idle = socket.create_connection(("127.0.0.1", server.server_port))
+for wait in (True, False):
+    ours, theirs = os.pipe()
+    child = os.fork()
+    if child == 0:
+        signal.alarm(20)
+        os.close(theirs)
+        server.shutdown()
+        server.server_close()
+        fresh = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
+        fresh.shutdown()
+        fresh.server_close()
+        os.read(ours, 1)
+        os._exit(7)
+    port = server.server_port
+    idle.close()
+    server.shutdown()
+    server.server_close()
+    server = serve_dashboard(engine, "127.0.0.1", port, False, False, False)
+    idle = socket.create_connection(("127.0.0.1", port))
+    os.close(theirs)
+    os.close(ours)
+    print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+idle.close()
+"""
+
+
+def test_a_forked_child_lets_go_of_the_port() -> None:
+    assert run_child(FORKING, strict=False).split() == ["7", "7"]
+
+
+# No descriptor is left for a while: the server then neither spins nor ends.
+EXHAUSTED = """
+import resource, socket, time
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False, False)
+client, held = socket.socket(), []
+try:
+    while True:
+        held.append(socket.socket())
+except OSError:
+    client.connect(("127.0.0.1", server.server_port))
+client.sendall(b"GET /stats HTTP/1.0\\r\\n\\r\\n")
+used = time.process_time()
+time.sleep(0.5)
+used = time.process_time() - used
+for descriptor in held:
+    descriptor.close()
+print(client.recv(15).decode(), used < 0.25)
+client.close()
+"""
+
+
+def test_without_descriptors_the_server_bides_its_time() -> None:
+    assert run_child(EXHAUSTED, strict=False) == "HTTP/1.0 200 OK True"
+
+
+ENDING = """
+import sys, threading, time, urllib.request
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False)
+def look():
+    while True:
+        urllib.request.urlopen(f"http://127.0.0.1:{server.server_port}/").read()
+for _ in range(4):
+    threading.Thread(target=look, daemon=True).start()
+time.sleep(float(sys.argv[1]))
+"""
+
+
+@pytest.mark.once
+def test_a_program_ends_quietly_while_it_is_looked_at() -> None:
+    for number in range(5):
+        run_child(ENDING, str(0.3 + number * 0.003), strict=False)
