@@ -14,7 +14,7 @@ from typing import Any
 
 # The protocol is spoken on descriptors 3 and 4, one JSON text after the other, a zero byte behind each.
 _ON_PIPES = 'exec "$0" "$@" 3<&0 4>&1 </dev/null >/dev/null'
-_OPTIONS = ["--headless=new", "--remote-debugging-pipe", "--no-sandbox", "--no-first-run"]
+_OPTIONS = ["--headless=new", "--remote-debugging-pipe", "--no-sandbox", "--hide-scrollbars"]
 _LIFETIME = 90.0  # seconds, after which a browser that hangs is ended
 
 

@@ -391,9 +391,10 @@ def test_scrapes_in_the_middle_of_calls(monkeypatch: pytest.MonkeyPatch) -> None
 
 # A child that kept the port would be in the parent's way; one that tidies up must not wait for a thread.
 FORKING = """
-import os, signal, socket
+import os, signal, socket, warnings
 from helpers import engine_with
 from tarvomeldric import serve_dashboard
+warnings.simplefilter("ignore")  # newer Pythons warn of a fork beside threads
 engine = engine_with()
 server = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
 idle = socket.create_connection(("127.0.0.1", server.server_port))
