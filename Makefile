@@ -3,6 +3,7 @@
 #   make demo     prompts go through real HTTP to simulated providers
 #   make test     C++ tests under the sanitizers, then the Python tests
 #   make bench    measures and prints a table
+#   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make lint     format, static analysis, types
 #   make format   rewrites the sources in the project's format
 #   make build    compiles and installs into .venv
@@ -20,7 +21,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test bench lint format build clean packages
+.PHONY: demo test bench fuzz lint format build clean packages
 
 demo: build
 	@$(python) examples/demo.py
@@ -31,11 +32,15 @@ test: $(venv)/ready
 bench: build
 	@$(python) bench/run.py
 
+fuzz: seconds ?= 60
+fuzz: build
+	@$(python) tools/fuzz.py --seconds $(seconds)
+
 lint: build
 	@tools/lint.sh
 
 format: $(venv)/ready
-	clang-format -i $$(find src tests bench -name '*.h' -o -name '*.cpp')
+	clang-format -i $$(find src tests bench fuzz -name '*.h' -o -name '*.cpp')
 	$(venv)/bin/ruff check --quiet --fix-only .
 	$(venv)/bin/ruff format .
 

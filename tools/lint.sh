@@ -11,7 +11,7 @@ check() {
     "$@" || failed+=("$name")
 }
 
-cpp_files() { find src tests bench -name '*.h' -o -name '*.cpp'; }
+cpp_files() { find src tests bench fuzz -name '*.h' -o -name '*.cpp'; }
 
 # Clang compiles everything once, with its thread-safety analysis; clang-tidy looks at each file on the way.
 clang_build() {
@@ -24,7 +24,7 @@ check clang-tidy clang_build
 check ruff .venv/bin/ruff check --quiet .
 check ruff-format .venv/bin/ruff format --quiet --check .
 check mypy .venv/bin/mypy -p tarvomeldric
-check mypy-examples .venv/bin/mypy examples tools
+check mypy-examples .venv/bin/mypy examples tools fuzz
 
 [[ ${#failed[@]} -eq 0 ]] || { echo "lint: failed: ${failed[*]}"; exit 1; }
 echo "lint: all clean"

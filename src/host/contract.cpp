@@ -4,6 +4,7 @@
 
 #include "host/argument.h"
 #include "host/read_outs.h"
+#include "semantic/json_pieces.h"
 #include "support/text.h"
 
 namespace tarvomeldric::host {
@@ -33,25 +34,6 @@ nb::object parsed_part(std::string_view part) {
   if (part.empty()) return nb::none();
   nb::object document = parsed(from_utf8(part));
   return document.is_valid() ? document : nb::none();
-}
-
-// The leftmost run in braces that holds no brace. One pass, whatever the text.
-std::string_view innermost_braces(std::string_view text) {
-  std::size_t open = std::string_view::npos;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] == '{') open = at;
-    if (text[at] != '}') continue;
-    if (open != std::string_view::npos) return text.substr(open, at - open + 1);
-  }
-  return {};
-}
-
-// From the first opening bracket to the last closing one.
-std::string_view widest_brackets(std::string_view text) {
-  const std::size_t open = text.find('[');
-  const std::size_t close = text.rfind(']');
-  if (open == std::string_view::npos || close == std::string_view::npos || close < open) return {};
-  return text.substr(open, close - open + 1);
 }
 
 // The document in an output: all of it, or the first piece in braces, or what brackets enclose.

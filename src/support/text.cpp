@@ -12,6 +12,8 @@ namespace {
 
 LowerHook lower_hook = nullptr;
 
+constexpr std::size_t kLongestCharacter = 4;
+
 constexpr char ascii_lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
@@ -30,9 +32,10 @@ constexpr bool is_space(std::uint32_t c) {
 }
 
 std::string_view last_character(std::string_view text) {
-  std::size_t at = text.size() - 1;
-  while (at > 0 && is_continuation(text[at])) --at;
-  return text.substr(at);
+  std::size_t n = 1;
+  const std::size_t most = std::min(text.size(), kLongestCharacter);
+  while (n < most && is_continuation(text[text.size() - n])) ++n;
+  return text.substr(text.size() - n);
 }
 
 }  // namespace
@@ -46,9 +49,11 @@ std::uint32_t code_point(std::string_view character) {
 
 std::string_view first_character(std::string_view text) {
   std::size_t n = 1;
-  while (n < text.size() && is_continuation(text[n])) ++n;
+  const std::size_t most = std::min(text.size(), kLongestCharacter);
+  while (n < most && is_continuation(text[n])) ++n;
   return text.substr(0, n);
 }
+
 void install_lower_hook(LowerHook hook) { lower_hook = hook; }
 
 std::string lower(std::string_view text) {

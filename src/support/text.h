@@ -5,7 +5,8 @@
 #include <string>
 #include <string_view>
 
-// Texts are UTF-8; a lone surrogate of the host's text is carried as its three-byte form.
+// Texts are UTF-8; a lone surrogate of the host's text is carried as its three-byte form. Bytes
+// that are no UTF-8 are safe everywhere, and come out as some characters or other.
 namespace tarvomeldric::text {
 
 // Lower-cases beyond ASCII the way the host does. Without a hook such characters stay as they are.

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarvomeldric::fuzz {
+
+// As much of JSON as rules are written in: objects, strings, numbers. Strict, and written without a
+// look at the writer.
+struct Json {
+  std::u32string text;
+  std::string number;                 // its letters
+  std::vector<std::u32string> names;  // of an object's members, whose values are
+  std::vector<Json> members;
+};
+
+// Appends a code point; the second one of a pair of surrogates makes one character with the first.
+void append(std::u32string& text, char32_t code_point);
+
+// Throws `Broken` for what is no such document, and for a byte that is not ASCII.
+Json read_json(std::string_view text);
+
+}  // namespace tarvomeldric::fuzz

@@ -1,0 +1,31 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "checks.h"
+
+namespace tarvomeldric {
+namespace {
+
+// What the fuzzers start from, and every input on which a check once failed.
+TEST(Corpus, EveryInputPassesItsCheck) {
+  const std::pair<std::string, void (*)(std::string_view)> checks[] = {
+      {"diagnosis", fuzz::check_diagnosis},
+      {"rules_json", fuzz::check_rules_json},
+      {"json_pieces", fuzz::check_json_pieces}};
+  for (const auto& [name, check] : checks) {
+    const std::filesystem::path folder = std::filesystem::path(CORPUS) / name;
+    ASSERT_FALSE(std::filesystem::is_empty(folder));
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+      std::ifstream stream(file.path(), std::ios::binary);
+      EXPECT_NO_THROW(check(std::string(std::istreambuf_iterator<char>(stream), {})))
+          << file.path();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tarvomeldric
