@@ -26,4 +26,8 @@ void check_rules_json(std::string_view input);
 // An answer in prose: are the pieces found that the regular expressions for them find?
 void check_json_pieces(std::string_view input);
 
+// A streamed reply, cut at the bytes 0xFF: are the events those of the whole reply, and the same
+// however it is cut?
+void check_event_stream(std::string_view input);
+
 }  // namespace tarvomeldric::fuzz

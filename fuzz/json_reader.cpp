@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "checks.h"
+#include "utf8.h"
 
 namespace tarvomeldric::fuzz {
 namespace {
@@ -103,15 +104,6 @@ class Reader {
 };
 
 }  // namespace
-
-void append(std::u32string& text, char32_t code_point) {
-  const bool low = code_point >= 0xDC00 && code_point <= 0xDFFF;
-  if (low && !text.empty() && text.back() >= 0xD800 && text.back() <= 0xDBFF) {
-    text.back() = 0x10000 + ((text.back() - 0xD800) << 10) + (code_point - 0xDC00);
-  } else {
-    text += code_point;
-  }
-}
 
 Json read_json(std::string_view text) { return Reader(text).document(); }
 

@@ -15,9 +15,6 @@ struct Json {
   std::vector<Json> members;
 };
 
-// Appends a code point; the second one of a pair of surrogates makes one character with the first.
-void append(std::u32string& text, char32_t code_point);
-
 // Throws `Broken` for what is no such document, and for a byte that is not ASCII.
 Json read_json(std::string_view text);
 

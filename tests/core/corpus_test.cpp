@@ -15,7 +15,8 @@ TEST(Corpus, EveryInputPassesItsCheck) {
   const std::pair<std::string, void (*)(std::string_view)> checks[] = {
       {"diagnosis", fuzz::check_diagnosis},
       {"rules_json", fuzz::check_rules_json},
-      {"json_pieces", fuzz::check_json_pieces}};
+      {"json_pieces", fuzz::check_json_pieces},
+      {"event_stream", fuzz::check_event_stream}};
   for (const auto& [name, check] : checks) {
     const std::filesystem::path folder = std::filesystem::path(CORPUS) / name;
     ASSERT_FALSE(std::filesystem::is_empty(folder));
