@@ -2,8 +2,6 @@
 
 #include <atomic>
 #include <cmath>
-#include <random>
-#include <thread>
 #include <vector>
 
 #include "guards/rate_limiter.h"
@@ -91,43 +89,6 @@ TEST_F(SemaphoreTest, WhoWillNotWaitAnyLongerTakesAnyFreePermit) {
     EXPECT_TRUE(semaphore.acquire(timeout) && !semaphore.acquire(timeout));
   }
   EXPECT_EQ(semaphore.waiting(), 0U);
-}
-
-// Joins, looks a few times, and leaves, often just as it is woken.
-bool line_up(Semaphore& semaphore, std::mt19937& random) {
-  const auto guest = std::make_shared<Guest>(random() % 8 != 0);
-  bool taken = false;
-  for (auto looks = random() % 4; looks > 0 && !taken; --looks) {
-    semaphore.join(guest);
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
-    taken = semaphore.look(*guest);
-  }
-  semaphore.join(guest);
-  semaphore.leave(*guest);
-  return taken;
-}
-
-TEST(SemaphoreCrowd, LosesNoPermit) {
-  Semaphore semaphore(3);
-  std::atomic<int> inside = 0;
-  const auto visit = [&](unsigned seed, bool as_guest) {
-    std::mt19937 random(seed);
-    for (int round = 0; round < 150; ++round) {
-      const double patience = 0.0004 * static_cast<double>(random() % 6);
-      if (!(as_guest ? line_up(semaphore, random) : semaphore.acquire(patience))) continue;
-      EXPECT_LE(++inside, 3);
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
-      --inside;
-      semaphore.release();
-    }
-  };
-  for (unsigned guests : {0U, 3U, 7U}) {
-    std::vector<std::jthread> crowd;
-    for (unsigned i = 0; i < 7; ++i) crowd.emplace_back(visit, i, i < guests);
-    crowd.clear();
-    EXPECT_TRUE(semaphore.permits() == 3 && semaphore.waiting() == 0);
-  }
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(semaphore.try_acquire());
 }
 
 TEST(RateLimiter, AllowsABurstThenTheRateWhateverTheWallClockDoes) {

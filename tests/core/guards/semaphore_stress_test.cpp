@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <set>
+
+#include "guards/at_once.h"
+#include "guards/semaphore.h"
+
+namespace tarvomeldric {
+namespace {
+
+using std::chrono::microseconds;
+using Random = std::minstd_rand;
+
+void pause(unsigned most_us, Random& random) {
+  std::this_thread::sleep_for(microseconds(random() % (most_us + 1)));
+}
+
+// One in line who is no thread, but is told and looks later, as a coroutine on its loop.
+struct Turn final : Semaphore::Waiter {
+  explicit Turn(bool can_be_told) : reachable(can_be_told) {}
+  bool wake() override { return told = true, reachable; }
+  std::atomic<bool> told{false};
+  const bool reachable;
+};
+
+// Who is in line when the permits come, one letter each:
+//   t  a thread whose patience ends just about then      T  a thread that waits as long as it takes
+//   g  a guest who looks and leaves just about then      l  one who leaves and does not look
+//   d  one who cannot be told, and leaves
+// The end state is the letters of those who got a permit, and the number of permits left.
+struct Race {
+  std::string in_line;
+  int releases;
+  std::set<std::string> allowed;
+};
+
+constexpr double kPatience = 0.0004, kAsLongAsItTakes = 30.0;  // seconds
+constexpr unsigned kAboutThen = 800;                           // microseconds
+
+bool act(char who, Semaphore& semaphore, Turn& turn, Random random) {
+  if (who == 't') return semaphore.acquire(kPatience);
+  if (who == 'T') return semaphore.acquire(kAsLongAsItTakes);
+  pause(kAboutThen, random);
+  const bool taken = who == 'g' && semaphore.look(turn);
+  semaphore.leave(turn);
+  return taken;
+}
+
+std::string end_of(const Race& race, Random& random) {
+  Semaphore semaphore(0);
+  std::vector<std::shared_ptr<Turn>> turns;
+  std::vector<char> granted(race.in_line.size());
+  std::vector<std::function<void()>> acts;
+  for (std::size_t i = 0; i < race.in_line.size(); ++i) {
+    const char who = race.in_line[i];
+    turns.push_back(std::make_shared<Turn>(who != 'd'));
+    if (std::islower(who) && who != 't') semaphore.join(turns[i]);
+    acts.emplace_back([&, i, who, seed = random()] {
+      granted[i] = act(who, semaphore, *turns[i], Random(seed));
+    });
+  }
+  for (int i = 0; i < race.releases; ++i) {
+    acts.emplace_back([&semaphore, seed = random()] {
+      Random mine(seed);
+      pause(kAboutThen, mine);
+      semaphore.release();
+    });
+  }
+  at_once(acts);
+  std::string end;
+  for (std::size_t i = 0; i < granted.size(); ++i) {
+    if (granted[i]) end += race.in_line[i];
+  }
+  int left = 0;
+  while (semaphore.try_acquire()) ++left;  // nobody has a claim any more
+  return end + std::to_string(left) + (semaphore.waiting() > 0 ? " and waiters" : "");
+}
+
+TEST(SemaphoreRaces, EndInOneOfTheAllowedStates) {
+  const Race races[] = {{"t", 1, {"t0", "1"}},
+                        {"g", 1, {"g0", "1"}},
+                        {"tg", 1, {"t0", "g0", "1"}},
+                        {"ttt", 2, {"tt0", "t1", "2"}},
+                        {"lT", 1, {"T0"}},
+                        {"dlT", 1, {"T0"}},
+                        {"gT", 2, {"gT0", "T1"}},
+                        {"tgT", 3, {"tgT0", "tT1", "gT1", "T2"}},
+                        {"lgTT", 3, {"gTT0", "TT1"}}};
+  Random random(1);
+  for (const Race& race : races) {
+    for (int round = 0; round < 40; ++round) {
+      const std::string end = end_of(race, random);
+      ASSERT_TRUE(race.allowed.contains(end)) << race.in_line << " ended as " << end;
+    }
+  }
+}
+
+// Threads and an event loop share three permits.
+struct Crowd {
+  void enter() { EXPECT_LE(++inside, 3); }
+  void go() { --inside, semaphore.release(); }
+
+  // Holds a permit for about as long as the others' patience.
+  void visit(Random random) {
+    for (int round = 0; round < 150; ++round) {
+      if (!semaphore.acquire(0.0001 * static_cast<double>(random() % 8))) continue;
+      enter();
+      pause(400, random);
+      go();
+    }
+  }
+
+  // A guest looks when told, and now and then by the clock; some give up. Those who are in line
+  // when the loop stops are gone without a word.
+  void loop(Random random) {
+    struct Guest {
+      std::shared_ptr<Turn> turn;
+      bool inside = false;
+    };
+    std::vector<Guest> guests(5);
+    for (int tick = 0; tick < 1500; ++tick) {
+      Guest& guest = guests[random() % guests.size()];
+      if (guest.inside) {
+        guest = {};
+        go();
+      } else if (!guest.turn) {
+        guest.turn = std::make_shared<Turn>(random() % 8 != 0);
+        semaphore.join(guest.turn);
+      } else if (random() % 16 == 0) {
+        semaphore.leave(*std::exchange(guest.turn, nullptr));
+      } else if (guest.turn->told.exchange(false) || random() % 4 == 0) {
+        guest.inside = semaphore.look(*guest.turn);
+        guest.inside ? enter() : semaphore.join(guest.turn);
+      }
+      if (tick % 8 == 0) pause(100, random);
+    }
+    for (const Guest& guest : guests) {
+      if (guest.inside) go();
+    }
+  }
+
+  Semaphore semaphore{3};
+  std::atomic<int> inside{0};
+};
+
+TEST(SemaphoreCrowd, LosesNoPermit) {
+  Crowd crowd;
+  std::vector<std::function<void()>> acts;
+  for (unsigned i = 1; i <= 5; ++i) acts.emplace_back([&crowd, i] { crowd.visit(Random(i)); });
+  for (unsigned i = 1; i <= 2; ++i) acts.emplace_back([&crowd, i] { crowd.loop(Random(i)); });
+  at_once(acts);
+  EXPECT_TRUE(crowd.inside == 0 && crowd.semaphore.permits() == 3);
+  // Somebody passes by when the claims of those who were told and are gone have run out.
+  Turn passing(true);
+  for (int i = 0; i < 100 && crowd.semaphore.waiting() > 0; ++i) {
+    std::this_thread::sleep_for(microseconds(5000));
+    crowd.semaphore.leave(passing);
+  }
+  EXPECT_EQ(crowd.semaphore.waiting(), 0U);
+}
+
+}  // namespace
+}  // namespace tarvomeldric
