@@ -22,12 +22,12 @@ std::optional<std::int64_t> status_argument(nb::handle status) {
 // The category's value when it has one, else its text form.
 std::string category_text(nb::handle diagnosis) {
   const nb::object category = nb::getattr(diagnosis, "category");
-  return text_form(nb::getattr(category, "value", category));
+  return text_form(attribute_or(category, "value", category));
 }
 
 double delay_of(const RecoverySuggestion& suggestion, nb::handle diagnosis) {
   if (suggestion.delay) return *suggestion.delay;
-  const nb::object retry_after = nb::getattr(diagnosis, "retry_after", nb::none());
+  const nb::object retry_after = attribute_or(diagnosis, "retry_after", nb::none());
   const double given =
       retry_after.is_none() ? 0.0 : convert_argument<double>(retry_after, "retry_after");
   return given != 0 ? given : 1.0;
@@ -40,7 +40,7 @@ nb::object suggest_recovery(nb::handle diagnosis, nb::handle provider) {
   const bool named = !provider.is_none() && nb::len(provider) > 0;
   nb::dict metadata;
   put(metadata, "category", from_utf8(category));
-  put(metadata, "sub_category", nb::getattr(diagnosis, "sub_category", nb::str("")));
+  put(metadata, "sub_category", attribute_or(diagnosis, "sub_category", nb::str("")));
   RecoveryAction action;
   action.level = levels.attr(suggestion.level);
   action.action = suggestion.action;

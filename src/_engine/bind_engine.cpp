@@ -85,12 +85,12 @@ void bind_call(EngineClass& cls, const char* name, const std::string& sig, F fun
                const char* doc) {
   cls.def(
       name,
-      [function](nb::handle_t<Engine> self, nb::handle prompt, nb::handle model,
+      [function](nb::pointer_and_handle<Engine> self, nb::handle prompt, nb::handle model,
                  nb::handle task_type, nb::handle has_schema, nb::handle semantic_domain,
                  nb::handle contract, nb::handle api_type, nb::kwargs options) {
         const CallArguments arguments{prompt,          model,    task_type, has_schema,
                                       semantic_domain, contract, api_type,  std::move(options)};
-        return function(self, arguments);
+        return function(self.h, arguments);
       },
       arg("prompt"), arg("model") = nb::none(), arg("task_type") = "", arg("has_schema") = false,
       arg("semantic_domain") = nb::none(), arg("contract") = nb::none(), arg("api_type") = "chat",
@@ -102,10 +102,10 @@ void bind_execute(EngineClass& cls, const char* name, const std::string& sig, F 
                   const char* doc) {
   cls.def(
       name,
-      [function](nb::handle_t<Engine> self, nb::handle cfg, nb::handle prompt, nb::handle model,
-                 nb::handle api_type, nb::kwargs extra) {
+      [function](nb::pointer_and_handle<Engine> self, nb::handle cfg, nb::handle prompt,
+                 nb::handle model, nb::handle api_type, nb::kwargs extra) {
         const ExecuteArguments arguments{cfg, prompt, model, api_type, std::move(extra)};
-        return function(self, arguments);
+        return function(self.h, arguments);
       },
       arg("cfg"), arg("prompt"), arg("model"), arg("api_type") = "chat", arg("extra"),
       nb::sig(sig.c_str()), doc);
@@ -116,14 +116,14 @@ void bind_failover(EngineClass& cls, const char* name, const std::string& sig, F
                    const char* doc) {
   cls.def(
       name,
-      [function](nb::handle_t<Engine> self, nb::handle prompt, nb::handle model,
+      [function](nb::pointer_and_handle<Engine> self, nb::handle prompt, nb::handle model,
                  nb::handle failed_provider, nb::handle diag, nb::handle sem_class,
                  nb::handle original_provider, nb::handle original_model, nb::handle request_id,
                  nb::handle contract, nb::handle trace, nb::handle call_start, nb::kwargs options) {
         const FailoverArguments arguments{
             prompt,         model,      failed_provider, diag,  sem_class,  original_provider,
             original_model, request_id, contract,        trace, call_start, std::move(options)};
-        return function(self, arguments);
+        return function(self.h, arguments);
       },
       arg("prompt"), arg("model"), arg("failed_provider"), arg("diag"), arg("sem_class"),
       arg("original_provider"), arg("original_model"), arg("request_id"),
@@ -245,8 +245,8 @@ void bind_decisions(EngineClass& cls) {
 }
 
 // A counter of the engine, or an attribute of the caller's own.
-void inc_counter(nb::handle_t<Engine> self, const std::string& name, std::int64_t value) {
-  Engine& engine = *nb::inst_ptr<Engine>(self);
+void inc_counter(nb::pointer_and_handle<Engine> self, const std::string& name, std::int64_t value) {
+  Engine& engine = *self.p;
   for (std::size_t i = 0; i < kCounterNames.size(); ++i) {
     if (name == std::string("_") + kCounterNames[i]) {
       engine.counters.add(static_cast<Counter>(i), value);
@@ -255,13 +255,13 @@ void inc_counter(nb::handle_t<Engine> self, const std::string& name, std::int64_
   }
   MutexLock lock(engine.counters.counter_lock());
   const nb::str key = from_utf8(name);
-  nb::setattr(self, key, nb::getattr(self, key, nb::int_(0)) + nb::int_(value));
+  nb::setattr(self.h, key, attribute_or(self.h, key, nb::int_(0)) + nb::int_(value));
 }
 
 void bind_read_outs(EngineClass& cls) {
   cls.def(
          "_inc_counter",
-         [](nb::handle_t<Engine> self, Arg<std::string, "name"> name,
+         [](nb::pointer_and_handle<Engine> self, Arg<std::string, "name"> name,
             Arg<std::int64_t, "value"> value) { inc_counter(self, name.get(), value.get()); },
          arg("name"), arg("value") = 1,
          nb::sig("def _inc_counter(self, name: str, value: int = 1) -> None"),

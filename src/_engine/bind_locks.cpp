@@ -30,7 +30,7 @@ class HostWaiter final : public Semaphore::Waiter {
       return;
     }
     const nb::gil_scoped_acquire interpreter;
-    waiter_.reset();
+    drop(waiter_);
   }
 
   bool wake() override {
@@ -42,14 +42,18 @@ class HostWaiter final : public Semaphore::Waiter {
       const auto answer =
           host_call([&] { return nb::steal(PyObject_CallMethod(waiter_.ptr(), "wake", nullptr)); });
       woken = answer.is_valid() && answer.is(nb::handle(Py_True));
-      if (!answer.is_valid()) PyErr_Clear();
+      if (!answer.is_valid()) {
+        // This one cannot be woken; an interrupt that came meanwhile is raised a moment later.
+        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt)) PyErr_SetInterrupt();
+        PyErr_Clear();
+      }
     }
     PyGILState_Release(state);
     return woken;
   }
 
   nb::handle waiter() const { return waiter_; }
-  void clear() { waiter_.reset(); }
+  void clear() { drop(waiter_); }
 
  private:
   nb::object waiter_;

@@ -1,3 +1,5 @@
+#include <vector>
+
 #include "_engine/bindings.h"
 #include "diagnosis/fault_patterns.h"
 #include "host/coroutine.h"
@@ -11,12 +13,14 @@ namespace nb = nanobind;
 using namespace tarvomeldric;
 using namespace tarvomeldric::host;
 
-NB_MODULE(_engine, module) {
+NB_MODULE(engine, module) {
   module.doc() =
       "The engine of TarvoMeldric: calls to hosted model providers that heal themselves.";
   module.attr("__version__") = kVersion;
   // A user's exit prints nothing, whatever is still alive in daemon threads.
   nb::set_leak_warnings(false);
+  module.def("_warn_of_leaks", nb::set_leak_warnings, nb::arg("on"),
+             "Whether the end of the program tells which objects of the module are still alive.");
   install_hooks();
   bind_enum<FaultCategory>(module, "What kind of failure a provider request met.");
   bind_enum<CircuitState>(module, "Whether a circuit breaker lets traffic through.");
@@ -40,4 +44,36 @@ NB_MODULE(_engine, module) {
   bind_tables(module);
   bind_signatures(module.attr("SemanticTopology"), "classify_request", module.attr("__getattr__"));
   warm_fault_patterns();
+}
+
+namespace {
+
+// The module's types and hooks are the process's: another interpreter would put its own in their
+// place, and this one would be left with strangers. The binding library puts its own there before
+// the module's body runs, hence a step of our own in front of it.
+int refuse_sub_interpreter(PyObject*) {
+  if (PyInterpreterState_Get() == PyInterpreterState_Main()) return 0;
+  PyErr_SetString(PyExc_ImportError, "tarvomeldric cannot be loaded in a sub-interpreter");
+  return -1;
+}
+
+std::vector<PyModuleDef_Slot> steps_of(const PyModuleDef& definition) {
+  std::vector<PyModuleDef_Slot> steps{
+      {Py_mod_exec, reinterpret_cast<void*>(refuse_sub_interpreter)}};
+  for (const PyModuleDef_Slot* slot = definition.m_slots; slot->slot != 0; ++slot) {
+    steps.push_back(*slot);
+  }
+  steps.push_back({});
+  return steps;
+}
+
+}  // namespace
+
+extern "C" NB_EXPORT PyObject* PyInit__engine() {
+  PyObject* made = PyInit_engine();
+  if (!made) return nullptr;
+  auto& definition = *reinterpret_cast<PyModuleDef*>(made);
+  static auto* steps = new std::vector<PyModuleDef_Slot>(steps_of(definition));  // as long as it
+  definition.m_slots = steps->data();
+  return made;
 }

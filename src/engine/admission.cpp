@@ -31,7 +31,7 @@ Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double tim
   bulkhead->count(granted);
   if (!granted) co_return std::nullopt;
   token.spend();
-  co_return AdmittedSlot(bulkhead);
+  co_return AdmittedSlot(bulkhead, semaphore);
 }
 
 }  // namespace tarvomeldric

@@ -13,21 +13,24 @@ namespace tarvomeldric {
 // however the attempt ends.
 class AdmittedSlot {
  public:
-  explicit AdmittedSlot(BulkheadPtr bulkhead) : bulkhead_(std::move(bulkhead)) {}
+  AdmittedSlot(BulkheadPtr bulkhead, std::shared_ptr<Semaphore> granting)
+      : bulkhead_(std::move(bulkhead)), granting_(std::move(granting)) {}
   AdmittedSlot(AdmittedSlot&&) noexcept = default;
   AdmittedSlot& operator=(AdmittedSlot&& other) noexcept {
     release();
     bulkhead_ = std::move(other.bulkhead_);
+    granting_ = std::move(other.granting_);
     return *this;
   }
   ~AdmittedSlot() { release(); }
 
   void release() {
-    if (auto held = std::exchange(bulkhead_, nullptr)) held->release();
+    if (auto held = std::exchange(bulkhead_, nullptr)) held->give_back(granting_);
   }
 
  private:
   BulkheadPtr bulkhead_;
+  std::shared_ptr<Semaphore> granting_;
 };
 
 // Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most

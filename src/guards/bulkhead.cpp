@@ -32,9 +32,10 @@ void Bulkhead::count(bool granted) {
   ++(granted ? fields_.active : fields_.rejected);
 }
 
-void Bulkhead::release() {
-  semaphore()->release();
+void Bulkhead::give_back(const std::shared_ptr<Semaphore>& granting) {
+  granting->release();
   CleanupLock lock(mutex_);
+  if (fields_.semaphore != granting) return;
   fields_.active = std::max<std::int64_t>(0, fields_.active - 1);
 }
 

@@ -25,11 +25,14 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
   // Waits at most `timeout` seconds for a permit.
   bool acquire(double timeout = 2.0);
   // Clean-up: waits uninterrupted, cannot fail.
-  void release();
+  void release() { give_back(semaphore()); }
 
   // The two halves of `acquire`, for those who wait in their own way in between.
   std::shared_ptr<Semaphore> semaphore() const;
   void count(bool granted);
+  // Gives back a slot to the semaphore that granted it. One that is no longer the bulkhead's, as
+  // after a fork, takes its slots along: they are not counted here any more.
+  void give_back(const std::shared_ptr<Semaphore>& granting);
 
   // In the child of a fork nobody holds a slot: its lock and all its permits are new.
   void reset_after_fork();

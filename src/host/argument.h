@@ -33,7 +33,7 @@ inline nb::object require_text_or_none(nb::handle given, const char* name) {
 
 template <class T>
 nb::object require(nb::handle given, const char* name) {
-  if (!nb::isinstance<T>(given)) refuse_argument(name, HostName<T>::value.text, given);
+  if (!is_made<T>(given)) refuse_argument(name, HostName<T>::value.text, given);
   return nb::borrow(given);
 }
 

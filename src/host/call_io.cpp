@@ -59,12 +59,12 @@ int CallState::traverse(visitproc visit, void* arg) {
 }
 
 void CallState::clear() {
-  for (auto held : kHeldObjects) (this->*held).reset();
+  for (auto held : kHeldObjects) drop(this->*held);
   exchange.clear();
 }
 
 Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
-  state_.raw_response.reset();
+  drop(state_.raw_response);
   Attempt attempt;
   try {
     state_.answer = co_await perform(std::move(provider), std::move(model));
@@ -185,14 +185,14 @@ Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
                                        from_utf8(error_pattern)));
   const nb::object rule = co_await matching;
   if (rule.is_none()) co_return std::nullopt;
-  const auto& found = *nb::inst_ptr<LearnedRule>(rule);
+  const auto& found = bound<LearnedRule>(rule, "what match returns");
   co_return Advice{found.action, found.confidence};
 }
 
 Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {
   if (nb::object replaced = replacement(); replaced.is_valid()) {
     HostAwait replying(suspension_, call_replacement(replaced, provider, model));
-    replaced.reset();
+    drop(replaced);
     const nb::object answer = co_await replying;
     co_return as_answer(answer);
   }

@@ -1,8 +1,37 @@
 #pragma once
 
+#include <memory>
+
 #include "host/python.h"
+#include "support/ordered_map.h"
 
 namespace tarvomeldric::host {
+
+// Shows the garbage collector the host objects that a member keeps alive.
+template <class T>
+int visit_host(const T&, visitproc, void*) {
+  return 0;
+}
+inline int visit_host(const nb::object& held, visitproc visit, void* arg) {
+  Py_VISIT(held.ptr());
+  return 0;
+}
+// A part that the host made keeps its host object, for which it may have attributes of its own. A
+// copy of the pointer elsewhere is a reference that the collector does not see; it has to wait
+// then.
+template <class P>
+int visit_host(const std::shared_ptr<P>& part, visitproc visit, void* arg) {
+  const auto* keeper = std::get_deleter<nb::detail::py_deleter>(part);
+  if (keeper && part.use_count() == 1) Py_VISIT(keeper->o);
+  return 0;
+}
+template <class V>
+int visit_host(const OrderedMap<V>& map, visitproc visit, void* arg) {
+  for (const auto& [_, value] : map) {
+    if (const int stop = visit_host(value, visit, arg)) return stop;
+  }
+  return 0;
+}
 
 // The garbage collector's slots of a bound class that takes attributes and whose own host objects
 // are shown by `traverse` and let go by `clear`.

@@ -106,7 +106,7 @@ template <class T>
 struct Convert<std::shared_ptr<T>> {
   static constexpr auto kName = HostName<T>::value;
   static bool from(nb::handle h, std::shared_ptr<T>& out) {
-    if (!nb::isinstance<T>(h)) return false;
+    if (!is_made<T>(h)) return false;
     out = nb::cast<std::shared_ptr<T>>(h);
     return true;
   }

@@ -181,7 +181,7 @@ PySendResult Coroutine::feed(PySendResult reply, PyObject* value, PyObject** out
 
 void Coroutine::resume() {
   const auto waiter = std::exchange(suspension_.waiter, {});
-  suspension_.awaiting.reset();
+  drop(suspension_.awaiting);
   waiter.resume();
 }
 
@@ -226,8 +226,8 @@ void Coroutine::finish() {
 // Also the garbage collector's way: what it has cleared cannot go on.
 void Coroutine::clear() {
   if (stage_ == Stage::kStarted) stage_ = Stage::kFinished;
-  suspension_.awaiting.reset();
-  suspension_.value.reset();
+  drop(suspension_.awaiting);
+  drop(suspension_.value);
   suspension_.waiter = {};
   task_.reset();
   if (work_) work_->clear();

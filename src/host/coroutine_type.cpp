@@ -87,6 +87,11 @@ PyGetSetDef members[] = {
     {},
 };
 
+PyObject* refuse_new(PyTypeObject* type, PyObject*, PyObject*) {
+  PyErr_Format(PyExc_TypeError, "cannot create '%s' instances", type->tp_name);
+  return nullptr;
+}
+
 nb::object checked(PyObject* answered) {
   if (!answered) throw nb::python_error();
   return nb::steal(answered);
@@ -95,7 +100,8 @@ nb::object checked(PyObject* answered) {
 }  // namespace
 
 void bind_coroutine(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_am_await, reinterpret_cast<void*>(awaited)},
+  PyType_Slot slots[] = {{Py_tp_new, reinterpret_cast<void*>(refuse_new)},
+                         {Py_am_await, reinterpret_cast<void*>(awaited)},
                          {Py_am_send, reinterpret_cast<void*>(send)},
                          {Py_tp_iternext, reinterpret_cast<void*>(next)},
                          {Py_tp_getset, members},

@@ -114,7 +114,7 @@ void Engine::init_from_list(nb::handle names, nb::handle given_keys) {
 void Engine::add_provider(nb::handle config_or_name, nb::handle config) {
   if (PyUnicode_Check(config_or_name.ptr()) && !config.is_none()) {
     providers[config_or_name] = config;
-  } else if (nb::isinstance<ProviderConfig>(config_or_name)) {
+  } else if (is_made<ProviderConfig>(config_or_name)) {
     const std::string name = nb::inst_ptr<ProviderConfig>(config_or_name)->name();
     providers[from_utf8(name)] = config_or_name;
   } else {
@@ -170,8 +170,8 @@ int Engine::traverse(visitproc visit, void* arg) {
 }
 
 void Engine::clear() {
-  for (auto held : kHeldObjects) (this->*held).reset();
-  clients_.reset();
+  for (auto held : kHeldObjects) drop(this->*held);
+  drop(clients_);
 }
 
 std::vector<NamedProvider> HostRegistry::entries() const {
@@ -182,7 +182,7 @@ std::vector<NamedProvider> HostRegistry::entries() const {
   Py_ssize_t at = 0;
   while (PyDict_Next(providers_.ptr(), &at, &name, &record)) {
     auto converted = convert_argument<std::string>(name, "_providers: a name");
-    if (!nb::isinstance<ProviderConfig>(record)) {
+    if (!is_made<ProviderConfig>(record)) {
       refuse_argument(("provider '" + converted + "'").c_str(), "a ProviderConfig", record);
     }
     entries.push_back({std::move(converted), nb::cast<ProviderPtr>(nb::handle(record))});

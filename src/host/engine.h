@@ -88,7 +88,7 @@ class HostRegistry final : public Registry {
 // The core's object behind a bound one; a type error that names the member when it is another type.
 template <class T>
 T& bound(nb::handle object, const char* member) {
-  if (!nb::isinstance<T>(object)) {
+  if (!is_made<T>(object)) {
     throw nb::type_error((std::string(member) + " must be " + nb::type_name(nb::type<T>()).c_str() +
                           ", not " + class_name(object))
                              .c_str());

@@ -122,7 +122,7 @@ int Exchange::traverse(visitproc visit, void* arg) {
 }
 
 void Exchange::clear() {
-  for (auto held : kHeldObjects) (this->*held).reset();
+  for (auto held : kHeldObjects) drop(this->*held);
 }
 
 nb::object exchange_blocking(Engine& engine, Exchange& exchange) {

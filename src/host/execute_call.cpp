@@ -34,7 +34,7 @@ class ExecuteWork final : public CoroutineWork {
     return exchange_.traverse(visit, arg);
   }
   void clear() override {
-    engine_.reset();
+    drop(engine_);
     exchange_.clear();
   }
 

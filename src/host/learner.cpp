@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "flywheel/rules_json.h"
+#include "host/collected.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -111,13 +112,13 @@ int HostLearner::traverse(visitproc visit, void* arg) {
   Py_VISIT(redis_client.ptr());
   Py_VISIT(redis_sub_thread.ptr());
   Py_VISIT(link.ptr());
-  return 0;
+  return visit_host(host_fields().rules, visit, arg);
 }
 
 void HostLearner::clear() {
-  redis_client.reset();
-  redis_sub_thread.reset();
-  link.reset();
+  drop(redis_client);
+  drop(redis_sub_thread);
+  drop(link);
 }
 
 }  // namespace tarvomeldric::host

@@ -48,7 +48,7 @@ void Engine::after_fork() {
   }
   call(import("tarvomeldric._fork").attr("keep"), clients_.is_valid() ? clients_ : nb::none(),
        call(http_pool.attr("copy")), call(sync_client_pool.attr("copy")));
-  clients_.reset();
+  drop(clients_);
   call(http_pool.attr("clear"));
   call(sync_client_pool.attr("clear"));
 }

@@ -71,6 +71,14 @@ std::string text_form(nb::handle object) {
   return std::string("<unprintable ") + class_name(object) + " object>";
 }
 
+nb::object attribute_or(nb::handle object, nb::handle name, nb::handle fallback) {
+  auto found = host_call([&] { return nb::steal(PyObject_GetAttr(object.ptr(), name.ptr())); });
+  if (found.is_valid()) return found;
+  if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw nb::python_error();
+  PyErr_Clear();
+  return nb::borrow(fallback);
+}
+
 nb::object import(const char* module) {
   return host_call([&]() -> nb::object { return nb::module_::import_(module); });
 }

@@ -20,9 +20,10 @@ using namespace nb::literals;
 
 // Around every call below C++ frames that can give up the interpreter lock. A daemon thread that
 // asks for the lock when the interpreter is going away is ended by an unwind that our frames cannot
-// pass on; it is parked here instead, and the process leaves without it.
+// pass on; it is parked here instead, and the process leaves without it. (What it is caught by
+// refers to nothing, which the sanitizer would mind.)
 template <class F>
-decltype(auto) host_call(F&& f) {
+[[gnu::no_sanitize("null")]] decltype(auto) host_call(F&& f) {
   try {
     return std::forward<F>(f)();
   } catch (abi::__forced_unwind&) {
@@ -89,6 +90,26 @@ inline bool is_true(nb::handle object) {
   return truthy != 0;
 }
 inline const char* class_name(nb::handle object) { return Py_TYPE(object.ptr())->tp_name; }
+
+// Lets go of an object. The place is empty before the object's end runs, which may look there
+// again; the binding library's `reset` leaves it dangling meanwhile.
+inline void drop(nb::object& place) { const nb::object gone = std::move(place); }
+
+// The attribute, or `fallback` where the object has none. Any other failure passes, as it does in
+// the host's own `getattr`; the binding library's would swallow it.
+nb::object attribute_or(nb::handle object, nb::handle name, nb::handle fallback);
+inline nb::object attribute_or(nb::handle object, const char* name, nb::handle fallback) {
+  return attribute_or(object, nb::str(name), fallback);
+}
+
+// Whether the object is a T. Throws a type error for one that a subclass left without constructing
+// it.
+template <class T>
+bool is_made(nb::handle object) {
+  if (!nb::isinstance<T>(object)) return false;
+  if (nb::inst_ready(object)) return true;
+  throw nb::type_error((std::string(class_name(object)) + ".__init__() was not called").c_str());
+}
 
 // Keeps an error that is already set out of the way of what a destructor does.
 using nb::error_scope;

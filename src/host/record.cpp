@@ -79,7 +79,9 @@ nb::object RecordTable::repr(PyObject* self) const {
 }
 
 nb::object RecordTable::equals(PyObject* self, PyObject* other) const {
-  if (Py_TYPE(self) != Py_TYPE(other)) return nb::borrow(Py_NotImplemented);
+  if (Py_TYPE(self) != Py_TYPE(other) || !nb::inst_ready(other)) {
+    return nb::borrow(Py_NotImplemented);
+  }
   return truth(std::ranges::all_of(fields, [&](const Field& field) {
     if (!field.compared) return true;
     const nb::object mine = field.plain(locate(self));
@@ -95,14 +97,15 @@ nb::object RecordTable::reduce(PyObject* self) const {
   }
   const nb::handle object(self);
   return nb::make_tuple(object.type(), nb::tuple(values),
-                        nb::getattr(object, "__dict__", nb::none()));
+                        attribute_or(object, "__dict__", nb::none()));
 }
 
 int RecordTable::traverse(PyObject* self, visitproc visit, void* arg) const {
   Py_VISIT(Py_TYPE(self));
   if (!nb::inst_ready(self)) return 0;
   for (const Field& field : fields) {
-    if (field.held) Py_VISIT(field.held(locate(self)).ptr());
+    if (!field.traverse) continue;
+    if (const int stop = field.traverse(locate(self), visit, arg)) return stop;
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/argument.h"
+#include "host/collected.h"
 #include "host/convert.h"
 #include "host/views.h"
 #include "support/guarded_record.h"
@@ -22,11 +23,11 @@ namespace tarvomeldric::host {
 struct Field {
   const char* name;
   std::string type;
-  bool (*set)(void* fields, nb::handle value);         // false: a value of another type
-  nb::object (*live)(nb::handle owner, void* fields);  // as the host sees it
-  nb::object (*plain)(void* fields);                   // as it is copied and compared
-  nb::handle (*held)(void* fields);                    // a host object kept by reference
-  void (*drop)(void* fields);                          // lets go of it
+  bool (*set)(void* fields, nb::handle value);                // false: a value of another type
+  nb::object (*live)(nb::handle owner, void* fields);         // as the host sees it
+  nb::object (*plain)(void* fields);                          // as it is copied and compared
+  int (*traverse)(void* fields, visitproc visit, void* arg);  // shows the host objects it keeps
+  void (*drop)(void* fields);                                 // lets go of one kept by reference
   bool required = false;
   bool shown = true;     // in `repr`
   bool compared = true;  // in `==` and in pickles
@@ -60,7 +61,7 @@ Field field(const char* name, const char* type = nullptr) {
   made.set = [](void* fields, nb::handle value) {
     M converted{};
     if (!Convert<M>::from(value, converted)) return false;
-    static_cast<F*>(fields)->*Pointer = std::move(converted);
+    std::swap(static_cast<F*>(fields)->*Pointer, converted);  // the old one ends after that
     return true;
   };
   made.live = [](nb::handle owner, void* fields) -> nb::object {
@@ -69,12 +70,11 @@ Field field(const char* name, const char* type = nullptr) {
   made.plain = [](void* fields) -> nb::object {
     return Convert<M>::to(static_cast<F*>(fields)->*Pointer);
   };
-  if constexpr (requires(M & member) { member.held(); }) {
-    made.held = [](void* fields) { return (static_cast<F*>(fields)->*Pointer).held(); };
-    made.drop = [](void* fields) { (static_cast<F*>(fields)->*Pointer).reset(); };
-  } else if constexpr (std::is_same_v<M, nb::object>) {
-    made.held = [](void* fields) -> nb::handle { return static_cast<F*>(fields)->*Pointer; };
-    made.drop = [](void* fields) { (static_cast<F*>(fields)->*Pointer).reset(); };
+  made.traverse = [](void* fields, visitproc visit, void* arg) {
+    return visit_host(static_cast<F*>(fields)->*Pointer, visit, arg);
+  };
+  if constexpr (requires(M & member) { drop(member); }) {
+    made.drop = [](void* fields) { drop(static_cast<F*>(fields)->*Pointer); };
   }
   return made;
 }
@@ -225,12 +225,12 @@ nb::class_<T> bind_record(
       nb::sig("def __repr__(self) -> str"));
   cls.def(
       "__eq__",
-      [table](nb::handle_t<T> self, nb::handle other) {
-        return table->equals(self.ptr(), other.ptr());
+      [table](nb::pointer_and_handle<T> self, nb::handle other) {
+        return table->equals(self.h.ptr(), other.ptr());
       },
       nb::arg("other").none(), nb::sig("def __eq__(self, other: object, /) -> bool"));
   cls.def(
-      "__reduce__", [table](nb::handle_t<T> self) { return table->reduce(self.ptr()); },
+      "__reduce__", [table](nb::pointer_and_handle<T> self) { return table->reduce(self.h.ptr()); },
       nb::sig("def __reduce__(self) -> tuple[typing.Any, ...]"));
   cls.attr("__hash__") = nb::none();
   cls.attr("__match_args__") = table->match_args();

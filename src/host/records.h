@@ -28,8 +28,11 @@ class ResultTrace {
   nb::object shown() const;
 
   // For the garbage collector: what has not been asked for holds no host object.
-  nb::handle held() const { return shown_; }
-  void reset() { shown_.reset(); }
+  friend int visit_host(const ResultTrace& trace, visitproc visit, void* arg) {
+    Py_VISIT(trace.shown_.ptr());
+    return 0;
+  }
+  friend void drop(ResultTrace& trace) { drop(trace.shown_); }
 
  private:
   mutable std::shared_ptr<const MapeKTrace> trace_;  // until it is shown

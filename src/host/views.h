@@ -67,7 +67,7 @@ bool assign(C& container, nb::handle values) {
     Shape<C>::append(fresh, std::move(element));
   }
   if (PyErr_Occurred()) throw nb::python_error();
-  container = std::move(fresh);
+  std::swap(container, fresh);
   return true;
 }
 
@@ -90,7 +90,7 @@ bool assign(OrderedMap<V>& map, nb::handle values) {
     if (!Convert<std::string>::from(key, name) || !Convert<V>::from(value, converted)) return false;
     fresh[name] = std::move(converted);
   }
-  map = std::move(fresh);
+  std::swap(map, fresh);
   return true;
 }
 

@@ -9,7 +9,7 @@ import time
 from collections.abc import Callable
 from typing import Any
 
-from tarvomeldric import Bulkhead, ProviderConfig, RateLimiter, SelfHealingEngine
+from tarvomeldric import Bulkhead, CircuitBreaker, ProviderConfig, RateLimiter, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator
 
 KEY = "sk-0123456789abcdef"
@@ -25,6 +25,12 @@ def provider(base_url: str = NOWHERE, name: str = "mine", slots: int = 10, **mor
         **more,
     }
     return ProviderConfig(name, base_url, fields.pop("api_key", KEY), **fields)
+
+
+def tireless(**fields: Any) -> Any:
+    """A provider that no failure puts out of use."""
+    breaker = CircuitBreaker(failure_threshold=_MANY, error_rate_threshold=2.0)
+    return provider(circuit_breaker=breaker, **fields)
 
 
 def engine_with(*records: Any) -> SelfHealingEngine:

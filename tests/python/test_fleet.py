@@ -21,7 +21,7 @@ import redis
 from helpers import engine_on, run_child, start_child, until
 
 from tarvomeldric import FlywheelLearner
-from tarvomeldric.simulator import ProviderSimulator
+from tarvomeldric.simulator import ProviderSimulator, Reply
 
 pytestmark = pytest.mark.once
 CHANNEL, HASH = "tarvomeldric:flywheel", "tarvomeldric:flywheel:rules"
@@ -161,13 +161,21 @@ def test_a_fleet_that_cannot_be_joined_is_done_without(monkeypatch: Any) -> None
 
 
 BUSY = """
-import sys, threading, time
+import asyncio, contextlib, sys, threading, time
+from helpers import engine_with, provider
 from tarvomeldric import FlywheelLearner
-learners = [FlywheelLearner(), FlywheelLearner()]
+engine, other = engine_with(provider(sys.argv[1], slots=3)), FlywheelLearner()
 def use():
-    while True: learners[0].record("p", "a", True)
-threading.Thread(target=use, daemon=True).start()
-time.sleep(float(sys.argv[1]))
+    while True:
+        with contextlib.suppress(Exception): engine.call_sync("Hi", bulkhead_timeout=5)
+async def call():
+    while True:
+        await asyncio.gather(*(engine.call("Hi") for _ in range(4)), return_exceptions=True)
+def record():
+    while True: other.record("p", "a", True)
+for work in (use, use, record, lambda: asyncio.run(call())):
+    threading.Thread(target=work, daemon=True).start()
+time.sleep(float(sys.argv[2]))
 """
 
 
@@ -179,8 +187,9 @@ def test_subscribers_end_with_their_learner_or_program(server: Server) -> None:
     gc.collect()
     assert gone() is None
     until(lambda: not thread.is_alive() and server.subscribers() == 0)
-    for number in range(10):
-        run_child(BUSY, str(0.1 + number * 0.007), strict=False)
+    with ProviderSimulator(default=Reply("answer", delay=0.01), process=True) as simulator:
+        for number in range(10):
+            run_child(BUSY, simulator.base_url, str(0.3 + number * 0.007), strict=False)
 
 
 def test_threads_and_coroutines_share_a_learner(server: Server) -> None:

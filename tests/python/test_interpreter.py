@@ -1,0 +1,357 @@
+"""What an interpreter may do to a call: interrupt it, fork it, raise where nobody expects it."""
+
+from __future__ import annotations
+
+import contextlib
+import gc
+import itertools
+import signal
+import sys
+import time
+from collections.abc import Callable
+from typing import Any
+
+import pytest
+from helpers import engine_with, provider, run_child, start_child, state_of, tireless
+
+import tarvomeldric._engine as native
+from tarvomeldric import APIError, Diagnoser, FlywheelLearner, ProviderConfig, SelfHealingEngine
+from tarvomeldric.simulator import ProviderSimulator
+
+Ask = Callable[..., Any]
+
+INTERRUPTED = """
+import asyncio, sys, threading
+from helpers import engine_with, state_of
+from tarvomeldric import APIError
+wait, form = sys.argv[1:]
+engine, answered = engine_with(), threading.Event()
+record, learner = engine._providers["mine"], engine._learner
+def execute(*_, **__):
+    if wait == "back-off" and record.success_count == 0: raise APIError("busy", 429)
+    print("waiting", flush=True)
+    return "answer"
+async def execute_awaited(*_, **__): return execute()
+async def sleep(seconds):
+    print("waiting", flush=True)
+    await asyncio.Event().wait()
+class Silent:
+    def pipeline(self, **_): answered.wait(); raise OSError
+engine._execute_sync, engine._execute = execute, execute_awaited
+if wait == "back-off": asyncio.sleep = sleep
+if wait == "learner": learner._lock.acquire()
+if wait == "publish": learner._redis_client, learner._sync_mode = Silent(), "redis"
+try:
+    engine.call_sync("Hi") if form == "call_sync" else asyncio.run(engine.call("Hi"))
+except KeyboardInterrupt:
+    print("interrupted", state_of(record))
+answered.set()
+if wait == "learner": learner._lock.release()
+record.record_success(1.0)
+text = engine.call_sync("Hi").text
+with learner._lock: print(text, state_of(record))
+"""
+WAITS = [
+    ("back-off", "call"),
+    *((w, f) for w in ("learner", "publish") for f in ("call_sync", "call")),
+]
+
+
+@pytest.mark.parametrize(("wait", "form"), WAITS)
+def test_ctrl_c_ends_a_wait_for_others(wait: str, form: str) -> None:
+    child = start_child(INTERRUPTED, wait, form)
+    assert child.stdout
+    assert child.stdout.readline() == "waiting\n"
+    time.sleep(0.2)  # from the announcement to the wait itself
+    child.send_signal(signal.SIGINT)
+    out, err = child.communicate(timeout=20)
+    assert err == ""
+    assert out.splitlines() == ["interrupted (10, 0, 0)", "waiting", "answer (10, 0, 0)"]
+
+
+FORKED = """
+import asyncio, os, sys, threading
+from helpers import engine_with, provider, state_of
+class Pending:
+    def __await__(self): yield
+record = provider(sys.argv[1], slots=4)
+engine, forking = engine_with(record), engine_with(record)
+forking._execute = lambda *_, **__: Pending()
+forking._execute_sync = lambda *_, **__: str(os.fork())
+pending = forking.call("Hi")
+pending.send(None)
+def use():
+    while True: engine.call_sync("Hi", bulkhead_timeout=30)
+for _ in range(6): threading.Thread(target=use, daemon=True).start()
+for _ in range(5):
+    pid = int(forking.call_sync("Hi", bulkhead_timeout=30).text)
+    if pid:
+        assert os.waitpid(pid, 0) == (pid, 0)
+        continue
+    pending.close()
+    answers = engine.call_sync("Hi").text, asyncio.run(engine.call("Hi")).text
+    assert answers == ("answer", "answer") and state_of(record) == (4, 0, 0), state_of(record)
+    os._exit(0)
+"""
+
+
+def test_a_fork_in_the_middle_of_calls_leaves_the_child_every_slot_once() -> None:
+    with ProviderSimulator(default="answer") as simulator:
+        assert run_child(FORKED, simulator.base_url, strict=False) == ""
+
+
+ELSEWHERE = """
+import sys
+try:
+    import _interpreters as interpreters
+except ImportError:
+    import _xxsubinterpreters as interpreters
+import helpers
+# One that shares as much as it can: others are refused by the import system itself.
+other = interpreters.create(*["legacy"] * (sys.version_info >= (3, 13)))
+failing = "try: import tarvomeldric\\nexcept ImportError as error: print(error, flush=True)"
+assert interpreters.run_string(other, failing) is None
+interpreters.destroy(other)
+helpers.engine_with()._execute_sync
+"""
+
+
+def test_another_interpreter_of_the_process_is_refused() -> None:
+    assert "sub-interpreter" in run_child(ELSEWHERE, strict=False)
+
+
+class HookError(Exception):
+    pass
+
+
+class ExitError(BaseException):
+    pass
+
+
+def driven(engine: SelfHealingEngine, *arguments: Any, **options: Any) -> Any:
+    """A call whose every wait is over at once, without an event loop's own frames around it."""
+    coroutine = engine.call(*arguments, **options)
+    try:
+        while True:
+            coroutine.send(None)
+    except StopIteration as done:
+        return done.value
+
+
+class Telling:
+    """A telemetry collector in Python."""
+
+    def record_fault(self, **_: Any) -> None:
+        pass
+
+
+class Healing(SelfHealingEngine):
+    """Every other attempt fails, so that a call comes through as much Python as there is."""
+
+    attempts = 0
+    failure: Callable[..., BaseException] = APIError
+
+    def _execute_sync(self, *_: Any, **__: Any) -> str:
+        self.attempts += 1
+        if self.attempts % 2:
+            raise self.failure("429 too many requests", 429)
+        return "answer"
+
+    async def _execute(self, *_: Any, **__: Any) -> str:  # type: ignore[override]
+        return self._execute_sync()
+
+
+def healing() -> Healing:
+    engine = Healing({"mine": tireless()})
+    engine._telemetry = Telling()
+    return engine
+
+
+@pytest.fixture(params=[SelfHealingEngine.call_sync, driven], ids=["call_sync", "call"])
+def ask(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Ask:
+    async def asleep(_: float) -> None:
+        pass
+
+    monkeypatch.setattr("time.sleep", lambda _: None)
+    monkeypatch.setattr("asyncio.sleep", asleep)
+    asked: Ask = request.param
+    return asked
+
+
+def still_works(engine: Healing, ask: Ask) -> bool:
+    record: Any = engine._providers["mine"]
+    assert state_of(record) == (10, 0, 0)
+    record.record_success(1.0)
+    engine.attempts, engine.failure, engine._telemetry = 0, APIError, Telling()
+    return ask(engine, "Hi").heal_level == "l1_retry"
+
+
+@pytest.mark.filterwarnings("ignore:coroutine .* was never awaited")
+@pytest.mark.parametrize("install", [sys.settrace, sys.setprofile])
+@pytest.mark.parametrize("error", [HookError, ExitError])
+def test_a_hook_that_raises_ends_at_most_the_call(
+    ask: Ask, install: Any, error: type[BaseException]
+) -> None:
+    def hook(_: Any, __: str, about: Any) -> Any:
+        if about is install:
+            return None
+        left[0] -= 1  # no plain variable: the interpreter puts a frame's back after its hook
+        if left[0] == 0:
+            raise error
+        return hook
+
+    engine, ends, left = healing(), set(), [0]
+    before = sys.gettrace() if install is sys.settrace else sys.getprofile()
+    for number in itertools.count(1):
+        assert still_works(engine, ask)
+        left[0] = number
+        install(hook)
+        try:
+            ends.add(ask(engine, "Hi").heal_level)
+        except error:
+            ends.add("raised")
+        finally:
+            install(before)
+        if left[0] > 0:  # there was no such event any more
+            break
+    assert ends == {"raised", "l1_retry"}
+
+
+def test_a_call_that_meets_the_recursion_limit_gives_everything_back(ask: Ask) -> None:
+    def at_depth(levels: int) -> Any:
+        return ask(engine, "Hi").heal_level if levels == 0 else at_depth(levels - 1)
+
+    engine, ends = healing(), [""]
+    for depth in range(sys.getrecursionlimit(), 0, -1):
+        assert still_works(engine, ask)
+        try:
+            ends.append(at_depth(depth))
+        except RecursionError:
+            ends.append("too deep")
+        if len(set(ends[-5:])) == 1 and ends[-1] == "l1_retry":
+            break
+    assert set(ends[1:]) == {"too deep", "l1_retry"}
+
+
+def raising(error: type[BaseException], name: str, base: type = object) -> Any:
+    """A class whose member `name`, method or property, raises."""
+
+    def member(*_: Any) -> Any:
+        raise error("odd")
+
+    shown = member if name.startswith("__") else property(member, lambda *_: None)
+    return type("Odd", (base,), {name: shown})
+
+
+@pytest.mark.parametrize("error", [ValueError, KeyboardInterrupt])
+@pytest.mark.parametrize("member", ["category", "value", "retry_after", "sub_category"])
+def test_what_a_foreign_diagnosis_raises_is_what_the_caller_gets(
+    member: str, error: type[BaseException]
+) -> None:
+    diagnosis = raising(error, member)()
+    if member == "value":
+        diagnosis = type("Holding", (), {"category": diagnosis})()
+    elif member != "category":
+        type(diagnosis).category = "auth_error"
+    with pytest.raises(error, match="odd"):
+        Diagnoser().suggest_recovery(diagnosis)
+
+
+@pytest.mark.parametrize("error", [ValueError, SystemExit])
+@pytest.mark.parametrize("member", ["__str__", "status_code", "record_fault", "__del__"])
+def test_what_is_raised_while_a_call_heals_ends_it_only_when_it_is_no_exception(
+    ask: Ask, member: str, error: type[BaseException], monkeypatch: Any
+) -> None:
+    engine, unraisable = healing(), []
+    monkeypatch.setattr(sys, "unraisablehook", lambda event: unraisable.append(event.exc_type))
+    if member == "record_fault":
+        engine._telemetry = raising(error, member)()
+    else:
+        engine.failure = raising(error, member, APIError)
+    if issubclass(error, Exception) or member == "__del__":
+        assert ask(engine, "Hi").text == "answer"
+    else:
+        with pytest.raises(error):
+            ask(engine, "Hi")
+    gc.collect()
+    assert set(unraisable) == ({error} if member == "__del__" else set())
+    assert still_works(engine, ask)
+
+
+def test_an_interrupt_while_somebody_is_woken_is_not_lost() -> None:
+    class Waiter:
+        def wake(self) -> bool:
+            raise KeyboardInterrupt
+
+    semaphore = native.Semaphore(0)
+    place = semaphore._join(Waiter())
+    with pytest.raises(KeyboardInterrupt):
+        [semaphore.release(), time.sleep(1)]
+    semaphore._leave(place)
+    assert semaphore._permits == 1
+
+
+def test_the_end_of_what_was_awaited_sees_a_coroutine_that_awaits_nothing() -> None:
+    class Awaited:
+        def __await__(self) -> Any:
+            return self
+
+        def __iter__(self) -> Any:
+            return self
+
+        def __next__(self) -> Any:
+            raise StopIteration("answer")
+
+        def __del__(self) -> None:
+            seen.append(coroutine.cr_await)
+
+    seen: list[Any] = []
+    engine = engine_with()
+    engine._execute = lambda *_, **__: Awaited()  # type: ignore[assignment,method-assign]
+    coroutine: Any = engine.call("Hi")
+    with pytest.raises(StopIteration):
+        coroutine.send(None)
+    assert seen == [None]
+
+
+@pytest.mark.parametrize("change", ["clear", "popitem", "replace"])
+def test_the_end_of_a_part_sees_a_record_that_is_whole(change: str) -> None:
+    class Rule(native.LearnedRule):
+        def __del__(self) -> None:
+            for name in "abc":
+                with contextlib.suppress(KeyError):
+                    seen.append(learner._rules[name].pattern)
+            seen.append("end")
+
+    seen: list[str] = []
+    learner = FlywheelLearner()
+    learner._rules = {name: Rule(name, "act") for name in "abc"}
+    if change == "replace":
+        learner._rules = {}
+    else:
+        getattr(learner._rules, change)()
+    assert set(seen) == {"end", *learner._rules}
+
+
+# Whoever leaves out the constructor: each use of what it left behind is a type error.
+UNMADE: dict[str, Callable[[Any], Any]] = {
+    "call_sync": lambda new: new(SelfHealingEngine).call_sync("Hi"),
+    "call": lambda new: new(SelfHealingEngine).call("Hi"),
+    "_execute_sync": lambda new: new(SelfHealingEngine)._execute_sync(provider(), "Hi", "m"),
+    "_inc_counter": lambda new: new(SelfHealingEngine)._inc_counter("x"),
+    "a record to execute": lambda new: engine_with()._execute_sync(new(ProviderConfig), "Hi", "m"),
+    "a record to call": lambda new: engine_with().add_provider(new(ProviderConfig)),
+    "a registered record": lambda new: SelfHealingEngine({"a": new(ProviderConfig)}).get_stats(),
+    "a contract": lambda new: engine_with().call_sync("Hi", contract=new(native.Contract)),
+    "a learner": lambda new: setattr(engine_with(), "_learner", new(FlywheelLearner)),
+    "a breaker": lambda new: setattr(provider(), "circuit_breaker", new(native.CircuitBreaker)),
+    "copy": lambda new: new(ProviderConfig).__reduce__(),
+    "a coroutine": lambda new: new(native._Coroutine),
+}
+
+
+@pytest.mark.filterwarnings("ignore:nanobind. attempted to access an uninitialized")
+@pytest.mark.parametrize("use", UNMADE)
+def test_an_object_without_its_constructor_is_refused(use: str) -> None:
+    with pytest.raises(TypeError):
+        UNMADE[use](lambda cls: cls.__new__(cls))
