@@ -11,7 +11,7 @@ import pytest
 import tarvomeldric
 import tarvomeldric._engine
 
-pytestmark = pytest.mark.once
+pytestmark = [pytest.mark.once, pytest.mark.uninstrumented]
 
 PACKAGE = Path(tarvomeldric.__file__).parent
 

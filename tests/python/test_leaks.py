@@ -1,0 +1,352 @@
+"""Nothing is left behind by what a program does over and over, nor by one that ends."""
+
+from __future__ import annotations
+
+import asyncio
+import collections
+import contextlib
+import copy
+import ctypes
+import gc
+import pickle
+import sys
+import weakref
+from collections.abc import Callable, Iterator
+from types import SimpleNamespace
+from typing import Any
+
+import pytest
+from helpers import engine_with, provider, run_child, start_child, tireless
+
+import tarvomeldric as tm
+from tarvomeldric import APIError, Diagnosis, FaultCategory, LearnedRule, MapeKPhase
+
+SCHEMA = tm.Contract({"required": ["a"]}, similarity_threshold=0.1, reference_text="a")
+STRICT = tm.Contract(forbidden_patterns=["a"])
+
+
+class Client:
+    """Stands for an HTTP client; its provider's answers have these statuses in turns."""
+
+    def __init__(self, *statuses: int) -> None:
+        self.statuses = statuses
+        self.sent = 0
+
+    def post(self, *_: Any, **__: Any) -> Any:
+        self.sent += 1
+        status = self.statuses[self.sent % len(self.statuses)]
+        body = {"choices": [{"message": {"content": '{"a": 1}'}}]}
+        return SimpleNamespace(status_code=status, text="busy", json=lambda: body)
+
+
+class AwaitedClient(Client):
+    async def post(self, *_: Any, **__: Any) -> Any:
+        return super().post()
+
+
+class Pending:
+    def __await__(self) -> Iterator[None]:
+        yield
+
+
+def engine_on(*statuses: int) -> Any:
+    engine: Any = engine_with(tireless())
+    engine._sync_client_pool["mine"] = Client(*statuses)
+    engine._http_pool["mine"] = AwaitedClient(*statuses)
+    return engine
+
+
+def run(coroutine: Any) -> Any:
+    """Drives a coroutine that never has to wait."""
+    try:
+        coroutine.send(None)
+    except StopIteration as done:
+        return done.value
+    raise AssertionError("it waits")
+
+
+def refused(error: type[BaseException] | tuple[type[BaseException], ...], act: Any) -> None:
+    try:
+        act()
+    except error:
+        return
+    raise AssertionError("nothing was raised")
+
+
+def use_record(record: Any) -> None:
+    assert copy.copy(record) == record
+    assert pickle.loads(pickle.dumps(record)) == record
+    assert repr(record)
+    for name in record.__match_args__:
+        value = getattr(record, name)
+        with contextlib.suppress(AttributeError):  # locks are only looked at
+            setattr(record, name, value)
+
+
+def use_sequence(view: Any, value: Any) -> None:
+    view.append(value)
+    assert value in view
+    assert list(view)[-1] == view[-1] == view.pop()
+
+
+def use_mapping(view: Any, value: Any) -> None:
+    view["k"] = value
+    assert dict(view)["k"] == view["k"]
+    refused(KeyError, lambda: view["none"])
+    del view["k"]
+
+
+class World:
+    """What the operations work with."""
+
+    def __init__(self) -> None:
+        self.good, self.bad, self.healing = engine_on(200), engine_on(401), engine_on(200, 429)
+        self.pending = engine_on(200)
+        self.pending._execute = lambda *_, **__: Pending()
+        self.learner, self.record = self.good._learner, self.good._providers["mine"]
+        self.diagnosis = Diagnosis("timeout", 0.5, True, False)
+        exact = tm.SemanticTopology().classify_request("", True)
+        self.failing = "Hi", None, "other", self.diagnosis, exact, "other", "m", "r"
+        self.suspended = lambda: self.start(self.pending.call("Hi"))
+
+    def start(self, coroutine: Any) -> Any:
+        coroutine.send(None)
+        return coroutine
+
+    def forget(self) -> None:
+        """Drops the samples that the metrics may keep thousands of."""
+        for engine in (self.good, self.bad, self.healing, self.pending):
+            engine._metrics, engine._diagnoser = tm.MetricsCollector(), tm.Diagnoser()
+
+
+def use_records(world: World) -> None:
+    verdict = SCHEMA.validate("{}")
+    for record in (
+        world.diagnosis,
+        world.good._diagnoser.suggest_recovery(world.diagnosis),
+        tm.CircuitBreaker(),
+        tm.RateLimiter(),
+        tm.Bulkhead(),
+        tm.SemanticTopology().classify_request("translation"),
+        verdict,
+        verdict.checks[0],
+        SCHEMA,
+        LearnedRule("p", "a"),
+        provider(),
+        tm.MapeKTrace("r"),
+        tm.CallResult("text", "p", "m", raw_response={}),
+    ):
+        use_record(record)
+
+
+FAILURES = (APIError, RuntimeError)
+Operation = Callable[[World], Any]
+OPERATIONS: dict[str, Operation] = {
+    "call_sync": lambda w: w.good.call_sync("Hi", "m", temperature=0.5, request_id="r"),
+    "call": lambda w: run(w.good.call("Hi", "m", temperature=0.5, request_id="r")),
+    "healed call_sync": lambda w: w.healing.call_sync("Hi", contract=SCHEMA),
+    "healed call": lambda w: run(w.healing.call("Hi", contract=SCHEMA)),
+    "failing call_sync": lambda w: refused(FAILURES, lambda: w.bad.call_sync("Hi")),
+    "failing call": lambda w: refused(FAILURES, lambda: run(w.bad.call("Hi"))),
+    "failover": lambda w: w.good._failover_sync(*w.failing),
+    "broken contract": lambda w: refused(
+        tm.ContractViolationError, lambda: run(w.good._failover(*w.failing, contract=STRICT))
+    ),
+    "out of bounds": lambda w: refused(
+        tm.SemanticBoundaryViolationError,
+        lambda: w.bad.call_sync("Hi", semantic_domain=tm.SemanticDomain.OUT_OF_BOUNDS),
+    ),
+    "wrong argument": lambda w: refused(TypeError, lambda: w.good.call(None)),
+    "unawaited": lambda w: w.good.call("Hi") and None,
+    "closed at once": lambda w: w.good.call("Hi").close(),
+    "closed": lambda w: w.suspended().close(),
+    "dropped": lambda w: w.suspended() and None,
+    "cancelled": lambda w: refused(
+        asyncio.CancelledError, lambda: w.suspended().throw(asyncio.CancelledError())
+    ),
+    "in a cycle": lambda w: setattr(w.pending, "held", w.suspended()),
+    "_execute": lambda w: run(w.good._execute(w.record, "Hi", "m")),
+    "contract": lambda w: SCHEMA.validate('{"a": 1}').to_dict(),
+    "diagnose": lambda w: w.good._diagnoser.diagnose("429 too many requests", 429),
+    "suggest_recovery": lambda w: w.good._diagnoser.suggest_recovery(w.diagnosis, "p", "m"),
+    "learner": lambda w: (
+        w.learner.record("timeout", "act", True, 1.0),
+        w.learner.match("timeout:x"),
+        w.learner.match_best_action("timeout"),
+        w.learner.get_rules(),
+        w.learner.get_stats(),
+    ),
+    "rules": lambda w: (
+        w.learner._store("k", LearnedRule("p", "a").to_dict()),
+        w.learner._merge("k", {"pattern": "p", "action": "a"}),
+        refused(TypeError, lambda: LearnedRule.from_dict({})),
+        use_mapping(w.learner._rules, LearnedRule("p", "a")),
+    ),
+    "provider": lambda w: (
+        w.record.can_accept(),
+        w.record.release_slot(),
+        w.record.record_success(1.0),
+        w.record.record_failure("busy", "timeout"),
+        w.record.get_category_circuit_breaker("timeout").record_success(),
+        w.record.health_score(),
+        w.record.to_dict(),
+    ),
+    "views": lambda w: (
+        use_sequence(w.record.models, "m"),
+        use_sequence(w.record._recent_latencies, 1.5),
+        use_sequence(w.record.circuit_breaker._window, True),
+        use_sequence(tm.MapeKTrace("r").phases, ("monitor", 1.0)),
+        use_mapping(w.good._metrics._counters, 1),
+        use_mapping(w.good._metrics._histograms, [1.0]),
+        use_mapping(w.record._category_circuit_breakers, tm.CircuitBreaker()),
+    ),
+    "records": use_records,
+    "metrics": lambda w: (
+        (metrics := w.good.get_metrics()).inc("c"),
+        metrics.set_gauge("g", 1.0),
+        metrics.get_all(),
+        metrics.prometheus_format(),
+        metrics.opentelemetry_span("s", {"a": 1}),
+        metrics.health_endpoint(),
+    ),
+    "read-outs": lambda w: (
+        w.good.get_stats(),
+        w.good.get_mapek_stats(),
+        w.good.health_check(),
+        w.good.get_available_providers(),
+        w.good._read_counters(),
+        tm.MapeKTrace("r").enter(MapeKPhase.PLAN),
+    ),
+    "locks": lambda w: (
+        w.good._pool_lock.__enter__(),
+        w.good._pool_lock.__exit__(),
+        w.record.bulkhead._semaphore._leave(w.record.bulkhead._semaphore._join(w)),
+    ),
+    "errors": lambda w: pickle.loads(pickle.dumps(APIError("busy", 429))).status_code,
+    "engine": lambda w: tm.SelfHealingEngine(["openai"], {"openai": "k"}).add_provider(w.record),
+}
+
+
+@pytest.fixture(autouse=True)
+def in_no_time(monkeypatch: pytest.MonkeyPatch) -> None:
+    prepare(monkeypatch.setattr)
+
+
+def prepare(replace: Callable[[str, Any], None]) -> None:
+    async def asleep(_: float) -> None:
+        pass
+
+    replace("time.sleep", lambda _: None)
+    replace("asyncio.sleep", asleep)
+
+
+mallinfo2 = ctypes.CDLL(None).mallinfo2
+mallinfo2.restype = type(
+    "mallinfo2", (ctypes.Structure,), {"_fields_": [(str(i), ctypes.c_size_t) for i in range(10)]}
+)
+
+
+def heap() -> int:
+    """Bytes that the C library has given out: `uordblks` and `hblkhd`."""
+    info = mallinfo2()
+    return int(getattr(info, "7") + getattr(info, "4"))
+
+
+KEPT = (None, True, False, "", "mine", FaultCategory.TIMEOUT, APIError, tm.CallResult, SCHEMA)
+SLACK = {"blocks": 1000, "heap": 100_000}  # one each time makes 10,000 and 320,000
+
+
+def holdings(world: World) -> collections.Counter[str]:
+    world.forget()
+    gc.collect()
+    found = collections.Counter(type(thing).__name__ for thing in gc.get_objects())
+    found.update({f"references to {kept!r}": sys.getrefcount(kept) for kept in KEPT})
+    found["blocks"] = sys.getallocatedblocks()
+    found["heap"] = heap()
+    return found
+
+
+def left_behind(world: World, operation: Operation) -> dict[str, int]:
+    before = holdings(world)
+    for _ in range(10_000):
+        operation(world)
+    after = holdings(world)
+    after.subtract(before)
+    return {what: number for what, number in after.items() if number > SLACK.get(what, 50)}
+
+
+@pytest.mark.once
+@pytest.mark.uninstrumented
+@pytest.mark.filterwarnings("ignore:coroutine .* was never awaited")
+@pytest.mark.parametrize("name", OPERATIONS)
+def test_ten_thousand_times_leave_nothing_behind(name: str) -> None:
+    world, operation = World(), OPERATIONS[name]
+    for _ in range(500):
+        operation(world)
+    # A table of the interpreter's own may just be growing: a leak goes on growing.
+    assert {} in (left_behind(world, operation) for _ in range(3))
+
+
+ENDING = """
+import sys, warnings
+import tarvomeldric._engine, test_leaks as leaks
+warnings.simplefilter("ignore")
+tarvomeldric._engine._warn_of_leaks(True)
+leaks.prepare(lambda name, sleep: setattr(sys.modules[name.split(".")[0]], "sleep", sleep))
+for operation in leaks.OPERATIONS.values():
+    operation(world := leaks.World())
+if sys.argv[1] == "leak": leaks.ctypes.pythonapi.Py_IncRef(leaks.ctypes.py_object(world.good))
+"""
+
+
+def test_a_program_that_used_everything_ends_without_a_leak() -> None:
+    child = start_child(ENDING, "leak", strict=False)
+    assert "leaked" in child.communicate(timeout=60)[1]
+    assert run_child(ENDING, "none", strict=False) == ""
+
+
+def with_attributes(cls: Any, *arguments: Any) -> Any:
+    """A part of a class of the host's own, whose instances take attributes."""
+    return type(cls.__name__, (cls,), {})(*arguments)
+
+
+def own_provider(engine: Any) -> Any:
+    made = with_attributes(tm.ProviderConfig, "other", "http://127.0.0.1:9", "key")
+    engine.add_provider(made)
+    return made
+
+
+def own_breaker(engine: Any) -> Any:
+    made = engine._providers["mine"].circuit_breaker = with_attributes(tm.CircuitBreaker)
+    return made
+
+
+def own_category_breaker(engine: Any) -> Any:
+    made = with_attributes(tm.CircuitBreaker)
+    engine._providers["mine"]._category_circuit_breakers["timeout"] = made
+    return made
+
+
+def own_learner(engine: Any) -> Any:
+    made = engine._learner = with_attributes(tm.FlywheelLearner)
+    return made
+
+
+def own_rule(engine: Any) -> Any:
+    made = engine._learner._rules["own"] = with_attributes(LearnedRule, "own", "act")
+    return made
+
+
+@pytest.mark.parametrize(
+    "own", [own_provider, own_breaker, own_category_breaker, own_learner, own_rule]
+)
+def test_an_engine_whose_part_refers_back_to_it_is_collected(own: Any) -> None:
+    engine: Any = engine_with()
+    own(engine).engine = engine
+    engine.get_stats()
+    gone = weakref.ref(engine)
+    gc.collect()
+    assert gone() is engine
+    del engine
+    gc.collect()
+    assert gone() is None
