@@ -2,6 +2,7 @@
 #
 #   make demo     prompts go through real HTTP to simulated providers
 #   make test     C++ tests under the sanitizers, then the Python tests
+#   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make lint     format, static analysis, types
@@ -21,13 +22,16 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test bench fuzz lint format build clean packages
+.PHONY: demo test sanitize bench fuzz lint format build clean packages
 
 demo: build
 	@$(python) examples/demo.py
 
 test: $(venv)/ready
 	@$(python) tools/test.py
+
+sanitize: $(venv)/ready
+	@$(python) tools/sanitize.py
 
 bench: build
 	@$(python) bench/run.py
