@@ -154,8 +154,7 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
 }
 
 Task<void> Call::execute(AdmittedSlot slot) {
-  trace_.enter(MapeKPhase::kExecute, engine_.clock);
-  const double start = engine_.clock.monotonic();
+  const double start = trace_.enter(MapeKPhase::kExecute, engine_.clock);
   Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
   const double latency_ms = engine_.ms_since(start);
   if (attempt.ok()) {

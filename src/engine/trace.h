@@ -41,8 +41,11 @@ struct MapeKTrace {
   bool knowledge_recorded = false;
   double total_loop_us = 0.0;
 
-  void enter(MapeKPhase phase, const Clock& clock = system_clock()) {
-    phases.emplace_back(value_of(phase), clock.monotonic() * 1e6);
+  // Returns the moment of entry, monotonic seconds.
+  double enter(MapeKPhase phase, const Clock& clock = system_clock()) {
+    const double moment = clock.monotonic();
+    phases.emplace_back(value_of(phase), moment * 1e6);
+    return moment;
   }
 };
 
