@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import asyncio
+import copy
+import pickle
 import re
 from collections.abc import Callable
 from typing import Any
@@ -95,6 +97,18 @@ def test_a_replaced_execution_is_what_the_pipeline_calls(
     execution.answer = None
     assert ask(engine, "Hi").text is None
     assert re.fullmatch("[0-9a-f]{8}", ask(engine, "Hi").mapek_trace["request_id"])
+
+
+def test_a_trace_that_nobody_asked_for_travels_and_stays_the_same_object(
+    ask: Ask, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    result = ask(on_instance(Recorder(), monkeypatch), "Hi")
+    travelled = pickle.loads(pickle.dumps(copy.copy(result)))
+    assert travelled == result
+    assert travelled.mapek_trace["phases"][0][0] == "monitor"
+    assert result.mapek_trace is result.mapek_trace
+    result.mapek_trace = {"other": 1}
+    assert result.mapek_trace == {"other": 1}
 
 
 @PLACES
