@@ -13,7 +13,7 @@ import functools
 import os
 import threading
 import weakref
-from collections.abc import AsyncGenerator, Callable
+from collections.abc import AsyncGenerator, Callable, Coroutine
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
@@ -89,17 +89,37 @@ class _Bound:
     def __init__(self, client: httpx.AsyncClient) -> None:
         self.client = client
         self.loop = asyncio.get_running_loop()
+        self.thread = threading.get_ident()
         self.keeper = _keep_until_shutdown(client)
+        self.closing: asyncio.Task[None] | None = None
+        self.transports: list[Any] = []
+
+    def start_closing(self, closed: Callable[[_Bound], None]) -> None:
+        """Closes the client while its loop goes on; tells of it, unless the loop ends before that."""
+
+        def tell(closing: asyncio.Task[None]) -> None:
+            if not closing.cancelled() and closing.exception() is None:
+                closed(self)
+
+        self.transports = _open_transports(self.client)  # a client that is closing forgets them
+        self.closing = self.loop.create_task(self.aclose())
+        self.closing.add_done_callback(tell)
 
     async def aclose(self) -> None:
-        await self.keeper.aclose()
         await self.client.aclose()
+        with contextlib.suppress(RuntimeError):  # the loop, shutting down, may be at it too
+            await self.keeper.aclose()
 
     def abandon(self) -> None:
-        """Closes what the loop, gone already, left open, without a word from the transports."""
-        for transport in _open_transports(self.client):
+        """Closes what the loop, gone already, left open, without a word from tasks and transports."""
+        if self.closing is not None and not self.closing.done():
+            self.closing._log_destroy_pending = False  # type: ignore[attr-defined]
+            with contextlib.suppress(Exception):
+                self.closing.get_coro().close()
+        for transport in self.transports + _open_transports(self.client):
             sock, transport._sock = transport._sock, None
-            sock.close()
+            if sock is not None:
+                sock.close()
 
 
 def _open_transports(client: Any) -> list[Any]:
@@ -144,7 +164,7 @@ class HttpClients:
     def __init__(self) -> None:
         self._tls: ssl.SSLContext | None = None
         self._bound: dict[tuple[int, str], _Bound] = {}
-        self._left: list[_Bound] = []  # could not be closed before their loops are
+        self._left: set[_Bound] = set()  # not known to be closed before their loops are
         self._made: weakref.WeakSet[Any] = weakref.WeakSet()
 
     def prepare(self) -> None:
@@ -215,11 +235,11 @@ class HttpClients:
     def _drop_closed_loops(self) -> None:
         for key, bound in list(self._bound.items()):
             if bound.loop.is_closed():
-                self._left.append(self._bound.pop(key))
-        for bound in self._left:
+                self._left.add(self._bound.pop(key, bound))
+        for bound in list(self._left):
             if bound.loop.is_closed():
                 bound.abandon()
-        self._left = [bound for bound in self._left if not bound.loop.is_closed()]
+                self._left.discard(bound)
 
     def __del__(self) -> None:
         self._drop_closed_loops()
@@ -260,28 +280,31 @@ class HttpClients:
             self._close_elsewhere(entry)
 
     def _close_elsewhere(self, entry: _Bound) -> None:
-        """Closes a client whose loop is not the running one: on its loop, now or when that runs again."""
-        closing = entry.aclose()
-        try:
-            if entry.loop.is_running():
-                asyncio.run_coroutine_threadsafe(closing, entry.loop)
-            else:
-                entry.loop.run_until_complete(closing)
-        except Exception:
-            closing.close()
-            self._left.append(entry)
-            self._drop_closed_loops()
+        """Closes a client whose loop is not the running one: on its loop, now or when that runs again.
+
+        A loop of another thread may run, stop or end at any moment, and is for that thread alone to run.
+        """
+        self._left.add(entry)
+        with contextlib.suppress(Exception):
+            if entry.thread != threading.get_ident() or entry.loop.is_running():
+                entry.loop.call_soon_threadsafe(entry.start_closing, self._left.discard)
+            elif not entry.loop.is_closed():
+                _run(entry.loop, entry.aclose())
+                self._left.discard(entry)
+        self._drop_closed_loops()
+
+
+def _run(loop: asyncio.AbstractEventLoop, closing: Coroutine[Any, Any, None]) -> None:
+    try:
+        loop.run_until_complete(closing)
+    finally:
+        closing.close()  # where the loop did not take it
 
 
 def _run_on_private_loop(client: Any) -> None:
     loop = asyncio.new_event_loop()
     try:
-        closing = client.aclose()
-        try:
-            loop.run_until_complete(closing)
-        except BaseException:
-            closing.close()
-            raise
+        _run(loop, client.aclose())
     finally:
         loop.close()
 

@@ -104,6 +104,39 @@ def test_loops_come_and_go_without_a_complaint(simulator: ProviderSimulator, lea
         assert run_child(code, simulator.base_url) == "done"
 
 
+CLOSED_MEANWHILE = """
+import asyncio, logging, sys, threading
+logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
+from tarvomeldric import ProviderConfig, RateLimiter, SelfHealingEngine
+limiter = RateLimiter(1000, _tokens=1000.0)
+record = ProviderConfig("mine", sys.argv[1], "any-key", rate_limiter=limiter)
+engine = SelfHealingEngine({"mine": record})
+called, closed = threading.Semaphore(0), threading.Semaphore(0)
+async def main(pause):
+    results = await asyncio.gather(*(engine.call("Hi", bulkhead_timeout=5) for _ in range(3)))
+    assert [result.text for result in results] == ["answer"] * 3
+    called.release()
+    await asyncio.sleep(pause)
+def run_and_close(work):
+    loop = asyncio.new_event_loop()
+    loop.run_until_complete(work)
+    loop.close()
+def use():
+    for number in range(40):
+        (asyncio.run, run_and_close)[number % 2](main(number // 2 % 4 / 4000))
+        closed.acquire()
+threading.Thread(target=use, daemon=True).start()
+for _ in range(40):
+    assert called.acquire(timeout=20)
+    engine.close_sync()
+    closed.release()
+"""
+
+
+def test_closing_meets_the_end_of_another_threads_loop(simulator: ProviderSimulator) -> None:
+    run_child(CLOSED_MEANWHILE, simulator.base_url)
+
+
 def test_clients_that_the_host_placed_are_used_as_they_are(simulator: ProviderSimulator) -> None:
     async def note(request: httpx.Request) -> None:
         sent.append(request.method)
