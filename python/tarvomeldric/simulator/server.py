@@ -161,6 +161,8 @@ class Connection(asyncio.Protocol):
     ) -> None:
         self._transport.write(stream_head(reply))
         for item in items:
+            if self._transport.is_closing():  # the client is gone
+                return
             if isinstance(item, Fault):
                 await self._break_off(item)
                 return
