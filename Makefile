@@ -5,6 +5,7 @@
 #   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
+#   make soak     calls under every fault for three minutes; seconds=, seed= and exits= are up to you
 #   make lint     format, static analysis, types
 #   make format   rewrites the sources in the project's format
 #   make build    compiles and installs into .venv
@@ -22,7 +23,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test sanitize bench fuzz lint format build clean packages
+.PHONY: demo test sanitize bench fuzz lint format build clean packages soak
 
 demo: build
 	@$(python) examples/demo.py
@@ -39,6 +40,9 @@ bench: build
 fuzz: seconds ?= 60
 fuzz: build
 	@$(python) tools/fuzz.py --seconds $(seconds)
+
+soak: build
+	@$(python) soak/run.py $(foreach name,seconds seed exits,$(if $($(name)),--$(name)=$($(name))))
 
 lint: build
 	@tools/lint.sh
