@@ -6,6 +6,7 @@
 #   make bench    measures and prints a table
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make soak     calls under every fault for three minutes; seconds=, seed= and exits= are up to you
+#   make mutate   breaks the core on purpose and looks whether the C++ tests notice, for sample=60 ways
 #   make lint     format, static analysis, types
 #   make format   rewrites the sources in the project's format
 #   make build    compiles and installs into .venv
@@ -23,7 +24,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test sanitize bench fuzz lint format build clean packages soak
+.PHONY: demo test sanitize bench fuzz soak mutate lint format build clean packages
 
 demo: build
 	@$(python) examples/demo.py
@@ -43,6 +44,10 @@ fuzz: build
 
 soak: build
 	@$(python) soak/run.py $(foreach name,seconds seed exits,$(if $($(name)),--$(name)=$($(name))))
+
+mutate: sample ?= 60
+mutate: $(venv)/ready
+	@$(python) tools/mutate.py --sample $(sample)
 
 lint: build
 	@tools/lint.sh

@@ -55,7 +55,7 @@ void CircuitBreaker::record_failure(std::string_view provider) {
 bool CircuitBreaker::failing_locked() const {
   if (fields_.consecutive_fails >= fields_.failure_threshold) return true;
   const auto outcomes = static_cast<std::int64_t>(fields_.window.size());
-  if (outcomes < fields_.window_size || outcomes == 0) return false;
+  if (outcomes < fields_.window_size) return false;
   const double rate =
       static_cast<double>(failures_in(fields_.window)) / static_cast<double>(outcomes);
   return rate >= fields_.error_rate_threshold;

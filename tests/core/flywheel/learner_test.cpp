@@ -37,6 +37,17 @@ TEST_F(LearnerTest, ConfidenceIsTheShareOfSuccesses) {
   EXPECT_DOUBLE_EQ(rule->avg_heal_time_ms, 39.0);  // the mean of 27 to 51
 }
 
+TEST_F(LearnerTest, CountsFromOutsideGiveAShareOrNone) {
+  const auto most = std::numeric_limits<std::int64_t>::max();
+  const std::tuple<std::int64_t, std::int64_t, double> cases[] = {
+      {0, 0, 1.0}, {0, -1, 0.0}, {most, most, 0.5}, {most, 0, 1.0}};
+  for (const auto& [successes, failures, confidence] : cases) {
+    LearnedRule rule{.success_count = successes, .fail_count = failures};
+    rule.update(true, 0.0, 0.0);
+    EXPECT_EQ(rule.confidence, confidence) << successes << " " << failures;
+  }
+}
+
 TEST_F(LearnerTest, RulesGoneStaleLoseHalfTheirConfidenceAtEachMatch) {
   const RulePtr stale = learner.rules().front();
   clock.advance(30 * 86400.0);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "guards/bulkhead.h"
 #include "guards/rate_limiter.h"
 #include "guards/semaphore.h"
 #include "manual_clock.h"
@@ -55,6 +56,15 @@ TEST_F(SemaphoreTest, OneWhoLeavesAfterBeingWokenPassesTheWakeOn) {
   EXPECT_TRUE(semaphore.look(*third));
 }
 
+TEST_F(SemaphoreTest, WhoJoinsIsWokenForAFreePermitAndGoesBehindOnJoiningAgain) {
+  semaphore.release();
+  const GuestPtr first = arrive(), second = arrive();
+  EXPECT_TRUE(first->wakes == 1 && second->wakes == 0);
+  semaphore.join(first);
+  EXPECT_EQ(second->wakes, 1);
+  EXPECT_TRUE(semaphore.look(*second) && !semaphore.look(*first));
+}
+
 TEST_F(SemaphoreTest, OneWhoDoesNotComeHoldsTheOthersUpForAMomentOnly) {
   const GuestPtr lost = arrive(), other = arrive();
   semaphore.release();
@@ -89,6 +99,16 @@ TEST_F(SemaphoreTest, WhoWillNotWaitAnyLongerTakesAnyFreePermit) {
     EXPECT_TRUE(semaphore.acquire(timeout) && !semaphore.acquire(timeout));
   }
   EXPECT_EQ(semaphore.waiting(), 0U);
+}
+
+TEST(Bulkhead, CountsWhoIsInsideUntilAForkStartsItAfresh) {
+  Bulkhead bulkhead({.max_concurrent = 3});
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(bulkhead.acquire());
+  bulkhead.release();
+  EXPECT_EQ(bulkhead.snapshot().active, 2);
+  ASSERT_TRUE(bulkhead.mutex().try_lock());  // by a thread that the child does not have
+  bulkhead.reset_after_fork();
+  EXPECT_TRUE(bulkhead.snapshot().active == 0 && bulkhead.semaphore()->permits() == 3);
 }
 
 TEST(RateLimiter, AllowsABurstThenTheRateWhateverTheWallClockDoes) {

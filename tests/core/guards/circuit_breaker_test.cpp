@@ -38,9 +38,11 @@ TEST_F(CircuitBreakerTest, OpensOnARunOfFailuresOrOnTheirShareOfAFullWindow) {
 
 TEST_F(CircuitBreakerTest, StaysOpenAsLongAsTheLatestNamedFaultAsks) {
   const std::pair<std::string_view, double> cases[] = {
-      {"rate_limit", 10},   {"timeout", 15},         {"connection_error", 20},
-      {"server_error", 20}, {"auth_error", 300},     {"quota_exceeded", 300},
-      {"unknown", 30},      {"model_not_found", 600}};
+      {"rate_limit", 10},       {"timeout", 15},
+      {"connection_error", 20}, {"server_error", 20},
+      {"auth_error", 300},      {"quota_exceeded", 300},
+      {"unknown", 30},          {"", 30},
+      {"model_not_found", 600}};
   for (const auto& [category, seconds] : cases) {
     breaker.trip_with_fault(category);
     expect_open_for(seconds);
@@ -67,9 +69,14 @@ TEST_F(CircuitBreakerTest, HalfOpenProbesThenClosesOrOpensAtTheFirstOutcome) {
   expect_open_for(30);
   EXPECT_TRUE(breaker.probe() && !breaker.is_available());
   play("f");  // the run of failures goes on
+  EXPECT_EQ(breaker.snapshot().last_provider, "openai");
   expect_open_for(30);
+  EXPECT_TRUE(breaker.is_available());  // probes are counted anew
   play("s");
   EXPECT_EQ(breaker.state(), CircuitState::kClosed);
+  play("fffff");
+  clock.advance(30);
+  EXPECT_EQ(breaker.summary().state, CircuitState::kHalfOpen);
 }
 
 }  // namespace

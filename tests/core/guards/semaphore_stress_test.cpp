@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -7,6 +8,8 @@
 
 #include "guards/at_once.h"
 #include "guards/semaphore.h"
+#include "manual_clock.h"
+#include "support/blocking.h"
 
 namespace tarvomeldric {
 namespace {
@@ -95,6 +98,43 @@ TEST(SemaphoreRaces, EndInOneOfTheAllowedStates) {
       const std::string end = end_of(race, random);
       ASSERT_TRUE(race.allowed.contains(end)) << race.in_line << " ended as " << end;
     }
+  }
+}
+
+double cpu_seconds() {
+  timespec used{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
+}
+
+TEST(SemaphoreThread, SleepsUntilARelease) {
+  const ManualClock clock;  // stands still: who is on the way keeps the claim
+  Semaphore semaphore(0, clock);
+  auto quickest = std::chrono::steady_clock::duration::max();
+  for (int round = 0; round < 5; ++round) {
+    const auto start = std::chrono::steady_clock::now();
+    std::jthread waiting([&] { EXPECT_TRUE(semaphore.acquire(0.9)); });
+    while (semaphore.waiting() == 0) std::this_thread::yield();
+    semaphore.release();
+    EXPECT_FALSE(semaphore.try_acquire());
+    waiting.join();
+    quickest = std::min(quickest, std::chrono::steady_clock::now() - start);
+  }
+  EXPECT_LT(quickest, kInterruptSlice);  // no look by the clock was needed
+  for (int round = 0; round < 3; ++round) {
+    std::atomic<bool> ended = false;
+    std::jthread waiting([&] {
+      const double before = cpu_seconds();
+      EXPECT_TRUE(semaphore.acquire(5.0));
+      EXPECT_LT(cpu_seconds() - before, 0.01);
+      ended = true;
+    });
+    while (semaphore.waiting() == 0) std::this_thread::yield();
+    semaphore.release();
+    if (!semaphore.take_any()) continue;  // most often there before the one who was woken
+    while (semaphore.waiting() == 0 && !ended) std::this_thread::yield();
+    std::this_thread::sleep_for(microseconds(20'000));
+    semaphore.release();
   }
 }
 
