@@ -5,14 +5,15 @@
     python tools/mutate.py --list src/engine/cascade.cpp
 
 A mutant is killed when the tests fail, crash or do not end. One that survives is either a gap in the
-tests or changes nothing that can be seen; the closing table counts both alike. Works on a copy of the
-sources in build/mutate.
+tests or changes nothing that can be seen; the closing table counts both alike. Ctrl-C ends a run early.
+Works on a copy of the sources in build/mutate.
 """
 
 from __future__ import annotations
 
 import argparse
 import collections
+import contextlib
 import dataclasses
 import random
 import re
@@ -188,11 +189,12 @@ def main() -> int:
 def run(mutants: list[Mutant]) -> None:
     table: dict[str, collections.Counter[str]] = {}
     began = time.monotonic()
-    for mutant in mutants:
-        end = verdict(mutant)
-        table.setdefault(mutant.file, collections.Counter())[end] += 1
-        if end == "survived":
-            print(f"survived: {mutant}", flush=True)
+    with contextlib.suppress(KeyboardInterrupt):  # ends it early
+        for mutant in mutants:
+            end = verdict(mutant)
+            table.setdefault(mutant.file, collections.Counter())[end] += 1
+            if end == "survived":
+                print(f"survived: {mutant}", flush=True)
     print(f"\n{'file':40}{'killed':>8}{'survived':>10}{'not compiled':>14}")
     total = sum(table.values(), collections.Counter[str]())
     for file, counts in {**table, "all": total}.items():

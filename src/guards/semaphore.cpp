@@ -110,7 +110,7 @@ std::size_t Semaphore::waiting() const {
 }
 
 bool Semaphore::take_locked(std::int64_t claims) {
-  if (permits_ <= claims || permits_ <= 0) return false;
+  if (permits_ <= claims) return false;
   --permits_;
   return true;
 }

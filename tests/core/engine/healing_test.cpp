@@ -128,6 +128,7 @@ TEST(Healing, ByARetryKeepsTheFirstFaultAndReportsIt) {
   EXPECT_EQ(day.learned(), "server_error:http_500>retry:openai 1/1");
   EXPECT_EQ(day.answered().latency_ms, 250.0);
   const MapeKTrace& trace = *day.answered().trace;
+  EXPECT_EQ(*trace.analyze_result, "server_error:http_500");
   EXPECT_EQ(*trace.plan_result + " " + *trace.execute_result, "l1_retry healed");
   EXPECT_EQ(trace.total_loop_us, 3'250'000.0);
   EXPECT_EQ(day.count(Counter::kHeal), 1);

@@ -63,6 +63,10 @@ TEST_F(SemaphoreTest, WhoJoinsIsWokenForAFreePermitAndGoesBehindOnJoiningAgain) 
   semaphore.join(first);
   EXPECT_EQ(second->wakes, 1);
   EXPECT_TRUE(semaphore.look(*second) && !semaphore.look(*first));
+  semaphore.leave(*first);
+  semaphore.join(first);
+  semaphore.release();
+  EXPECT_EQ(first->wakes, 2);
 }
 
 TEST_F(SemaphoreTest, OneWhoDoesNotComeHoldsTheOthersUpForAMomentOnly) {

@@ -54,7 +54,7 @@ TEST(BreakerRaces, EndAsSomeOrderOfTheActsWouldEnd) {
       {"fffffc", "aa", "s", {"closed 0 1 0", "half_open 0 1 0"}},
   };
   for (const Race& race : races) {
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 25; ++round) {
       ManualClock clock;
       CircuitBreaker breaker({}, clock);
       play(breaker, clock, race.before);

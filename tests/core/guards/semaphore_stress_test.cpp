@@ -94,7 +94,7 @@ TEST(SemaphoreRaces, EndInOneOfTheAllowedStates) {
                         {"lgTT", 3, {"gTT0", "TT1"}}};
   Random random(1);
   for (const Race& race : races) {
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 25; ++round) {
       const std::string end = end_of(race, random);
       ASSERT_TRUE(race.allowed.contains(end)) << race.in_line << " ended as " << end;
     }
