@@ -93,9 +93,7 @@ class _PromptHandler(BaseHTTPRequestHandler):
             self.connection.sendall(self._reply.getvalue())
 
     def _send(self, status: int, content_type: str, text: str) -> None:
-        body = text.encode(
-            "utf-8", "replace"
-        )  # names are free text; half a character must not fail
+        body = text.encode("utf-8", "replace")  # names are free text, half characters included
         self.send_response(status)
         self.send_header("Content-Type", content_type)
         self.send_header("Content-Length", str(len(body)))
@@ -170,9 +168,7 @@ class _Server(HTTPServer):
         try:
             client = _Client(*self.socket.accept())
         except OSError:
-            time.sleep(
-                0.1
-            )  # no descriptor is left: to try again at once would keep a processor busy
+            time.sleep(0.1)  # no descriptor is left; trying again at once would only burn
         else:
             self._arrivals.register(client.connection, selectors.EVENT_READ, client)
 
@@ -182,7 +178,8 @@ class _Server(HTTPServer):
 
     def service_actions(self) -> None:
         now, waiting = time.monotonic(), self._waiting()
-        heard = {key.fileobj for key, _ in self._arrivals.select(timeout=0)}  # while we were busy
+        # Whoever has sent something while we were busy is not late.
+        heard = {key.fileobj for key, _ in self._arrivals.select(timeout=0)}
         for ahead, client in enumerate(waiting):
             late = client.deadline < now or ahead < len(waiting) - _ROOM
             if late and client.connection not in heard:

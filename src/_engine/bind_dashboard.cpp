@@ -19,9 +19,10 @@ constexpr const char* kServeDoc =
     "    with_prometheus: whether \"/metrics\" is served.\n"
     "    with_health: whether \"/health\" is served.\n"
     "    with_dashboard: whether the page is served.\n\n"
-    "Returns the running server: `shutdown()` and then `server_close()` end it.\n\n"
+    "Returns the running server; `server_close()` ends it.\n\n"
     "Raises:\n"
     "    OSError: the address is in use or cannot be bound.\n"
+    "    OverflowError: a port outside 0 to 65535.\n"
     "    TypeError: an argument of the wrong type.";
 
 }  // namespace

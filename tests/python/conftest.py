@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import os
 import tempfile
+import threading
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
@@ -28,3 +30,14 @@ def home(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     home.mkdir()
     monkeypatch.setenv("HOME", str(home))
     return home
+
+
+@pytest.fixture
+def silent(capfd: pytest.CaptureFixture[str]) -> Iterator[pytest.CaptureFixture[str]]:
+    """Nothing is said on stderr, unless the test takes it away, and no dashboard is left."""
+    yield capfd
+    assert capfd.readouterr().err == ""
+    for thread in threading.enumerate():
+        if "dashboard" in thread.name:
+            thread.join(10)
+            assert not thread.is_alive()

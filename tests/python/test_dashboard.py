@@ -7,24 +7,22 @@ import errno
 import json
 import re
 import socket
-import struct
 import threading
 import time
-from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
-from http.client import HTTPConnection, RemoteDisconnected
-from types import SimpleNamespace
-from typing import Any, NamedTuple
+from http.client import RemoteDisconnected
+from typing import Any
 
 import pytest
-from helpers import engine_with, provider, run_child, until
+from dashboards import FIGURES, LOOPBACK, connect, get, left, made_up, served
+from helpers import engine_with, provider
 from prometheus_client.parser import text_string_to_metric_families
 
 from tarvomeldric import APIError, serve_dashboard
 from tarvomeldric._engine import _build_dashboard
 from tarvomeldric.simulator import ProviderSimulator
 
-LOOPBACK = "127.0.0.1"
+pytestmark = pytest.mark.usefixtures("silent")
 
 CARD = (
     '<div style="display:inline-block;margin:8px;padding:12px;border-radius:8px;background:#1e1e2e;min-width:180px">'
@@ -60,67 +58,6 @@ PAGE = (
 )
 UNKNOWN = {"health_score": "?", "avg_latency_ms": "?", "success": 0, "fail": 0, "state": "?"}
 NO_FLYWHEEL = {"total_rules": 0, "high_confidence_rules": 0, "sync_mode": "local"}
-REQUIRED = dict.fromkeys(re.findall(r"%\((version|heal_rate|\w+_count)\)", PAGE))
-
-
-class Reply(NamedTuple):
-    status: int
-    headers: list[tuple[str, str]]
-    body: bytes
-
-
-def get(server: Any, path: str, method: str = "GET", body: bytes | None = None) -> Reply:
-    connection = HTTPConnection(LOOPBACK, server.server_port, timeout=20)
-    with contextlib.closing(connection):
-        connection.request(method, path, body)
-        response = connection.getresponse()
-        return Reply(response.status, response.getheaders(), response.read())
-
-
-connections: list[socket.socket] = []
-
-
-def connect(server: Any, head: bytes = b"") -> socket.socket:
-    connection = socket.create_connection((LOOPBACK, server.server_port), timeout=20)
-    connections.append(connection)
-    connection.sendall(head)
-    return connection
-
-
-def made_up(stats: Any = REQUIRED, metrics: str = "", health: Any = None) -> Any:
-    """An engine that says what it is told to say; an error is raised."""
-
-    def get_stats() -> Any:
-        if isinstance(stats, Exception):
-            raise stats
-        return stats
-
-    collector = SimpleNamespace(prometheus_format=lambda: metrics, health_endpoint=lambda: health)
-    return SimpleNamespace(get_stats=get_stats, get_metrics=lambda: collector)
-
-
-@contextlib.contextmanager
-def served(engine: Any, **options: Any) -> Iterator[Any]:
-    server = serve_dashboard(engine, LOOPBACK, 0, **options)
-    try:
-        yield server
-    finally:
-        server.shutdown()
-        server.server_close()
-
-
-def dashboards() -> int:
-    return sum("dashboard" in thread.name for thread in threading.enumerate())
-
-
-@pytest.fixture(autouse=True)
-def silent(capfd: pytest.CaptureFixture[str]) -> Iterator[Any]:
-    """Nothing is logged and no thread is left; a test that expects an error takes it."""
-    yield capfd
-    while connections:
-        connections.pop().close()
-    assert capfd.readouterr().err == ""
-    until(lambda: dashboards() == 0)
 
 
 def page(stats: Any) -> str:
@@ -165,7 +102,7 @@ COUNTERS |= {"unhealed": True, "errors": "<i>", "success_primary": {}, "": 1}
 )
 def test_the_page_is_fixed_to_the_letter(optional: Any) -> None:
     values = [None, 8, 3, "37.5%", True, 1.0, 1e22, -4, "", (1, "é")]
-    stats = {**dict(zip(REQUIRED, values, strict=True)), **optional}
+    stats = {**dict(zip(FIGURES, values, strict=True)), **optional}
     assert _build_dashboard(made_up(stats)) == page(stats)
 
 
@@ -185,7 +122,7 @@ def test_the_page_of_a_real_engine() -> None:
 
 SWITCHES = {"/": "with_dashboard", "/metrics": "with_prometheus", "/health": "with_health"}
 LABELS = {"/": "Dashboard", "/metrics": "Prometheus", "/health": "Health"}
-STATS = {**REQUIRED, "version": "é", "odd": [1.5, {}]}
+STATS = {**FIGURES, "version": "é", "odd": [1.5, {}]}
 HEALTH = {"status": "dégradé", "error_count": 2}
 BODIES = {
     "/": ("text/html; charset=utf-8", page(STATS)),
@@ -224,12 +161,12 @@ def test_every_route_with_its_headers_and_its_switch(off: tuple[str, ...], silen
 
 def test_an_engine_that_fails_costs_one_request(silent: Any) -> None:
     engine = made_up()
-    failures = {key: KeyError(key) for key in REQUIRED}
+    failures = {key: KeyError(key) for key in FIGURES}
     failures |= {"network": ConnectionResetError("mine"), "time": OSError("mine")}
     with served(engine) as server:
         for name, failure in failures.items():
-            stats = {key: 0 for key in REQUIRED if key != name}
-            engine.get_stats = made_up(stats if name in REQUIRED else failure).get_stats
+            stats = {key: 0 for key in FIGURES if key != name}
+            engine.get_stats = made_up(stats if name in FIGURES else failure).get_stats
             with pytest.raises(RemoteDisconnected):
                 get(server, "/")
             header, *_, last, _, _ = silent.readouterr().err.split("\n")
@@ -245,8 +182,10 @@ def test_a_port_in_use_fails_before_anything_happens(silent: Any) -> None:
         assert caught.value.errno == errno.EADDRINUSE
     with pytest.raises(OSError, match="assign"):
         serve_dashboard(engine_with(), "192.0.2.1", port)
+    with pytest.raises(OverflowError):
+        serve_dashboard(engine_with(), LOOPBACK, 65536)
     assert silent.readouterr().out == ""
-    assert dashboards() == 0
+    assert not any("dashboard" in thread.name for thread in threading.enumerate())
     server = serve_dashboard(engine_with(), LOOPBACK, port)
     assert server.server_port == port
     server.server_close()
@@ -263,71 +202,7 @@ def test_servers_live_and_end_on_their_own() -> None:
         assert left(asking) == b""
         with pytest.raises(ConnectionRefusedError):
             connect(other)
-        until(lambda: dashboards() == 1)
         assert get(one, "/stats").status == 200
-
-
-def left(connection: socket.socket) -> bytes:
-    """What a server still sends before it is rid of a connection."""
-    received = b""
-    with contextlib.suppress(ConnectionError):
-        while piece := connection.recv(1 << 20):
-            received += piece
-    return received
-
-
-def goes_on(connection: socket.socket) -> bool:
-    """Sends one more piece of a head, if anybody is there to take it."""
-    connection.settimeout(0)
-    try:
-        connection.send(b"x")
-        connection.recv(1)
-    except BlockingIOError:
-        return True
-    except ConnectionError:
-        return False
-    finally:
-        connection.settimeout(20)
-    return False
-
-
-def test_nobody_waits_for_silent_and_slow_clients() -> None:
-    with served(made_up()) as server:
-        silent = [connect(server) for _ in range(50)]
-        slow = [connect(server, b"GET /stats HTTP/1.0\r\nX: ") for _ in range(20)]
-        for head in (b"", b"G", b"GET /stats HTTP/1.0\r\n\r\n"):
-            gone = connect(server, head)
-            gone.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            gone.close()
-        for path in BODIES:
-            assert get(server, path).status == 200
-        assert all(goes_on(client) for client in silent[:5] + slow)
-        done = connect(server, b"GET /stats HTTP/1.0\n")
-        done.shutdown(socket.SHUT_WR)
-        assert left(done).startswith(b"HTTP/1.0 200 OK\r\n")
-        until(lambda: [goes_on(client) for client in slow] == [False] * len(slow))
-        assert all(left(client) == b"" for client in silent + slow)
-        assert get(server, "/stats").status == 200
-
-
-def test_clients_have_room_and_the_program_keeps_its_descriptors() -> None:
-    with served(made_up()) as server:
-        crowd = [connect(server) for _ in range(300)]
-        assert get(server, "/stats").status == 200
-        assert all(left(client) == b"" for client in crowd[:150])
-        assert all(goes_on(client) for client in crowd[-50:])
-        for head in (b"\n" * 2, b"x" * 100_000, b"\0\xff\r\n\r\n", b"GET /\xff " + b"x" * 70_000):
-            assert b"200 OK" not in left(connect(server, head))
-        assert b"200 OK" in left(connect(server, b"GET /stats HTTP/1.0\n\r\nmore"))
-
-
-def test_a_client_that_does_not_read_its_reply_is_left() -> None:
-    size = 30_000_000
-    with served(made_up(metrics="x" * size)) as server:
-        deaf = connect(server, b"GET /metrics HTTP/1.0\r\n\r\n")
-        assert get(server, "/stats").status == 200
-        assert 0 < len(left(deaf)) < size
-        assert len(get(server, "/metrics").body) == size
 
 
 def samples(metrics: bytes) -> dict[tuple[str, str], float]:
@@ -387,90 +262,3 @@ def test_scrapes_in_the_middle_of_calls(monkeypatch: pytest.MonkeyPatch) -> None
         for key, quantile in (("p50", "0.5"), ("p95", "0.95"), ("p99", "0.99")):
             expected["tm_" + name, quantile] = summary[key]
     assert seen == pytest.approx(expected, abs=0.0001)
-
-
-# A child that kept the port would be in the parent's way; one that tidies up must not wait for a thread.
-FORKING = """
-import os, signal, socket, warnings
-from helpers import engine_with
-from tarvomeldric import serve_dashboard
-warnings.simplefilter("ignore")  # newer Pythons warn of a fork beside threads
-engine = engine_with()
-server = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
-idle = socket.create_connection(("127.0.0.1", server.server_port))
-for wait in (True, False):
-    ours, theirs = os.pipe()
-    child = os.fork()
-    if child == 0:
-        signal.alarm(20)
-        os.close(theirs)
-        server.shutdown()
-        server.server_close()
-        fresh = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
-        fresh.shutdown()
-        fresh.server_close()
-        os.read(ours, 1)
-        os._exit(7)
-    port = server.server_port
-    idle.close()
-    server.shutdown()
-    server.server_close()
-    server = serve_dashboard(engine, "127.0.0.1", port, False, False, False)
-    idle = socket.create_connection(("127.0.0.1", port))
-    os.close(theirs)
-    os.close(ours)
-    print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
-idle.close()
-"""
-
-
-def test_a_forked_child_lets_go_of_the_port() -> None:
-    assert run_child(FORKING, strict=False).split() == ["7", "7"]
-
-
-# No descriptor is left for a while: the server then neither spins nor ends.
-EXHAUSTED = """
-import resource, socket, time
-from helpers import engine_with
-from tarvomeldric import serve_dashboard
-resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
-server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False, False)
-client, held = socket.socket(), []
-try:
-    while True:
-        held.append(socket.socket())
-except OSError:
-    client.connect(("127.0.0.1", server.server_port))
-client.sendall(b"GET /stats HTTP/1.0\\r\\n\\r\\n")
-used = time.process_time()
-time.sleep(0.5)
-used = time.process_time() - used
-for descriptor in held:
-    descriptor.close()
-print(client.recv(15).decode(), used < 0.25)
-client.close()
-"""
-
-
-def test_without_descriptors_the_server_bides_its_time() -> None:
-    assert run_child(EXHAUSTED, strict=False) == "HTTP/1.0 200 OK True"
-
-
-ENDING = """
-import sys, threading, time, urllib.request
-from helpers import engine_with
-from tarvomeldric import serve_dashboard
-server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False)
-def look():
-    while True:
-        urllib.request.urlopen(f"http://127.0.0.1:{server.server_port}/").read()
-for _ in range(4):
-    threading.Thread(target=look, daemon=True).start()
-time.sleep(float(sys.argv[1]))
-"""
-
-
-@pytest.mark.once
-def test_a_program_ends_quietly_while_it_is_looked_at() -> None:
-    for number in range(5):
-        run_child(ENDING, str(0.3 + number * 0.003), strict=False)

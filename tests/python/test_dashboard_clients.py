@@ -1,0 +1,174 @@
+"""Clients that are slow, silent, deaf or many, and programs that fork, run dry or end meanwhile."""
+
+from __future__ import annotations
+
+import socket
+import struct
+
+import pytest
+from dashboards import connect, get, left, made_up, served
+from helpers import run_child, until
+
+from tarvomeldric import _dashboard
+
+pytestmark = pytest.mark.usefixtures("silent")
+
+
+def goes_on(connection: socket.socket) -> bool:
+    """Sends one more piece of a head, if anybody is there to take it."""
+    connection.settimeout(0)
+    try:
+        connection.send(b"x")
+        connection.recv(1)
+    except BlockingIOError:
+        return True
+    except ConnectionError:
+        return False
+    finally:
+        connection.settimeout(20)
+    return False
+
+
+def test_nobody_waits_for_silent_and_slow_clients(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(_dashboard, "_PATIENCE", 60)
+    with served(made_up()) as server:
+        silent = [connect(server) for _ in range(50)]
+        slow = [connect(server, b"GET /stats HTTP/1.0\r\nX: ") for _ in range(20)]
+        for head in (b"", b"G", b"GET /stats HTTP/1.0\r\n\r\n"):
+            gone = connect(server, head)
+            gone.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            gone.close()
+        for path in ("/", "/metrics", "/health", "/stats"):
+            assert get(server, path).status == 200
+        assert all(goes_on(client) for client in silent + slow)
+
+        monkeypatch.setattr(_dashboard, "_PATIENCE", 0.5)
+        silent = [connect(server) for _ in range(5)]
+        slow = [connect(server, b"GET /stats HTTP/1.0\r\nX: ") for _ in range(5)]
+        until(lambda: [goes_on(client) for client in slow] == [False] * len(slow))
+        assert all(left(client) == b"" for client in silent + slow)
+
+
+def test_a_client_that_does_not_read_its_reply_is_left() -> None:
+    size = 30_000_000
+    with served(made_up(metrics="x" * size)) as server:
+        deaf = connect(server, b"GET /metrics HTTP/1.0\r\n\r\n")
+        assert get(server, "/stats").status == 200
+        assert 0 < len(left(deaf)) < size
+        assert len(get(server, "/metrics").body) == size
+
+
+def test_a_crowd_does_not_use_up_the_descriptors(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(_dashboard, "_PATIENCE", 60)
+    with served(made_up()) as server:
+        crowd = [connect(server) for _ in range(300)]
+        assert get(server, "/stats").status == 200
+        assert all(left(client) == b"" for client in crowd[:150])
+        assert all(goes_on(client) for client in crowd[-50:])
+
+
+HEADS = {
+    b"\n\n": b"",
+    b"x" * 100_000: b" 414 ",
+    b"\0\xff / HTTP/1.0\r\n\r\n": b" 501 ",
+    b"GET /\xff " + b"x" * 70_000: b" 414 ",
+    b"GET /\xff HTTP/1.1\r\nX: \xff\r\n\r\n": b" 404 ",
+    b"GET /stats HTTP/1.0\n\r\nmore": b" 200 ",
+    b"GET /stats HTTP/1.0\r\nX: " + b"x" * 70_000: b" 431 ",
+}
+
+
+def test_odd_heads() -> None:
+    with served(made_up()) as server:
+        for head, status in HEADS.items():
+            assert status in left(connect(server, head))[:15], head[:40]
+        asked = connect(server, b"GET /stats HTTP/1.0\n")  # that is all, it says
+        asked.shutdown(socket.SHUT_WR)
+        assert b" 200 " in left(asked)[:15]
+
+
+# A child that kept the port would be in the parent's way; one that tidies up must not wait for a thread.
+FORKING = """
+import os, signal, socket, warnings
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+warnings.simplefilter("ignore")  # newer Pythons warn of a fork beside threads
+engine = engine_with()
+server = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
+idle = socket.create_connection(("127.0.0.1", server.server_port))
+for _ in range(2):
+    ours, theirs = os.pipe()
+    child = os.fork()
+    if child == 0:
+        signal.alarm(20)
+        os.close(theirs)
+        server.shutdown()
+        server.server_close()
+        fresh = serve_dashboard(engine, "127.0.0.1", 0, False, False, False)
+        fresh.shutdown()
+        fresh.server_close()
+        os.read(ours, 1)
+        os._exit(7)
+    port = server.server_port
+    idle.close()
+    server.shutdown()
+    server.server_close()
+    server = serve_dashboard(engine, "127.0.0.1", port, False, False, False)
+    idle = socket.create_connection(("127.0.0.1", port))
+    os.close(theirs)
+    os.close(ours)
+    print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+idle.close()
+"""
+
+
+def test_a_forked_child_lets_go_of_the_port() -> None:
+    assert run_child(FORKING, strict=False).split() == ["7", "7"]
+
+
+# No descriptor is left for a while: the server then neither spins nor ends.
+EXHAUSTED = """
+import resource, socket, time
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+resource.setrlimit(resource.RLIMIT_NOFILE, (64, 64))
+server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False, False)
+client, held = socket.socket(), []
+try:
+    while True:
+        held.append(socket.socket())
+except OSError:
+    client.connect(("127.0.0.1", server.server_port))
+client.sendall(b"GET /stats HTTP/1.0\\r\\n\\r\\n")
+used = time.process_time()
+time.sleep(0.5)
+used = time.process_time() - used
+for descriptor in held:
+    descriptor.close()
+print(client.recv(15).decode(), used < 0.05)
+client.close()
+"""
+
+
+def test_without_descriptors_the_server_bides_its_time() -> None:
+    assert run_child(EXHAUSTED, strict=False) == "HTTP/1.0 200 OK True"
+
+
+ENDING = """
+import sys, threading, time, urllib.request
+from helpers import engine_with
+from tarvomeldric import serve_dashboard
+server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False)
+def look():
+    while True:
+        urllib.request.urlopen(f"http://127.0.0.1:{server.server_port}/").read()
+for _ in range(4):
+    threading.Thread(target=look, daemon=True).start()
+time.sleep(float(sys.argv[1]))
+"""
+
+
+@pytest.mark.once
+def test_a_program_ends_quietly_while_it_is_looked_at() -> None:
+    for number in range(5):
+        run_child(ENDING, str(0.3 + number * 0.003), strict=False)
