@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
+import importlib
+import signal
 import sys
 import threading
 from collections.abc import Iterator
@@ -12,6 +14,8 @@ from typing import Any
 from tarvomeldric import _engine
 
 _TIMEOUT = 10.0  # seconds
+_INSISTING = 0.05  # seconds between two cancellations of a check
+_TIDYING = 1.0  # seconds, at most, for a check that is given up
 
 
 async def check_provider(base_url: str, api_key: str, model: str) -> bool:
@@ -47,14 +51,51 @@ def probe(name: str, base_url: str, api_key: str) -> bool:
 
 
 def _run(loop: asyncio.AbstractEventLoop, name: str, base_url: str, api_key: str) -> bool:
+    for library in ("httpx", "httpcore"):  # takes so long that a loop in debug mode would complain
+        with contextlib.suppress(Exception):
+            importlib.import_module(library)
     check = loop.create_task(_engine._check_provider(name, base_url, api_key))
     try:
-        return loop.run_until_complete(check)
-    except BaseException:  # an interrupt leaves the check half done
+        with _interrupts_cancel(check, loop):
+            return loop.run_until_complete(check)
+    except BaseException:  # the check may be half done
         check.cancel()
-        with contextlib.suppress(asyncio.CancelledError):
-            loop.run_until_complete(check)
+        loop.run_until_complete(asyncio.wait({check}, timeout=_TIDYING))
         raise
+
+
+@contextlib.contextmanager
+def _interrupts_cancel(
+    check: asyncio.Task[bool], loop: asyncio.AbstractEventLoop
+) -> Iterator[None]:
+    """Has Ctrl-C cancel the check, and raises KeyboardInterrupt once that is done.
+
+    Raised in the midst of the loop's work it could cost the check its wake-up; and one that comes just
+    before the loop waits would not be noticed before the provider answers.
+    """
+    ours = threading.current_thread() is threading.main_thread()
+    if not ours or signal.getsignal(signal.SIGINT) is not signal.default_int_handler:
+        yield
+        return
+    pressed = False
+
+    def interrupt() -> None:
+        nonlocal pressed
+        pressed = True
+        # While it connects, the libraries may take a cancellation for one of their own.
+        if check.cancel():
+            loop.call_later(_INSISTING, interrupt)
+
+    loop.add_signal_handler(signal.SIGINT, interrupt)
+    try:
+        yield
+    except asyncio.CancelledError:
+        if not pressed:
+            raise
+    finally:
+        loop.remove_signal_handler(signal.SIGINT)
+    if pressed:
+        raise KeyboardInterrupt
 
 
 @contextlib.contextmanager

@@ -6,8 +6,10 @@ import os
 import subprocess
 import sys
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from typing import Any
+from unittest import mock
 
 from tarvomeldric import Bulkhead, CircuitBreaker, ProviderConfig, RateLimiter, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator
@@ -48,6 +50,32 @@ def state_of(record: Any) -> tuple[int, int, int]:
     """Free permits, waiters in line and attempts in flight."""
     semaphore = record.bulkhead._semaphore
     return semaphore._permits, semaphore._waiting, record.bulkhead.to_dict()["active"]
+
+
+@contextmanager
+def providers_at(base_url: str) -> Iterator[None]:
+    """Every request goes to this simulator, whatever provider it is meant for; "Host" still tells."""
+    import httpx
+
+    port = httpx.URL(base_url).port
+    blocking = httpx.HTTPTransport.handle_request
+    awaited = httpx.AsyncHTTPTransport.handle_async_request
+
+    def moved(request: httpx.Request) -> httpx.Request:
+        request.url = request.url.copy_with(scheme="http", host="127.0.0.1", port=port)
+        return request
+
+    with (
+        mock.patch.object(
+            httpx.HTTPTransport, "handle_request", lambda way, it: blocking(way, moved(it))
+        ),
+        mock.patch.object(
+            httpx.AsyncHTTPTransport,
+            "handle_async_request",
+            lambda way, it: awaited(way, moved(it)),
+        ),
+    ):
+        yield
 
 
 def until(condition: Callable[[], bool], patience: float = 10.0) -> None:
