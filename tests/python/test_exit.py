@@ -91,7 +91,8 @@ import sys
 import tarvomeldric
 engine = tarvomeldric.SelfHealingEngine({})
 engine.get_stats(), engine.health_check()
-lazy = {"httpx", "redis", "http.server", "ssl", "tarvomeldric.simulator", "tarvomeldric.telemetry"}
+ours = {"tarvomeldric.simulator", "tarvomeldric.telemetry", "tarvomeldric._cli"}
+lazy = {"httpx", "redis", "http.server", "ssl", "argparse", *ours}
 print(sorted(lazy & set(sys.modules)))
 """
     assert run_child(program) == "[]"

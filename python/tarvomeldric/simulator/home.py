@@ -19,6 +19,13 @@ _REMOVED_VARIABLES = (
     "NVIDIA_API_KEY",
     "GROQ_API_KEY",
     "AZURE_OPENAI_API_KEY",
+    # A proxy is no way to a simulator on this machine.
+    "HTTP_PROXY",
+    "HTTPS_PROXY",
+    "ALL_PROXY",
+    "http_proxy",
+    "https_proxy",
+    "all_proxy",
 )
 _CHANGED_VARIABLES = _HOME_VARIABLES + _REMOVED_VARIABLES
 
@@ -28,7 +35,7 @@ def rehearsal(home: str | os.PathLike[str] | None = None) -> Iterator[Path]:
     """Keep engines made inside away from the user's learned rules, fleet and API keys.
 
     Inside, the home directory is a temporary one, and neither the Redis variable nor a
-    provider's key is set. At the end the environment is as before and the directory is removed.
+    provider's key nor a proxy is set. At the end the environment is as before and the directory is removed.
     The environment belongs to the whole process: enter and leave on one thread. Rehearsals can
     be nested.
 

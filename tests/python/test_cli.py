@@ -1,0 +1,320 @@
+"""``python -m tarvomeldric``: what people at a shell, and their scripts, get to see."""
+
+from __future__ import annotations
+
+import fcntl
+import json
+import os
+import pty
+import re
+import signal
+import socket
+import subprocess
+import sys
+import termios
+import time
+import urllib.request
+from collections.abc import Iterator
+from contextlib import suppress
+from pathlib import Path
+from typing import Any
+
+import pytest
+from helpers import NOWHERE, start_child, until
+
+import tarvomeldric
+from tarvomeldric.simulator import ProviderSimulator
+
+OPENAI = "https://api.openai.com/v1"
+KEY = "sk-secret-0123456789"
+PROGRAM = [sys.executable, "-W", "error", "-m", "tarvomeldric"]
+
+
+def start(*arguments: str, **options: Any) -> subprocess.Popen[str]:
+    streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
+    return subprocess.Popen([*PROGRAM, *arguments], text=True, **{**streams, **options})
+
+
+def cli(*arguments: str, stdin: str = "") -> tuple[int, str, str]:
+    with start(*arguments) as program:
+        out, err = program.communicate(stdin, timeout=60)
+    return program.returncode, out, err
+
+
+@pytest.fixture
+def fleet(monkeypatch: pytest.MonkeyPatch) -> Iterator[socket.socket]:
+    """A Redis that nobody may speak to."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        listener.settimeout(0)
+        url = f"redis://127.0.0.1:{listener.getsockname()[1]}"
+        monkeypatch.setenv("TARVOMELDRIC_REDIS_URL", url)
+        yield listener
+
+
+@pytest.fixture
+def places(home: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> list[Path]:
+    """Where a program could leave something behind."""
+    temporary = tmp_path / "temporary"
+    temporary.mkdir()
+    monkeypatch.setenv("TMPDIR", str(temporary))
+    return [home, temporary]
+
+
+def untouched(fleet: socket.socket, places: list[Path]) -> bool:
+    with suppress(BlockingIOError):
+        fleet.accept()[0].close()
+        return False
+    return not any(list(place.iterdir()) for place in places)
+
+
+@pytest.mark.once
+def test_the_demo_adds_up_and_leaves_nothing_behind(
+    fleet: socket.socket, places: list[Path], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv("HTTP_PROXY", NOWHERE)
+    status, out, err = cli("demo")
+    assert (status, err) == (0, "")
+    assert "It adds up." in out
+    assert "\x1b" not in out
+    assert untouched(fleet, places)
+
+
+def fetch(url: str) -> Any:
+    with urllib.request.urlopen(url, timeout=5) as reply:
+        return json.loads(reply.read())
+
+
+@pytest.mark.once
+@pytest.mark.parametrize(("number", "status"), [(signal.SIGINT, 0), (signal.SIGTERM, 0)])
+def test_serve_shows_every_kind_of_provider_until_it_is_told_to_end(
+    fleet: socket.socket, places: list[Path], number: int, status: int
+) -> None:
+    with start("serve", "--port", "0") as program:
+        assert program.stdout is not None
+        page = program.stdout.readline().split()[-1]
+
+        def states() -> dict[str, tuple[str, int, int]]:
+            found = fetch(page + "stats")["providers"].items()
+            return {n: (p["circuit"]["state"], p["success"], p["fail"]) for n, p in found}
+
+        assert list(states()) == ["anthropic", "google", "openai", "deepseek"]
+        until(lambda: states()["deepseek"][0] == "open", patience=60)
+        until(lambda: states()["openai"][2] > 0 and states()["anthropic"][1] > 0, patience=60)
+        program.send_signal(number)
+        out, err = program.communicate(timeout=20)
+    assert (program.returncode, err) == (status, "")
+    assert "healed, 3 providers available" in out
+    assert "\x1b" not in out
+    with pytest.raises(OSError, match="refused"):
+        fetch(page + "health")
+    assert untouched(fleet, places)
+
+
+def test_serve_ends_in_time_and_says_when_it_cannot_have_its_port(
+    fleet: socket.socket, places: list[Path]
+) -> None:
+    began = time.monotonic()
+    status, _, err = cli("serve", "--port", "0", "--seconds", "0.5")
+    assert (status, err) == (0, "")
+    assert time.monotonic() - began < 20
+    taken = str(fleet.getsockname()[1])
+    status, _, err = cli("serve", "--port", taken)
+    assert status == 1
+    assert err.startswith("tarvomeldric: [Errno")
+    assert err.count("\n") == 1
+    assert untouched(fleet, places)
+
+
+DIAGNOSED: list[tuple[list[str], int, list[str]]] = [
+    (
+        ["--status", "429", "openai is overloaded"],
+        0,
+        [
+            "category    rate_limit",
+            "confidence  0.95, by the status 429",
+            "label       rate_limit:openai",
+            'matched     "openai is overloaded" by row 11:',
+            "healing     retried up to 5 times, then failed over",
+            "suggested   wait_and_retry (l1_retry) after 1 s",
+            "breaker     stays open for 10 s once this opens it",
+        ],
+    ),
+    (
+        ["--status", "404", ""],
+        0,
+        [
+            "label       model_not_found:http_404",
+            "matched     no row",
+            "healing     not retried; a cheaper model of the provider, then failed over",
+            "breaker     stays open for 600 s",
+        ],
+    ),
+    (
+        ["The dog ate it"],
+        1,
+        ["category    unknown", "confidence  0.5, by the lack", "healing     not retried; failed"],
+    ),
+]
+
+
+@pytest.mark.parametrize(("arguments", "status", "lines"), DIAGNOSED)
+def test_diagnose_tells_what_the_engine_would_do(
+    arguments: list[str], status: int, lines: list[str]
+) -> None:
+    got, out, err = cli("diagnose", *arguments)
+    assert (got, err) == (status, "")
+    for line in lines:
+        assert f"\n  {line}" in "\n" + out
+    assert "\x1b" not in out
+
+
+def test_diagnose_as_json_agrees_with_the_diagnoser() -> None:
+    status, out, err = cli("diagnose", "-", "--json", stdin="Insufficient balance\n")
+    assert (status, err) == (0, "")
+    found = json.loads(out)
+    diagnosis = tarvomeldric.Diagnoser().diagnose("Insufficient balance")
+    assert found["category"] == diagnosis.category
+    assert found["label"] == diagnosis.sub_category == "quota_exceeded:insufficient_balance"
+    assert found["row"]["number"] == 17
+    assert (found["found_by"], found["cooldown_seconds"]) == ("text", 300.0)
+    assert (found["should_retry"], found["skip_to_failover"]) == (False, True)
+
+
+ASKING = """
+import logging, sys
+from helpers import providers_at
+from tarvomeldric._cli import main
+logging.getLogger("asyncio").setLevel(logging.ERROR)  # how slow this machine is does not matter
+with providers_at(sys.argv[1]):
+    sys.exit(main(sys.argv[2:]))
+"""
+
+
+def test_run_tries_the_keys_and_asks_the_providers_behind_them() -> None:
+    with ProviderSimulator("Hi.", "Hi.", "Rayleigh.", "Hi.", 401, "Hi.", 401) as simulator:
+
+        def run(*arguments: str) -> tuple[int, list[str], str]:
+            words = [simulator.base_url, "run", "--key", f"openai={KEY}", *arguments]
+            with start_child(ASKING, *words) as child:
+                out, err = child.communicate(timeout=60)
+            assert KEY not in out + err
+            return child.returncode, out.split("\n"), err
+
+        status, lines, err = run()
+        assert (status, lines[0], err) == (0, f"  [OK] openai: {OPENAI} (models: 3)", "")
+        assert lines[2] == f"  TarvoMeldric v{tarvomeldric.__version__} | 1 provider(s) | 1 healthy"
+
+        status, lines, err = run("Why is the sky blue?", "--model", "gpt-4o")
+        assert (status, lines) == (0, ["Rayleigh.", ""])
+        assert re.fullmatch(r"  openai/gpt-4o, \d+ ms, at the first attempt\n", err)
+        asked = simulator.requests[-1].body
+        assert (asked["model"], asked["messages"][0]["content"]) == (
+            "gpt-4o",
+            "Why is the sky blue?",
+        )
+
+        status, lines, err = run("Why?")  # the key works no longer once it is asked in earnest
+        assert (status, lines) == (1, [""])
+        assert err.startswith("  RuntimeError: ")
+
+        # The other provider's probe is the second one.
+        status, lines, err = run("Why?", "--key", f"anthropic={KEY}")
+        assert (status, lines, err.count("\n")) == (0, ["Simulated answer to: Why?", ""], 1)
+
+
+def test_run_without_a_key_that_works_is_a_negative_finding(
+    monkeypatch: pytest.MonkeyPatch, home: Path
+) -> None:
+    status, out, err = cli("run")
+    assert (status, err.split(";")[0]) == (1, "  no provider has a key")
+    assert "| 0 provider(s) | 0 healthy\n" in out
+    monkeypatch.setenv("HTTPS_PROXY", NOWHERE)
+    status, out, err = cli("run", "--key", f"openai={KEY}", "-", stdin="Why?")
+    assert (status, out, err) == (1, "", "  no provider is healthy: openai\n")
+    assert [path.name for path in home.iterdir()] == [".tarvomeldric"]  # this engine is a real one
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        [],
+        ["run", "--key", KEY],
+        ["run", "--key", f"nobody={KEY}"],
+        ["run", "--keys", f"openai={KEY}", "Hi"],
+        ["run", "Hi", KEY],
+        [f"openai={KEY}"],
+        ["serve", "--port", "65536"],
+        ["serve", "--seconds", "0"],
+        ["serve", "--seconds", "nan"],
+        ["diagnose"],
+        ["diagnose", "timeout", "--status", f"key={KEY}"],
+    ],
+)
+def test_a_command_line_that_is_not_understood_is_explained_without_quoting_keys(
+    arguments: list[str],
+) -> None:
+    status, out, err = cli(*arguments)
+    assert (status, out) == (2, "")
+    assert err.startswith("usage: python -m tarvomeldric")
+    assert KEY not in err
+
+
+@pytest.mark.parametrize("verb", [[], ["run"], ["demo"], ["serve"], ["diagnose"]])
+def test_help_and_version(verb: list[str]) -> None:
+    status, out, err = cli(*verb, "--help")
+    assert (status, err) == (0, "")
+    assert "exit status" in out or "/metrics" in out
+    assert max(len(line) for line in out.split("\n")) <= 100
+    assert cli("--version") == (0, f"tarvomeldric {tarvomeldric.__version__}\n", "")
+
+
+@pytest.mark.parametrize("arguments", [["--help"], ["diagnose", "timeout"], ["run"]])
+def test_a_reader_that_goes_away_is_no_news(arguments: list[str]) -> None:
+    reading, writing = os.pipe()
+    os.close(reading)
+    with start(*arguments, stdout=writing) as program:
+        os.close(writing)
+        _, err = program.communicate(timeout=30)
+    assert (program.returncode, err) == (128 + signal.SIGPIPE, "")
+
+
+def on_a_terminal(*arguments: str, interrupt_at: str = "", **environment: str) -> tuple[int, str]:
+    """The program's status and all that it showed; Ctrl-C is pressed when that text appears."""
+    ours, theirs = pty.openpty()
+    streams = dict.fromkeys(("stdin", "stdout", "stderr"), theirs)
+    program = start(*arguments, **streams, env={**os.environ, **environment}, preexec_fn=_terminal)
+    os.close(theirs)
+    shown = ""
+    with suppress(OSError), open(ours, "rb", buffering=0) as screen:  # an error is its end
+        while piece := screen.read(4096):
+            shown += piece.decode()
+            if interrupt_at and interrupt_at in shown:
+                os.write(ours, b"\x03")
+                interrupt_at = ""
+    return program.wait(timeout=20), shown
+
+
+def _terminal() -> None:
+    os.setsid()
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+
+
+def test_colour_is_for_people_who_look_and_do_not_mind() -> None:
+    status, shown = on_a_terminal("diagnose", "timeout")
+    assert (status, "\x1b[32mtimeout\x1b[0m" in shown) == (0, True)
+    status, shown = on_a_terminal("diagnose", "timeout", NO_COLOR="1")
+    assert (status, "\x1b" in shown) == (0, False)
+
+
+@pytest.mark.parametrize(
+    ("verb", "moment", "status"), [("demo", "waits", 130), ("serve", "Ctrl-C", 0)]
+)
+def test_ctrl_c_on_a_terminal_ends_in_order(
+    verb: str, moment: str, status: int, fleet: socket.socket, places: list[Path]
+) -> None:
+    options = ["--port", "0"] if verb == "serve" else []
+    got, shown = on_a_terminal(verb, *options, interrupt_at=moment)
+    assert got == status
+    assert "Traceback" not in shown
+    assert "Error" not in shown
+    assert untouched(fleet, places)
