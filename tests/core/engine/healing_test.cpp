@@ -123,14 +123,19 @@ TEST(Healing, TakesTheRoadThatTheFirstFaultAllows) {
 TEST(Healing, ByARetryKeepsTheFirstFaultAndReportsIt) {
   Day day;
   day.io.script["openai"] = {failure(500), failure(503), answer(0.25)};
-  EXPECT_EQ(day.ask(), "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500");
+  day.io.contract_holds = true;
+  const auto exact = SemanticDomain::kStrongEquivalence;
+  EXPECT_EQ(day.ask({.semantic_domain = exact}),
+            "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500");
   EXPECT_EQ(day.road(), "openai gpt-4o, sleep 1.0, openai gpt-4o, sleep 2.0, openai gpt-4o");
   EXPECT_EQ(day.learned(), "server_error:http_500>retry:openai 1/1");
   EXPECT_EQ(day.answered().latency_ms, 250.0);
+  EXPECT_TRUE(day.answered().domain == exact && day.answered().validation_passed == true);
   const MapeKTrace& trace = *day.answered().trace;
   EXPECT_EQ(*trace.analyze_result, "server_error:http_500");
   EXPECT_EQ(*trace.plan_result + " " + *trace.execute_result, "l1_retry healed");
   EXPECT_EQ(trace.total_loop_us, 3'250'000.0);
+  EXPECT_TRUE(trace.knowledge_recorded && trace.phases.back().first == "knowledge");
   EXPECT_EQ(day.count(Counter::kHeal), 1);
   EXPECT_EQ(day.metric("heal_l1_retry") + day.metric("l1_retry_attempt_1"), 2);
   EXPECT_EQ(day.io.reports.at(0).action + " " + day.io.reports.at(0).fault_type,
@@ -170,6 +175,7 @@ TEST(Healing, EndsLoudlyWhereItHasTo) {
     bool schema;
     const char* told;
     std::int64_t heals;
+    const char* learned;
   };
   const auto strong = SemanticDomain::kStrongEquivalence;
   const auto tau = SemanticDomain::kTauNeighborhood;
@@ -177,29 +183,32 @@ TEST(Healing, EndsLoudlyWhereItHasTo) {
       {"out of bounds", failures(1, 500), SemanticDomain::kOutOfBounds, false,
        "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=essay, reason=user_explicit). Original "
        "error: server_error",
-       0},
+       0, "server_error:http_500>blocked:oob:openai 0/1"},
       {"L1",
        {failure(500), answer()},
        strong,
        true,
        "Contract validation failed after L1 retry: ",
-       0},
+       0,
+       "server_error:http_500>retry:openai 0/1"},
       {"L2",
        {failure(404), answer()},
        strong,
        true,
        "Contract validation failed after L2 downgrade: ",
-       0},
+       0,
+       "model_not_found:http_404>downgrade:openai:gpt-4o-mini 0/1"},
       {"L3", failures(1, 401), strong, true,
-       "Contract validation failed after L3 failover to anthropic: ", 1},
+       "Contract validation failed after L3 failover to anthropic: ", 1,
+       "auth_error:http_401>failover:anthropic 0/1"},
       {"drift", failures(1, 401), tau, true,
        "Response drift detected: structure_mismatch_cannot_heal. Structure mismatch cannot be "
        "healed.",
-       0},
+       0, ""},
       {"warning", failures(1, 401), tau, false,
        "l3_failover anthropic claude-3-5-haiku-20241022 for openai gpt-4o after "
        "auth_error:http_401",
-       1},
+       1, "auth_error:http_401>failover:anthropic 1/0"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -209,6 +218,7 @@ TEST(Healing, EndsLoudlyWhereItHasTo) {
     day.io.schema = c.schema;
     EXPECT_EQ(day.ask({.task_type = "essay", .semantic_domain = c.domain}), c.told);
     EXPECT_EQ(day.count(Counter::kHeal), c.heals);
+    EXPECT_EQ(day.learned(), c.learned);
     EXPECT_EQ(day.metric("contract_validation_failed"), c.domain == strong);
     EXPECT_EQ(day.metric("contract_warning_tau_domain"), c.domain == tau);
     EXPECT_TRUE(day.all_slots_are_back());
