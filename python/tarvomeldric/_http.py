@@ -61,9 +61,19 @@ def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[
 async def post_async(
     client: Any, url: str, body: Any, headers: Any, timeout: Any
 ) -> tuple[int, Any]:
-    """The same, awaited."""
+    """The same, awaited.
+
+    The library's locks let go when an exchange is cancelled, not when it is closed: a later request
+    might wait for one of them without end. After that nothing is sent through the client any more.
+    """
     target = address(client, url)
-    return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
+    try:
+        return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
+    except GeneratorExit:
+        bound = _bounds.get(id(client))
+        if bound is not None and bound.client is client:
+            bound.spoilt = True
+        raise
 
 
 def is_timeout(error: BaseException, asynchronous: bool) -> bool:
@@ -93,6 +103,8 @@ class _Bound:
         self.keeper = _keep_until_shutdown(client)
         self.closing: asyncio.Task[None] | None = None
         self.transports: list[Any] = []
+        self.spoilt = False  # holds locks that nobody gives back
+        _bounds[id(client)] = self
 
     def start_closing(self, closed: Callable[[_Bound], None]) -> None:
         """Closes the client while its loop goes on; tells of it, unless the loop ends before that."""
@@ -120,6 +132,10 @@ class _Bound:
             sock, transport._sock = transport._sock, None
             if sock is not None:
                 sock.close()
+
+
+# By the client's identity.
+_bounds: weakref.WeakValueDictionary[int, _Bound] = weakref.WeakValueDictionary()
 
 
 def _open_transports(client: Any) -> list[Any]:
@@ -196,7 +212,7 @@ class HttpClients:
             return pooled
         loop = asyncio.get_running_loop()
         bound = self._bound.get((id(loop), name))
-        if bound is None or bound.loop is not loop or bound.client.is_closed:
+        if bound is None or bound.loop is not loop or bound.spoilt or bound.client.is_closed:
             return None
         return bound.client
 
@@ -228,7 +244,10 @@ class HttpClients:
             )
         )
         self._made.add(bound.client)
-        self._bound[(id(bound.loop), name)] = bound
+        key = (id(bound.loop), name)
+        if key in self._bound:
+            self._left.add(self._bound[key])  # calls in flight may still use it
+        self._bound[key] = bound
         pool[name] = bound.client
         return bound
 

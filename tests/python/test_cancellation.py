@@ -210,3 +210,16 @@ def test_a_waiter_whose_loop_does_not_run_keeps_nobody_else_waiting(fate: str) -
     gc.collect()
     loop.close()
     assert state_of(record) == (1, 0, 0)
+
+
+def test_a_call_closed_by_hand_does_not_hold_up_those_after_it() -> None:
+    async def main() -> None:
+        await engine.call("Hi")  # its connection stays open, and is taken by the next one
+        call: Any = engine.call("Hi")
+        call.send(None)
+        call.close()
+        assert (await asyncio.wait_for(engine.call("Hi"), 10)).text == "answer"
+
+    with ProviderSimulator(default="answer") as simulator, engine_on(simulator) as engine:
+        asyncio.run(main())
+        assert state_of(engine._providers["mine"]) == (10, 0, 0)
