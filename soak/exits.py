@@ -1,5 +1,6 @@
 """The exit tests over and over: what ends badly may do so once in a hundred times."""
 
+import importlib
 import random
 import sys
 import traceback
@@ -31,7 +32,7 @@ def repeat(times: int) -> Iterator[str]:
 
 def _programs(url: str) -> list[Callable[[], object]]:
     sys.path.insert(0, str(_TESTS))
-    import test_exit
+    test_exit = importlib.import_module("test_exit")
 
     def end_under_daemon_threads() -> None:
         moment = str(random.uniform(0.2, 0.5))

@@ -46,13 +46,13 @@ class Redis:
 
 
 def troubles(redis: Redis, chance: random.Random, over: threading.Event) -> None:
-    """Stalls the server, and starts it again, in turn."""
-    while not over.wait(chance.uniform(0.5, 2)):
-        redis.stall()
-        over.wait(chance.uniform(0.1, 1.5))
-        redis.go_on()
-        if over.wait(chance.uniform(0.5, 2)):
-            return
+    """Starts the server again, and stalls it, in turn."""
+    while not over.wait(chance.uniform(0.5, 1.5)):
         redis.stop()
         over.wait(chance.uniform(0, 0.5))
         redis.start()
+        if over.wait(chance.uniform(0.5, 2)):
+            return
+        redis.stall()
+        over.wait(chance.uniform(0.1, 1.5))
+        redis.go_on()

@@ -8,9 +8,9 @@ from dataclasses import dataclass, field
 
 import watch
 
-BLOCKS_A_THOUSAND = 20  # calls, of Python's memory
-BYTES_A_CALL = 8  # of the C++ side's
-_PRIMING = 2  # shifts, in which caches fill
+PRIMING = 2  # shifts, in which caches fill
+BLOCKS_A_CALL = 0.02  # of Python's memory
+BYTES_A_CALL = 2  # of C's and C++'s
 _SPARE_OBJECTS = 30  # of a type: guards have a breaker for each category of faults they met
 _SPARE_BLOCKS = 3_000
 _SPARE_BYTES = 300_000
@@ -29,7 +29,7 @@ HELD = {
 
 @dataclass
 class Moment:
-    """One of them."""
+    """One of them, after so many calls."""
 
     calls: int
     descriptors: Counter[str] = field(default_factory=watch.descriptors)
@@ -51,12 +51,12 @@ def complaints(moments: list[Moment]) -> Iterator[str]:
     if last.threads > first.threads:
         names = [thread.name for thread in threading.enumerate()]
         yield f"{last.threads} threads, {first.threads} after the first shift: {names}"
-    if len(moments) <= _PRIMING:
+    if len(moments) <= PRIMING:
         return
-    first = moments[_PRIMING - 1]
+    first = moments[PRIMING - 1]
     calls = last.calls - first.calls
     blocks, allocated = last.blocks - first.blocks, last.allocated - first.allocated
-    if blocks > _SPARE_BLOCKS + BLOCKS_A_THOUSAND * calls / 1000:
+    if blocks > _SPARE_BLOCKS + BLOCKS_A_CALL * calls:
         yield f"{blocks} more blocks of Python's memory after {calls} calls"
     if allocated > _SPARE_BYTES + BYTES_A_CALL * calls:
         yield f"{allocated} more bytes allocated after {calls} calls"

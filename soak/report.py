@@ -1,5 +1,10 @@
 """What the soak prints: a line for each shift, and the table at the end."""
 
+from __future__ import annotations
+
+from array import array
+from collections.abc import Iterator
+from statistics import fmean
 from typing import Any
 
 import quiet
@@ -33,7 +38,8 @@ def table(whole: Any, start: quiet.Moment) -> None:
     metric = whole.engine.get_metrics().get_counter
     _section("counted by the engine", {name: metric(name) for name in HAPPENINGS})
     _quiet_moments(start, whole.moments)
-    print(f"\nresident while at work, after the first third: {slope(whole.resident):+.2f} MiB/min")
+    growth = _slope(whole.times, whole.resident)
+    print(f"\nresident while at work, after the first third: {growth:+.2f} MiB/min")
 
 
 def _section(title: str, counts: dict[str, int]) -> None:
@@ -45,25 +51,27 @@ def _section(title: str, counts: dict[str, int]) -> None:
 def _quiet_moments(start: quiet.Moment, moments: list[quiet.Moment]) -> None:
     columns = {"start": start, "first shift": moments[0], "last shift": moments[-1]}
     print("\nin quiet moments" + "".join(f"{name:>14}" for name in columns).rjust(73 - 16))
-    kinds = sorted({kind for moment in columns.values() for kind in moment.descriptors})
-    rows: dict[str, Any] = {
-        f"descriptors: {kind}": lambda m, k=kind: m.descriptors[k] for kind in kinds
-    }
-    rows |= {
-        "threads": lambda m: m.threads,
-        **{name: lambda m, k=kind: m.objects[k] for name, kind in quiet.HELD.items()},
-        "blocks of Python's memory": lambda m: m.blocks,
-        "KiB allocated by C and C++": lambda m: m.allocated // 1024,
-        "KiB resident": lambda m: m.resident // 1024,
-    }
-    for name, value in rows.items():
-        print(f"  {name:<29}" + "".join(f"{value(moment):>14,}" for moment in columns.values()))
+    for name, numbers in _rows(list(columns.values())):
+        print(f"  {name:<29}" + "".join(f"{number:>14,}" for number in numbers))
 
 
-def slope(samples: list[tuple[float, int]]) -> float:
+def _rows(moments: list[quiet.Moment]) -> Iterator[tuple[str, list[int]]]:
+    for kind in sorted({kind for moment in moments for kind in moment.descriptors}):
+        yield f"descriptors: {kind}", [moment.descriptors[kind] for moment in moments]
+    yield "threads", [moment.threads for moment in moments]
+    for name, kind in quiet.HELD.items():
+        yield name, [moment.objects[kind] for moment in moments]
+    yield "blocks of Python's memory", [moment.blocks for moment in moments]
+    yield "KiB allocated by C and C++", [moment.allocated // 1024 for moment in moments]
+    yield "KiB resident", [moment.resident // 1024 for moment in moments]
+
+
+def _slope(times: array[float], sizes: array[float]) -> float:
     """The line through the samples after the first third, in MiB a minute."""
-    steady = samples[len(samples) // 3 :]
-    at = sum(time for time, _ in steady) / len(steady)
-    level = sum(size for _, size in steady) / len(steady)
-    spread = sum((time - at) ** 2 for time, _ in steady) or 1.0
-    return sum((time - at) * (size - level) for time, size in steady) / spread * 60 / _MIB
+    first = len(times) // 3
+    at, level = fmean(times[first:]), fmean(sizes[first:])
+    spread = sum((time - at) ** 2 for time in times[first:]) or 1.0
+    together = sum(
+        (t - at) * (s - level) for t, s in zip(times[first:], sizes[first:], strict=True)
+    )
+    return together / spread * 60 / _MIB

@@ -11,6 +11,7 @@ import random
 import sys
 import threading
 import time
+from array import array
 from collections.abc import Iterator
 from concurrent.futures import FIRST_EXCEPTION, Future, ThreadPoolExecutor, wait
 from contextlib import ExitStack
@@ -28,20 +29,21 @@ import unruly
 import uvloop
 import visitors
 import watch
+import weather
 from callers import Caller
 from endings import Tally
 from streams import Streamer
 from unruly import UnrulyProvider
-from weather import Weather
 
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import rehearsal
 
-NAMES = ("openai", "anthropic", "google")
-LENGTH = 10.0  # seconds of a shift, at most
-SHIFTS = 3  # at least
-EXTENSION = 30.0  # seconds of the last shift, when something has not happened yet
-THREADS, LOOPS, LIVES = 8, 3, 3
+_NAMES = ("openai", "anthropic", "google")
+_THREADS, _LOOPS, _LIVES = 8, 3, 3
+_LENGTH = 10.0  # seconds of a shift, about
+_FEWEST = 3  # shifts
+_EXTENSION = 30.0  # seconds of the last shift, when something has not happened yet
+_HISTORY = 20_000  # more than is kept of anything
 
 
 class Soak:
@@ -54,8 +56,10 @@ class Soak:
         self.tally, self.others = Tally(), Tally()
         self.records = [provider.record() for provider in providers]
         self.engine: Any = SelfHealingEngine({record.name: record for record in self.records})
+        _fill_histories(self.engine)
         self.engine._learner.record("model_request:google", "failover:anthropic", True)
-        self.resident: list[tuple[float, int]] = []
+        self.times, self.resident = array("d"), array("d")  # takes no objects from the count
+        self.shifts = 0
         self.moments: list[quiet.Moment] = []
         self.complaints: list[str] = []
 
@@ -66,27 +70,27 @@ class Soak:
             work = [threads.submit(*job) for job in self._jobs(port, over)]
             end = time.monotonic() + seconds
             while not self._ended(work) and self._goes_on(end, last):
-                self.resident.append((time.monotonic(), watch.resident()))
+                self.times.append(time.monotonic())
+                self.resident.append(watch.resident())
             over.set()
             for done in work:
                 done.result()
         self._be_quiet()
 
     def _jobs(self, port: int, over: threading.Event) -> Iterator[Any]:
-        number = len(self.moments)
-        chances = (random.Random(f"{self.seed} {number} {job}") for job in range(1000))
-        weather = Weather(self.records, self.tally, over)
+        self.shifts += 1
+        chances = (random.Random(f"{self.seed} {self.shifts} {job}") for job in range(100))
         streamer = Streamer(self.engine, self.records, self.tally)
         caller = Caller(self.engine, self.tally)
-        yield weather.change, next(chances)
+        yield weather.change, self.records, self.tally, next(chances), over
         yield fleet.troubles, self.redis, next(chances), over
         yield unruly.outages, self.providers, next(chances), over
         yield visitors.scrape, self.engine, port, self.tally, next(chances), over
-        for _ in range(THREADS):
+        for _ in range(_THREADS):
             yield _block_until, over, caller, next(chances)
-        for _ in range(LOOPS):
+        for _ in range(_LOOPS):
             yield loops.live_and_end, caller, streamer, next(chances), over
-        for _ in range(LIVES):
+        for _ in range(_LIVES):
             yield short_lives.follow_each_other, self.providers, self.others, next(chances), over
 
     def _ended(self, work: list[Future[Any]]) -> bool:
@@ -95,13 +99,14 @@ class Soak:
 
     def _goes_on(self, end: float, last: bool) -> bool:
         now = time.monotonic()
-        return now < end or (last and now < end + EXTENSION and bool(self.lacking()))
+        return now < end or (last and now < end + _EXTENSION and bool(self.lacking()))
 
     def _be_quiet(self) -> None:
         self.engine.close_sync()
         self.engine._learner._redis_client.close()
         watch.settle(threads=2)  # this one, and the one that publishes what was learned
-        self.moments.append(quiet.Moment(self.tally.calls + self.others.calls))
+        moment = quiet.Moment(self.tally.calls + self.others.calls)
+        self.moments = [*self.moments[: quiet.PRIMING], moment]
         self.complaints += sums.not_given_back(self.records)
         self.complaints += sums.disagreements(self.engine, self.tally)
 
@@ -113,6 +118,15 @@ class Soak:
 
     def lacking(self) -> list[str]:
         return sums.missing(self.engine, self.records, self.together())
+
+
+def _fill_histories(engine: Any) -> None:
+    """What is kept of the latest calls is kept from now on: it does not become more later."""
+    metrics, diagnoser = engine.get_metrics(), engine._diagnoser
+    for _ in range(_HISTORY):
+        for name in ("latency_primary_ms", "latency_failover_ms", "fault_latency_us"):
+            metrics.observe(name, 1.0)
+        diagnoser.diagnose("HTTP 500")
 
 
 def _block_until(over: threading.Event, caller: Caller, chance: random.Random) -> None:
@@ -129,13 +143,13 @@ def soak(seconds: float, seed: int, home: Path) -> bool:
         redis = fleet.Redis()
         stack.callback(redis.stop)
         os.environ["TARVOMELDRIC_REDIS_URL"] = redis.url
-        providers = [UnrulyProvider(name, random.Random(f"{seed} {name}")) for name in NAMES]
+        providers = [UnrulyProvider(name, random.Random(f"{seed} {name}")) for name in _NAMES]
         for provider in providers:
             provider.start()
             stack.callback(provider.stop)
         stack.enter_context(naps.short())
         whole = Soak(seed, redis, providers)
-        count = max(SHIFTS, round(seconds / LENGTH))
+        count = max(_FEWEST, round(seconds / _LENGTH))
         for number in range(1, count + 1):
             whole.shift(seconds / count, last=number == count)
             report.progress(number, count, whole.moments[-1], whole.together())

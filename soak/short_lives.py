@@ -23,7 +23,7 @@ class Unconnected(SelfHealingEngine):
     The HTTP library's can not: its locks stay taken, and its attempts to connect complain.
     """
 
-    async def _execute(self, *_: Any, **__: Any) -> str:  # type: ignore[override]
+    async def _execute(self, *_: Any, **__: Any) -> str:
         await asleep(0.01)
         return '{"x": 1}'
 

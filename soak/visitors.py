@@ -56,16 +56,14 @@ def _get(port: int, path: str) -> tuple[int, str]:
 def _check(path: str, status: int, body: str, calls: int) -> int:
     """The calls that the page tells of, or else those known before."""
     assert status == (404 if path == "/nowhere" else 200), status
+    now = calls
     if path.startswith("/metrics"):
-        lines = [line.split(" ") for line in body.splitlines() if not line.startswith("#")]
-        values = {name: float(value) for name, value in lines}
-        now = int(next((value for name, value in values.items() if "calls_total" in name), 0))
+        values = dict(line.rsplit(" ", 1) for line in body.splitlines())
+        assert all(float(value) >= 0 for value in values.values())
+        now = int(values.get("tm_calls_total_total", 0))
     elif path == "/stats":
         now = json.loads(body)["call_count"]
     elif path == "/health":
-        now = int(json.loads(body) is None)
-        return calls
-    else:
-        return calls
+        assert json.loads(body)
     assert now >= calls, f"{now} calls after {calls}"
     return now

@@ -2,7 +2,9 @@
 
 import random
 import threading
-from typing import Any
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
+from dataclasses import dataclass
 
 from endings import ERRORS, Tally
 from naps import sleep
@@ -10,13 +12,13 @@ from unruly import SLOTS
 
 from tarvomeldric import CircuitBreaker, CircuitState, ProviderConfig, RateLimiter
 
-NO_PROVIDER, NO_FALLBACK, NO_ROOM, NO_CANDIDATE = list(ERRORS.values())[:4]
+_NO_PROVIDER, _NO_FALLBACK, _NO_ROOM, _NO_CANDIDATE = list(ERRORS.values())[:4]
 _CATEGORIES = ("auth_error", "unknown", "model_not_found", "validation_error", "server_error")
-_HANDFUL = 3
+_ENOUGH = 3
 _PATIENCE = 100  # looks, 5 ms apart
 
 
-def revive(records: list[ProviderConfig]) -> None:
+def revive(records: Sequence[ProviderConfig]) -> None:
     for record in records:
         record.healthy = True
         record.circuit_breaker = CircuitBreaker()
@@ -24,68 +26,76 @@ def revive(records: list[ProviderConfig]) -> None:
             record._category_circuit_breakers[category] = CircuitBreaker()
 
 
-class Weather:
-    """What the providers of one engine go through until the shift is over."""
+@dataclass
+class Spell:
+    """A time in which calls are bound to end in one way, and what brings that about."""
 
-    def __init__(self, records: list[ProviderConfig], tally: Tally, over: threading.Event) -> None:
-        self._records = records
-        self._tally = tally
-        self._over = over
+    ending: str
+    out: Sequence[ProviderConfig] = ()  # breakers are open
+    ill: Sequence[ProviderConfig] = ()  # not healthy
+    full: Sequence[ProviderConfig] = ()  # all slots are held
+    spent: Sequence[ProviderConfig] = ()  # hardly any tokens
+    barred: Sequence[ProviderConfig] = ()  # for some categories of faults
 
-    def change(self, chance: random.Random) -> None:
-        first, *others = everyone = self._records
-        spells: list[tuple[str, dict[str, Any]]] = [
-            (NO_PROVIDER, {"out": everyone}),
-            (NO_PROVIDER, {"ill": everyone}),
-            (NO_FALLBACK, {"out": others, "full": [first]}),
-            (NO_FALLBACK, {"out": others, "spent": [first]}),
-            (NO_ROOM, {"full": everyone}),
-            (NO_ROOM, {"spent": everyone}),
-            (NO_CANDIDATE, {"barred": everyone}),
-        ]
-        while not self._over.is_set():
-            chance.shuffle(spells)
-            for ending, spell in spells:
-                self._calm(chance.uniform(0.1, 0.4))
-                self._spell(self._tally[ending] + _HANDFUL, ending, **spell)
-
-    def _calm(self, seconds: float) -> None:
-        for _ in range(int(seconds / 0.02)):
-            if any(
-                record.circuit_breaker.get_state() is CircuitState.OPEN for record in self._records
-            ):
-                self._tally.note("breaker opened by failures")
-            revive(self._records)
-            sleep(0.02)
-
-    def _spell(
-        self,
-        enough: int,
-        ending: str,
-        out: Any = (),
-        ill: Any = (),
-        full: Any = (),
-        spent: Any = (),
-        barred: Any = (),
-    ) -> None:
-        """Until the ending came about: breakers open, unhealthy, no slots, no tokens, categories barred."""
-        held = [record for record in full for _ in range(SLOTS) if record.bulkhead.acquire(0.01)]
-        limiters = {id(record): record.rate_limiter for record in spent}
-        for record in spent:
+    @contextmanager
+    def prepared(self) -> Iterator[None]:
+        held = [one for one in self.full for _ in range(SLOTS) if one.bulkhead.acquire(0.01)]
+        limiters = [record.rate_limiter for record in self.spent]
+        for record in self.spent:
             record.rate_limiter = RateLimiter(3, refill_rate=20.0, _tokens=0.0)
+        try:
+            yield
+        finally:
+            for record, limiter in zip(self.spent, limiters, strict=True):
+                record.rate_limiter = limiter
+            for record in held:
+                record.release_slot()
+
+    def go_on(self) -> None:
+        for record in self.out:
+            record.circuit_breaker._trip()
+        for record in self.ill:
+            record.healthy = False
+        for record in self.barred:
+            for category in _CATEGORIES:
+                record.get_category_circuit_breaker(category)._trip()
+
+
+def change(
+    records: Sequence[ProviderConfig], tally: Tally, chance: random.Random, over: threading.Event
+) -> None:
+    """One spell after the other, and calm in between."""
+    first, *others = records
+    spells = [
+        Spell(_NO_PROVIDER, out=records),
+        Spell(_NO_PROVIDER, ill=records),
+        Spell(_NO_FALLBACK, out=others, full=[first]),
+        Spell(_NO_FALLBACK, out=others, spent=[first]),
+        Spell(_NO_ROOM, full=records),
+        Spell(_NO_ROOM, spent=records),
+        Spell(_NO_CANDIDATE, barred=records),
+    ]
+    while not over.is_set():
+        chance.shuffle(spells)
+        for spell in spells:
+            _calm(records, tally, chance)
+            _endure(spell, tally, over)
+
+
+def _calm(records: Sequence[ProviderConfig], tally: Tally, chance: random.Random) -> None:
+    for _ in range(chance.randrange(5, 20)):
+        revive(records)
+        sleep(0.02)
+        if any(one.circuit_breaker.get_state() is CircuitState.OPEN for one in records):
+            tally.note("breaker opened by failures")
+    revive(records)
+
+
+def _endure(spell: Spell, tally: Tally, over: threading.Event) -> None:
+    enough = tally[spell.ending] + _ENOUGH
+    with spell.prepared():
         for _ in range(_PATIENCE):
-            if self._tally[ending] >= enough or self._over.is_set():
-                break
-            for record in out:
-                record.circuit_breaker._trip()
-            for record in ill:
-                record.healthy = False
-            for record in barred:
-                for category in _CATEGORIES:
-                    record.get_category_circuit_breaker(category)._trip()
+            if tally[spell.ending] >= enough or over.is_set():
+                return
+            spell.go_on()
             sleep(0.005)
-        for record in spent:
-            record.rate_limiter = limiters[id(record)]
-        for record in held:
-            record.release_slot()
-        revive(self._records)
