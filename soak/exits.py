@@ -2,6 +2,7 @@
 
 import importlib
 import random
+import signal
 import sys
 import traceback
 from collections.abc import Callable, Iterator
@@ -19,6 +20,7 @@ def repeat(times: int) -> Iterator[str]:
     """Runs every program so often; what was not right."""
     if not times:
         return
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # a background job's is ignored
     with (
         rehearsal(),
         ProviderSimulator(default=Reply(delay=0.01), process=True) as simulator,
