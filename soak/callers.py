@@ -55,10 +55,11 @@ class Caller:
         await asyncio.wait([task])
 
     async def cancel_together(self, chance: random.Random) -> None:
-        together = asyncio.gather(*(self.wait(chance) for _ in range(3)))
+        tasks = [asyncio.ensure_future(self.wait(chance)) for _ in range(3)]
+        together = asyncio.gather(*tasks)
         await asyncio.wait([together], timeout=chance.uniform(0, 0.1))
         together.cancel()
-        await asyncio.wait([together])
+        await asyncio.wait(tasks)  # all of them: together they are done as soon as one of them is
         if not together.cancelled():
             together.exception()
 
