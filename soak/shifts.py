@@ -32,6 +32,7 @@ import watch
 import weather
 from callers import Caller
 from endings import Tally
+from lost import Lost
 from streams import Streamer
 from unruly import UnrulyProvider
 
@@ -148,6 +149,8 @@ def soak(seconds: float, seed: int, home: Path) -> bool:
             provider.start()
             stack.callback(provider.stop)
         stack.enter_context(naps.short())
+        lost = Lost()
+        stack.enter_context(lost.counted())
         whole = Soak(seed, redis, providers)
         count = max(_FEWEST, round(seconds / _LENGTH))
         for number in range(1, count + 1):
@@ -155,8 +158,9 @@ def soak(seconds: float, seed: int, home: Path) -> bool:
             report.progress(number, count, whole.moments[-1], whole.together())
             if whole.complaints:
                 break
-    whole.complaints += _verdict(whole)
+    whole.complaints += [*_verdict(whole), *lost.complaints(whole.together().calls)]
     report.table(whole, start)
+    print(f"connections that the HTTP library lost: {len(lost.connections)}")
     complaints = whole.complaints
     del whole
     complaints += _end(start, home)
