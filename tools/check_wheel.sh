@@ -9,3 +9,4 @@ rm -rf "$where"
 .venv/bin/python -m venv "$where/venv"
 "$where/venv/bin/pip" install --quiet "$where"/*.whl
 env -i HOME="$PWD/$where/home" "$where/venv/bin/python" -I tools/check_installed.py
+env -i HOME="$PWD/$where/home" "$where/venv/bin/tarvomeldric" diagnose timeout > "$where/diagnosis"

@@ -10,14 +10,16 @@ namespace {
 void bind_verdicts(nb::module_& module) {
   bind_record<ContractCheck>(
       module, "The verdict of one strategy of a contract.",
-      {required<&ContractCheck::strategy>("strategy"), required<&ContractCheck::passed>("passed"),
-       field<&ContractCheck::detail>("detail")});
-  bind_record<ContractResult>(module,
-                              "The verdict of a contract: `passed` when every check passed.\n\n"
-                              "`contract_type` is the contract's primary strategy.",
-                              {required<&ContractResult::passed>("passed"),
-                               required<&ContractResult::checks>("checks", "list[ContractCheck]"),
-                               required<&ContractResult::contract_type>("contract_type")})
+      {required<&ContractCheck::strategy>("strategy", "which check it was"),
+       required<&ContractCheck::passed>("passed", "whether the output holds it"),
+       field<&ContractCheck::detail>("detail", "what was found")});
+  bind_record<ContractResult>(
+      module, "The verdict of a contract.",
+      {required<&ContractResult::passed>("passed", "whether every check passed"),
+       required<&ContractResult::checks>("checks", "the verdict of each check",
+                                         "list[ContractCheck]"),
+       required<&ContractResult::contract_type>("contract_type",
+                                                "the contract's primary strategy")})
       .def(
           "to_dict", [](const ContractResult& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
@@ -43,18 +45,21 @@ void bind_contracts(nb::module_& module) {
   auto cls = bind_record<Contract>(
       module,
       "What a healed answer must look like; every field that is given is one check.\n\n"
-      "`output_schema`: a dictionary whose \"required\" lists the keys of a JSON answer;\n"
-      "`determinism_hash`: the first 16 hexadecimal digits of the answer's SHA-256;\n"
-      "`similarity_threshold` (0 to 1) with `reference_text`: the share of words in common;\n"
-      "`required_entities`: texts that must occur; `forbidden_patterns`: regular expressions\n"
-      "that must not match. Letter case is ignored.",
-      {field<&Contract::output_schema>("output_schema", "dict[str, typing.Any] | None"),
-       field<&Contract::determinism_hash>("determinism_hash", "str | None"),
-       field<&Contract::similarity_threshold>("similarity_threshold", "float | None"),
-       field<&Contract::reference_text>("reference_text", "str | None"),
-       field<&Contract::required_entities>("required_entities",
+      "Texts and patterns are looked for without regard to letter case.",
+      {field<&Contract::output_schema>(
+           "output_schema", "a dictionary whose \"required\" lists the keys of a JSON answer",
+           "dict[str, typing.Any] | None"),
+       field<&Contract::determinism_hash>("determinism_hash",
+                                          "the first 16 hexadecimal digits of the answer's SHA-256",
+                                          "str | None"),
+       field<&Contract::similarity_threshold>(
+           "similarity_threshold", "the share of words in common with the reference, 0 to 1",
+           "float | None"),
+       field<&Contract::reference_text>("reference_text", "the reference", "str | None"),
+       field<&Contract::required_entities>("required_entities", "texts that must occur",
                                            "collections.abc.Sequence[str] | None"),
        field<&Contract::forbidden_patterns>("forbidden_patterns",
+                                            "regular expressions that must not match",
                                             "collections.abc.Sequence[str] | None")});
   cls.def(
          "validate",

@@ -52,21 +52,26 @@ nb::object suggest_recovery(nb::handle diagnosis, nb::handle provider) {
 
 void bind_records(nb::module_& module) {
   bind_record<Diagnosis>(
-      module,
-      "The label of one failure and what follows from it.\n\n"
-      "`category` is a FaultCategory or a text of the caller's own;\n"
-      "`retry_after` is in seconds; `raw_error` is the lower-cased error text,\n"
-      "at most 500 characters of it; `sub_category` is the finer label.",
-      {required<&Diagnosis::category>("category"), required<&Diagnosis::confidence>("confidence"),
-       required<&Diagnosis::should_retry>("should_retry"),
-       required<&Diagnosis::skip_to_failover>("skip_to_failover"),
-       field<&Diagnosis::retry_after>("retry_after"), field<&Diagnosis::raw_error>("raw_error"),
-       field<&Diagnosis::sub_category>("sub_category")});
+      module, "The label of one failure and what follows from it.",
+      {required<&Diagnosis::category>("category", "a FaultCategory, or a text of the caller's own"),
+       required<&Diagnosis::confidence>("confidence", "how sure the diagnoser is, 0 to 1"),
+       required<&Diagnosis::should_retry>("should_retry",
+                                          "whether the same provider is worth another try"),
+       required<&Diagnosis::skip_to_failover>("skip_to_failover",
+                                              "whether another provider is asked at once"),
+       field<&Diagnosis::retry_after>("retry_after", "seconds to wait before a retry"),
+       field<&Diagnosis::raw_error>("raw_error",
+                                    "the lower-cased error text, at most 500 characters of it"),
+       field<&Diagnosis::sub_category>("sub_category",
+                                       "the finer label, such as \"rate_limit:openai\"")});
   bind_record<RecoveryAction>(
-      module, "A suggested step of recovery; `delay` is the wait before it in seconds.",
-      {required<&RecoveryAction::level>("level"), required<&RecoveryAction::action>("action"),
-       required<&RecoveryAction::target>("target"), required<&RecoveryAction::delay>("delay"),
-       required<&RecoveryAction::metadata>("metadata", "dict[str, typing.Any]")});
+      module, "A suggested step of recovery.",
+      {required<&RecoveryAction::level>("level", "the RecoveryLevel that it belongs to"),
+       required<&RecoveryAction::action>("action", "what to do"),
+       required<&RecoveryAction::target>("target", "the provider, or \"default\""),
+       required<&RecoveryAction::delay>("delay", "seconds to wait before it"),
+       required<&RecoveryAction::metadata>("metadata", "category and sub_category of the fault",
+                                           "dict[str, typing.Any]")});
 }
 
 }  // namespace
@@ -75,7 +80,7 @@ void bind_diagnosis(nb::module_& module) {
   bind_records(module);
   nb::class_<Diagnoser> cls(module, "Diagnoser",
                             "Labels failed provider requests by HTTP status and error text.");
-  cls.def(nb::init<>())
+  cls.def(nb::init<>(), "Starts without any diagnosis counted.")
       .def(
           "diagnose",
           [](Diagnoser& self, nb::handle error, nb::handle status) {
@@ -109,8 +114,10 @@ void bind_diagnosis(nb::module_& module) {
           nb::sig("def get_latency_stats(self) -> dict[str, float]"),
           "count, p50, p95 and avg of the newest diagnoses in microseconds; empty before the "
           "first.");
-  bind_field(cls, field<&DiagnoserFields::stats>("_stats"));
-  bind_field(cls, field<&DiagnoserFields::latencies>("_latencies"));
+  bind_field(cls, field<&DiagnoserFields::stats>(
+                      "_stats", "how often each category and label was diagnosed"));
+  bind_field(cls, field<&DiagnoserFields::latencies>(
+                      "_latencies", "microseconds of the newest diagnoses, oldest first"));
   bind_field(cls, lock_field<Diagnoser>());
 }
 

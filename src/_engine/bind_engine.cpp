@@ -430,10 +430,8 @@ void bind_engine(nb::module_& module) {
   EngineClass cls(
       module, "SelfHealingEngine",
       "Sends prompts to model providers and heals what goes wrong on the way.\n\n"
-      "`providers`: None finds every preset provider that has a key in `api_keys` or\n"
-      "the environment; a list names presets; a dictionary holds ProviderConfig records\n"
-      "by name. One engine serves any number of threads and event loops. As a context\n"
-      "manager, `with` or `async with`, it closes its HTTP clients on exit.",
+      "One engine serves any number of threads and event loops. As a context manager, `with` or\n"
+      "`async with`, it closes its HTTP clients on exit.",
       nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
   cls.def(
       "__init__",
@@ -444,7 +442,14 @@ void bind_engine(nb::module_& module) {
       },
       arg("providers") = nb::none(), arg("api_keys") = nb::none(),
       nb::sig("def __init__(self, providers: list[str] | dict[str, ProviderConfig] | None = None, "
-              "api_keys: dict[str, str] | None = None) -> None"));
+              "api_keys: dict[str, str] | None = None) -> None"),
+      "Args:\n"
+      "    providers: None finds every preset provider that has a key; a list names presets; a\n"
+      "        dictionary holds ProviderConfig records by name, and is used as it is.\n"
+      "    api_keys: keys by provider name; the environment has those that are missing here.\n\n"
+      "Raises:\n"
+      "    TypeError: an argument of the wrong type.\n"
+      "    ValueError: the list names a provider that is no preset.");
   bind_calls(cls);
   bind_decisions(cls);
   bind_read_outs(cls);

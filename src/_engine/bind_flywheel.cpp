@@ -26,16 +26,20 @@ nb::object rule_from_dict(nb::handle cls, nb::handle d) {
 
 void bind_rule(nb::module_& module) {
   auto cls = bind_record<LearnedRule>(
-      module,
-      "How often one recovery action worked for one fault pattern.\n\n"
-      "`confidence` is the share of successes, `last_seen` wall-clock\n"
-      "seconds, `avg_heal_time_ms` milliseconds.",
-      {required<&LearnedRule::pattern>("pattern"), required<&LearnedRule::action>("action"),
-       field<&LearnedRule::success_count>("success_count"),
-       field<&LearnedRule::fail_count>("fail_count"), field<&LearnedRule::confidence>("confidence"),
-       field<&LearnedRule::last_seen>("last_seen"),
-       field<&LearnedRule::avg_heal_time_ms>("avg_heal_time_ms"),
-       field<&LearnedRule::source>("source"), field<&LearnedRule::heal_times>("_heal_times")});
+      module, "How often one recovery action worked for one fault pattern.",
+      {required<&LearnedRule::pattern>(
+           "pattern", "the fault's label or category, or \"model_request:FAMILY\""),
+       required<&LearnedRule::action>("action", "what was tried, such as \"failover:openai\""),
+       field<&LearnedRule::success_count>("success_count", "how often it worked"),
+       field<&LearnedRule::fail_count>("fail_count", "how often it did not"),
+       field<&LearnedRule::confidence>("confidence", "the share of successes, 0 to 1"),
+       field<&LearnedRule::last_seen>("last_seen",
+                                      "when it was counted last, in wall-clock seconds"),
+       field<&LearnedRule::avg_heal_time_ms>(
+           "avg_heal_time_ms", "the mean of the retained heal times, in milliseconds"),
+       field<&LearnedRule::source>("source", "\"bootstrap\" or \"learned\""),
+       field<&LearnedRule::heal_times>("_heal_times",
+                                       "milliseconds of the newest 50 heals, oldest first")});
   cls.def(
          "update",
          [](LearnedRule& self, Arg<bool, "success"> success,
@@ -211,9 +215,8 @@ void bind_flywheel(nb::module_& module) {
   LearnerClass cls(
       module, "FlywheelLearner",
       "Remembers which recovery worked for which fault, and advises.\n\n"
-      "The table is kept in `persist_path` (None: .tarvomeldric/flywheel_rules.json in\n"
-      "the home directory). With `redis_url` (None: the environment's\n"
-      "TARVOMELDRIC_REDIS_URL) it is shared with every learner on `redis_channel`.",
+      "Its table of rules is kept in a file and, with a Redis, shared with a fleet. No failure of\n"
+      "either is raised: it goes on with what it has. Any thread.",
       nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
   cls.def(
       "__init__",
@@ -229,14 +232,24 @@ void bind_flywheel(nb::module_& module) {
       arg("persist_path") = nb::none(), arg("redis_url") = nb::none(),
       arg("redis_channel") = "tarvomeldric:flywheel",
       nb::sig("def __init__(self, persist_path: str | None = None, redis_url: str | None = None, "
-              "redis_channel: str = 'tarvomeldric:flywheel') -> None"));
+              "redis_channel: str = 'tarvomeldric:flywheel') -> None"),
+      "Reads the rules file, and those of the fleet.\n\n"
+      "Args:\n"
+      "    persist_path: the file; None is .tarvomeldric/flywheel_rules.json in the home "
+      "directory.\n"
+      "    redis_url: the fleet's Redis; None asks the environment's TARVOMELDRIC_REDIS_URL.\n"
+      "    redis_channel: the fleet's channel; its rules are in the hash of this name + "
+      "\":rules\".\n\n"
+      "Raises:\n"
+      "    TypeError: an argument of the wrong type.");
   bind_use(cls);
   bind_keeping(cls);
   bind_fleet(cls);
-  bind_field(cls, field<&LearnerFields::rules>("_rules"));
-  bind_field(cls, field<&LearnerFields::records>("_records"));
-  bind_field(cls, field<&LearnerFields::bootstrap_loaded>("_bootstrap_loaded"));
-  bind_field(cls, field<&LearnerFields::sync_mode>("_sync_mode"));
+  bind_field(cls, field<&LearnerFields::rules>("_rules", "the rules by \"PATTERN:ACTION\""));
+  bind_field(cls, field<&LearnerFields::records>("_records", "outcomes counted by this learner"));
+  bind_field(cls, field<&LearnerFields::bootstrap_loaded>(
+                      "_bootstrap_loaded", "whether it started from the bootstrap rules"));
+  bind_field(cls, field<&LearnerFields::sync_mode>("_sync_mode", "\"redis\" or \"local\""));
   bind_field(cls, lock_field<HostLearner>());
 }
 

@@ -15,17 +15,24 @@ void bind_breaker(nb::module_& module) {
   bind_record<CircuitBreaker>(
       module,
       "Bars traffic to what keeps failing.\n\n"
-      "It opens on `failure_threshold` (5) failures in a row, or when at least\n"
-      "`error_rate_threshold` (0.5) of a window of `window_size` (20) outcomes failed; it is\n"
-      "half-open when asked `cooldown_seconds` (30.0) later, and closed by the next success.\n"
-      "Times are wall-clock seconds since the epoch.",
-      {field<&F::failure_threshold>("failure_threshold"),
-       field<&F::error_rate_threshold>("error_rate_threshold"),
-       field<&F::window_size>("window_size"), field<&F::cooldown_seconds>("cooldown_seconds"),
-       field<&F::half_open_max>("half_open_max"), field<&F::state>("_state"),
-       field<&F::consecutive_fails>("_consecutive_fails"), field<&F::window>("_window"),
-       field<&F::opened_at>("_opened_at"), field<&F::half_open_tries>("_half_open_tries"),
-       field<&F::last_provider>("_last_provider"), field<&F::trip_count>("_trip_count")})
+      "It opens on `failure_threshold` failures in a row, or when at least\n"
+      "`error_rate_threshold` of the newest outcomes failed; it is half-open when asked\n"
+      "`cooldown_seconds` later, and closed by the next success.",
+      {field<&F::failure_threshold>("failure_threshold", "failures in a row that open it"),
+       field<&F::error_rate_threshold>("error_rate_threshold",
+                                       "share of failures, 0 to 1, in a full window that opens it"),
+       field<&F::window_size>("window_size",
+                              "outcomes it takes for the share to count; the newest 20 are kept"),
+       field<&F::cooldown_seconds>("cooldown_seconds",
+                                   "seconds that an open breaker bars traffic for"),
+       field<&F::half_open_max>("half_open_max", "probes let through while half-open"),
+       field<&F::state>("_state", "whether traffic may pass; closed at first"),
+       field<&F::consecutive_fails>("_consecutive_fails", "failures since the last success"),
+       field<&F::window>("_window", "the newest outcomes, oldest first; True is a success"),
+       field<&F::opened_at>("_opened_at", "when it opened, in wall-clock seconds"),
+       field<&F::half_open_tries>("_half_open_tries", "probes counted since it turned half-open"),
+       field<&F::last_provider>("_last_provider", "whose failure was counted last"),
+       field<&F::trip_count>("_trip_count", "how often it opened")})
       .def(
           "record_success",
           [](CircuitBreaker& self, Arg<std::string, "provider"> provider) {
@@ -67,11 +74,15 @@ void bind_limiter(nb::module_& module) {
   using F = RateLimiterFields;
   bind_record<RateLimiter>(
       module,
-      "A token bucket: a burst of `max_tokens` (60), then `refill_rate` (10.0) a second.\n\n"
+      "A token bucket: a burst of `max_tokens`, then `refill_rate` a second.\n\n"
       "A limiter that is wide open: RateLimiter(max_tokens=N, refill_rate=R, _tokens=N).",
-      {field<&F::max_tokens>("max_tokens"), field<&F::refill_rate>("refill_rate"),
-       field<&F::tokens>("_tokens"), varying(field<&F::last_refill>("_last_refill")),
-       lock_field<RateLimiter>(), field<&F::rejected>("_rejected")},
+      {field<&F::max_tokens>("max_tokens", "the most tokens it holds: the largest burst"),
+       field<&F::refill_rate>("refill_rate", "tokens that come back in a second"),
+       field<&F::tokens>("_tokens", "tokens that are there, as of the last refill"),
+       varying(field<&F::last_refill>("_last_refill",
+                                      "when that was, in wall-clock seconds (the present)")),
+       lock_field<RateLimiter>(),
+       field<&F::rejected>("_rejected", "requests that found too few tokens")},
       [] { return RateLimiter().snapshot(); })
       .def(
           "acquire",
@@ -89,9 +100,13 @@ void bind_limiter(nb::module_& module) {
 void bind_bulkhead(nb::module_& module) {
   using F = BulkheadFields;
   bind_record<Bulkhead>(
-      module, "Caps the requests in flight to one provider at `max_concurrent` (10).",
-      {field<&F::max_concurrent>("max_concurrent"), own_part(field<&F::semaphore>("_semaphore")),
-       field<&F::active>("_active"), field<&F::rejected>("_rejected"), lock_field<Bulkhead>()})
+      module, "Caps the requests in flight to one provider.",
+      {field<&F::max_concurrent>("max_concurrent", "slots: requests in flight at most"),
+       own_part(
+           field<&F::semaphore>("_semaphore", "the slots that are free, and who waits for one")),
+       field<&F::active>("_active", "slots that are taken"),
+       field<&F::rejected>("_rejected", "requests that got no slot in time"),
+       lock_field<Bulkhead>()})
       .def(
           "acquire",
           [](Bulkhead& self, Arg<double, "timeout"> timeout) {
@@ -99,7 +114,8 @@ void bind_bulkhead(nb::module_& module) {
           },
           arg("timeout") = 2.0, nb::sig("def acquire(self, timeout: float = 2.0) -> bool"),
           "Waits at most `timeout` seconds for a slot; returns whether it was granted.")
-      .def("release", &Bulkhead::release, "Gives a slot back.")
+      .def("release", &Bulkhead::release,
+           "Gives a slot back. Each one adds a slot: call it once for every granted `acquire`.")
       .def(
           "to_dict", [](Bulkhead& self) { return to_dict(self); },
           nb::sig("def to_dict(self) -> dict[str, typing.Any]"), "active, max and rejected.");

@@ -10,7 +10,7 @@ namespace tarvomeldric::host {
 void bind_observability(nb::module_& module) {
   nb::class_<MetricsCollector> cls(module, "MetricsCollector",
                                    "Named counters, gauges and histograms of one engine.");
-  cls.def(nb::init<>())
+  cls.def(nb::init<>(), "Starts without any metric.")
       .def(
           "inc",
           [](MetricsCollector& self, Arg<std::string, "name"> name,
@@ -62,9 +62,10 @@ void bind_observability(nb::module_& module) {
           "health_endpoint", [](const MetricsCollector& self) { return health_of(self); },
           nb::sig("def health_endpoint(self) -> dict[str, typing.Any]"),
           "A health document: status, version, uptime_checks, error_count, metrics_summary.");
-  bind_field(cls, field<&MetricsFields::counters>("_counters"));
-  bind_field(cls, field<&MetricsFields::gauges>("_gauges"));
-  bind_field(cls, field<&MetricsFields::histograms>("_histograms"));
+  bind_field(cls, field<&MetricsFields::counters>("_counters", "counters by name"));
+  bind_field(cls, field<&MetricsFields::gauges>("_gauges", "gauges by name"));
+  bind_field(cls,
+             field<&MetricsFields::histograms>("_histograms", "samples by name, oldest first"));
   bind_field(cls, lock_field<MetricsCollector>());
 }
 

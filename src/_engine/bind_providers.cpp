@@ -14,18 +14,26 @@ ProviderFields default_fields() { return ProviderConfig().snapshot(); }
 
 nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
   return bind_record<ProviderConfig>(
-      module,
-      "One provider: where its API lives, the key, how it has been doing, and its guards.\n\n"
-      "Request paths are appended to `base_url` as they are. `last_error_time` is wall-clock\n"
-      "seconds; the latencies are milliseconds.",
-      {required<&F::name>("name"), required<&F::base_url>("base_url"),
-       secret(required<&F::api_key>("api_key")), field<&F::models>("models"),
-       field<&F::healthy>("healthy"), field<&F::success_count>("success_count"),
-       field<&F::fail_count>("fail_count"), field<&F::last_error>("last_error"),
-       field<&F::last_error_time>("last_error_time"), field<&F::circuit_breaker>("circuit_breaker"),
-       field<&F::category_circuit_breakers>("_category_circuit_breakers"),
-       field<&F::rate_limiter>("rate_limiter"), field<&F::bulkhead>("bulkhead"),
-       field<&F::recent_latencies>("_recent_latencies")},
+      module, "One provider: where its API lives, the key, how it has been doing, and its guards.",
+      {required<&F::name>("name", "what it is called in the registry, results and errors"),
+       required<&F::base_url>("base_url",
+                              "where its API is; request paths are appended as they are"),
+       secret(required<&F::api_key>("api_key", "the key; never shown")),
+       field<&F::models>("models", "its models, in order of preference; none by default"),
+       field<&F::healthy>("healthy", "whether it may be called at all; a success sets it"),
+       field<&F::success_count>("success_count", "attempts that were answered"),
+       field<&F::fail_count>("fail_count", "attempts that failed"),
+       field<&F::last_error>("last_error", "the text of the last failure; empty after a success"),
+       field<&F::last_error_time>("last_error_time", "when that was, in wall-clock seconds"),
+       field<&F::circuit_breaker>("circuit_breaker",
+                                  "bars traffic while too much fails; a fresh one by default"),
+       field<&F::category_circuit_breakers>("_category_circuit_breakers",
+                                            "breakers by category of faults, made on first use"),
+       field<&F::rate_limiter>("rate_limiter",
+                               "limits the requests a second; a fresh one by default"),
+       field<&F::bulkhead>("bulkhead", "limits the requests in flight; a fresh one by default"),
+       field<&F::recent_latencies>("_recent_latencies",
+                                   "milliseconds of the newest 100 successes, oldest first")},
       default_fields);
 }
 

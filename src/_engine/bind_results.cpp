@@ -10,17 +10,23 @@ namespace {
 
 void bind_trace(nb::module_& module) {
   bind_record<MapeKTrace>(
-      module,
-      "What one call did, stage by stage.\n\n"
-      "`phases` holds (phase, time of entry in microseconds of the monotonic\n"
-      "clock); `total_loop_us` is the duration of the whole pass.",
-      {required<&MapeKTrace::request_id>("request_id"), field<&MapeKTrace::phases>("phases"),
-       field<&MapeKTrace::monitor_result>("monitor_result"),
-       field<&MapeKTrace::analyze_result>("analyze_result"),
-       field<&MapeKTrace::plan_result>("plan_result"),
-       field<&MapeKTrace::execute_result>("execute_result"),
-       field<&MapeKTrace::knowledge_recorded>("knowledge_recorded"),
-       field<&MapeKTrace::total_loop_us>("total_loop_us")})
+      module, "What one call did, stage by stage.",
+      {required<&MapeKTrace::request_id>("request_id", "the call's own name"),
+       field<&MapeKTrace::phases>(
+           "phases", "(phase, time of entry in microseconds of the monotonic clock), in order"),
+       field<&MapeKTrace::monitor_result>(
+           "monitor_result",
+           "\"provider_selected\", \"no_provider\", or the category of the first fault"),
+       field<&MapeKTrace::analyze_result>("analyze_result",
+                                          "\"nominal\", or the finer label of the first fault"),
+       field<&MapeKTrace::plan_result>(
+           "plan_result",
+           "\"direct\", \"blocked\", \"blocked_oob\", or the latest level of healing"),
+       field<&MapeKTrace::execute_result>("execute_result", "\"ok\", \"healed\" or \"failed\""),
+       field<&MapeKTrace::knowledge_recorded>("knowledge_recorded",
+                                              "whether the learner has heard of the outcome"),
+       field<&MapeKTrace::total_loop_us>("total_loop_us",
+                                         "the duration of the whole pass, in microseconds")})
       .def(
           "enter",
           [](MapeKTrace& self, Arg<MapeKPhase, "phase"> phase) { self.enter(phase.get()); },
@@ -37,26 +43,33 @@ void bind_trace(nb::module_& module) {
 void bind_results(nb::module_& module) {
   bind_trace(module);
   bind_record<CallResult>(
-      module,
-      "What a call hands back: the answer, where it came from and how it was healed.\n\n"
-      "`text` is the answer (None when the provider's was null), `latency_ms` the duration of\n"
-      "the attempt that answered, `heal_level` \"\", \"l1_retry\", \"l2_downgrade\",\n"
-      "\"l3_failover\" or \"l4_learned\", `fault` the Diagnosis of the last fault on the way,\n"
-      "`mapek_trace` the trace as a dictionary, `raw_response` the decoded body of a\n"
-      "first-attempt answer.",
-      {required<&CallResult::text>("text", "str | typing.Any"),
-       required<&CallResult::provider>("provider"), required<&CallResult::model>("model"),
-       field<&CallResult::success>("success"),
-       field<&CallResult::fault>("fault", "Diagnosis | None"),
-       field<&CallResult::original_provider>("original_provider"),
-       field<&CallResult::original_model>("original_model"),
-       field<&CallResult::latency_ms>("latency_ms"), field<&CallResult::from_cache>("from_cache"),
-       field<&CallResult::downgraded>("downgraded"), field<&CallResult::heal_level>("heal_level"),
-       field<&CallResult::semantic_domain>("semantic_domain"),
-       field<&CallResult::validation_passed>("validation_passed"),
-       field<&CallResult::contract_result>("contract_result", "dict[str, typing.Any] | None"),
-       field<&CallResult::mapek_trace>("mapek_trace"),
-       field<&CallResult::raw_response>("raw_response")});
+      module, "What a call hands back: the answer, where it came from and how it was healed.",
+      {required<&CallResult::text>("text", "the answer; None when the provider's was null",
+                                   "str | typing.Any"),
+       required<&CallResult::provider>("provider", "who answered"),
+       required<&CallResult::model>("model", "the model that answered"),
+       field<&CallResult::success>("success", "always: a call that failed raises"),
+       field<&CallResult::fault>("fault", "the Diagnosis of the last fault on the way, or None",
+                                 "Diagnosis | None"),
+       field<&CallResult::original_provider>("original_provider",
+                                             "whom the call was first meant for"),
+       field<&CallResult::original_model>("original_model", "the model that was first meant"),
+       field<&CallResult::latency_ms>("latency_ms",
+                                      "the duration of the attempt that answered, in milliseconds"),
+       field<&CallResult::from_cache>("from_cache", "never: nothing is cached"),
+       field<&CallResult::downgraded>("downgraded", "whether a cheaper model answered"),
+       field<&CallResult::heal_level>(
+           "heal_level", "\"\", \"l1_retry\", \"l2_downgrade\", \"l3_failover\" or \"l4_learned\""),
+       field<&CallResult::semantic_domain>(
+           "semantic_domain", "the value of the SemanticDomain that bounded the healing"),
+       field<&CallResult::validation_passed>(
+           "validation_passed", "whether the contract holds; None when none was applied"),
+       field<&CallResult::contract_result>("contract_result",
+                                           "the contract's verdict as a dictionary, or None",
+                                           "dict[str, typing.Any] | None"),
+       field<&CallResult::mapek_trace>("mapek_trace", "the trace as a dictionary"),
+       field<&CallResult::raw_response>("raw_response",
+                                        "the decoded body of a first-attempt answer")});
 }
 
 }  // namespace tarvomeldric::host

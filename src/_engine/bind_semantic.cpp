@@ -10,12 +10,13 @@ namespace {
 void bind_topology(nb::module_& module) {
   bind_record<SemanticClassification>(
       module, "The domain of a request or answer, why, and its tolerance.",
-      {required<&SemanticClassification::domain>("domain"),
-       required<&SemanticClassification::reason>("reason"),
-       field<&SemanticClassification::tau_threshold>("tau_threshold")});
+      {required<&SemanticClassification::domain>("domain", "how far a call may be healed"),
+       required<&SemanticClassification::reason>("reason", "why"),
+       field<&SemanticClassification::tau_threshold>(
+           "tau_threshold", "the tolerance, 0 to 1, of the tolerant domain")});
   nb::class_<SemanticTopology>(module, "SemanticTopology",
                                "Sorts requests and answers into the three semantic domains.")
-      .def(nb::init<>())
+      .def(nb::init<>(), "Takes nothing: the sorting is fixed.")
       .def(
           "classify_request",
           [](const SemanticTopology& self, Arg<std::string, "task_type"> task_type,

@@ -16,6 +16,9 @@ void initialize(nb::handle self, nb::handle message) {
   self.attr("args") = nb::make_tuple(message);
 }
 
+constexpr const char* kMakeDoc =
+    "Takes the message and what is to be kept beside it; TypeError for one of the wrong type.";
+
 void require_text(nb::handle value, const char* name) {
   if (!PyUnicode_Check(value.ptr())) refuse_argument(name, "str", value);
 }
@@ -42,7 +45,8 @@ void bind_api_error(nb::module_& module) {
       },
       nb::scope(api_error), nb::name("__init__"), nb::is_method(), arg("message"),
       arg("status_code") = nb::none(),
-      nb::sig("def __init__(self, message: str, status_code: float | None = None) -> None"));
+      nb::sig("def __init__(self, message: str, status_code: float | None = None) -> None"),
+      kMakeDoc);
 }
 
 void bind_contract_violation(nb::module_& module) {
@@ -58,7 +62,8 @@ void bind_contract_violation(nb::module_& module) {
       },
       nb::scope(contract_violation), nb::name("__init__"), nb::is_method(), arg("message"),
       arg("contract_result") = nb::none(),
-      nb::sig("def __init__(self, message: str, contract_result: typing.Any = None) -> None"));
+      nb::sig("def __init__(self, message: str, contract_result: typing.Any = None) -> None"),
+      kMakeDoc);
 }
 
 void bind_boundary_violation(nb::module_& module) {
@@ -76,7 +81,8 @@ void bind_boundary_violation(nb::module_& module) {
       },
       nb::scope(boundary_violation), nb::name("__init__"), nb::is_method(), arg("message"),
       arg("domain") = "", arg("reason") = "",
-      nb::sig("def __init__(self, message: str, domain: str = '', reason: str = '') -> None"));
+      nb::sig("def __init__(self, message: str, domain: str = '', reason: str = '') -> None"),
+      kMakeDoc);
 }
 
 PyObject* host_type(nb::exception_type kind) {

@@ -127,6 +127,18 @@ std::string RecordTable::signature(void* defaults) const {
   return text + ") -> None";
 }
 
+std::string RecordTable::manual(void* defaults) const {
+  std::string text = "\n\nArgs:";
+  for (const Field& field : fields) {
+    if (field.own) continue;
+    text += "\n    " + std::string(field.name);
+    const std::string value = default_text(field, defaults);
+    if (!field.required && value != "...") text += " (" + value + ")";
+    text += ": " + std::string(field.doc);
+  }
+  return text;
+}
+
 nb::tuple RecordTable::match_args() const {
   nb::list names;
   for (const Field& field : fields) names.append(nb::str(field.name));

@@ -22,6 +22,7 @@ namespace tarvomeldric::host {
 // How one field is read and written, free of its type.
 struct Field {
   const char* name;
+  const char* doc;
   std::string type;
   bool (*set)(void* fields, nb::handle value);                // false: a value of another type
   nb::object (*live)(nb::handle owner, void* fields);         // as the host sees it
@@ -49,14 +50,16 @@ MemberOf<F, M> member_of(M F::*);
 
 }  // namespace detail
 
-// `type` says what a field that takes any host object is meant to hold.
+// `doc` says what the field means, with its unit; `type` what one that takes any host object is
+// meant to hold.
 template <auto Pointer>
-Field field(const char* name, const char* type = nullptr) {
+Field field(const char* name, const char* doc, const char* type = nullptr) {
   using Of = decltype(detail::member_of(Pointer));
   using F = typename Of::Fields;
   using M = typename Of::Member;
   Field made{};
   made.name = name;
+  made.doc = doc;
   made.type = type ? type : Convert<M>::kName.text;
   made.set = [](void* fields, nb::handle value) {
     M converted{};
@@ -80,8 +83,8 @@ Field field(const char* name, const char* type = nullptr) {
 }
 
 template <auto Pointer>
-Field required(const char* name, const char* type = nullptr) {
-  Field made = field<Pointer>(name, type);
+Field required(const char* name, const char* doc, const char* type = nullptr) {
+  Field made = field<Pointer>(name, doc, type);
   made.required = true;
   return made;
 }
@@ -99,6 +102,7 @@ template <class T>
 Field lock_field() {
   Field lock{};
   lock.name = "_lock";
+  lock.doc = "held while the guarded fields change";
   lock.type = "Lock";
   lock.live = [](nb::handle owner, void*) -> nb::object {
     return nb::cast(&nb::inst_ptr<T>(owner)->mutex(), nb::rv_policy::reference_internal, owner);
@@ -147,6 +151,8 @@ struct RecordTable {
   // The text of the constructor's signature; `defaults` are fields as a record without arguments
   // has.
   std::string signature(void* defaults) const;
+  // What the class documentation says of the fields.
+  std::string manual(void* defaults) const;
   nb::tuple match_args() const;
 };
 
@@ -175,7 +181,7 @@ void bind_field(nb::class_<T, Extra...>& cls, Field bound) {
     return field->live(self.h, &fields_of(*self.p));
   };
   if (!field->assignable) {
-    cls.def_prop_ro(field->name, get, nb::sig(getter.c_str()));
+    cls.def_prop_ro(field->name, get, nb::sig(getter.c_str()), field->doc);
     return;
   }
   const std::string setter =
@@ -185,14 +191,14 @@ void bind_field(nb::class_<T, Extra...>& cls, Field bound) {
       [field](T& self, nb::handle value) {
         assign_field(HostName<T>::value.text, &fields_of(self), *field, value);
       },
-      nb::for_getter(nb::sig(getter.c_str())), nb::for_setter(nb::sig(setter.c_str())),
-      nb::for_setter(nb::arg("value").none()));
+      nb::for_getter(nb::sig(getter.c_str())), nb::for_getter(field->doc),
+      nb::for_setter(nb::sig(setter.c_str())), nb::for_setter(nb::arg("value").none()));
 }
 
 // `make_defaults` gives the fields that a record without arguments starts from.
 template <class T>
 nb::class_<T> bind_record(
-    nb::module_& module, const char* doc, std::vector<Field> fields,
+    nb::module_& module, const std::string& doc, std::vector<Field> fields,
     FieldsOf<T> (*make_defaults)() = [] { return FieldsOf<T>{}; }) {
   const char* name = HostName<T>::value.text;
   auto* table = new RecordTable{name, std::move(fields), [](PyObject* self) -> void* {
@@ -202,8 +208,8 @@ nb::class_<T> bind_record(
   PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_record<T>)},
                          {Py_tp_clear, reinterpret_cast<void*>(clear_record<T>)},
                          {0, nullptr}};
-  nb::class_<T> cls(module, name, doc, nb::type_slots(slots));
   auto defaults = make_defaults();
+  nb::class_<T> cls(module, name, (doc + table->manual(&defaults)).c_str(), nb::type_slots(slots));
   cls.def(
       "__init__",
       [table, make_defaults](T* self, const nb::args& args, const nb::kwargs& kwargs) {
@@ -211,7 +217,8 @@ nb::class_<T> bind_record(
         table->fill(&filled, args, kwargs);
         new (self) T(std::move(filled));
       },
-      nb::sig(table->signature(&defaults).c_str()));
+      nb::sig(table->signature(&defaults).c_str()),
+      "Takes the fields in their order or by name; TypeError names one of the wrong type.");
   for (const Field& field : table->fields) bind_field(cls, field);
   cls.def(
       "__repr__",

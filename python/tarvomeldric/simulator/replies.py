@@ -35,7 +35,7 @@ class Fault(str, Enum):
 
 @dataclass(frozen=True)
 class Raw:
-    """A piece of a stream that is sent exactly as given, line ends included.
+    """A piece of a stream: its ``content`` is sent exactly as given, line ends included.
 
     Comment lines, junk, half an event or bytes that are not UTF-8 are written this way:
     ``Raw(": keep-alive\\n\\n")``, ``Raw("data: {oops\\n\\n")``, ``Raw(b"\\xff\\n")``.
