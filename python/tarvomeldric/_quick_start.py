@@ -4,14 +4,16 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
-import importlib
 import signal
 import sys
 import threading
 from collections.abc import Iterator
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from tarvomeldric import _engine
+
+if TYPE_CHECKING:
+    import httpx
 
 _TIMEOUT = 10.0  # seconds
 _INSISTING = 0.05  # seconds between two cancellations of a check
@@ -21,9 +23,7 @@ _TIDYING = 1.0  # seconds, at most, for a check that is given up
 async def check_provider(base_url: str, api_key: str, model: str) -> bool:
     """Whether a provider answers a tiny chat request with this key; no failure is raised."""
     try:
-        import httpx
-
-        async with httpx.AsyncClient() as client:
+        async with await asyncio.to_thread(_new_client) as client:
             response = await client.post(
                 base_url + "/chat/completions",
                 headers={"Authorization": "Bearer " + api_key, "Content-Type": "application/json"},
@@ -39,6 +39,13 @@ async def check_provider(base_url: str, api_key: str, model: str) -> bool:
         return False
 
 
+def _new_client() -> httpx.AsyncClient:
+    """Takes so long that a loop would stand still for it: loads the HTTP library and the certificates."""
+    import httpx
+
+    return httpx.AsyncClient()
+
+
 def probe(name: str, base_url: str, api_key: str) -> bool:
     """Runs the check on this thread's event loop; where there is none to run it on, the key counts as good."""
     if _is_running():
@@ -51,9 +58,6 @@ def probe(name: str, base_url: str, api_key: str) -> bool:
 
 
 def _run(loop: asyncio.AbstractEventLoop, name: str, base_url: str, api_key: str) -> bool:
-    for library in ("httpx", "httpcore"):  # takes so long that a loop in debug mode would complain
-        with contextlib.suppress(Exception):
-            importlib.import_module(library)
     check = loop.create_task(_engine._check_provider(name, base_url, api_key))
     try:
         with _interrupts_cancel(check, loop):
@@ -109,6 +113,7 @@ def _loop() -> Iterator[asyncio.AbstractEventLoop]:
         yield loop
         loop.run_until_complete(loop.shutdown_asyncgens())
     finally:
+        loop.run_until_complete(loop.shutdown_default_executor())
         loop.close()
 
 
