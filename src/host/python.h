@@ -23,7 +23,7 @@ using namespace nb::literals;
 // pass on; it is parked here instead, and the process leaves without it. (What it is caught by
 // refers to nothing, which the sanitizer would mind.)
 template <class F>
-[[gnu::no_sanitize("null")]] decltype(auto) host_call(F&& f) {
+__attribute__((no_sanitize("null", "alignment"))) decltype(auto) host_call(F&& f) {
   try {
     return std::forward<F>(f)();
   } catch (abi::__forced_unwind&) {
