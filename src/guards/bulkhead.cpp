@@ -42,6 +42,7 @@ void Bulkhead::give_back(const std::shared_ptr<Semaphore>& granting) {
 void Bulkhead::reset_after_fork() {
   mutex_.reset_after_fork();
   MutexLock lock(mutex_);
+  fields_.semaphore->reset_after_fork();
   fields_.semaphore = std::make_shared<Semaphore>(fields_.max_concurrent);
   fields_.active = 0;
 }

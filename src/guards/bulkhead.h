@@ -34,7 +34,8 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
   // after a fork, takes its slots along: they are not counted here any more.
   void give_back(const std::shared_ptr<Semaphore>& granting);
 
-  // In the child of a fork nobody holds a slot: its lock and all its permits are new.
+  // In the child of a fork nobody holds a slot: its lock and all its permits are new. What is given
+  // back to the semaphore from before the fork goes nowhere.
   void reset_after_fork();
 };
 

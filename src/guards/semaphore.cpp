@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <new>
 
 #include "support/blocking.h"
 
@@ -98,6 +99,9 @@ void Semaphore::leave(Waiter& waiter) {
   }
   wake_waiters();
 }
+
+// Without the destructor: a lock that somebody holds cannot be destroyed.
+void Semaphore::reset_after_fork() { new (this) Semaphore(0, clock_); }
 
 std::int64_t Semaphore::permits() const {
   InnerLock lock(inner_);

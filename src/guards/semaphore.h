@@ -53,6 +53,10 @@ class Semaphore {
   bool look(Waiter& waiter);
   void leave(Waiter& waiter);
 
+  // For the child of a fork, in which the threads that held permits, or the inner lock, do not
+  // exist: without a permit and with nobody in line.
+  void reset_after_fork();
+
   std::int64_t permits() const;
   std::size_t waiting() const;
 
