@@ -78,6 +78,15 @@ def providers_at(base_url: str) -> Iterator[None]:
         yield
 
 
+def drive(coroutine: Any) -> Any:
+    """Runs a coroutine whose every wait is over at once, without an event loop around it."""
+    try:
+        while True:
+            coroutine.send(None)
+    except StopIteration as done:
+        return done.value
+
+
 def until(condition: Callable[[], bool], patience: float = 10.0) -> None:
     deadline = time.monotonic() + patience
     while not condition():

@@ -61,6 +61,7 @@ async def worst_lag(work: Any) -> float:
     return worst
 
 
+@pytest.mark.uninstrumented
 @LOOPS
 def test_a_hundred_coroutines_share_ten_slots_without_holding_up_the_loop(run: Any) -> None:
     async def main() -> None:

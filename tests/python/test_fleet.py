@@ -212,6 +212,7 @@ def test_threads_and_coroutines_share_a_learner(server: Server) -> None:
     until(lambda: learned(other).keys() == learned(learner).keys())
 
 
+@pytest.mark.uninstrumented
 def test_the_loop_goes_on_while_rules_are_shared(server: Server) -> None:
     async def worst_pause(work: Any) -> float:
         task, ticks = asyncio.ensure_future(work), [time.perf_counter()]

@@ -5,7 +5,6 @@ from __future__ import annotations
 
 import asyncio
 import gc
-import signal
 import sys
 import time
 import weakref
@@ -15,7 +14,7 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from helpers import engine_with, provider, start_child, state_of
+from helpers import engine_with, provider, state_of
 
 import tarvomeldric as tm
 from tarvomeldric import APIError, Contract, SelfHealingEngine, SemanticDomain
@@ -291,30 +290,6 @@ def test_telemetry_hears_what_healed_and_changes_nothing_by_failing(
         report["latency_ms"] = result.latency_ms
         expected = {"report": [report], "constructor": [{}] * len(reports)}
         assert reports == expected.get(failing, [])
-
-
-INTERRUPTED = """
-import time
-from helpers import engine_with, provider, state_of
-sleep = time.sleep
-def announced(seconds):
-    print("asleep", seconds, flush=True)
-    sleep(1000)
-time.sleep = announced
-engine = engine_with(provider())
-try:
-    engine.call_sync("Hi")
-except KeyboardInterrupt:
-    print(state_of(engine._providers["mine"]), engine._read_counters()["heal_count"])
-"""
-
-
-def test_ctrl_c_ends_a_back_off_at_once() -> None:
-    child = start_child(INTERRUPTED)
-    assert child.stdout
-    assert child.stdout.readline() == "asleep 1.0\n"
-    child.send_signal(signal.SIGINT)
-    assert child.communicate(timeout=30) == ("(10, 0, 0) 0\n", "")
 
 
 def test_the_loop_goes_on_during_a_back_off() -> None:

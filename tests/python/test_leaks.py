@@ -11,12 +11,12 @@ import gc
 import pickle
 import sys
 import weakref
-from collections.abc import Callable, Iterator
+from collections.abc import AsyncIterator, Callable, Iterator
 from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from helpers import engine_with, provider, run_child, start_child, tireless
+from helpers import drive, engine_with, provider, run_child, start_child, tireless
 
 import tarvomeldric as tm
 from tarvomeldric import APIError, Diagnosis, FaultCategory, LearnedRule, MapeKPhase
@@ -39,9 +39,27 @@ class Client:
         return SimpleNamespace(status_code=status, text="busy", json=lambda: body)
 
 
+class Streamed:
+    status_code = 200
+
+    async def aiter_text(self) -> AsyncIterator[str]:
+        yield "data: 1\ndata: [DONE]\n"
+
+    async def __aenter__(self) -> Streamed:
+        return self
+
+    async def aclose(self, *_: object) -> None:
+        pass
+
+    __aexit__ = aclose
+
+
 class AwaitedClient(Client):
     async def post(self, *_: Any, **__: Any) -> Any:
         return super().post()
+
+    def stream(self, *_: Any, **__: Any) -> Streamed:
+        return Streamed()
 
 
 class Pending:
@@ -54,15 +72,6 @@ def engine_on(*statuses: int) -> Any:
     engine._sync_client_pool["mine"] = Client(*statuses)
     engine._http_pool["mine"] = AwaitedClient(*statuses)
     return engine
-
-
-def run(coroutine: Any) -> Any:
-    """Drives a coroutine that never has to wait."""
-    try:
-        coroutine.send(None)
-    except StopIteration as done:
-        return done.value
-    raise AssertionError("it waits")
 
 
 def refused(error: type[BaseException] | tuple[type[BaseException], ...], act: Any) -> None:
@@ -107,9 +116,9 @@ class World:
         self.diagnosis = Diagnosis("timeout", 0.5, True, False)
         exact = tm.SemanticTopology().classify_request("", True)
         self.failing = "Hi", None, "other", self.diagnosis, exact, "other", "m", "r"
-        self.suspended = lambda: self.start(self.pending.call("Hi"))
 
-    def start(self, coroutine: Any) -> Any:
+    def suspended(self) -> Any:
+        coroutine = self.pending.call("Hi")
         coroutine.send(None)
         return coroutine
 
@@ -139,18 +148,22 @@ def use_records(world: World) -> None:
         use_record(record)
 
 
+async def events(world: World) -> list[Any]:
+    return [event async for event in world.good._execute_stream(world.record, "Hi", "m")]
+
+
 FAILURES = (APIError, RuntimeError)
 Operation = Callable[[World], Any]
 OPERATIONS: dict[str, Operation] = {
     "call_sync": lambda w: w.good.call_sync("Hi", "m", temperature=0.5, request_id="r"),
-    "call": lambda w: run(w.good.call("Hi", "m", temperature=0.5, request_id="r")),
+    "call": lambda w: drive(w.good.call("Hi", "m", temperature=0.5, request_id="r")),
     "healed call_sync": lambda w: w.healing.call_sync("Hi", contract=SCHEMA),
-    "healed call": lambda w: run(w.healing.call("Hi", contract=SCHEMA)),
+    "healed call": lambda w: drive(w.healing.call("Hi", contract=SCHEMA)),
     "failing call_sync": lambda w: refused(FAILURES, lambda: w.bad.call_sync("Hi")),
-    "failing call": lambda w: refused(FAILURES, lambda: run(w.bad.call("Hi"))),
+    "failing call": lambda w: refused(FAILURES, lambda: drive(w.bad.call("Hi"))),
     "failover": lambda w: w.good._failover_sync(*w.failing),
     "broken contract": lambda w: refused(
-        tm.ContractViolationError, lambda: run(w.good._failover(*w.failing, contract=STRICT))
+        tm.ContractViolationError, lambda: drive(w.good._failover(*w.failing, contract=STRICT))
     ),
     "out of bounds": lambda w: refused(
         tm.SemanticBoundaryViolationError,
@@ -165,7 +178,9 @@ OPERATIONS: dict[str, Operation] = {
         asyncio.CancelledError, lambda: w.suspended().throw(asyncio.CancelledError())
     ),
     "in a cycle": lambda w: setattr(w.pending, "held", w.suspended()),
-    "_execute": lambda w: run(w.good._execute(w.record, "Hi", "m")),
+    "_execute": lambda w: drive(w.good._execute(w.record, "Hi", "m")),
+    "stream": lambda w: drive(events(w)),
+    "page": lambda w: tm._engine._build_dashboard(w.good),
     "contract": lambda w: SCHEMA.validate('{"a": 1}').to_dict(),
     "diagnose": lambda w: w.good._diagnoser.diagnose("429 too many requests", 429),
     "suggest_recovery": lambda w: w.good._diagnoser.suggest_recovery(w.diagnosis, "p", "m"),
@@ -305,48 +320,27 @@ def test_a_program_that_used_everything_ends_without_a_leak() -> None:
     assert run_child(ENDING, "none", strict=False) == ""
 
 
-def with_attributes(cls: Any, *arguments: Any) -> Any:
+def own(cls: Any, *arguments: Any) -> Any:
     """A part of a class of the host's own, whose instances take attributes."""
     return type(cls.__name__, (cls,), {})(*arguments)
 
 
-def own_provider(engine: Any) -> Any:
-    made = with_attributes(tm.ProviderConfig, "other", "http://127.0.0.1:9", "key")
-    engine.add_provider(made)
-    return made
-
-
-def own_breaker(engine: Any) -> Any:
-    made = engine._providers["mine"].circuit_breaker = with_attributes(tm.CircuitBreaker)
-    return made
-
-
-def own_category_breaker(engine: Any) -> Any:
-    made = with_attributes(tm.CircuitBreaker)
-    engine._providers["mine"]._category_circuit_breakers["timeout"] = made
-    return made
-
-
-def own_learner(engine: Any) -> Any:
-    made = engine._learner = with_attributes(tm.FlywheelLearner)
-    return made
-
-
-def own_rule(engine: Any) -> Any:
-    made = engine._learner._rules["own"] = with_attributes(LearnedRule, "own", "act")
-    return made
-
-
-@pytest.mark.parametrize(
-    "own", [own_provider, own_breaker, own_category_breaker, own_learner, own_rule]
-)
-def test_an_engine_whose_part_refers_back_to_it_is_collected(own: Any) -> None:
+@pytest.mark.parametrize("place", ["provider", "breaker", "category", "learner", "rule"])
+def test_an_engine_whose_part_refers_back_to_it_is_collected(place: str) -> None:
     engine: Any = engine_with()
-    own(engine).engine = engine
+    record, rules = engine._providers["mine"], engine._learner._rules
+    if place == "provider":
+        part = engine._providers["own"] = own(tm.ProviderConfig, "own", "http://own", "key")
+    elif place == "breaker":
+        part = record.circuit_breaker = own(tm.CircuitBreaker)
+    elif place == "category":
+        part = record._category_circuit_breakers["timeout"] = own(tm.CircuitBreaker)
+    elif place == "learner":
+        part = engine._learner = own(tm.FlywheelLearner)
+    else:
+        part = rules["own"] = own(LearnedRule, "own", "act")
+    part.engine, gone = engine, weakref.ref(engine)
     engine.get_stats()
-    gone = weakref.ref(engine)
-    gc.collect()
-    assert gone() is engine
-    del engine
+    del engine, part, record, rules
     gc.collect()
     assert gone() is None
