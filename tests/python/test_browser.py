@@ -14,7 +14,7 @@ from helpers import engine_with, provider, until
 from tarvomeldric import APIError, serve_dashboard
 from tarvomeldric.simulator import ProviderSimulator
 
-pytestmark = pytest.mark.once
+pytestmark = [pytest.mark.once, pytest.mark.uninstrumented]
 
 TEXT = "document.readyState == 'complete' && document.body.innerText"
 PATH = "document.readyState == 'complete' && location.pathname"
