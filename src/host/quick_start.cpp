@@ -41,7 +41,7 @@ void print_banner(nb::handle engine, int found) {
 
 nb::object quick_start(nb::handle api_keys, bool verbose) {
   const nb::object keys = keys_or_empty(api_keys);
-  const nb::object engine = call(nb::type<Engine>());
+  nb::object engine = call(nb::type<Engine>());
   int found = 0;
   for (const QuickStartProvider& row : kQuickStartProviders) {
     ProviderFields fields = preset_record(row.provider, row.base_url, keys);

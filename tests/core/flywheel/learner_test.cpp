@@ -2,6 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "flywheel/bootstrap_rules.h"
 #include "manual_clock.h"
 
 namespace tarvomeldric {
@@ -20,6 +27,9 @@ struct LearnerTest : ::testing::Test {
 TEST_F(LearnerTest, SeededAdviceIsTheMostConfidentOfThePatternElseOfItsCategory) {
   const LearnerStats stats = learner.stats();
   EXPECT_TRUE(stats.total_rules == 84 && stats.high_confidence_rules == 62);
+  const RulePtr first = learner.rules().front();
+  EXPECT_EQ(first->success_count, kBootstrapRules[0].success_count);
+  EXPECT_EQ(first->fail_count, kBootstrapRules[0].fail_count);
   EXPECT_EQ(advice("rate_limit:openai"), "failover:azure");
   EXPECT_EQ(advice("rate_limit:groq"), "failover:deepseek");
   EXPECT_EQ(advice("model_not_found"), "downgrade_model");  // the earlier of two equals
@@ -60,6 +70,55 @@ TEST_F(LearnerTest, RulesGoneStaleLoseHalfTheirConfidenceAtEachMatch) {
   stale->confidence = 0.1;
   learner.match("");
   EXPECT_EQ(stale->confidence, 0.1);
+}
+
+struct Fleet final : RulePublisher {
+  void publish(const std::string& key, const LearnedRule&) override { told.push_back(key); }
+  std::vector<std::string> told;
+};
+
+TEST_F(LearnerTest, TellsAFleetAndTakesFromItWhatIsMoreConfident) {
+  Fleet fleet;
+  learner.set_publisher(&fleet);
+  learner.record({"odd", "failover:groq", true, 1.0});
+  EXPECT_FALSE(learner.would_wait());
+  learner.host_fields().sync_mode = "redis";
+  learner.record({"odd", "failover:groq", false, 1.0});
+  EXPECT_TRUE(learner.would_wait());
+  EXPECT_EQ(fleet.told, std::vector<std::string>{"odd:failover:groq"});
+  const auto offer = [&](double confidence) {
+    auto rule = std::make_shared<LearnedRule>(LearnedRule{.confidence = confidence});
+    learner.merge("odd:failover:groq", rule);
+    return learner.rules().back() == rule;
+  };
+  EXPECT_FALSE(offer(0.5));
+  EXPECT_TRUE(offer(0.51));
+}
+
+TEST_F(LearnerTest, AdviceIsHadAtOnceUnlessSomebodyHoldsTheLock) {
+  std::optional<Advice> advice;
+  EXPECT_TRUE(learner.try_advise("rate_limit:openai", advice));
+  EXPECT_EQ(advice->action, "failover:azure");
+  EXPECT_FALSE(learner.mutex().locked());
+  const MutexLock held(learner.mutex());
+  EXPECT_FALSE(learner.try_advise("rate_limit:openai", advice));
+}
+
+TEST(LearnerFile, IsWrittenAtTheStartAndAtEveryTwentiethRecord) {
+  const std::filesystem::path path =
+      std::filesystem::path(::testing::TempDir()) / "learner_test" / "rules.json";
+  std::filesystem::remove_all(path.parent_path());
+  FlywheelLearner learner(path.string());
+  const auto written = [&] { return std::filesystem::remove(path); };
+  learner.seed();
+  EXPECT_TRUE(written());
+  std::vector<int> at;
+  for (int i = 1; i <= 41; ++i) {
+    learner.record({"odd", "failover:groq", true, 1.0});
+    if (written()) at.push_back(i);
+  }
+  EXPECT_EQ(at, (std::vector<int>{20, 40}));
+  std::filesystem::remove_all(path.parent_path());
 }
 
 }  // namespace
