@@ -2,20 +2,18 @@
 
 from __future__ import annotations
 
-import sys
 import tempfile
 import time
 from contextlib import ExitStack, suppress
 from pathlib import Path
 from unittest import mock
 
+from browser import Browser
+
 from tarvomeldric import APIError, ProviderConfig, SelfHealingEngine, serve_dashboard
 from tarvomeldric.simulator import ProviderSimulator, Reply, ReplyLike, rehearsal
 
 ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(str(ROOT / "tests" / "python"))
-from browser import Browser  # noqa: E402  # it belongs to the tests
-
 PICTURE = ROOT / "docs" / "dashboard.png"
 MODELS = ["gpt-4o", "claude-sonnet-4-20250514", "gpt-4o-mini", "gemini-1.5-pro", None]
 # How long an answer takes (in seconds), how often a provider fails, and in which ways.

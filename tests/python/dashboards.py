@@ -13,6 +13,18 @@ from tarvomeldric import serve_dashboard
 
 LOOPBACK = "127.0.0.1"
 
+# What the page cannot do without.
+FIGURES = dict.fromkeys(["version", "call_count", "heal_count", "heal_rate"])
+for _kind in ("l1_skip", "l2_downgrade", "l3_failover", "l4_learned", "rate_limited"):
+    FIGURES[f"{_kind}_count"] = None
+FIGURES["bulkhead_rejected_count"] = None
+
+
+def made_up(stats: Any = FIGURES, metrics: str = "", health: Any = None) -> Any:
+    """An engine that says what it is told to say."""
+    collector = SimpleNamespace(prometheus_format=lambda: metrics, health_endpoint=lambda: health)
+    return SimpleNamespace(get_stats=lambda: stats, get_metrics=lambda: collector)
+
 
 class Reply(NamedTuple):
     status: int
@@ -38,23 +50,13 @@ def connect(server: Any, head: bytes = b"") -> socket.socket:
     return connection
 
 
-# What the page cannot do without.
-FIGURES = dict.fromkeys(["version", "call_count", "heal_count", "heal_rate"])
-for _kind in ("l1_skip", "l2_downgrade", "l3_failover", "l4_learned", "rate_limited"):
-    FIGURES[f"{_kind}_count"] = None
-FIGURES["bulkhead_rejected_count"] = None
-
-
-def made_up(stats: Any = FIGURES, metrics: str = "", health: Any = None) -> Any:
-    """An engine that says what it is told to say; an error is raised."""
-
-    def get_stats() -> Any:
-        if isinstance(stats, Exception):
-            raise stats
-        return stats
-
-    collector = SimpleNamespace(prometheus_format=lambda: metrics, health_endpoint=lambda: health)
-    return SimpleNamespace(get_stats=get_stats, get_metrics=lambda: collector)
+def left(connection: socket.socket) -> bytes:
+    """What a server still sends before it is rid of a connection."""
+    received = b""
+    with contextlib.suppress(ConnectionError):
+        while piece := connection.recv(1 << 20):
+            received += piece
+    return received
 
 
 @contextlib.contextmanager
@@ -65,14 +67,4 @@ def served(engine: Any, **options: Any) -> Iterator[Any]:
     finally:
         while connections:
             connections.pop().close()
-        server.shutdown()
         server.server_close()
-
-
-def left(connection: socket.socket) -> bytes:
-    """What a server still sends before it is rid of a connection."""
-    received = b""
-    with contextlib.suppress(ConnectionError):
-        while piece := connection.recv(1 << 20):
-            received += piece
-    return received

@@ -14,8 +14,6 @@ from helpers import engine_with, provider, until
 from tarvomeldric import APIError, serve_dashboard
 from tarvomeldric.simulator import ProviderSimulator
 
-pytestmark = [pytest.mark.once, pytest.mark.uninstrumented]
-
 TEXT = "document.readyState == 'complete' && document.body.innerText"
 PATH = "document.readyState == 'complete' && location.pathname"
 CLICK = "[...document.links].find(link => link.innerText == '%s').click()"
@@ -26,6 +24,8 @@ CARDS = """[...document.querySelectorAll("span[style*='font-size:20px']")].map(d
 GREEN, RED = "rgb(76, 175, 80)", "rgb(244, 67, 54)"
 
 
+@pytest.mark.once
+@pytest.mark.uninstrumented
 def test_what_an_operator_sees(tmp_path: Path) -> None:
     def shows(*texts: str) -> None:
         deadline, page = time.monotonic() + 30, ""
@@ -36,7 +36,6 @@ def test_what_an_operator_sees(tmp_path: Path) -> None:
 
     with (
         ProviderSimulator(default=401) as bad,
-        ProviderSimulator(default="answer") as good,
         engine_with(provider(bad.base_url, "broken")) as engine,
         serve_dashboard(engine, "127.0.0.1", 0) as server,
         Browser(tmp_path / "browser") as browser,
@@ -44,23 +43,15 @@ def test_what_an_operator_sees(tmp_path: Path) -> None:
         home = f"http://127.0.0.1:{server.server_port}"
         browser.open(home)
         shows("TarvoMeldric v", "Calls: 0", "Healed: 0 (0.0%)", "84 rules", "No faults yet")
-        assert browser.evaluate(CARDS) == [[GREEN, "● broken", "✓0 ✗0 circuit:closed"]]
 
+        engine.add_provider(provider(name="off", healthy=False))
         for _ in range(5):
             with pytest.raises((APIError, RuntimeError)):
                 engine.call_sync("Hi")
         # The page looks again by itself.
-        shows("Calls: 5", "calls_total: 5", "fault_auth_error: 5", "auth_error:10", "circuit:open")
-
-        engine.add_provider(provider(good.base_url, "steady"))
-        engine.add_provider(provider(good.base_url, "off", healthy=False))
-        for _ in range(3):
-            engine.call_sync("Hi")
-        browser.open(home)
-        shows("Calls: 8", "success_primary: 3")
+        shows("Calls: 5", "calls_total: 5", "fault_auth_error: 5", "auth_error:10")
         cards = [
             [GREEN, "● broken", "✓0 ✗5 circuit:open"],
-            [GREEN, "● steady", "✓3 ✗0 circuit:closed"],
             [RED, "● off", "✓0 ✗0 circuit:closed"],
         ]
         until(lambda: browser.evaluate(CARDS) == cards)
@@ -76,5 +67,5 @@ def test_what_an_operator_sees(tmp_path: Path) -> None:
             until(lambda path=path: browser.evaluate(PATH) == path)
             assert read(browser.evaluate("document.body.innerText")) == figures()
             browser.open(home)
-            shows("Calls: 8")
+            shows("Calls: 5")
     assert all("favicon.ico" in error for error in browser.errors), browser.errors
