@@ -7,7 +7,6 @@ import contextlib
 import gc
 import random
 import sys
-import types
 from collections.abc import Callable, Coroutine, Generator
 from typing import Any
 
@@ -18,18 +17,19 @@ from helpers import engine_with, state_of
 from tarvomeldric import SelfHealingEngine
 
 Runner = Callable[[Coroutine[Any, Any, Any]], Any]
-
-
-@pytest.fixture(params=[asyncio.run, uvloop.run], ids=["asyncio", "uvloop"])
-def run(request: pytest.FixtureRequest) -> Runner:
-    runner: Runner = request.param
-    return runner
+BOTH_LOOPS = pytest.mark.parametrize("run", [asyncio.run, uvloop.run], ids=["asyncio", "uvloop"])
+USED_UP = "cannot reuse already awaited coroutine"
 
 
 def engine_that(execute: Callable[[], Any]) -> SelfHealingEngine:
     engine = engine_with()
     engine._execute = lambda *_, **__: execute()  # type: ignore[method-assign]
     return engine
+
+
+async def answer() -> str:
+    await asyncio.sleep(0.02)
+    return "answer"
 
 
 def idle(engine: SelfHealingEngine) -> bool:
@@ -81,23 +81,18 @@ def test_any_sequence_of_moves_ends_as_with_a_native_coroutine() -> None:
 
     engine = engine_that(Steps)
     chance = random.Random(4)
-    for _ in range(2000):
+    for _ in range(1000):
         moves = chance.choices(MOVES, k=chance.randint(1, 6))
         # Pythons disagree about a StopIteration that is thrown before the coroutine has started.
         unstarted = moves[: moves.index(("send", None))] if ("send", None) in moves else moves
-        if ("throw", THROWN[3]) in unstarted:
-            continue
-        expected = play(native(), moves)
-        assert play(engine.call("Hi"), moves) == expected, moves
+        if ("throw", THROWN[3]) not in unstarted:
+            assert play(engine.call("Hi"), moves) == play(native(), moves), moves
     gc.collect()
     assert idle(engine)
 
 
+@BOTH_LOOPS
 def test_every_way_to_await(run: Runner) -> None:
-    async def answer() -> str:
-        await asyncio.sleep(0)
-        return "answer"
-
     async def main() -> None:
         call = engine.call
         results = [await call("Hi"), *await asyncio.gather(call("Hi"), call("Hi"))]
@@ -110,28 +105,22 @@ def test_every_way_to_await(run: Runner) -> None:
 
     engine = engine_that(answer)
     run(main())
-    for _ in range(20):
+    for _ in range(3):
         assert run(engine.call("Hi")).text == "answer"
     assert idle(engine)
 
 
-def test_awaiting_a_coroutine_that_a_task_runs_is_an_error_and_the_task_goes_on(
-    run: Runner,
-) -> None:
-    async def answer() -> str:
-        await asyncio.sleep(0.05)
-        return "answer"
-
+@BOTH_LOOPS
+def test_what_a_task_runs_cannot_be_awaited_beside_it(run: Runner) -> None:
     async def main() -> None:
         coroutine = engine.call("Hi")
         task = asyncio.create_task(coroutine)
-        await asyncio.sleep(0.01)
+        await asyncio.sleep(0)
         assert "coro=<SelfHealingEngine.call()" in repr(task)
-        assert "pending" in repr(task)
         with pytest.raises(RuntimeError, match="awaited already"):
             await coroutine
         assert (await task).text == "answer"
-        with pytest.raises(RuntimeError, match="cannot reuse already awaited coroutine"):
+        with pytest.raises(RuntimeError, match=USED_UP):
             await coroutine
 
     engine = engine_that(answer)
@@ -145,7 +134,7 @@ def test_nothing_happens_before_the_first_await() -> None:
     assert asyncio.iscoroutine(coroutine)
     coroutine.close()
     coroutine.close()
-    with pytest.raises(RuntimeError, match="cannot reuse already awaited coroutine"):
+    with pytest.raises(RuntimeError, match=USED_UP):
         asyncio.run(coroutine)
     with pytest.warns(RuntimeWarning, match=r"'SelfHealingEngine\.call' was never awaited"):
         engine.call("Hi")
@@ -154,23 +143,16 @@ def test_nothing_happens_before_the_first_await() -> None:
 
 
 def test_tracing_changes_nothing() -> None:
-    events: list[str] = []
-
-    def trace(frame: types.FrameType, event: str, argument: Any) -> Any:
+    def trace(frame: Any, event: str, argument: Any) -> Any:
         events.append(event)
         return trace
 
-    async def answer() -> str:
-        await asyncio.sleep(0)
-        return "answer"
-
     async def main() -> None:
         assert (await engine.call("Hi")).text == "answer"
-        engine._execute = lambda *_, **__: asyncio.sleep(10)  # type: ignore[method-assign]
         with pytest.raises(asyncio.TimeoutError):
-            await asyncio.wait_for(engine.call("Hi"), 0.01)
+            await asyncio.wait_for(engine.call("Hi"), 0.001)
 
-    engine, before = engine_that(answer), sys.gettrace()
+    engine, before, events = engine_that(answer), sys.gettrace(), []
     sys.settrace(trace)
     try:
         asyncio.run(main())

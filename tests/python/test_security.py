@@ -5,15 +5,14 @@ from __future__ import annotations
 import asyncio
 import json
 import ssl
-import urllib.error
-import urllib.request
 from pathlib import Path
 from typing import Any
 
 import pytest
+from dashboards import get, served
 from helpers import KEY, engine_on, engine_with, provider
 
-import tarvomeldric as t
+from tarvomeldric import APIError, SelfHealingEngine
 from tarvomeldric._engine import _check_provider
 from tarvomeldric.simulator import ProviderSimulator, Reply
 
@@ -21,10 +20,9 @@ PROMPT, ANSWER = "the secret prompt", "the secret answer"
 SCRIPT = "<script>alert(1)</script>"
 
 
-@pytest.mark.parametrize("status", [301, 302, 307, 308])
-def test_a_redirect_takes_no_key_elsewhere(status: int) -> None:
-    async def ask(engine: t.SelfHealingEngine, record: Any) -> None:
-        with pytest.raises(t.APIError, match=f"HTTP {status}"):
+def test_a_redirect_takes_no_key_elsewhere() -> None:
+    async def ask(engine: SelfHealingEngine, record: Any) -> None:
+        with pytest.raises(APIError, match="HTTP 307"):
             await engine._execute(record, "Hi", "m")
         [item] = [item async for item in engine._execute_stream(record, "Hi", "m")]
         assert item["error"] == "stream_error: APIError"
@@ -32,10 +30,10 @@ def test_a_redirect_takes_no_key_elsewhere(status: int) -> None:
         await engine.close()
 
     with ProviderSimulator() as stranger:
-        moved = Reply(status=status, headers={"Location": stranger.base_url + "/chat/completions"})
+        moved = Reply(status=307, headers={"Location": stranger.base_url + "/chat/completions"})
         with ProviderSimulator(default=moved) as simulator, engine_on(simulator) as engine:
             [record] = engine._providers.values()
-            with pytest.raises(t.APIError, match=f"HTTP {status}"):
+            with pytest.raises(APIError, match="HTTP 307"):
                 engine._execute_sync(record, "Hi", "m")
             asyncio.run(ask(engine, record))
             assert simulator.request_count == 4
@@ -43,7 +41,7 @@ def test_a_redirect_takes_no_key_elsewhere(status: int) -> None:
 
 
 def test_certificates_are_checked() -> None:
-    async def context(engine: t.SelfHealingEngine) -> ssl.SSLContext:
+    async def context(engine: SelfHealingEngine) -> ssl.SSLContext:
         return (await engine._get_session("mine"))._transport._pool._ssl_context
 
     with engine_with() as engine:
@@ -52,42 +50,29 @@ def test_certificates_are_checked() -> None:
             assert (tls.verify_mode, tls.check_hostname) == (ssl.CERT_REQUIRED, True)
 
 
-def get(server: Any, path: str) -> str:
-    with urllib.request.urlopen(f"http://127.0.0.1:{server.server_port}{path}", timeout=10) as page:
-        return str(page.read().decode())
-
-
-def test_keys_and_what_was_said_are_told_to_nobody(home: Path) -> None:
+def test_keys_and_what_was_said_are_told_to_nobody(home: Path, monkeypatch: Any) -> None:
     """A day of successes, heals and refusals; then everything that can be read is looked through."""
+    monkeypatch.setattr("time.sleep", lambda seconds: None)
     refusal = Reply(status=401, body=SCRIPT)
-    replies = [ANSWER, 429, ANSWER, 404, ANSWER, refusal]
-    told: list[Any] = []
-    with ProviderSimulator(*replies) as one, ProviderSimulator(default=ANSWER) as other:
-        engine = engine_with(
-            provider(one.base_url, "openai"),
-            provider(other.base_url, "anthropic"),
-        )
-        server = t.serve_dashboard(engine, "127.0.0.1", 0)
-        with engine, pytest.MonkeyPatch.context() as patch:
-            patch.setattr("time.sleep", lambda seconds: None)
-            results = [engine.call_sync(PROMPT, "gpt-4o") for _ in range(4)]
-            assert [r.heal_level for r in results] == [
-                "",
-                "l1_retry",
-                "l2_downgrade",
-                "l3_failover",
-            ]
-            told += [r.mapek_trace for r in results] + [r.fault for r in results]
-            engine._learner._persist()
-            told += [path.read_text() for path in home.rglob("*.json")]
-            before = engine.get_stats()
-            pages = [get(server, path) for path in ("/", "/metrics", "/health", "/stats")]
-            assert engine.get_stats() == before
-            told += [*pages, engine._get_telemetry(), vars(engine._get_telemetry()), engine]
-            told += [engine.get_mapek_stats(), engine.health_check(), engine._providers]
-        server.shutdown()
-        server.server_close()
-    assert len(told) > 15
+    with (
+        ProviderSimulator(ANSWER, 429, ANSWER, 404, ANSWER, refusal) as one,
+        ProviderSimulator(default=ANSWER) as other,
+        engine_with(
+            provider(one.base_url, "openai"), provider(other.base_url, "anthropic")
+        ) as engine,
+        served(engine) as server,
+    ):
+        results = [engine.call_sync(PROMPT, "gpt-4o") for _ in range(4)]
+        levels = [result.heal_level for result in results]
+        assert levels == ["", "l1_retry", "l2_downgrade", "l3_failover"]
+        engine._learner._persist()
+        before = engine.get_stats()
+        pages = [get(server, path).body.decode() for path in ("/", "/metrics", "/health", "/stats")]
+        assert engine.get_stats() == before
+        [rules] = home.rglob("*.json")
+        told = [engine, engine._providers, engine._get_telemetry(), vars(engine._get_telemetry())]
+        told += [engine.get_mapek_stats(), engine.health_check(), rules.read_text(), *pages]
+        told += [result.mapek_trace for result in results] + [result.fault for result in results]
     for each in told:
         assert not any(secret in repr(each) for secret in (KEY, PROMPT, ANSWER))
     assert SCRIPT not in pages[0]
@@ -98,12 +83,8 @@ def test_a_rule_names_no_new_provider(home: Path) -> None:
     rules = home / ".tarvomeldric" / "flywheel_rules.json"
     rules.parent.mkdir()
     actions = ["failover:stranger", "failover:http://127.0.0.1:9/v1", "failover:"]
-    rule = {"pattern": "model_request:openai", "success_count": 99, "fail_count": 0}
-    rules.write_text(
-        json.dumps(
-            {f"k{at}": {**rule, "action": a, "confidence": 1.0} for at, a in enumerate(actions)}
-        )
-    )
+    rule = {"pattern": "model_request:openai", "confidence": 1.0, "success_count": 99}
+    rules.write_text(json.dumps({action: {**rule, "action": action} for action in actions}))
     with ProviderSimulator() as simulator, engine_on(simulator) as engine:
         assert {rule.action for rule in engine._learner.get_rules()} == set(actions)
         assert engine.call_sync("Hi", "gpt-4o").provider == "mine"
