@@ -2,10 +2,8 @@
 
 from __future__ import annotations
 
-import json
 import time
 from pathlib import Path
-from typing import Any
 
 import pytest
 from browser import Browser
@@ -56,16 +54,10 @@ def test_what_an_operator_sees(tmp_path: Path) -> None:
         ]
         until(lambda: browser.evaluate(CARDS) == cards)
 
-        collector = engine.get_metrics()
-        contents: dict[str, Any] = {
-            "Prometheus": ("/metrics", str, collector.prometheus_format),
-            "Health": ("/health", json.loads, collector.health_endpoint),
-            "Stats JSON": ("/stats", json.loads, engine.get_stats),
-        }
-        for label, (path, read, figures) in contents.items():
+        links = {"Prometheus": "/metrics", "Health": "/health", "Stats JSON": "/stats"}
+        for label, path in links.items():
             browser.evaluate(CLICK % label)
             until(lambda path=path: browser.evaluate(PATH) == path)
-            assert read(browser.evaluate("document.body.innerText")) == figures()
             browser.open(home)
             shows("Calls: 5")
     assert all("favicon.ico" in error for error in browser.errors), browser.errors

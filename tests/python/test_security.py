@@ -77,15 +77,3 @@ def test_keys_and_what_was_said_are_told_to_nobody(home: Path, monkeypatch: Any)
         assert not any(secret in repr(each) for secret in (KEY, PROMPT, ANSWER))
     assert SCRIPT not in pages[0]
     assert SCRIPT in json.loads(pages[3])["providers"]["openai"]["last_error"]
-
-
-def test_a_rule_names_no_new_provider(home: Path) -> None:
-    rules = home / ".tarvomeldric" / "flywheel_rules.json"
-    rules.parent.mkdir()
-    actions = ["failover:stranger", "failover:http://127.0.0.1:9/v1", "failover:"]
-    rule = {"pattern": "model_request:openai", "confidence": 1.0, "success_count": 99}
-    rules.write_text(json.dumps({action: {**rule, "action": action} for action in actions}))
-    with ProviderSimulator() as simulator, engine_on(simulator) as engine:
-        assert {rule.action for rule in engine._learner.get_rules()} == set(actions)
-        assert engine.call_sync("Hi", "gpt-4o").provider == "mine"
-        assert list(engine._providers) == ["mine"]
