@@ -206,12 +206,13 @@ def test_a_key_that_cannot_be_sent_is_not_told_either(ask: Ask) -> None:
     ],
 )
 def test_what_may_not_be_shown_is_nowhere_in_the_error(ask: Ask, text: str, shown: str) -> None:
-    def fail(_: httpx.Request) -> httpx.Response:
+    def fail(request: httpx.Request) -> httpx.Response:
+        assert request.extensions["timeout"]["read"] == 7
         raise httpx.ConnectError(text)
 
     engine = engine_with()
     engine._sync_client_pool["mine"] = httpx.Client(transport=httpx.MockTransport(fail))
     engine._http_pool["mine"] = httpx.AsyncClient(transport=httpx.MockTransport(fail))
-    error = failure_of(ask, engine)
+    error = failure_of(ask, engine, timeout=7)
     assert str(error) == f"ConnectError: {shown}"
     assert not any(secret in told(error) for secret in (KEY, "xyzzy"))

@@ -65,6 +65,8 @@ def test_an_event_is_a_line_however_the_reply_is_cut(size: int) -> None:
             simulator.script(Reply(stream=pieces, done=False))
             events = asyncio.run(events_of(engine))
             assert json.dumps(events) == json.dumps(expected)  # which also compares NaN
+        simulator.script(Reply(stream=[A, Raw("data: [DONE]\n"), Fault.STALL]))
+        assert asyncio.run(events_of(engine, timeout=1)) == [A]
 
 
 def test_a_failure_is_the_last_item() -> None:
@@ -143,7 +145,7 @@ def test_whoever_leaves_early_closes_the_exchange(how: str) -> None:
         gc.collect()
 
 
-def test_streams_share_a_client_and_a_loop_that_ends_closes_those_left_open() -> None:
+def test_streams_share_a_client_and_a_loop_that_ends_closes_those_left_open(caplog: Any) -> None:
     async def leave_open(engine: SelfHealingEngine) -> list[Any]:
         streams = [open_stream(engine) for _ in range(3)]
         events = await asyncio.gather(*(stream.__anext__() for stream in streams))
@@ -155,3 +157,4 @@ def test_streams_share_a_client_and_a_loop_that_ends_closes_those_left_open() ->
     with ProviderSimulator(default=STUCK) as simulator:
         assert asyncio.run(leave_open(engine_on(simulator))) == [A, A, A]
         until(lambda: all(request.disconnected for request in simulator.requests))
+    assert caplog.text == ""  # where the loop would complain
