@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
+import asyncio
 import os
 import subprocess
 import sys
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from operator import sub
 from typing import Any
 from unittest import mock
 
@@ -92,6 +94,16 @@ def until(condition: Callable[[], bool], patience: float = 10.0) -> None:
     while not condition():
         assert time.monotonic() < deadline
         time.sleep(0.005)
+
+
+async def worst_pause(work: Any) -> float:
+    """The longest that an event loop ever stood still while this work went on, in seconds."""
+    task, ticks = asyncio.ensure_future(work), [time.perf_counter()]
+    while not task.done():
+        await asyncio.sleep(0.001)
+        ticks.append(time.perf_counter())
+    await task
+    return max(map(sub, ticks[1:], ticks))
 
 
 def start_child(code: str, *arguments: str, strict: bool = True) -> subprocess.Popen[str]:

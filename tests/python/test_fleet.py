@@ -13,15 +13,15 @@ import time
 import weakref
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
-from operator import sub
 from typing import Any
 
 import pytest
 import redis
-from helpers import engine_on, run_child, start_child, until
+from helpers import engine_on, run_child, start_child, until, worst_pause
+from test_exit import end_under_daemon_threads
 
 from tarvomeldric import FlywheelLearner
-from tarvomeldric.simulator import ProviderSimulator, Reply
+from tarvomeldric.simulator import ProviderSimulator
 
 pytestmark = pytest.mark.once
 CHANNEL, HASH = "tarvomeldric:flywheel", "tarvomeldric:flywheel:rules"
@@ -70,17 +70,17 @@ def learned(learner: Any) -> dict[str, Any]:
 
 def test_what_is_sent_is_fixed_to_the_letter(server: Server, monkeypatch: Any) -> None:
     monkeypatch.delenv("HOSTNAME", raising=False)
-    learner = FlywheelLearner()
-    with server.client.pubsub(ignore_subscribe_messages=True) as heard:
-        heard.subscribe(CHANNEL)
-        assert heard.get_message(timeout=5) is None
-        for source in ("local", "café 1"):
-            learner.record("tïmeout:\U0001f600", "a:b", True, 0.3)
-            ((key, rule),) = learned(learner).items()
-            assert server.client.hget(HASH, key) == json.dumps(rule)
-            message = {"key": key, "rule": rule, "source": source}
-            assert heard.get_message(timeout=5)["data"] == json.dumps(message)
-            monkeypatch.setenv("HOSTNAME", "café 1")
+    learner, heard = FlywheelLearner(), server.client.pubsub(ignore_subscribe_messages=True)
+    heard.subscribe(CHANNEL)
+    assert heard.get_message(timeout=5) is None
+    for source in ("local", "café 1"):
+        learner.record("tïmeout:\U0001f600", "a:b", True, 0.3)
+        ((key, rule),) = learned(learner).items()
+        assert server.client.hget(HASH, key) == json.dumps(rule)
+        message = {"key": key, "rule": rule, "source": source}
+        assert heard.get_message(timeout=5)["data"] == json.dumps(message)
+        monkeypatch.setenv("HOSTNAME", "café 1")
+    heard.close()
 
 
 JUNK = [b"", b"{", b"\xff\xfe", b"5", b"[]", b"null", b"[" * 100_000, b'{"pattern": "p"}']
@@ -93,9 +93,8 @@ def test_taking_in_the_hash_and_the_channel(server: Server) -> None:
         server.client.publish(CHANNEL, json.dumps(message))
 
     rule = {"pattern": "p", "action": "a", "confidence": 0.2, "last_seen": time.time(), "new": 1}
-    names = [*range(len(JUNK)), b"odd \xff", b"rate_limit:retry:wait"]
-    for name, value in zip(names, [*JUNK, json.dumps(rule), json.dumps(rule)], strict=True):
-        server.client.hset(HASH, name, value)
+    good = dict.fromkeys([b"odd \xff", b"rate_limit:retry:wait"], json.dumps(rule))
+    server.client.hset(HASH, mapping={**dict(enumerate(JUNK)), **good})
     learner: Any = FlywheelLearner()
     assert list(learner._rules)[84:] == ["odd \ufffd"]
     assert learner._rules["rate_limit:retry:wait"].confidence == 0.2
@@ -109,8 +108,7 @@ def test_taking_in_the_hash_and_the_channel(server: Server) -> None:
     say("p:nan", float("nan"))
     until(lambda: "p:nan" in learner._rules)
     assert list(learner._rules)[85:] == ["p:a", "p:nan"]
-    assert learner._rules["p:a"].confidence == 0.5
-    assert learner.match("p") is None
+    assert (learner._rules["p:a"].confidence, learner.match("p")) == (0.5, None)
     say("p:a", 0.6)
     until(lambda: learner._rules["p:a"].confidence == 0.6)
 
@@ -119,20 +117,37 @@ CONVERGING = """
 import json
 from helpers import engine_with, until
 learner = engine_with()._learner
-until(lambda: "parent:act" in learner._rules)
+until(lambda: "parent 0:0" in learner._rules)
 for number in range(10): learner.record("child", str(number), number % 2 == 0)
-print(json.dumps({key: rule.to_dict() for key, rule in list(learner._rules.items())[84:]}))
+until(lambda: len(learner._rules) == 84 + 10 + 31)
+print(json.dumps([*learner._rules]))
 """
 
 
-def test_learners_in_two_processes_converge(server: Server) -> None:
-    learner, child = FlywheelLearner(), start_child(CONVERGING)
-    until(lambda: server.subscribers() == 2)
-    learner.record("parent", "act", True)
+def test_learners_of_threads_coroutines_and_processes_converge(server: Server) -> None:
+    def use(name: int) -> None:
+        for number in range(60):
+            learner.record(f"parent {name}", str(number % 5), True, 1.0)
+            learner.match("p:x"), learner.get_stats(), learner.get_rules()
+
+    async def call() -> None:
+        await asyncio.gather(*(engine.call("Hi", bulkhead_timeout=30) for _ in range(40)))
+
+    child = start_child(CONVERGING)
+    until(lambda: server.subscribers() == 1)
+    with ProviderSimulator(default="answer") as simulator, ThreadPoolExecutor(6) as threads:
+        engine: Any = engine_on(simulator)
+        learner = engine._learner
+        until(lambda: server.subscribers() == 2)
+        work = [threads.submit(use, name) for name in range(6)]
+        asyncio.run(call())
+        assert [done.result(60) for done in work] == [None] * 6
     out, err = child.communicate(timeout=30)
     assert err == ""
-    until(lambda: len(learned(learner)) == 11)
-    assert learned(learner) == json.loads(out) == server.rules()
+    until(lambda: len(learned(learner)) == 41)
+    assert learner.get_stats()["total_records"] == 6 * 60 + 40
+    assert server.rules() == learned(learner)
+    assert set(json.loads(out)) == set(learner._rules)
 
 
 def test_a_server_that_comes_back_gets_the_latest_state(server: Server) -> None:
@@ -160,25 +175,6 @@ def test_a_fleet_that_cannot_be_joined_is_done_without(monkeypatch: Any) -> None
     assert FlywheelLearner(redis_url=address).get_stats()["sync_mode"] == "local"
 
 
-BUSY = """
-import asyncio, contextlib, sys, threading, time
-from helpers import engine_with, provider
-from tarvomeldric import FlywheelLearner
-engine, other = engine_with(provider(sys.argv[1], slots=3)), FlywheelLearner()
-def use():
-    while True:
-        with contextlib.suppress(Exception): engine.call_sync("Hi", bulkhead_timeout=5)
-async def call():
-    while True:
-        await asyncio.gather(*(engine.call("Hi") for _ in range(4)), return_exceptions=True)
-def record():
-    while True: other.record("p", "a", True)
-for work in (use, use, record, lambda: asyncio.run(call())):
-    threading.Thread(target=work, daemon=True).start()
-time.sleep(float(sys.argv[2]))
-"""
-
-
 def test_subscribers_end_with_their_learner_or_program(server: Server) -> None:
     learner: Any = FlywheelLearner()
     until(lambda: server.subscribers() == 1)
@@ -187,41 +183,11 @@ def test_subscribers_end_with_their_learner_or_program(server: Server) -> None:
     gc.collect()
     assert gone() is None
     until(lambda: not thread.is_alive() and server.subscribers() == 0)
-    with ProviderSimulator(default=Reply("answer", delay=0.01), process=True) as simulator:
-        for number in range(10):
-            run_child(BUSY, simulator.base_url, str(0.3 + number * 0.007), strict=False)
-
-
-def test_threads_and_coroutines_share_a_learner(server: Server) -> None:
-    def use(name: int) -> None:
-        for number in range(60):
-            learner.record(f"p {name}", str(number % 5), True, 1.0)
-            learner.match("p:x"), learner.get_stats(), learner.get_rules()
-
-    async def call() -> None:
-        await asyncio.gather(*(engine.call("Hi", bulkhead_timeout=30) for _ in range(40)))
-
-    with ProviderSimulator(default="answer") as simulator, ThreadPoolExecutor(6) as threads:
-        engine: Any = engine_on(simulator)
-        learner, other = engine._learner, FlywheelLearner()
-        work = [threads.submit(use, name) for name in range(6)]
-        asyncio.run(call())
-        assert [done.result(60) for done in work] == [None] * 6
-    assert learner.get_stats()["total_records"] == 6 * 60 + 40
-    assert server.rules() == learned(learner)
-    until(lambda: learned(other).keys() == learned(learner).keys())
+    end_under_daemon_threads()
 
 
 @pytest.mark.uninstrumented
 def test_the_loop_goes_on_while_rules_are_shared(server: Server) -> None:
-    async def worst_pause(work: Any) -> float:
-        task, ticks = asyncio.ensure_future(work), [time.perf_counter()]
-        while not task.done():
-            await asyncio.sleep(0.001)
-            ticks.append(time.perf_counter())
-        await task
-        return max(map(sub, ticks[1:], ticks))
-
     async def calls(healthy: bool) -> None:
         for _ in range(5):
             await asyncio.gather(*(engine.call("Hi") for _ in range(4)))
@@ -237,7 +203,8 @@ def test_the_loop_goes_on_while_rules_are_shared(server: Server) -> None:
     with ProviderSimulator(default="answer", process=True) as simulator:
         engine: Any = engine_on(simulator)
         bare, *shared = asyncio.run(pauses())
-    assert max(shared) < 0.05 + 5 * bare
+    # Whoever waited on the loop's thread for the stalled server would do so for half a second.
+    assert max(shared) < bare + 0.4
     assert engine._learner.get_stats()["total_records"] == 41
 
 

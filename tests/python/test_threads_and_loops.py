@@ -1,17 +1,14 @@
-"""One engine on several threads and event loops, and what becomes of its clients."""
+"""What becomes of an engine's clients as event loops come and go, and when they are closed."""
 
 from __future__ import annotations
 
 import asyncio
-import threading
 from collections.abc import Iterator
-from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 import httpx
 import pytest
-import uvloop
-from helpers import engine_on, run_child, state_of
+from helpers import engine_on, run_child
 
 from tarvomeldric.simulator import ProviderSimulator
 
@@ -22,95 +19,49 @@ def simulator() -> Iterator[ProviderSimulator]:
         yield simulator
 
 
-def test_two_threads_with_a_loop_each_and_blocking_ones_share_an_engine(
-    simulator: ProviderSimulator,
-) -> None:
-    engine = engine_on(simulator, slots=4)
-    meeting = threading.Barrier(3)
-
-    async def many() -> tuple[Any, set[str]]:
-        await asyncio.get_running_loop().run_in_executor(None, meeting.wait)
-        texts = set()
-        for _ in range(10):
-            calls = (engine.call("Hi", bulkhead_timeout=20) for _ in range(10))
-            texts |= {result.text for result in await asyncio.gather(*calls)}
-            client = await engine._get_session("mine")
-            assert client is await engine._get_session("mine")
-        return client, texts
-
-    def blocking() -> tuple[Any, set[str]]:
-        meeting.wait()
-        texts = {engine.call_sync("Hi", bulkhead_timeout=20).text for _ in range(50)}
-        return engine._get_sync_client("mine"), texts
-
-    with ThreadPoolExecutor(3) as threads:
-        work = [threads.submit(run, many()) for run in (asyncio.run, uvloop.run)]
-        work.append(threads.submit(blocking))
-        (first, a), (second, b), (third, c) = (done.result(60) for done in work)
-    assert a == b == c == {"answer"}
-    assert len({id(client) for client in (first, second, third)}) == 3
-    assert state_of(engine._providers["mine"]) == (4, 0, 0)
-    engine.close_sync()
-    assert third.is_closed
-
-
 # The ways in which a program leaves its loop, each of them free of complaints.
+RUN = "loop = make(); loop.run_until_complete(main()); "
 LEAVE = {
     "asyncio.run": "asyncio.run(main())",
     "uvloop.run": "import uvloop; uvloop.run(main())",
-    "closed": "loop = make(); loop.run_until_complete(main()); loop.close()",
-    "left open": "loop = make(); loop.run_until_complete(main()); keep.append(loop)",
-    "closed by the engine": (
-        "loop = make(); loop.run_until_complete(main()); engine.close_sync(); loop.close()"
-    ),
-    "closed too late": (
-        "loop = make(); loop.run_until_complete(main()); loop.close(); engine.close_sync()"
-    ),
-    "closed elsewhere": "loop = make(); loop.run_until_complete(main()); asyncio.run(close(loop))",
-    "forgotten": (
-        "loop = make(); loop.run_until_complete(main()); engine._http_pool.clear(); loop.close()"
-    ),
+    "closed": RUN + "loop.close()",
+    "left open": RUN + "keep.append(loop)",
+    "closed by the engine": RUN + "engine.close_sync(); loop.close()",
+    "closed too late": RUN + "loop.close(); engine.close_sync()",
+    "closed elsewhere": RUN + "asyncio.run(close(loop))",
+    "forgotten": RUN + "engine._http_pool.clear(); loop.close()",
 }
 PROGRAM = """
 import asyncio, gc, logging, sys
 logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
-from tarvomeldric import ProviderConfig, SelfHealingEngine
-engine = SelfHealingEngine({})
-engine.add_provider(ProviderConfig("mine", sys.argv[1], "any-key"))
-make, keep = asyncio.new_event_loop, []
+from helpers import engine_with, provider
+engine, make, keep = engine_with(provider(sys.argv[1])), asyncio.new_event_loop, []
 async def main():
-    results = await asyncio.gather(*(engine.call("Hi") for _ in range(3)))
-    keep.extend(result.text for result in results)
+    for result in await asyncio.gather(*(engine.call("Hi") for _ in range(3))):
+        assert result.text == "answer"
 async def close(loop):
     await engine.close()
     assert not engine._http_pool
     loop.close()
-for _ in range(ROUNDS):
+for _ in range(int(sys.argv[2])):
     LEAVE
     gc.collect()
-assert [text for text in keep if isinstance(text, str)] == ["answer"] * 3 * ROUNDS
-for loop in keep:
-    if not isinstance(loop, str): loop.close()
-if END: del engine; gc.collect()
-print("done")
+for loop in keep: loop.close()
+if sys.argv[3] == "collected": del engine; gc.collect()
 """
 
 
 @pytest.mark.parametrize("leave", LEAVE)
 def test_loops_come_and_go_without_a_complaint(simulator: ProviderSimulator, leave: str) -> None:
-    program = PROGRAM.replace("LEAVE", LEAVE[leave])
-    for rounds, end in ((3, "True"), (1, "False")):
-        code = program.replace("ROUNDS", str(rounds)).replace("END", end)
-        assert run_child(code, simulator.base_url) == "done"
+    for how in (("3", "collected"), ("1", "left")):
+        run_child(PROGRAM.replace("LEAVE", LEAVE[leave]), simulator.base_url, *how)
 
 
 CLOSED_MEANWHILE = """
 import asyncio, logging, sys, threading
 logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
-from tarvomeldric import ProviderConfig, RateLimiter, SelfHealingEngine
-limiter = RateLimiter(1000, _tokens=1000.0)
-record = ProviderConfig("mine", sys.argv[1], "any-key", rate_limiter=limiter)
-engine = SelfHealingEngine({"mine": record})
+from helpers import engine_with, provider
+engine = engine_with(provider(sys.argv[1]))
 called, closed = threading.Semaphore(0), threading.Semaphore(0)
 async def main(pause):
     results = await asyncio.gather(*(engine.call("Hi", bulkhead_timeout=5) for _ in range(3)))
@@ -142,22 +93,18 @@ def test_clients_that_the_host_placed_are_used_as_they_are(simulator: ProviderSi
         sent.append(request.method)
 
     async def main() -> None:
-        await asyncio.gather(*(engine.call("Hi") for _ in range(3)))
-        assert engine._http_pool == {"mine": placed}
-        await engine.close()
+        async with engine:
+            await asyncio.gather(*(engine.call("Hi") for _ in range(3)))
+            assert engine._http_pool == {"mine": placed}
 
     sent: list[str] = []
     engine, placed = engine_on(simulator), httpx.AsyncClient(event_hooks={"request": [note]})
     engine._http_pool["mine"] = placed
     asyncio.run(main())
-    assert sent == ["POST"] * 3
-    assert placed.is_closed
+    assert (sent, placed.is_closed) == (["POST"] * 3, True)
 
 
 def test_closing_ends_clients_and_leaves_the_engine_usable(simulator: ProviderSimulator) -> None:
-    engine = engine_on(simulator)
-    engine.close_sync()
-
     async def one_life() -> list[Any]:
         async with engine as entered:
             assert entered is engine
@@ -171,6 +118,7 @@ def test_closing_ends_clients_and_leaves_the_engine_usable(simulator: ProviderSi
         await engine.close()
         return clients
 
+    engine = engine_on(simulator)
+    engine.close_sync()
     for _ in range(2):
-        clients = asyncio.run(one_life())
-        assert [client.is_closed for client in clients] == [True] * 3
+        assert [client.is_closed for client in asyncio.run(one_life())] == [True] * 3
