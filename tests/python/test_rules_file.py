@@ -34,25 +34,17 @@ def beside(path: Path) -> set[str]:
 def test_the_file_is_what_the_host_would_write(tmp_path: Path) -> None:
     path = tmp_path / "rules.json"
     learner: Any = FlywheelLearner(str(path))
-    for text in (
-        "é\u2028",
-        "\U0001f600",
-        "\ud800",
-        "\udfff\ud83d",
-        "\x00\x1f\x7f~",
-        '"\\/\b\f\n\r\t',
-    ):
+    texts = ["é\u2028", "\U0001f600", "\ud800", "\udfff\ud83d", "\x00\x1f\x7f~", '"\\/\b\f\n\r\t']
+    for text in texts:
         learner.record(text, text[:1], True, 0.1)
     floats = [1e16, 1e15, 1e-5, 1e-4, 5e-324, -0.0, 0.1, 123456789.125, 1.7976931348623157e308]
     for number, value in enumerate([*floats, math.inf, -math.inf, math.nan]):
         learner._rules[f"{number}"] = LearnedRule("p", "a", -number, 2**63 - 1, value, value, value)
-    learner._persist()
     rules = {key: rule.to_dict() for key, rule in learner._rules.items()}
-    again: Any = FlywheelLearner(str(path))
-    assert list(again._rules) == list(rules)
-    for writer in (learner, again):
-        writer._persist()
+    for _ in range(2):
+        learner._persist()
         assert path.read_text("ascii") == json.dumps(rules, indent=2)
+        learner = FlywheelLearner(str(path))
 
 
 def test_the_first_learner_seeds_the_file_and_the_next_one_reads_it(home: Path) -> None:
@@ -66,7 +58,7 @@ def test_the_first_learner_seeds_the_file_and_the_next_one_reads_it(home: Path) 
         assert (path.read_bytes() != before) == (number in (19, 39))
     second: Any = FlywheelLearner()
     assert list(second._rules) == list(first._rules)[: 84 + 40]
-    assert list(second.get_stats().values()) == [124, 0, 62 + 40, False, "local"]
+    assert not second.get_stats()["bootstrap_rules_loaded"]
     assert beside(path) == set()
 
 
@@ -107,45 +99,37 @@ def test_odd_values_never_fail_or_advise(tmp_path: Path) -> None:
         "p:least": rule("least", confidence=-1, success_count=-(2**63), fail_count=-(2**63)),
         "p:times": rule("times", confidence=0.2, _heal_times=[math.inf] * 1000),
     }
-    path = tmp_path / "rules.json"
-    learner = learner_on(path, odd)
-    assert list(learner._rules) == list(odd)
+    learner = learner_on(path := tmp_path / "rules.json", odd)
     assert learner.match("p:any") is learner.match("p") is None
     learner._rules["good"] = LearnedRule("p", "good", 9, 1, 0.9, time.time())
     assert learner.match_best_action("p:any") == "good"
     for key in [*odd] * 10:
         learner.record("p", key[2:], True, 1.5)
         learner.record("p", key[2:], False)
-        learner.match("p")
-    assert learner.get_stats()["total_records"] == 80
     assert learner._rules["p:most"].fail_count == 2**63 - 1
-    assert json.loads(path.read_text()).keys() == learner._rules.keys()
+    assert [*json.loads(path.read_text())] == [*learner._rules] == [*odd, "good"]
 
 
 def test_a_file_that_cannot_be_written_costs_nothing(tmp_path: Path) -> None:
-    folder, pipe = tmp_path / "folder", tmp_path / "pipe"
+    folder, pipe, path = tmp_path / "folder", tmp_path / "pipe", tmp_path / "rules.json"
     (folder / "inside").mkdir(parents=True)
     os.mkfifo(pipe)
-    for path in (folder, Path("/dev/null/x"), Path("/proc/x")):
-        learner = FlywheelLearner(str(path))
+    assert FlywheelLearner(str(pipe)).get_stats()["bootstrap_rules_loaded"]
+    for full in (folder, Path("/dev/null/x"), Path("/proc/x"), path):
+        learner, limits = FlywheelLearner(str(full)), resource.getrlimit(resource.RLIMIT_FSIZE)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (5000, limits[1]))
         for _ in range(20):
             learner.record("p", "a", True)
+        resource.setrlimit(resource.RLIMIT_FSIZE, limits)
         assert len(learner.get_rules()) == 85
     assert (folder / "inside").is_dir()
-    assert FlywheelLearner(str(pipe)).get_stats()["bootstrap_rules_loaded"]
-    path, limits = tmp_path / "rules.json", resource.getrlimit(resource.RLIMIT_FSIZE)
-    learner = FlywheelLearner(str(path))
-    resource.setrlimit(resource.RLIMIT_FSIZE, (5000, limits[1]))
-    for _ in range(20):
-        learner.record("p", "a", True)
-    resource.setrlimit(resource.RLIMIT_FSIZE, limits)
     assert len(json.loads(path.read_text())) == 84
     assert beside(path) == {"folder", "pipe"}
 
 
 def test_a_rewritten_file_keeps_its_mode_and_a_lost_folder_is_made_again(tmp_path: Path) -> None:
     path = tmp_path / "deep" / "rules.json"
-    learner = FlywheelLearner(str(path))
+    learner: Any = FlywheelLearner(str(path))
     assert path.stat().st_mode & 0o777 == 0o644
     path.chmod(0o640)
     learner._persist()
@@ -189,5 +173,4 @@ def test_readers_see_whole_files_under_two_writers_and_a_killed_one(tmp_path: Pa
         assert len(json.loads(path.read_text())) >= 84
     assert [writer.communicate() for writer in writers] == [("", "")] * 2
     assert [writer.returncode for writer in writers] == [0, 0]
-    left = beside(path)  # at most what the killed one was writing
-    assert len(left) <= 1, left
+    assert len(beside(path)) <= 1, beside(path)  # at most what the killed one was writing
