@@ -8,17 +8,11 @@ namespace {
 TEST(Diagnoser, StatusDecidesTheCategoryAndTheFirstRowFoundTheLabel) {
   const std::tuple<std::string, int, std::string_view, double, std::string_view> cases[] = {
       {"Error code: 429 - rate limit", 0, "rate_limit", 0.95, "rate_limit"},
-      {"Deployments/RateLimit exceeded", 0, "rate_limit", 0.95, "rate_limit:azure"},
       {"通义千问 限流中", 0, "rate_limit", 0.9, "rate_limit:dashscope"},
       {"anthropic: \xed\xa0\x80 overloaded", 0, "rate_limit", 0.95, "rate_limit:anthropic"},
       {"anthropic:\noverloaded", 0, "unknown", 0.5, "unknown"},  // a line break is not bridged
-      {"overloaded_error", 0, "server_error", 0.95, "server_error:anthropic_overload"},
-      {"server error", 0, "server_error", 0.85, "server_error:openai_background"},
-      {"prompt has 5040 tokens", 0, "timeout", 0.95, "timeout"},
       {"timed\u00a0\u2028\nout", 0, "timeout", 0.95, "timeout"},
-      {"timed\u200bout", 0, "unknown", 0.5, "unknown"},
       {"t\u0131meout", 0, "timeout", 0.95, "timeout"},
-      {"Too Many Requests", 429, "rate_limit", 0.95, "rate_limit"},
       {"azure deployment throttled", 401, "auth_error", 0.95, "rate_limit:azure"},
       {"no row knows this", 529, "server_error", 0.95, "server_error:http_529"},
       {"bad gateway", 501, "server_error", 0.9, "server_error"}};

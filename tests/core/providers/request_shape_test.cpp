@@ -17,14 +17,6 @@ TEST(Models, AreResolvedByProviderDowngradedAlongItsChainAndHintAtAFamily) {
   EXPECT_EQ(model_to_error_hint("chatgpt-4o"), "model_request:unknown");
 }
 
-TEST(RequestShape, KindPathAndHeadersAreChosenByDifferentTests) {
-  EXPECT_EQ(request_kind("images/edits"), RequestKind::kImages);
-  EXPECT_EQ(endpoint_path("images/edits"), "/chat/completions");
-  EXPECT_EQ(request_headers("anthropic", "http://a", "k").at(3).first, "x-api-key");
-  EXPECT_EQ(request_headers("x", "http://anthropic.b", "k").at(3).second, "k");
-  EXPECT_EQ(request_headers("Anthropic", "http://a", "k").back().second, "Bearer k");
-}
-
 TEST(RequestShape, FailureTextIsCutAndShowsNoCredential) {
   const std::string redacted = "[REDACTED]", wide(149, 'x');
   const std::pair<std::string, std::string> cases[] = {
