@@ -121,7 +121,10 @@ def start_child(code: str, *arguments: str, strict: bool = True) -> subprocess.P
 def run_child(code: str, *arguments: str, strict: bool = True) -> str:
     """What the program printed; it must end well and complain about nothing."""
     child = start_child(code, *arguments, strict=strict)
-    out, err = child.communicate(timeout=60)
+    try:
+        out, err = child.communicate(timeout=60)
+    finally:
+        child.kill()
     assert child.returncode == 0, (child.returncode, err)
     assert err == "", err
     return out.strip()
