@@ -14,11 +14,11 @@ async def tell(provider: ProviderConfig, *prompts: str) -> None:
         for prompt in prompts:
             print(prompt)
             async for event in engine._execute_stream(provider, prompt, model="gpt-4o"):
-                if "error" in event:  # always the last item: nothing is raised, and nothing healed
+                if "recoverable" in event:  # the last item: nothing is raised, and nothing healed
                     again = "worth another try" if event["recoverable"] else "hopeless"
                     print(f" ... {event['error']}, {again}", end="")
-                else:
-                    print(event["choices"][0]["delta"].get("content", ""), end="", flush=True)
+                for choice in event.get("choices", ()):
+                    print(choice["delta"].get("content", ""), end="", flush=True)
             print()
 
 

@@ -66,12 +66,13 @@ def serve(
         "Prometheus": with_prometheus and "/metrics",
         "Health": with_health and "/health",
     }
+    shown = f"[{host}]" if ":" in host else host
     server = _Server((host, port), _Handler)
     try:
         server.start()
         for label, path in pages.items():
             if path:
-                print(f"  {label}: http://{host}:{server.server_port}{path}")
+                print(f"  {label}: http://{shown}:{server.server_port}{path}")
     except BaseException:
         server.server_close()
         raise

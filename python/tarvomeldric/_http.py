@@ -61,19 +61,24 @@ def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[
 async def post_async(
     client: Any, url: str, body: Any, headers: Any, timeout: Any
 ) -> tuple[int, Any]:
-    """The same, awaited.
-
-    The library's locks let go when an exchange is cancelled, not when it is closed: a later request
-    might wait for one of them without end. After that nothing is sent through the client any more.
-    """
+    """The same, awaited."""
     target = address(client, url)
     try:
         return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
     except GeneratorExit:
-        bound = _bounds.get(id(client))
-        if bound is not None and bound.client is client:
-            bound.spoilt = True
+        spoil(client)
         raise
+
+
+def spoil(client: Any) -> None:
+    """Sends nothing more through a client of ours, one exchange of which was closed by hand.
+
+    The library's locks let go when an exchange is cancelled, not when it is closed: a later request
+    might wait for one of them without end.
+    """
+    bound = _bounds.get(id(client))
+    if bound is not None and bound.client is client:
+        bound.spoilt = True
 
 
 def is_timeout(error: BaseException, asynchronous: bool) -> bool:

@@ -52,7 +52,7 @@ def probe(name: str, base_url: str, api_key: str) -> bool:
         return True
     try:
         with _loop() as loop:
-            return loop.is_closed() or _run(loop, name, base_url, api_key)
+            return loop.is_closed() or loop.is_running() or _run(loop, name, base_url, api_key)
     except RuntimeError:
         return True
 

@@ -10,7 +10,7 @@ from contextlib import aclosing
 from typing import Any
 
 from tarvomeldric._engine import APIError, _EventStream
-from tarvomeldric._http import address
+from tarvomeldric._http import address, spoil
 
 
 async def execute_stream(
@@ -31,6 +31,8 @@ async def execute_stream(
                 failure = _last_item(error)
                 break
             yield event
+        with contextlib.suppress(Exception):  # the first failure is the one to tell of
+            await exchange.aclose()
     yield failure
 
 
@@ -46,14 +48,23 @@ class _Exchange:
         self._provider = provider
         self._url = url
         self._request = request
+        self._client: Any = None
         self._opened: Any = None
         self._response: Any = None
         self._pieces: Any = None
         self._stream = _EventStream()
         self._payloads: Iterator[str] = iter(())
+        self._closed = False
 
     async def next_event(self) -> Any:
         """The next event; StopAsyncIteration when there is none."""
+        try:
+            return await self._find_event()
+        except GeneratorExit:  # whoever waited was closed by hand
+            spoil(self._client)
+            raise
+
+    async def _find_event(self) -> Any:
         if self._response is None:
             await self._open()
         while True:
@@ -63,11 +74,12 @@ class _Exchange:
                 except ValueError:
                     continue
             if self._stream.done or self._pieces is None:
+                await self.aclose()
                 raise StopAsyncIteration
             self._payloads = iter(self._stream.feed(await self._next_piece()))
 
     async def _open(self) -> None:
-        client = await self._engine._get_session(self._provider)
+        client = self._client = await self._engine._get_session(self._provider)
         self._opened = client.stream("POST", address(client, self._url), **self._request)
         self._response = await self._opened.__aenter__()
         if (status := self._response.status_code) != 200:
@@ -82,8 +94,9 @@ class _Exchange:
         return "\n"  # the end of a reply ends its last line
 
     async def aclose(self) -> None:
-        if self._response is None:
+        if self._response is None or self._closed:
             return
+        self._closed = True
         await self._response.aclose()
         with contextlib.suppress(RuntimeError):  # a loop that ends may be closing it, too
             await self._opened.__aexit__(None, None, None)

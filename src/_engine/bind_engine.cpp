@@ -255,7 +255,8 @@ void inc_counter(nb::pointer_and_handle<Engine> self, const std::string& name, s
   }
   MutexLock lock(engine.counters.counter_lock());
   const nb::str key = from_utf8(name);
-  nb::setattr(self.h, key, attribute_or(self.h, key, nb::int_(0)) + nb::int_(value));
+  const nb::object sum = attribute_or(self.h, key, nb::int_(0));
+  host_call([&] { nb::setattr(self.h, key, sum + nb::int_(value)); });
 }
 
 void bind_read_outs(EngineClass& cls) {

@@ -170,8 +170,29 @@ def on_a_closed_loop() -> Any:
         asyncio.set_event_loop(None)
 
 
+def on_a_loop_that_another_thread_runs() -> Any:
+    loop = asyncio.new_event_loop()
+    thread = threading.Thread(target=loop.run_forever)
+    thread.start()
+    asyncio.set_event_loop(loop)
+    try:
+        return tarvomeldric.run({"openai": KEY}, False)
+    finally:
+        asyncio.set_event_loop(None)
+        loop.call_soon_threadsafe(loop.stop)
+        thread.join()
+        loop.close()
+
+
 @pytest.mark.parametrize(
-    "make", [in_a_running_loop, after_a_loop_has_run, in_another_thread, on_a_closed_loop]
+    "make",
+    [
+        in_a_running_loop,
+        after_a_loop_has_run,
+        in_another_thread,
+        on_a_closed_loop,
+        on_a_loop_that_another_thread_runs,
+    ],
 )
 def test_where_no_loop_can_run_every_key_counts_as_good(make: Any) -> None:
     with ProviderSimulator(default=401) as simulator, providers_at(simulator.base_url):

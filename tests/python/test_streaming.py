@@ -8,10 +8,11 @@ import gc
 import inspect
 import json
 import math
-from collections.abc import AsyncGenerator
+from collections.abc import AsyncGenerator, AsyncIterator
 from typing import Any
 from unittest.mock import AsyncMock, Mock
 
+import httpx
 import pytest
 from helpers import engine_on, engine_with, provider, until
 
@@ -85,6 +86,20 @@ def test_a_failure_is_the_last_item() -> None:
         client = Mock(stream=Mock(side_effect=raised("x")), aclose=AsyncMock())
         engine._http_pool["mine"] = client
         assert asyncio.run(events_of(engine)) == [last_item(f"stream_{kind}: {raised.__name__}")]
+
+
+def test_a_connection_that_cannot_be_closed_is_a_failure_like_any_other() -> None:
+    class Body(httpx.AsyncByteStream):
+        async def __aiter__(self) -> AsyncIterator[bytes]:
+            yield b'data: {"n": "a"}\ndata: [DONE]\n'
+
+        async def aclose(self) -> None:
+            raise OSError("cannot")
+
+    engine = engine_with()
+    reply = httpx.MockTransport(lambda request: httpx.Response(200, stream=Body()))
+    engine._http_pool["mine"] = httpx.AsyncClient(transport=reply)
+    assert asyncio.run(events_of(engine)) == [A, last_item("stream_error: OSError")]
 
 
 def test_the_request_is_a_streamed_chat_on_the_path_of_its_kind() -> None:

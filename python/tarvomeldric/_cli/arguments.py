@@ -64,7 +64,8 @@ _SERVE_EPILOG = """\
   /health   JSON
   /stats    JSON
 
-It listens on this machine alone. Nobody is asked for a password: think before you say --host."""
+It listens on this machine alone. Nobody is asked for a password: think before you say --host.
+Ctrl-C and a request to terminate are good ends: the exit status is 0."""
 
 _DIAGNOSE = """\
 What would the engine make of an error? Tells the category and label, what found them, and what a

@@ -8,7 +8,7 @@ from typing import Any
 
 from tarvomeldric import CircuitBreaker, Diagnoser, Diagnosis, FaultCategory, _engine
 
-from .terminal import paint
+from .terminal import paint, tame
 from .words import given
 
 _DOWNGRADED = (FaultCategory.MODEL_NOT_FOUND, FaultCategory.VALIDATION_ERROR)
@@ -64,7 +64,7 @@ def _tell(facts: dict[str, Any], diagnosis: Diagnosis, status: int | None) -> No
         "category": paint("green" if known else "red", facts["category"]),
         "confidence": f"{facts['confidence']:g}, by the {_judge(facts, status)}",
         "label": facts["label"],
-        "matched": f'"{row["words"]}" by row {row["number"]}: {row["pattern"]}'
+        "matched": f'"{tame(row["words"])}" by row {row["number"]}: {row["pattern"]}'
         if row
         else "no row",
         "healing": _healing(diagnosis),

@@ -16,15 +16,20 @@ from tarvomeldric.simulator import ProviderSimulator, rehearsal
 from .terminal import progress
 from .visitors import PROVIDERS, VISITORS, visit
 
+_ENDS = (signal.SIGINT, signal.SIGTERM)
+
 
 def main(options: argparse.Namespace) -> int:
-    """Serve until Ctrl-C or for the given seconds; both are good ends."""
+    """Serve until Ctrl-C, a request to terminate, or for the given seconds; all are good ends."""
     with rehearsal(), _simulated_engine() as engine:
         server = serve_dashboard(engine, options.host, options.port)
         print(end="", flush=True)  # whoever reads the addresses from a pipe wants them now
+        handlers = {number: signal.getsignal(number) for number in _ENDS}
         try:
             asyncio.run(_live(engine, options.seconds))
         finally:
+            for number, handler in handlers.items():  # the loop has left none behind
+                signal.signal(number, handler)
             server.shutdown()
             server.server_close()
         progress("")
@@ -46,7 +51,7 @@ def _simulated_engine() -> Iterator[SelfHealingEngine]:
 
 async def _live(engine: SelfHealingEngine, seconds: float | None) -> None:
     loop, ended = asyncio.get_running_loop(), asyncio.Event()
-    for number in (signal.SIGINT, signal.SIGTERM):
+    for number in _ENDS:
         loop.add_signal_handler(number, ended.set)
     tasks = [asyncio.create_task(visit(engine, number)) for number in range(VISITORS)]
     tasks.append(asyncio.create_task(_report(engine)))
