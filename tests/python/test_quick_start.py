@@ -7,11 +7,12 @@ import os
 import signal
 import subprocess
 import sys
-import threading
+from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 import pytest
-from helpers import KEY, providers_at, run_child, start_child, until
+from helpers import KEY, NOWHERE, providers_at, run_child, start_child, until
 
 import tarvomeldric
 from tarvomeldric import _engine, _quick_start
@@ -36,7 +37,7 @@ REPORT = f"""\
 
 
 @pytest.fixture
-def fresh_loop() -> Any:
+def fresh_loop() -> Iterator[asyncio.AbstractEventLoop]:
     """A loop of this thread's own: what was current before belongs to other tests."""
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
@@ -45,8 +46,9 @@ def fresh_loop() -> Any:
     loop.close()
 
 
+@pytest.mark.usefixtures("fresh_loop")
 def test_run_probes_every_provider_with_a_key_and_says_what_it_found(
-    fresh_loop: Any, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+    monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
 ) -> None:
     monkeypatch.setenv("OPENAI_API_KEY", "sk-environment")
     monkeypatch.setenv("ANTHROPIC_API_KEY", "sk-overridden")
@@ -58,43 +60,31 @@ def test_run_probes_every_provider_with_a_key_and_says_what_it_found(
         silent = tarvomeldric.run(keys, verbose=False)
         assert capsys.readouterr().out == ""
         sent = simulator.requests
-    assert [one.header("Authorization") for one in sent[:3]] == [
-        f"Bearer {KEY}",
-        "Bearer sk-environment",
-        f"Bearer {KEY}",
-    ]
-    assert [request.header("Host") for request in sent[:3]] == [
-        "api.deepseek.com",
-        "api.openai.com",
-        "api.anthropic.com",
+    assert [(one.header("Host"), one.header("Authorization")) for one in sent[:3]] == [
+        ("api.deepseek.com", f"Bearer {KEY}"),
+        ("api.openai.com", "Bearer sk-environment"),
+        ("api.anthropic.com", f"Bearer {KEY}"),
     ]
     assert {request.path for request in sent} == {"/v1/chat/completions"}
-    assert sent[1].body == {
-        "model": "gpt-4o-mini",
-        "messages": [{"role": "user", "content": "Hi"}],
-        "max_tokens": 3,
-    }
+    said = [{"role": "user", "content": "Hi"}]
+    assert sent[1].body == {"model": "gpt-4o-mini", "messages": said, "max_tokens": 3}
     for made in (engine, silent):
         # The environment's come first: they were there before the keys of the argument.
-        records = made._providers
-        assert list(records) == ["openai", "anthropic", "deepseek"]
-        assert [one.healthy for one in records.values()] == [True, False, True]
-        assert [one.api_key for one in records.values()] == ["sk-environment", KEY, KEY]
-        assert records["openai"].models == _engine._MODEL_PROVIDERS["openai"]
+        assert [(name, one.healthy, one.api_key) for name, one in made._providers.items()] == [
+            ("openai", True, "sk-environment"),
+            ("anthropic", False, KEY),
+            ("deepseek", True, KEY),
+        ]
+        assert made._providers["openai"].models == _engine._MODEL_PROVIDERS["openai"]
 
 
-def test_without_any_key_nobody_is_asked(
-    fresh_loop: Any, capsys: pytest.CaptureFixture[str]
+@pytest.mark.usefixtures("fresh_loop")
+def test_nobody_is_asked_without_a_key_nor_at_an_address_that_does_not_exist(
+    capsys: pytest.CaptureFixture[str],
 ) -> None:
     engine = tarvomeldric.run()
     banner = REPORT[REPORT.index("\n\n") + 1 :].replace("3 provider(s) | 2", "0 provider(s) | 0")
-    assert capsys.readouterr().out == banner
-    assert dict(engine._providers) == {}
-
-
-def test_an_address_that_does_not_exist_is_down(
-    fresh_loop: Any, capsys: pytest.CaptureFixture[str]
-) -> None:
+    assert (capsys.readouterr().out, dict(engine._providers)) == (banner, {})
     engine = tarvomeldric.run({"azure": KEY})
     assert capsys.readouterr().out.startswith("  [DOWN] azure: https://")
     assert engine.get_available_providers() == []
@@ -120,63 +110,40 @@ def test_a_provider_is_healthy_when_its_status_is_200(
         assert simulator.requests[0].body["model"] == "deepseek-chat"
 
 
-@pytest.mark.parametrize(
-    ("arguments", "named"),
-    [
-        ((["openai"],), "api_keys"),
-        (({"openai": 7},), "openai"),
-    ],
-)
-def test_an_argument_of_the_wrong_type_is_named(arguments: Any, named: str) -> None:
-    with pytest.raises(TypeError, match=named):
-        tarvomeldric.run(*arguments)
+def test_an_argument_of_the_wrong_type_is_named() -> None:
+    wrong: list[tuple[Any, tuple[Any, ...], str]] = [
+        (tarvomeldric.run, (["openai"],), "api_keys"),
+        (tarvomeldric.run, ({"openai": 7},), "openai"),
+        (_engine._check_provider, (None, NOWHERE, KEY), "name"),
+        (_engine._check_provider, ("openai", None, KEY), "base_url"),
+        (_engine._check_provider, ("openai", NOWHERE, None), "api_key"),
+    ]
+    for function, arguments, named in wrong:
+        with pytest.raises(TypeError, match=rf"\b{named}\b"):
+            function(*arguments)
 
 
-@pytest.mark.parametrize("at", [0, 1, 2])
-def test_the_probe_names_an_argument_of_the_wrong_type(at: int) -> None:
-    arguments: list[Any] = ["openai", "http://127.0.0.1:9/v1", KEY]
-    arguments[at] = None
-    with pytest.raises(TypeError, match=["name", "base_url", "api_key"][at]):
-        _engine._check_provider(*arguments)
+async def inside(act: Any) -> Any:
+    return act()
 
 
-def in_a_running_loop() -> Any:
-    async def inside() -> Any:
-        return tarvomeldric.run({"openai": KEY}, False)
-
-    return asyncio.run(inside())
-
-
-def after_a_loop_has_run() -> Any:
-    asyncio.run(asyncio.sleep(0))
-    return tarvomeldric.run({"openai": KEY}, False)
-
-
-def in_another_thread() -> Any:
-    made = []
-    thread = threading.Thread(target=lambda: made.append(tarvomeldric.run({"openai": KEY}, False)))
-    thread.start()
-    thread.join()
-    return made[0]
-
-
-def on_a_closed_loop() -> Any:
+def on_a_closed_loop(act: Any) -> Any:
     loop = asyncio.new_event_loop()
-    asyncio.set_event_loop(loop)
     loop.close()
+    asyncio.set_event_loop(loop)
     try:
-        return tarvomeldric.run({"openai": KEY}, False)
+        return act()
     finally:
         asyncio.set_event_loop(None)
 
 
-def on_a_loop_that_another_thread_runs() -> Any:
+def on_a_loop_that_another_thread_runs(act: Any) -> Any:
     loop = asyncio.new_event_loop()
     thread = threading.Thread(target=loop.run_forever)
     thread.start()
     asyncio.set_event_loop(loop)
     try:
-        return tarvomeldric.run({"openai": KEY}, False)
+        return act()
     finally:
         asyncio.set_event_loop(None)
         loop.call_soon_threadsafe(loop.stop)
@@ -184,19 +151,20 @@ def on_a_loop_that_another_thread_runs() -> Any:
         loop.close()
 
 
-@pytest.mark.parametrize(
-    "make",
-    [
-        in_a_running_loop,
-        after_a_loop_has_run,
-        in_another_thread,
-        on_a_closed_loop,
-        on_a_loop_that_another_thread_runs,
-    ],
-)
-def test_where_no_loop_can_run_every_key_counts_as_good(make: Any) -> None:
+PLACES: dict[str, Any] = {
+    "in a running loop": lambda act: asyncio.run(inside(act)),
+    "after a loop has run": lambda act: [asyncio.run(asyncio.sleep(0)), act()][1],
+    "in another thread": lambda act: ThreadPoolExecutor(1).submit(act).result(),
+    "on a closed loop": on_a_closed_loop,
+    "on a loop that another thread runs": on_a_loop_that_another_thread_runs,
+}
+
+
+@pytest.mark.parametrize("place", PLACES)
+def test_where_no_loop_can_run_every_key_counts_as_good(place: str) -> None:
     with ProviderSimulator(default=401) as simulator, providers_at(simulator.base_url):
-        assert make()._providers["openai"].healthy
+        engine = PLACES[place](lambda: tarvomeldric.run({"openai": KEY}, False))
+        assert engine._providers["openai"].healthy
         assert simulator.request_count == 0
 
 
@@ -225,11 +193,11 @@ def loop_found():
         loop.close()
         return found
 
-def engine():
+def is_healthy():
     with providers_at(sys.argv[1]):
-        return tarvomeldric.run({"openai": "sk-key"}, verbose=False)
+        return tarvomeldric.run({"openai": "sk-key"}, verbose=False)._providers["openai"].healthy
 
-if len(sys.argv) > 2: print(engine()._providers["openai"].healthy, engine()._providers["openai"].healthy)
+if len(sys.argv) > 2: print(is_healthy(), is_healthy())
 
 print(loop_found())
 """
@@ -237,26 +205,24 @@ print(loop_found())
 
 @pytest.mark.parametrize("entered", [False, True])
 def test_at_a_prompt_it_probes_and_leaves_no_loop_behind(entered: bool) -> None:
+    def at_prompt(*words: str) -> list[str]:
+        if not entered:
+            return run_child(PROMPT, *words).split("\n")
+        prompt = subprocess.run(
+            [sys.executable, "-X", "dev", "-W", "error", "-i", "-q", "-", *words],
+            input=PROMPT,
+            capture_output=True,
+            text=True,
+            timeout=60,
+            env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
+        )
+        complaints = prompt.stderr.replace(">>> ", "").replace("... ", "")
+        assert (prompt.returncode, complaints.strip()) == (0, "")
+        return prompt.stdout.strip().split("\n")
+
     with ProviderSimulator(default=401) as simulator:
-
-        def at_prompt(*arguments: str) -> list[str]:
-            words = [simulator.base_url, *arguments]
-            if not entered:
-                return run_child(PROMPT, *words).split("\n")
-            prompt = subprocess.run(
-                [sys.executable, "-X", "dev", "-W", "error", "-i", "-q", "-", *words],
-                input=PROMPT,
-                capture_output=True,
-                text=True,
-                timeout=60,
-                env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
-            )
-            complaints = prompt.stderr.replace(">>> ", "").replace("... ", "")
-            assert (prompt.returncode, complaints.strip()) == (0, "")
-            return prompt.stdout.strip().split("\n")
-
-        untouched = at_prompt()
-        assert at_prompt("run") == ["False False", *untouched]
+        untouched = at_prompt(simulator.base_url)
+        assert at_prompt(simulator.base_url, "run") == ["False False", *untouched]
         assert simulator.request_count == 2
 
 
