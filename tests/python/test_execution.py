@@ -6,6 +6,7 @@ import asyncio
 import itertools
 import json
 import traceback
+from collections.abc import Callable
 from typing import Any
 
 import httpx
@@ -16,30 +17,21 @@ from tarvomeldric import APIError, SelfHealingEngine
 from tarvomeldric._engine import __version__
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
 
-
-class Ask:
-    """Both ways to ask, blocking and awaited; the clients are closed afterwards."""
-
-    def __init__(self, awaited: bool) -> None:
-        self.awaited = awaited
-
-    def call(self, engine: SelfHealingEngine, /, **options: Any) -> Any:
-        with engine:
-            if self.awaited:
-                return asyncio.run(engine.call("Hi", "m", **options))
-            return engine.call_sync("Hi", "m", **options)
-
-    def execute(self, engine: SelfHealingEngine, /, **options: Any) -> Any:
-        [record] = engine._providers.values()
-        with engine:
-            if self.awaited:
-                return asyncio.run(engine._execute(record, "Hi", "m", **options))
-            return engine._execute_sync(record, "Hi", "m", **options)
+Ask = Callable[..., Any]
 
 
-@pytest.fixture(params=[False, True], ids=["blocking", "awaited"])
+@pytest.fixture(params=["_sync", ""], ids=["blocking", "awaited"])
 def ask(request: pytest.FixtureRequest) -> Ask:
-    return Ask(request.param)
+    """Makes one attempt, or with `call` a whole call; the clients are closed afterwards."""
+
+    def ask(engine: SelfHealingEngine, /, call: bool = False, **options: Any) -> Any:
+        form = getattr(engine, ("call" if call else "_execute") + request.param)
+        records = [] if call else engine._providers.values()
+        with engine:
+            result = form(*records, "Hi", "m", **options)
+            return result if request.param else asyncio.run(result)
+
+    return ask
 
 
 CHAT = {"model": "m", "messages": [{"role": "user", "content": "Hi"}]}
@@ -61,7 +53,7 @@ def test_each_kind_is_sent_to_its_path_and_answered_from_its_place(ask: Ask) -> 
         for kind, (path, body) in KINDS.items():
             simulator.clear()
             simulator.script("scripted", Fault.NULL, Reply())
-            results = [ask.call(engine, api_type=kind, max_tokens=5) for _ in range(3)]
+            results = [ask(engine, call=True, api_type=kind, max_tokens=5) for _ in range(3)]
             request = simulator.requests[0]
             assert request.path == "/v1" + path
             assert list(request.body.items()) == [*body.items(), ("max_tokens", 5)]
@@ -73,23 +65,22 @@ def test_each_kind_is_sent_to_its_path_and_answered_from_its_place(ask: Ask) -> 
             assert results[2].raw_response is engine._last_raw_response
 
 
-OURS = ["content-type", "user-agent", "x-tarvomeldric-version", "authorization", "x-api-key"]
+BEARER = [("authorization", f"Bearer {KEY}")]
+ANTHROPIC = [("x-api-key", KEY), ("anthropic-version", "2023-06-01")]
 
 
 @pytest.mark.parametrize(
-    ("name", "path", "anthropic"),
-    [("mine", "", False), ("anthropic", "", True), ("mine", "/anthropic", True)],
+    ("name", "path", "credentials"),
+    [("mine", "", BEARER), ("anthropic", "", ANTHROPIC), ("mine", "/anthropic", ANTHROPIC)],
 )
-def test_headers_and_credentials(ask: Ask, name: str, path: str, anthropic: bool) -> None:
+def test_headers_and_credentials(ask: Ask, name: str, path: str, credentials: Any) -> None:
     with ProviderSimulator() as simulator:
-        ask.execute(engine_with(provider(simulator.base_url + path, name=name)))
-        request = simulator.requests[0]
-    expected = ["application/json", f"TarvoMeldric/{__version__}", __version__]
-    expected += [None, KEY] if anthropic else [f"Bearer {KEY}", None]
-    assert [request.header(header) for header in OURS] == expected
-    assert request.header("anthropic-version") == ("2023-06-01" if anthropic else None)
-    sent = [header.lower() for header, _ in request.headers if header.lower() in OURS]
-    assert sent == [header for header in OURS if request.header(header) is not None]
+        ask(engine_with(provider(simulator.base_url + path, name=name)))
+        sent = [(header.lower(), value) for header, value in simulator.requests[0].headers]
+    ours = [("content-type", "application/json"), ("user-agent", f"TarvoMeldric/{__version__}")]
+    ours += [("x-tarvomeldric-version", __version__), *credentials]
+    names = dict(ours + BEARER + ANTHROPIC)
+    assert [header for header in sent if header[0] in names] == ours
 
 
 def test_every_option_but_the_request_id_is_sent_and_may_replace_what_was_built(ask: Ask) -> None:
@@ -97,7 +88,7 @@ def test_every_option_but_the_request_id_is_sent_and_may_replace_what_was_built(
     options: dict[str, Any] = {name: [None, {"ключ": 1.5}] for name in inner}
     options |= {"messages": [], "timeout": 7, "bulkhead_timeout": 0.5, "structured_output": False}
     with ProviderSimulator() as simulator:
-        ask.call(engine_on(simulator), request_id="r-1", **options)
+        ask(engine_on(simulator), call=True, request_id="r-1", **options)
         assert simulator.requests[0].body == {"model": "m", **options}
 
 
@@ -139,7 +130,7 @@ def test_an_answer_of_any_shape_is_text_or_null_or_an_error_of_its_kind(
             except (TypeError, KeyError, IndexError, AttributeError) as error:
                 expected = [f"{type(error).__name__}: {error}", None]
             try:
-                seen = ask.execute(engine, api_type=kind)
+                seen = ask(engine, api_type=kind)
             except APIError as error:
                 seen = [str(error), error.status_code]
             assert (seen, engine._last_raw_response) == (expected, body)
@@ -162,7 +153,7 @@ FAILURES: list[tuple[Any, str, int | None]] = [
 
 def failure_of(ask: Ask, engine: SelfHealingEngine, **options: Any) -> APIError:
     with pytest.raises(APIError) as raised:
-        ask.execute(engine, **options)
+        ask(engine, **options)
     assert (raised.value.__cause__, raised.value.__context__) == (None, None)
     return raised.value
 
@@ -176,7 +167,7 @@ def told(error: APIError) -> str:
 def test_a_failed_exchange_reads(ask: Ask) -> None:
     with ProviderSimulator("warm", *(reply for reply, _, _ in FAILURES)) as simulator:
         engine = engine_on(simulator)
-        ask.execute(engine)
+        ask(engine)
         before = engine._last_raw_response
         for _, message, status in FAILURES:
             error = failure_of(ask, engine, timeout=0.25)
