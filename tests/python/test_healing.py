@@ -231,16 +231,18 @@ def test_telemetry_hears_what_healed_and_changes_nothing_by_failing(
         reports.append(report)
         raise OSError
 
+    def install(module: Any) -> None:
+        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)
+
     reports: list[dict[str, Any]] = []
     for module in (None, SimpleNamespace(), SimpleNamespace(TelemetryCollector=fail)):
-        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)  # type: ignore[arg-type]
+        install(module)
         assert ask(engine := Played(503, "answer"), way, "Hi", GPT).heal_level == L1
         assert engine._telemetry is None
     assert reports == [{}]
 
-    module = SimpleNamespace(TelemetryCollector=lambda: SimpleNamespace(record_fault=fail))
-    monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)  # type: ignore[arg-type]
-    for status, *healer in [
+    install(SimpleNamespace(TelemetryCollector=lambda: SimpleNamespace(record_fault=fail)))
+    for status, who, model, action in [
         (503, "openai", GPT, "retry"),
         (404, "openai", MINI, "downgrade"),
         (401, "anthropic", HAIKU, "failover"),
@@ -250,10 +252,9 @@ def test_telemetry_hears_what_healed_and_changes_nothing_by_failing(
         result, _ = ask(engine, way, "Hi", GPT), ask(engine, way, "Hi", GPT)
         with pytest.raises(APIError):
             ask(engine, way, "Hi", GPT)
-        report = dict(zip(("provider", "model", "recovery_action"), healer, strict=True))
-        report |= {"recovery_ok": True, "latency_ms": result.latency_ms}
-        report["fault_type"] = result.fault.category.value
-        assert reports == [{**report, "sub_category": result.fault.sub_category}]
+        fault = {"fault_type": result.fault.category.value, "latency_ms": result.latency_ms}
+        fault |= {"sub_category": result.fault.sub_category, "recovery_ok": True}
+        assert reports == [fault | {"provider": who, "model": model, "recovery_action": action}]
 
 
 @pytest.mark.parametrize("moment", ["backing off", "waiting for a slot", "attempting"])
@@ -281,9 +282,10 @@ def test_a_call_cancelled_while_it_heals_leaves_only_what_had_happened(moment: s
     for _ in held:
         second.release_slot()
     assert engine.is_idle()
-    for record, spent, failed in [(first, 1, 1), (second, int(moment == "attempting"), 0)]:
-        assert record.rate_limiter._tokens == 5 - spent
-        assert (record.bulkhead.to_dict()["rejected"], record.fail_count) == (0, failed)
+    spent = [5 - record.rate_limiter._tokens for record in (first, second)]
+    assert spent == [1, moment == "attempting"]
+    assert (first.fail_count, second.fail_count) == (1, 0)
+    assert second.bulkhead.to_dict()["rejected"] == 0
 
 
 def test_a_forgotten_call_is_collected_with_the_error_it_keeps() -> None:
