@@ -192,16 +192,16 @@ def test_a_call_that_meets_the_recursion_limit_gives_everything_back(ask: Ask) -
     def at_depth(levels: int) -> Any:
         return ask(engine, "Hi").heal_level if levels == 0 else at_depth(levels - 1)
 
-    engine, ends = Healing({"mine": tireless()}), [""]
+    engine, ends = Healing({"mine": tireless()}), []
     for depth in range(sys.getrecursionlimit(), 0, -1):
         assert still_works(engine, ask)
         try:
             ends.append(at_depth(depth))
         except RecursionError:
             ends.append("too deep")
-        if len(set(ends[-5:])) == 1 and ends[-1] == "l1_retry":
+        if ends[-5:] == ["l1_retry"] * 5:
             break
-    assert set(ends[1:]) == {"too deep", "l1_retry"}
+    assert set(ends) == {"too deep", "l1_retry"}
 
 
 def raising(error: type[BaseException], name: str, base: type = object) -> Any:
