@@ -7,6 +7,7 @@ import os
 import signal
 import subprocess
 import sys
+import threading
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
