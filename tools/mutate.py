@@ -1,4 +1,4 @@
-"""Breaks the core on purpose, one small way at a time, and looks whether the C++ tests notice.
+"""Breaks the code on purpose, one small way at a time, and looks whether the tests notice.
 
     python tools/mutate.py                            # a sample of the default files
     python tools/mutate.py --all src/guards           # every mutant of a room, a file or FILE:LINE
@@ -6,7 +6,8 @@
 
 A mutant is killed when the tests fail, crash or do not end. One that survives is either a gap in the
 tests or changes nothing that can be seen; the closing table counts both alike. Ctrl-C ends a run early.
-Works on a copy of the sources in build/mutate.
+The core is judged by the C++ tests, the contracts of src/host by their Python tests. Works on a copy of
+the sources in build/mutate.
 """
 
 from __future__ import annotations
@@ -15,6 +16,7 @@ import argparse
 import collections
 import contextlib
 import dataclasses
+import os
 import random
 import re
 import shutil
@@ -25,15 +27,42 @@ from collections.abc import Iterator
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-TREE, OBJECTS = ROOT / "build" / "mutate" / "tree", ROOT / "build" / "mutate" / "objects"
-TESTS: list[str | Path] = [OBJECTS / "core_tests", "--gtest_brief=1", "--gtest_fail_fast"]
-PATIENCE = 15.0  # seconds for the tests, which take about one
+BUILD = ROOT / "build" / "mutate"
+TREE = BUILD / "tree"
+
+
+@dataclasses.dataclass(frozen=True)
+class Judge:
+    """What is built, and which tests are run on it."""
+
+    objects: Path
+    target: str
+    options: tuple[str, ...]
+    tests: tuple[str | Path, ...]
+    patience: float  # seconds for the tests
+
+
+CORE = Judge(
+    BUILD / "objects",
+    "core_tests",
+    ("-DTARVOMELDRIC_TESTS=ON",),
+    (BUILD / "objects" / "core_tests", "--gtest_brief=1", "--gtest_fail_fast"),
+    15.0,
+)
+MODULE = Judge(
+    BUILD / "module",
+    "_engine",
+    ("-DTARVOMELDRIC_MODULE=ON", f"-DPython_EXECUTABLE={sys.executable}"),
+    (sys.executable, "-m", "pytest", "-qx", ROOT / "tests" / "python" / "test_contracts.py"),
+    60.0,
+)
 
 DEFAULT = [
     "src/guards",
     *(f"src/engine/{name}.cpp" for name in ("admission", "cascade", "failover")),
     *(f"src/flywheel/{name}.cpp" for name in ("learned_rule", "learner")),
     "src/semantic/json_pieces.cpp",
+    "src/host/contract.cpp",
 ]
 
 # What stands there and what is put in its place. The formatter sets blanks around a binary operator
@@ -115,12 +144,16 @@ def mutants_in(place: str) -> list[Mutant]:
     return [mutant for mutant in mutants if not line or mutant.line == int(line)]
 
 
-def build() -> bool:
-    ended = subprocess.run(["ninja", "-C", str(OBJECTS), "core_tests"], capture_output=True)
+def judge_of(mutant: Mutant) -> Judge:
+    return MODULE if mutant.file.startswith("src/host/") else CORE
+
+
+def build(judge: Judge) -> bool:
+    ended = subprocess.run(["ninja", "-C", str(judge.objects), judge.target], capture_output=True)
     return ended.returncode == 0
 
 
-def prepare() -> None:
+def copy_sources() -> None:
     names = ("CMakeLists.txt", "cmake", "src", "tests/core", "fuzz")
     wanted = [file for name in names for file in [ROOT / name, *(ROOT / name).rglob("*")]]
     copies = {TREE / file.relative_to(ROOT): file for file in wanted if file.is_file()}
@@ -131,19 +164,27 @@ def prepare() -> None:
         if not copy.exists() or copy.read_bytes() != file.read_bytes():
             copy.parent.mkdir(parents=True, exist_ok=True)
             shutil.copyfile(file, copy)
-    options = ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O0", "-DTARVOMELDRIC_TESTS=ON"]
+
+
+def prepare(judge: Judge) -> None:
+    options = ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O0", *judge.options]
     subprocess.run(
-        ["cmake", "-S", str(TREE), "-B", str(OBJECTS), "-G", "Ninja", *options],
+        ["cmake", "-S", str(TREE), "-B", str(judge.objects), "-G", "Ninja", *options],
         check=True,
         stdout=subprocess.DEVNULL,
     )
-    if not build() or not tests_pass():
+    package = judge.objects / "package"  # what is Python joins the module there
+    shutil.copytree(ROOT / "python", package, dirs_exist_ok=True)
+    if not build(judge) or not tests_pass(judge):
         sys.exit("mutate: the tests do not pass as they are")
 
 
-def tests_pass() -> bool:
+def tests_pass(judge: Judge) -> bool:
+    environment = {**os.environ, "PYTHONPATH": str(judge.objects / "package")}
     try:
-        ended = subprocess.run(TESTS, capture_output=True, timeout=PATIENCE)
+        ended = subprocess.run(
+            judge.tests, capture_output=True, timeout=judge.patience, env=environment
+        )
     except subprocess.TimeoutExpired:
         return False
     return ended.returncode == 0
@@ -156,9 +197,9 @@ def verdict(mutant: Mutant) -> str:
     lines[mutant.line - 1] = mutant.after + "\n"
     file.write_text("".join(lines))
     try:
-        if not build():
+        if not build(judge_of(mutant)):
             return "not compiled"
-        return "survived" if tests_pass() else "killed"
+        return "survived" if tests_pass(judge_of(mutant)) else "killed"
     finally:
         file.write_text(original)
 
@@ -181,7 +222,9 @@ def main() -> int:
         print(*mutants, sep="\n")
         print(f"{len(mutants)} mutants")
         return 0
-    prepare()
+    copy_sources()
+    for judge in {judge_of(mutant): None for mutant in mutants}:
+        prepare(judge)
     run(mutants)
     return 0
 

@@ -67,7 +67,8 @@ def test_ctrl_c_ends_a_wait_for_others(wait: str, form: str) -> None:
 
 
 FORKED = """
-import asyncio, os, sys, threading
+import asyncio, os, sys, threading, warnings
+warnings.simplefilter("ignore", DeprecationWarning)  # threads and fork: what is tested
 from helpers import drive, engine_with, provider, state_of
 class Pending:
     def __await__(self): yield
