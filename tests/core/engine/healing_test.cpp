@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "engine/failover.h"
@@ -156,6 +157,7 @@ TEST(Healing, ByADowngradeGoesByTheLatestDiagnosis) {
             "l2_downgrade openai gpt-4o-mini for openai gpt-4o after model_not_found:http_404");
   EXPECT_TRUE(day.answered().downgraded);
   EXPECT_EQ(day.count(Counter::kHeal) + day.count(Counter::kL2Downgrade), 2);
+  EXPECT_EQ(day.metric("l2_downgrade_attempt"), 1);
   EXPECT_EQ(day.count(Counter::kL1Skip), 0);
   EXPECT_EQ(day.learned(),
             "server_error:http_500>retry:openai 0/5, "
@@ -235,6 +237,7 @@ TEST(Failover, SkipsTheBarredAndTheBusyAndKeepsTheLastError) {
   EXPECT_EQ(day.ask(), "the last error");
   EXPECT_EQ(day.metric("category_circuit_blocked_failover"), 1);
   EXPECT_EQ(day.metric("errors_all_providers_failed"), 1);
+  EXPECT_EQ(day.registry.all[2].provider->host_fields().fail_count, 1);
   EXPECT_EQ(day.learned(),
             "auth_error:http_401>failover:deepseek 0/1, auth_error:http_401>all_failed 0/1");
 
@@ -256,6 +259,14 @@ TEST(Failover, OrdersByHealthAdviceAndLatency) {
   EXPECT_EQ(provider_priority(day.registry.all[1], advice), 50.0);
   openai.provider->host_fields().recent_latencies = {2000.0};
   EXPECT_EQ(provider_priority(openai, std::nullopt), 50.0);
+
+  Day advised;
+  advised.io.script["openai"] = failures(1, 401);
+  advised.learner.record({"auth_error:http_401", "failover:deepseek", true, 1.0});
+  EXPECT_EQ(advised.ask().substr(0, 20), "l3_failover deepseek");
+  EXPECT_TRUE(std::ranges::any_of(advised.metrics.snapshot_all().histograms, [](const auto& each) {
+    return each.first == "latency_failover_ms" && each.second.count == 1;
+  }));
 }
 
 TEST(Healing, GivesEverythingBackWhenItIsBrokenOffAtAnyWait) {

@@ -30,6 +30,12 @@ TEST_F(LearnerTest, SeededAdviceIsTheMostConfidentOfThePatternElseOfItsCategory)
   const RulePtr first = learner.rules().front();
   EXPECT_EQ(first->success_count, kBootstrapRules[0].success_count);
   EXPECT_EQ(first->fail_count, kBootstrapRules[0].fail_count);
+  EXPECT_TRUE(stats.bootstrap_rules_loaded);
+  learner.record({first->pattern, first->action, true, 1.0});  // known, so no new one
+  EXPECT_TRUE(learner.stats().total_rules == 84 && learner.stats().total_records == 1);
+  const auto stored = std::make_shared<LearnedRule>();
+  learner.store("of:another", stored);
+  EXPECT_EQ(learner.rules().back(), stored);
   EXPECT_EQ(advice("rate_limit:openai"), "failover:azure");
   EXPECT_EQ(advice("rate_limit:groq"), "failover:deepseek");
   EXPECT_EQ(advice("model_not_found"), "downgrade_model");  // the earlier of two equals
@@ -80,12 +86,13 @@ struct Fleet final : RulePublisher {
 TEST_F(LearnerTest, TellsAFleetAndTakesFromItWhatIsMoreConfident) {
   Fleet fleet;
   learner.set_publisher(&fleet);
-  learner.record({"odd", "failover:groq", true, 1.0});
+  learner.record({"odd", "failover:azure", true, 1.0});
   EXPECT_FALSE(learner.would_wait());
   learner.host_fields().sync_mode = "redis";
+  learner.record({"odd", "failover:groq", true, 1.0});
   learner.record({"odd", "failover:groq", false, 1.0});
   EXPECT_TRUE(learner.would_wait());
-  EXPECT_EQ(fleet.told, std::vector<std::string>{"odd:failover:groq"});
+  EXPECT_EQ(fleet.told, (std::vector<std::string>{"odd:failover:groq", "odd:failover:groq"}));
   const auto offer = [&](double confidence) {
     auto rule = std::make_shared<LearnedRule>(LearnedRule{.confidence = confidence});
     learner.merge("odd:failover:groq", rule);
