@@ -7,7 +7,7 @@ if(NOT nanobind_DIR)
 endif()
 find_package(nanobind 3.0 CONFIG REQUIRED)
 
-file(GLOB sources CONFIGURE_DEPENDS src/host/*.cpp src/_engine/*.cpp)
+file(GLOB sources CONFIGURE_DEPENDS src/host/*/*.cpp src/_engine/*.cpp)
 
 # The network's text passes through: optimise for speed and keep the stack protector.
 nanobind_add_module(_engine NB_STATIC NB_DOMAIN tarvomeldric NB_SUPPRESS_WARNINGS NOMINSIZE PROTECT_STACK ${sources})

@@ -196,17 +196,31 @@ class HttpClients:
             if self._tls is None:
                 self._tls = httpx.create_ssl_context()
 
-    def sync_client(self) -> httpx.Client:
-        """A new blocking client."""
+    def blocking(self, pool: dict[str, Any], lock: Any, name: str) -> Any:
+        """The pooled blocking client, made when there is none. No lock is held while it is made."""
         import httpx
 
         self.prepare()
         assert self._tls is not None
-        return httpx.Client(
+        made = httpx.Client(
             verify=self._tls,
             limits=httpx.Limits(**_SYNC_LIMITS),
             timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
         )
+        with lock:
+            client = pool.setdefault(name, made)
+        if client is not made:
+            made.close()
+        return client
+
+    def close_blocking_clients(self, pool: dict[str, Any], lock: Any) -> None:
+        """Closes the pooled blocking clients; the failure of one keeps no other one open."""
+        with lock:
+            clients = list(pool.values())
+            pool.clear()
+        for client in clients:
+            with contextlib.suppress(Exception):
+                client.close()
 
     def find(self, pool: dict[str, Any], name: str) -> Any:
         """The client for the running loop, or None when one has to be made."""

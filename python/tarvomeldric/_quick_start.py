@@ -1,4 +1,4 @@
-"""The live probe behind the quick start, and the event loop that it runs on."""
+"""The quick start: an engine from the keys at hand, each tried by a live probe."""
 
 from __future__ import annotations
 
@@ -15,13 +15,48 @@ from tarvomeldric import _engine
 if TYPE_CHECKING:
     import httpx
 
+_ANY_MODEL = "deepseek-chat"  # where no preset model is known
 _TIMEOUT = 10.0  # seconds
 _INSISTING = 0.05  # seconds between two cancellations of a check
 _TIDYING = 1.0  # seconds, at most, for a check that is given up
 
 
-async def check_provider(base_url: str, api_key: str, model: str) -> bool:
+def quick_start(api_keys: dict[str, str], verbose: bool) -> Any:
+    """An engine with every provider for which there is a key; says what it found when ``verbose``."""
+    engine = _engine.SelfHealingEngine()
+    found = 0
+    for name, base_url in _engine._ENV_MAP.values():
+        record = _engine._preset_record(name, base_url, api_keys)
+        if not record.api_key:
+            continue
+        record.healthy = probe(name, base_url, record.api_key)
+        engine.add_provider(record)
+        found += 1
+        if verbose:
+            state = "OK" if record.healthy else "DOWN"
+            print(f"  [{state}] {name}: {base_url} (models: {len(record.models)})")
+    if verbose:
+        _print_banner(engine, found)
+    return engine
+
+
+def _print_banner(engine: Any, found: int) -> None:
+    healthy = len(engine.get_available_providers())
+    rules = engine._learner.get_stats()["total_rules"]
+    print(f"\n  TarvoMeldric v{_engine.__version__} | {found} provider(s) | {healthy} healthy")
+    print("  MAPE-K: Monitor->Analyze->Plan->Execute->Knowledge")
+    print("  HA: CircuitBreaker + RateLimiter + Bulkhead per provider")
+    print("  Semantic: Strong/Tau/OOB three-domain topology")
+    print(f"  Flywheel: {rules} rules loaded")
+    print("\n  Async:  engine.call('Hello')")
+    print("  Sync:   engine.call_sync('Hello')")
+    print("  Model:  engine.call('Hello', model='gpt-4o')")
+    print("  Task:   engine.call('Hello', task_type='classification')")
+
+
+async def check_provider(name: str, base_url: str, api_key: str) -> bool:
     """Whether a provider answers a tiny chat request with this key; no failure is raised."""
+    model = _engine._DEFAULT_MODELS.get(name) or _ANY_MODEL
     try:
         async with await asyncio.to_thread(_new_client) as client:
             response = await client.post(

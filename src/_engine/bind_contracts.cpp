@@ -1,8 +1,6 @@
-#include "_engine/bindings.h"
-#include "host/argument.h"
-#include "host/contract.h"
-#include "host/record.h"
-#include "host/records.h"
+#include "_engine/bind_record.h"
+#include "_engine/rooms.h"
+#include "host/calls/contract.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -13,29 +11,26 @@ void bind_verdicts(nb::module_& module) {
       {required<&ContractCheck::strategy>("strategy", "which check it was"),
        required<&ContractCheck::passed>("passed", "whether the output holds it"),
        field<&ContractCheck::detail>("detail", "what was found")});
-  bind_record<ContractResult>(
+  auto cls = bind_record<ContractResult>(
       module, "The verdict of a contract.",
       {required<&ContractResult::passed>("passed", "whether every check passed"),
        required<&ContractResult::checks>("checks", "the verdict of each check",
                                          "list[ContractCheck]"),
        required<&ContractResult::contract_type>("contract_type",
-                                                "the contract's primary strategy")})
-      .def(
-          "to_dict", [](const ContractResult& self) { return to_dict(self); },
-          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-          "passed, contract_type and checks.");
+                                                "the contract's primary strategy")});
+  def(
+      cls, "to_dict", [](const ContractResult& self) { return Dict(to_dict(self)); },
+      "passed, contract_type and checks.");
 }
 
-using Strategy = ContractCheck (*)(const Contract&, nb::handle);
-
-void bind_strategy(nb::class_<Contract>& cls, const char* name, Strategy strategy) {
-  const std::string sig = "def " + std::string(name) + "(self, output: str) -> ContractCheck";
-  cls.def(
-      name,
-      [strategy](const Contract& self, nb::handle output) {
-        return strategy(self, require_text(output, "output"));
+template <ContractCheck (*Strategy)(const Contract&, nb::handle)>
+void bind_strategy(nb::class_<Contract>& cls, const char* name) {
+  def(
+      cls, name,
+      [](const Contract& self, std::string_view output) {
+        return Strategy(self, from_utf8(output));
       },
-      arg("output"), nb::sig(sig.c_str()), "One check of an output.");
+      "One check of an output.", arg("output"));
 }
 
 }  // namespace
@@ -61,23 +56,20 @@ void bind_contracts(nb::module_& module) {
        field<&Contract::forbidden_patterns>("forbidden_patterns",
                                             "regular expressions that must not match",
                                             "collections.abc.Sequence[str] | None")});
-  cls.def(
-         "validate",
-         [](const Contract& self, nb::handle output) {
-           return validate(self, require_text(output, "output"));
-         },
-         arg("output"), nb::sig("def validate(self, output: str) -> ContractResult"),
-         "Holds an output against the contract; returns the verdict, never raises one.\n\n"
-         "Raises what the host raises for a forbidden pattern that is no regular expression.")
-      .def(
-          "_primary_strategy",
-          [](const Contract& self) { return from_utf8(primary_strategy(self)); },
-          "The first strategy that is configured.");
-  bind_strategy(cls, "_validate_schema", validate_schema);
-  bind_strategy(cls, "_validate_determinism", validate_determinism);
-  bind_strategy(cls, "_validate_similarity", validate_similarity);
-  bind_strategy(cls, "_validate_entities", validate_entities);
-  bind_strategy(cls, "_validate_forbidden", validate_forbidden);
+  def(
+      cls, "validate",
+      [](const Contract& self, std::string_view output) {
+        return validate(self, from_utf8(output));
+      },
+      "Holds an output against the contract; returns the verdict, never raises one.\n\n"
+      "Raises what Python raises for a forbidden pattern that is no regular expression.",
+      arg("output"));
+  def(cls, "_primary_strategy", &primary_strategy, "The first strategy that is configured.");
+  bind_strategy<validate_schema>(cls, "_validate_schema");
+  bind_strategy<validate_determinism>(cls, "_validate_determinism");
+  bind_strategy<validate_similarity>(cls, "_validate_similarity");
+  bind_strategy<validate_entities>(cls, "_validate_entities");
+  bind_strategy<validate_forbidden>(cls, "_validate_forbidden");
 }
 
 }  // namespace tarvomeldric::host

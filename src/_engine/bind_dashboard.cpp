@@ -1,6 +1,7 @@
-#include "_engine/bindings.h"
-#include "host/argument.h"
-#include "host/dashboard_page.h"
+#include "_engine/def.h"
+#include "_engine/rooms.h"
+#include "host/calls/dashboard_page.h"
+#include "host/interpreter/helpers.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -28,23 +29,20 @@ constexpr const char* kServeDoc =
 }  // namespace
 
 void bind_dashboard(nb::module_& module) {
-  module.def(
-      "serve_dashboard",
-      [](nb::handle engine, Arg<std::string, "host"> host, Arg<std::int64_t, "port"> port,
-         Arg<bool, "with_prometheus"> with_prometheus, Arg<bool, "with_health"> with_health,
-         Arg<bool, "with_dashboard"> with_dashboard) {
-        return call(import("tarvomeldric._dashboard").attr("serve"), engine, host.get(), port.get(),
-                    with_prometheus.get(), with_health.get(), with_dashboard.get());
+  def(
+      module, "serve_dashboard",
+      [](Annotated<"SelfHealingEngine"> engine, const std::string& host, std::int64_t port,
+         bool with_prometheus, bool with_health,
+         bool with_dashboard) -> Annotated<"http.server.HTTPServer"> {
+        return call(Helper::kServeDashboard, engine, from_utf8(host), port, with_prometheus,
+                    with_health, with_dashboard);
       },
-      arg("engine"), arg("host") = "0.0.0.0", arg("port") = 9898, arg("with_prometheus") = true,
-      arg("with_health") = true, arg("with_dashboard") = true,
-      nb::sig("def serve_dashboard(engine: SelfHealingEngine, host: str = '0.0.0.0', "
-              "port: int = 9898, with_prometheus: bool = True, with_health: bool = True, "
-              "with_dashboard: bool = True) -> http.server.HTTPServer"),
-      kServeDoc);
-  module.def("_build_dashboard", &dashboard_page, arg("engine"),
-             nb::sig("def _build_dashboard(engine: SelfHealingEngine) -> str"),
-             "The dashboard's page, for the figures of this moment.");
+      kServeDoc, arg("engine"), arg("host") = "0.0.0.0", arg("port") = 9898,
+      arg("with_prometheus") = true, arg("with_health") = true, arg("with_dashboard") = true);
+  def(
+      module, "_build_dashboard",
+      [](Annotated<"SelfHealingEngine"> engine) { return dashboard_page(engine); },
+      "The dashboard's page, for the figures of this moment.", arg("engine"));
 }
 
 }  // namespace tarvomeldric::host

@@ -1,9 +1,8 @@
-#include "_engine/bindings.h"
-#include "host/argument.h"
-#include "host/read_outs.h"
-#include "host/record.h"
-#include "host/records.h"
-#include "providers/provider_config.h"
+#include "_engine/bind_record.h"
+#include "_engine/rooms.h"
+#include "engine/read_outs.h"
+#include "host/records/read_outs.h"
+#include "host/records/records.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -40,53 +39,30 @@ nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
 }  // namespace
 
 void bind_providers(nb::module_& module) {
-  bind_fields(module)
-      .def("avg_latency", &ProviderConfig::avg_latency,
-           "The mean of the recent latencies in milliseconds, 0.0 without any.")
-      .def("health_score", &ProviderConfig::health_score,
-           "0 to 100, higher is healthier; 50.0 before the first request.")
-      .def("is_available", &ProviderConfig::is_available,
-           "Whether the breaker lets traffic through and the provider is marked healthy.")
-      .def("check_quota", &ProviderConfig::check_quota,
-           "Takes one token of the rate limiter; returns whether it was there.")
-      .def(
-          "can_accept",
-          [](ProviderConfig& self, Arg<double, "bulkhead_timeout"> timeout) {
-            return self.can_accept(timeout.get());
-          },
-          arg("bulkhead_timeout") = 1.0,
-          nb::sig("def can_accept(self, bulkhead_timeout: float = 1.0) -> bool"),
-          "Takes a token and a slot; waits at most `bulkhead_timeout` seconds for the slot.\n\n"
-          "Returns whether the request is admitted; a refusal holds nothing.")
-      .def("release_slot", &ProviderConfig::release_slot, "Gives back the slot of `can_accept`.")
-      .def(
-          "record_success",
-          [](ProviderConfig& self, Arg<double, "latency_ms"> latency_ms) {
-            self.record_success(latency_ms.get());
-          },
-          arg("latency_ms"), nb::sig("def record_success(self, latency_ms: float) -> None"),
-          "Counts a success and its latency in milliseconds.")
-      .def(
-          "record_failure",
-          [](ProviderConfig& self, Arg<std::string, "error"> error,
-             Arg<std::string, "fault_category"> category) {
-            self.record_failure(error.get(), category.get());
-          },
-          arg("error"), arg("fault_category") = "",
-          nb::sig("def record_failure(self, error: str, fault_category: str = '') -> None"),
-          "Counts a failure; one that opens the breaker sets the cooldown of its category.")
-      .def(
-          "get_category_circuit_breaker",
-          [](ProviderConfig& self, Arg<std::string, "category"> category) {
-            return self.category_circuit_breaker(category.get());
-          },
-          arg("category"),
-          nb::sig("def get_category_circuit_breaker(self, category: str) -> CircuitBreaker"),
-          "The breaker for one category of faults, made on first use.")
-      .def(
-          "to_dict", [](ProviderConfig& self) { return to_dict(self); },
-          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-          "The record for read-outs, without the key.");
+  auto cls = bind_fields(module);
+  def(cls, "avg_latency", &ProviderConfig::avg_latency,
+      "The mean of the recent latencies in milliseconds, 0.0 without any.");
+  def(cls, "health_score", &ProviderConfig::health_score,
+      "0 to 100, higher is healthier; 50.0 before the first request.");
+  def(cls, "is_available", &ProviderConfig::is_available,
+      "Whether the breaker lets traffic through and the provider is marked healthy.");
+  def(cls, "check_quota", &ProviderConfig::check_quota,
+      "Takes one token of the rate limiter; returns whether it was there.");
+  def(cls, "can_accept", &ProviderConfig::can_accept,
+      "Takes a token and a slot; waits at most `bulkhead_timeout` seconds for the slot.\n\n"
+      "Returns whether the request is admitted; a refusal holds nothing.",
+      arg("bulkhead_timeout") = 1.0);
+  def(cls, "release_slot", &ProviderConfig::release_slot, "Gives back the slot of `can_accept`.");
+  def(cls, "record_success", &ProviderConfig::record_success,
+      "Counts a success and its latency in milliseconds.", arg("latency_ms"));
+  def(cls, "record_failure", &ProviderConfig::record_failure,
+      "Counts a failure; one that opens the breaker sets the cooldown of its category.",
+      arg("error"), arg("fault_category") = "");
+  def(cls, "get_category_circuit_breaker", &ProviderConfig::category_circuit_breaker,
+      "The breaker for one category of faults, made on first use.", arg("category"));
+  def(
+      cls, "to_dict", [](ProviderConfig& self) { return Dict(dict_of(figures_of(self))); },
+      "The record for read-outs, without the key.");
 }
 
 }  // namespace tarvomeldric::host

@@ -1,6 +1,8 @@
-#include "_engine/bindings.h"
-#include "host/argument.h"
-#include "host/quick_start.h"
+#include "_engine/def.h"
+#include "_engine/rooms.h"
+#include "host/calls/engine.h"
+#include "host/interpreter/helpers.h"
+#include "host/records/records.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -20,20 +22,30 @@ constexpr const char* kRunDoc =
 }  // namespace
 
 void bind_quick_start(nb::module_& module) {
-  module.def(
-      "run",
-      [](nb::handle api_keys, Arg<bool, "verbose"> verbose) {
-        return quick_start(api_keys, verbose.get());
+  def(
+      module, "run",
+      [](Annotated<"dict[str, str] | None"> api_keys,
+         bool verbose) -> Annotated<"SelfHealingEngine"> {
+        return call(Helper::kQuickStart, keys_or_empty(api_keys), verbose);
       },
-      arg("api_keys") = nb::none(), arg("verbose") = true,
-      nb::sig("def run(api_keys: dict[str, str] | None = None, verbose: bool = True) "
-              "-> SelfHealingEngine"),
-      kRunDoc);
-  module.def("_check_provider", &check_provider, arg("name"), arg("base_url"), arg("api_key"),
-             nb::sig("def _check_provider(name: str, base_url: str, api_key: str) -> "
-                     "collections.abc.Coroutine[typing.Any, typing.Any, bool]"),
-             "Whether a provider answers a tiny request with this key within 10 seconds.\n\n"
-             "To be awaited. No failure is raised: it is False.");
+      kRunDoc, arg("api_keys") = nb::none(), arg("verbose") = true);
+  def(
+      module, "_check_provider",
+      [](std::string_view name, std::string_view base_url, std::string_view api_key)
+          -> Annotated<"collections.abc.Coroutine[typing.Any, typing.Any, bool]"> {
+        return call(Helper::kCheckProvider, from_utf8(name), from_utf8(base_url),
+                    from_utf8(api_key));
+      },
+      "Whether a provider answers a tiny request with this key within 10 seconds.\n\n"
+      "To be awaited. No failure is raised: it is False.",
+      arg("name"), arg("base_url"), arg("api_key"));
+  def(
+      module, "_preset_record",
+      [](std::string_view name, std::string_view base_url, Annotated<"dict[str, str]"> api_keys) {
+        return std::make_shared<ProviderConfig>(preset_record(name, base_url, api_keys));
+      },
+      "A preset provider's record, with its models and its key.", arg("name"), arg("base_url"),
+      arg("api_keys"));
 }
 
 }  // namespace tarvomeldric::host

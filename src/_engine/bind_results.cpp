@@ -1,15 +1,13 @@
-#include "_engine/bindings.h"
+#include "_engine/bind_record.h"
+#include "_engine/rooms.h"
 #include "engine/trace.h"
-#include "host/argument.h"
-#include "host/read_outs.h"
-#include "host/record.h"
-#include "host/records.h"
+#include "host/records/records.h"
 
 namespace tarvomeldric::host {
 namespace {
 
 void bind_trace(nb::module_& module) {
-  bind_record<MapeKTrace>(
+  auto cls = bind_record<MapeKTrace>(
       module, "What one call did, stage by stage.",
       {required<&MapeKTrace::request_id>("request_id", "the call's own name"),
        field<&MapeKTrace::phases>(
@@ -26,16 +24,13 @@ void bind_trace(nb::module_& module) {
        field<&MapeKTrace::knowledge_recorded>("knowledge_recorded",
                                               "whether the learner has heard of the outcome"),
        field<&MapeKTrace::total_loop_us>("total_loop_us",
-                                         "the duration of the whole pass, in microseconds")})
-      .def(
-          "enter",
-          [](MapeKTrace& self, Arg<MapeKPhase, "phase"> phase) { self.enter(phase.get()); },
-          arg("phase"), nb::sig("def enter(self, phase: MapeKPhase) -> None"),
-          "Adds a phase with the present time.")
-      .def(
-          "to_dict", [](const MapeKTrace& self) { return to_dict(self); },
-          nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
-          "A copy of every field; later entries do not change it.");
+                                         "the duration of the whole pass, in microseconds")});
+  def(
+      cls, "enter", [](MapeKTrace& self, MapeKPhase phase) { self.enter(phase); },
+      "Adds a phase with the present time.", arg("phase"));
+  def(
+      cls, "to_dict", [](MapeKTrace& self) { return Dict(record_table<MapeKTrace>->dict(&self)); },
+      "A copy of every field; later entries do not change it.");
 }
 
 }  // namespace
@@ -46,23 +41,25 @@ void bind_results(nb::module_& module) {
       module, "What a call hands back: the answer, where it came from and how it was healed.",
       {required<&CallResult::text>("text", "the answer; None when the provider's was null",
                                    "str | typing.Any"),
-       required<&CallResult::provider>("provider", "who answered"),
-       required<&CallResult::model>("model", "the model that answered"),
-       field<&CallResult::success>("success", "always: a call that failed raises"),
+       required<&CallResult::answer, &Answer::provider>("provider", "who answered"),
+       required<&CallResult::answer, &Answer::model>("model", "the model that answered"),
+       field<&CallResult::answer, &Answer::success>("success", "always: a call that failed raises"),
        field<&CallResult::fault>("fault", "the Diagnosis of the last fault on the way, or None",
                                  "Diagnosis | None"),
-       field<&CallResult::original_provider>("original_provider",
-                                             "whom the call was first meant for"),
-       field<&CallResult::original_model>("original_model", "the model that was first meant"),
-       field<&CallResult::latency_ms>("latency_ms",
-                                      "the duration of the attempt that answered, in milliseconds"),
-       field<&CallResult::from_cache>("from_cache", "never: nothing is cached"),
-       field<&CallResult::downgraded>("downgraded", "whether a cheaper model answered"),
-       field<&CallResult::heal_level>(
+       field<&CallResult::answer, &Answer::original_provider>("original_provider",
+                                                              "whom the call was first meant for"),
+       field<&CallResult::answer, &Answer::original_model>("original_model",
+                                                           "the model that was first meant"),
+       field<&CallResult::answer, &Answer::latency_ms>(
+           "latency_ms", "the duration of the attempt that answered, in milliseconds"),
+       field<&CallResult::answer, &Answer::from_cache>("from_cache", "never: nothing is cached"),
+       field<&CallResult::answer, &Answer::downgraded>("downgraded",
+                                                       "whether a cheaper model answered"),
+       field<&CallResult::answer, &Answer::heal_level>(
            "heal_level", "\"\", \"l1_retry\", \"l2_downgrade\", \"l3_failover\" or \"l4_learned\""),
-       field<&CallResult::semantic_domain>(
+       field<&CallResult::answer, &Answer::semantic_domain>(
            "semantic_domain", "the value of the SemanticDomain that bounded the healing"),
-       field<&CallResult::validation_passed>(
+       field<&CallResult::answer, &Answer::validation_passed>(
            "validation_passed", "whether the contract holds; None when none was applied"),
        field<&CallResult::contract_result>("contract_result",
                                            "the contract's verdict as a dictionary, or None",

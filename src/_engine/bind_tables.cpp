@@ -1,16 +1,17 @@
-#include "_engine/bindings.h"
+#include "_engine/rooms.h"
 #include "diagnosis/fault.h"
 #include "diagnosis/fault_patterns.h"
 #include "flywheel/bootstrap_rules.h"
-#include "host/str_enum.h"
-#include "providers/preset_tables.h"
+#include "host/records/str_enum.h"
+#include "providers/limits.h"
+#include "providers/presets.h"
 #include "semantic/topology.h"
 
-// The module's constant tables, as the host would have written them.
+// The module's constant tables, as Python would have written them.
 namespace tarvomeldric::host {
 namespace {
 
-nb::object category(FaultCategory value) { return HostEnum<FaultCategory>::member(value); }
+nb::object category(FaultCategory value) { return PythonEnum<FaultCategory>::member(value); }
 
 nb::tuple pattern_row(nb::handle pattern, const FaultPattern& row) {
   const Decision decision = decision_of(row.category);
@@ -26,8 +27,8 @@ nb::list patterns() {
   return rows;
 }
 
-// Compiled on first sight: only the host looks at these, and compiling them takes longer than the
-// rest of the import.
+// Compiled on first sight: the engine has its own, and compiling these takes longer than the rest
+// of the import.
 nb::list compiled_patterns() {
   const nb::object re = import("re");
   nb::list rows;
@@ -52,56 +53,52 @@ void bind_fault_tables(nb::module_& module) {
   module.attr("_PATTERNS") = patterns();
 }
 
-template <class Table>
-nb::dict model_table(const Table& table) {
-  nb::dict dict;
-  for (const ProviderModels& row : table) {
-    nb::list models;
-    for (const char* model : row.models) models.append(nb::str(model));
-    dict[nb::str(row.provider)] = models;
-  }
-  return dict;
+nb::list list_of(Names names) {
+  nb::list list;
+  for (const char* name : names) list.append(nb::str(name));
+  return list;
 }
 
 void bind_provider_tables(nb::module_& module) {
   nb::dict urls;
-  for (const PresetUrl& row : kPresetUrls) urls[row.provider] = row.base_url;
   nb::dict variables;
-  for (const ProviderKeyVariable& row : kEnvKeyMap) variables[row.provider] = row.variable;
-  nb::dict defaults;
-  for (const DefaultModel& row : kDefaultModels) defaults[row.provider] = row.model;
-  nb::dict quick_start;
-  for (const QuickStartProvider& row : kQuickStartProviders) {
-    quick_start[row.variable] = nb::make_tuple(row.provider, row.base_url);
+  for (const Preset& row : kPresets) {
+    urls[row.name] = row.base_url;
+    variables[row.name] = row.key_variable;
   }
+  nb::dict models;
+  nb::dict defaults;
+  nb::dict quick_start;
+  for (const char* name : kModelOrder) {
+    const Preset& row = preset(name);
+    models[name] = list_of(row.models);
+    defaults[name] = row.default_model;
+    quick_start[row.key_variable] =
+        nb::make_tuple(name, *row.base_url ? row.base_url : row.placeholder_url);
+  }
+  nb::dict downgrades;
+  for (const char* name : kDowngradeOrder) downgrades[name] = list_of(preset(name).downgrades);
   module.attr("_PRESET_URLS") = urls;
   module.attr("_ENV_KEY_MAP") = variables;
-  module.attr("_MODEL_PROVIDERS") = model_table(kModelProviders);
+  module.attr("_MODEL_PROVIDERS") = models;
   module.attr("_DEFAULT_MODELS") = defaults;
-  module.attr("_DOWNGRADE_CHAIN") = model_table(kDowngradeChains);
+  module.attr("_DOWNGRADE_CHAIN") = downgrades;
   module.attr("_ENV_MAP") = quick_start;
   module.attr("_MAX_RETRIES") = kMaxRetries;
-  module.attr("_MAX_PAYLOAD_SIZE") = kMaxPayloadSize;
-  module.attr("_PROVIDER_TIMEOUT") = kProviderTimeout;
+  module.attr("_MAX_PAYLOAD_SIZE") = kMaxPayloadBytes;
+  module.attr("_PROVIDER_TIMEOUT") = kProviderTimeoutSeconds;
 }
 
-template <class Tasks>
-nb::object task_set(const Tasks& tasks) {
-  nb::list names;
-  for (const char* task : tasks) names.append(nb::str(task));
-  return nb::steal(PyFrozenSet_New(names.ptr()));
-}
+nb::object set_of(Names names) { return nb::steal(PyFrozenSet_New(list_of(names).ptr())); }
 
 nb::list bootstrap_rules() {
   nb::list rules;
   for (const BootstrapRule& row : kBootstrapRules) {
-    nb::dict rule;
-    rule["pattern"] = row.pattern;
-    rule["action"] = row.action;
-    rule["success_count"] = row.success_count;
-    rule["fail_count"] = row.fail_count;
-    rule["confidence"] = row.confidence;
-    rules.append(rule);
+    rules.append(make_dict({{"pattern", nb::str(row.pattern)},
+                            {"action", nb::str(row.action)},
+                            {"success_count", nb::int_(row.success_count)},
+                            {"fail_count", nb::int_(row.fail_count)},
+                            {"confidence", number(row.confidence)}}));
   }
   return rules;
 }
@@ -111,9 +108,9 @@ nb::list bootstrap_rules() {
 void bind_tables(nb::module_& module) {
   bind_fault_tables(module);
   bind_provider_tables(module);
-  module.attr("_STRONG_EQUIV_TASKS") = task_set(kStrongEquivTasks);
-  module.attr("_TAU_TASKS") = task_set(kTauTasks);
-  module.attr("_OOB_TASKS") = task_set(kOobTasks);
+  module.attr("_STRONG_EQUIV_TASKS") = set_of(kStrongEquivTasks);
+  module.attr("_TAU_TASKS") = set_of(kTauTasks);
+  module.attr("_OOB_TASKS") = set_of(kOobTasks);
   module.attr("_BOOTSTRAP_RULES") = bootstrap_rules();
   module.def("__getattr__", [module = nb::handle(module)](const std::string& name) -> nb::object {
     if (name == "_COMPILED") {

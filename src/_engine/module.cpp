@@ -1,12 +1,8 @@
 #include <vector>
 
-#include "_engine/bindings.h"
+#include "_engine/rooms.h"
 #include "diagnosis/fault_patterns.h"
-#include "host/coroutine.h"
-#include "host/errors.h"
-#include "host/signatures.h"
-#include "host/str_enum.h"
-#include "host/views.h"
+#include "host/interpreter/signatures.h"
 #include "support/version.h"
 
 namespace nb = nanobind;
@@ -22,16 +18,14 @@ NB_MODULE(engine, module) {
   module.def("_warn_of_leaks", nb::set_leak_warnings, nb::arg("on"),
              "Whether the end of the program tells which objects of the module are still alive.");
   install_hooks();
-  bind_enum<FaultCategory>(module, "What kind of failure a provider request met.");
-  bind_enum<CircuitState>(module, "Whether a circuit breaker lets traffic through.");
-  bind_enum<SemanticDomain>(module, "How far a call may be healed.");
-  bind_enum<MapeKPhase>(module, "The five stages of one pass through the loop.");
+  bind_enums(module);
   bind_errors(module);
   bind_views(module);
   bind_locks(module);
   bind_diagnosis(module);
   bind_guards(module);
   bind_semantic(module);
+  bind_contracts(module);
   bind_flywheel(module);
   bind_observability(module);
   bind_providers(module);

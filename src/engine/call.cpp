@@ -6,6 +6,7 @@
 #include "engine/admission.h"
 #include "engine/cascade.h"
 #include "engine/selection.h"
+#include "observability/metric_names.h"
 #include "providers/models.h"
 
 namespace tarvomeldric {
@@ -24,8 +25,9 @@ class Call {
   Call(const CallRequest& request, Surroundings engine, Io& io)
       : request_(request), engine_(engine), io_(io) {
     facts_.start = engine.clock.monotonic();
-    facts_.trace.phases.reserve(kUsualPhases);
-    facts_.trace.request_id = request.request_id ? *request.request_id : fresh_request_id();
+    facts_.trace = &trace_;
+    trace_.phases.reserve(kUsualPhases);
+    trace_.request_id = request.request_id ? *request.request_id : fresh_request_id();
   }
 
   Task<void> run();
@@ -41,17 +43,17 @@ class Call {
   Task<void> execute(AdmittedSlot slot);
   Task<void> succeed(double latency_ms);
 
-  Route route_to(NamedProvider target) const;
-  Task<std::string> learned_target() const;
+  Target target_at(const NamedProvider& at) const;
+  Task<std::string> learned_provider() const;
   void refuse(std::string message);
 
   const CallRequest& request_;
   Surroundings engine_;
   Io& io_;
   CallFacts facts_;
-  MapeKTrace& trace_ = facts_.trace;
+  MapeKTrace trace_;
   std::vector<NamedProvider> available_;
-  Route route_;
+  Target target_;
   bool learned_ = false;
   std::string refusal_;
   CallOutcome outcome_;  // large, so it is handed on as seldom as can be
@@ -78,72 +80,72 @@ void Call::classify() {
 
 // Counted before this call is, so that a call does not thin out the ratio it is judged by.
 bool Call::under_back_pressure() const {
-  const auto limited = engine_.metrics.counter("fault_rate_limit");
-  const auto calls = engine_.metrics.counter("calls_total");
+  const auto limited = engine_.metrics.counter(metric::kRateLimitFault);
+  const auto calls = engine_.metrics.counter(metric::kCalls);
   return calls > kBackPressureCalls &&
          static_cast<double>(limited) / static_cast<double>(calls) > kBackPressureRatio;
 }
 
 bool Call::monitor() {
   engine_.counters.count({Counter::kCall});
-  engine_.metrics.inc("calls_total");
+  engine_.metrics.inc(metric::kCalls);
   available_ = available_providers(engine_.registry);
   if (available_.empty()) {
-    engine_.metrics.inc("errors_no_provider");
+    engine_.metrics.inc(metric::kNoProvider);
     trace_.monitor_result = "no_provider";
     return false;
   }
-  route_ = route_to(pick_provider(request_.model, available_));
-  facts_.original_provider = route_.target.name;
-  facts_.original_model = route_.model;
+  target_ = target_at(pick_provider(request_.model, available_));
+  facts_.original_provider = target_.name;
+  facts_.original_model = target_.model;
   trace_.monitor_result = "provider_selected";
   return true;
 }
 
 Task<void> Call::analyze() {
   trace_.enter(MapeKPhase::kAnalyze, engine_.clock);
-  const std::string target = co_await learned_target();
-  if (target.empty() || target == route_.target.name) co_return;
-  const auto learned = std::ranges::find(available_, target, &NamedProvider::name);
+  const std::string name = co_await learned_provider();
+  if (name.empty() || name == target_.name) co_return;
+  const auto learned = std::ranges::find(available_, name, &NamedProvider::name);
   if (learned == available_.end()) co_return;
   learned_ = true;
-  route_ = route_to(*learned);
+  target_ = target_at(*learned);
   engine_.counters.count({Counter::kL4Learned});
-  engine_.metrics.inc("l4_learned_routing");
+  engine_.metrics.inc(metric::kLearnedRouting);
 }
 
 // Where a confident rule sends requests of this kind; empty when there is none.
-Task<std::string> Call::learned_target() const {
+Task<std::string> Call::learned_provider() const {
   const auto hint = model_to_error_hint(request_.model);
   if (!hint) co_return std::string();
   const std::optional<Advice> advice = co_await io_.advise(*hint);
   if (!advice || advice->confidence <= kLearnedRoutingConfidence) co_return std::string();
-  std::string target = advice->action;
-  for (std::size_t at = 0; (at = target.find(kFailoverAction, at)) != std::string::npos;) {
-    target.erase(at, kFailoverAction.size());
+  std::string name = advice->action;
+  for (std::size_t at = 0; (at = name.find(kFailoverAction, at)) != std::string::npos;) {
+    name.erase(at, kFailoverAction.size());
   }
-  co_return target;
+  co_return name;
 }
 
 // Admission by the chosen provider, else by the one fallback; a refusal leaves its message behind.
 Task<std::optional<AdmittedSlot>> Call::plan() {
   trace_.enter(MapeKPhase::kPlan, engine_.clock);
-  auto slot = co_await admit(route_.target.provider, io_, request_.bulkhead_timeout);
+  auto slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout);
   if (!slot) {
-    engine_.metrics.inc("rate_limited");
+    engine_.metrics.inc(metric::kRateLimited);
     engine_.counters.count({Counter::kRateLimited});
     auto fallbacks = available_;
-    std::erase_if(fallbacks, [&](const auto& entry) { return entry.name == route_.target.name; });
+    std::erase_if(fallbacks, [&](const auto& entry) { return entry.name == target_.name; });
     if (fallbacks.empty()) {
       trace_.plan_result = "blocked";
       refusal_ = "Primary rate-limited, no fallback available.";
       co_return std::nullopt;
     }
-    route_ = route_to(pick_fallback(fallbacks));
-    slot = co_await admit(route_.target.provider, io_, request_.bulkhead_timeout);
+    target_ = target_at(pick_fallback(fallbacks));
+    slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout);
   }
   if (!slot) {
-    engine_.metrics.inc("bulkhead_rejected");
+    engine_.metrics.inc(metric::kBulkheadRejected);
     engine_.counters.count({Counter::kBulkheadRejected});
     trace_.plan_result = "blocked";
     refusal_ = "All providers rate-limited or at capacity.";
@@ -155,16 +157,16 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
 
 Task<void> Call::execute(AdmittedSlot slot) {
   const double start = trace_.enter(MapeKPhase::kExecute, engine_.clock);
-  Attempt attempt = co_await io_.execute(route_.target.provider, route_.model);
+  Attempt attempt = co_await io_.execute(target_.provider, target_.model);
   const double latency_ms = engine_.ms_since(start);
   if (attempt.ok()) {
-    route_.target.provider->record_success(latency_ms);
+    target_.provider->record_success(latency_ms);
     slot.release();
     co_await succeed(latency_ms);
     co_return;
   }
   slot.release();
-  FailedAttempt failed{std::move(route_), start, std::move(*attempt.failure)};
+  FailedAttempt failed{std::move(target_), start, std::move(*attempt.failure)};
   outcome_ = co_await recover(request_, engine_, io_, facts_, std::move(failed));
 }
 
@@ -172,26 +174,19 @@ Task<void> Call::succeed(double latency_ms) {
   trace_.execute_result = "ok";
   trace_.analyze_result = "nominal";
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  Outcome success{"success", "direct:" + route_.target.name, true, latency_ms};
+  Outcome success{"success", "direct:" + target_.name, true, latency_ms};
   co_await io_.learn(std::move(success));
   trace_.knowledge_recorded = true;
   trace_.total_loop_us = engine_.us_since(facts_.start);
-  engine_.metrics.inc("success_primary");
-  engine_.metrics.observe("latency_primary_ms", latency_ms);
+  engine_.metrics.inc(metric::kPrimarySuccess);
+  engine_.metrics.observe(metric::kPrimaryLatency, latency_ms);
   CallAnswered& answered = outcome_.emplace<CallAnswered>();
-  answered.provider = std::move(route_.target.name);
-  answered.model = std::move(route_.model);
-  answered.original_provider = std::move(facts_.original_provider);
-  answered.original_model = std::move(facts_.original_model);
-  answered.latency_ms = latency_ms;
-  answered.heal_level = learned_ ? "l4_learned" : "";
-  answered.domain = facts_.classification.domain;
+  answered.answer = facts_.answered_by(target_, latency_ms, learned_ ? "l4_learned" : "");
   answered.trace = std::move(trace_);
 }
 
-Route Call::route_to(NamedProvider target) const {
-  std::string model = resolve_model(target.name, request_.model);
-  return {std::move(target), std::move(model)};
+Target Call::target_at(const NamedProvider& at) const {
+  return {at.name, at.provider, resolve_model(at.name, request_.model)};
 }
 
 void Call::refuse(std::string message) {
@@ -200,6 +195,17 @@ void Call::refuse(std::string message) {
 }
 
 }  // namespace
+
+Answer CallFacts::answered_by(const Target& target, double latency_ms,
+                              const char* heal_level) const {
+  return {.provider = target.name,
+          .model = target.model,
+          .original_provider = original_provider,
+          .original_model = original_model,
+          .latency_ms = latency_ms,
+          .heal_level = heal_level,
+          .semantic_domain = std::string(value_of(classification.domain))};
+}
 
 Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io) {
   Call call(request, engine, io);

@@ -44,8 +44,9 @@ struct Surroundings {
 };
 
 // The provider and model of an attempt.
-struct Route {
-  NamedProvider target;
+struct Target {
+  std::string name;
+  ProviderPtr provider;
   std::string model;
 };
 
@@ -54,8 +55,11 @@ struct CallFacts {
   SemanticClassification classification;
   std::string original_provider;
   std::string original_model;
-  double start = 0.0;  // monotonic, seconds
-  MapeKTrace trace;
+  double start = 0.0;           // monotonic, seconds; 0 when unknown
+  MapeKTrace* trace = nullptr;  // left alone when null
+
+  // What is said of an answer by this target; whoever healed the call adds how.
+  Answer answered_by(const Target& target, double latency_ms, const char* heal_level) const;
 };
 
 // One pass through the loop, from the prompt to an answer or an error. The request, the

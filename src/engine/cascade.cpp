@@ -5,8 +5,9 @@
 #include <utility>
 
 #include "engine/failover.h"
+#include "observability/metric_names.h"
+#include "providers/limits.h"
 #include "providers/models.h"
-#include "providers/preset_tables.h"
 
 namespace tarvomeldric {
 namespace {
@@ -33,7 +34,7 @@ class Cascade {
         engine_(engine),
         io_(io),
         facts_(facts),
-        route_(std::move(failed.route)),
+        target_(std::move(failed.target)),
         start_(failed.start),
         failure_(std::move(failed.failure)) {}
 
@@ -42,15 +43,14 @@ class Cascade {
  private:
   using Healed = std::optional<CallOutcome>;
 
-  ProviderConfig& provider() const { return *route_.target.provider; }
+  ProviderConfig& provider() const { return *target_.provider; }
   SemanticDomain domain() const { return facts_.classification.domain; }
 
   void analyze();
   Task<CallOutcome> block();
   Task<Healed> retry();
   Task<Healed> downgrade();
-  Task<CallOutcome> heal(Level level, Diagnosis fault, std::string action, std::string model,
-                         double latency_ms);
+  Task<CallOutcome> heal(Level level, Diagnosis fault, std::string action, double latency_ms);
   Task<bool> breaks_contract(std::string label, std::string action,
                              std::optional<bool>& validation_passed);
   Task<void> learn(std::string label, std::string action, bool success, double latency_ms = 0.0);
@@ -63,7 +63,8 @@ class Cascade {
   Surroundings engine_;
   Io& io_;
   CallFacts& facts_;
-  Route route_;
+  MapeKTrace& trace_ = *facts_.trace;
+  Target target_;
   double start_;
   ApiFailure failure_;
   Diagnosis first_;  // of the first attempt
@@ -79,7 +80,7 @@ Task<CallOutcome> Cascade::run() {
   }
   if (first_.skip_to_failover) {
     engine_.counters.count({Counter::kL1Skip});
-    engine_.metrics.inc("l1_skip_to_failover");
+    engine_.metrics.inc(metric::kRetrySkipped);
   }
   if (last_.is(FaultCategory::kModelNotFound) || last_.is(FaultCategory::kValidationError)) {
     Healed healed = co_await downgrade();
@@ -92,22 +93,22 @@ void Cascade::analyze() {
   first_ = engine_.diagnoser.diagnose(failure_.text, failure_.status);
   last_ = first_;
   const std::string category(value_of(first_.category));
-  facts_.trace.monitor_result = category;
-  facts_.trace.analyze_result = first_.fault_label();
+  trace_.monitor_result = category;
+  trace_.analyze_result = first_.fault_label();
   provider().record_failure(failure_.text, category);
-  provider().category_circuit_breaker(category)->record_failure(route_.target.name);
-  engine_.metrics.inc("fault_" + category);
-  engine_.metrics.observe("fault_latency_us", engine_.us_since(start_));
+  provider().category_circuit_breaker(category)->record_failure(target_.name);
+  engine_.metrics.inc(metric::kFault + category);
+  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(start_));
 }
 
 Task<CallOutcome> Cascade::block() {
-  facts_.trace.plan_result = "blocked_oob";
-  facts_.trace.execute_result = "failed";
-  facts_.trace.enter(MapeKPhase::kKnowledge, engine_.clock);
+  trace_.plan_result = "blocked_oob";
+  trace_.execute_result = "failed";
+  trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
   const std::string label(first_.fault_label());
-  co_await learn(label, "blocked:oob:" + route_.target.name, false);
-  facts_.trace.knowledge_recorded = true;
-  facts_.trace.total_loop_us = engine_.us_since(facts_.start);
+  co_await learn(label, "blocked:oob:" + target_.name, false);
+  trace_.knowledge_recorded = true;
+  trace_.total_loop_us = engine_.us_since(facts_.start);
   const std::string& reason = facts_.classification.reason;
   co_return CallFailed{CallFailed::Kind::kOutOfBounds,
                        "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=" + request_.task_type +
@@ -119,19 +120,19 @@ Task<CallOutcome> Cascade::block() {
 // L1. The first diagnosis steers the whole series; each failure is diagnosed for what comes after
 // it.
 Task<Cascade::Healed> Cascade::retry() {
-  facts_.trace.plan_result = "l1_retry";
+  trace_.plan_result = "l1_retry";
   const std::string label(first_.fault_label());
   const std::string category(value_of(first_.category));
-  const std::string action = "retry:" + route_.target.name;
+  const std::string action = "retry:" + target_.name;
   for (int attempt = 0; attempt < kMaxRetries; ++attempt) {
     co_await io_.sleep(delay_before(attempt));
-    engine_.metrics.inc("l1_retry_attempt_" + std::to_string(attempt));
+    engine_.metrics.inc(metric::kRetry + std::to_string(attempt));
     const double start = engine_.clock.monotonic();
-    const Attempt tried = co_await io_.execute(route_.target.provider, route_.model);
+    const Attempt tried = co_await io_.execute(target_.provider, target_.model);
     const double latency_ms = engine_.ms_since(start);
     if (tried.ok()) {
-      const Level level{"l1_retry", "retry", "heal_l1_retry", kRetryBroken, std::nullopt};
-      co_return co_await heal(level, first_, action, route_.model, latency_ms);
+      const Level level{"l1_retry", "retry", metric::kHealedByRetry, kRetryBroken, std::nullopt};
+      co_return co_await heal(level, first_, action, latency_ms);
     }
     co_await fail(*tried.failure, category, label, action);
     last_ = engine_.diagnoser.diagnose(tried.failure->text, tried.failure->status);
@@ -146,18 +147,19 @@ double Cascade::delay_before(int attempt) const {
 
 // L2. A failure here is not diagnosed: what comes after it goes by the fault that led here.
 Task<Cascade::Healed> Cascade::downgrade() {
-  const auto cheaper = downgraded_model(route_.target.name, route_.model);
-  if (!cheaper || *cheaper == route_.model) co_return std::nullopt;
-  facts_.trace.plan_result = "l2_downgrade";
-  engine_.metrics.inc("l2_downgrade_attempt");
-  const std::string action = "downgrade:" + route_.target.name + ":" + *cheaper;
+  const auto cheaper = downgraded_model(target_.name, target_.model);
+  if (!cheaper || *cheaper == target_.model) co_return std::nullopt;
+  trace_.plan_result = "l2_downgrade";
+  engine_.metrics.inc(metric::kDowngrade);
+  const std::string action = "downgrade:" + target_.name + ":" + *cheaper;
   const double start = engine_.clock.monotonic();
-  const Attempt tried = co_await io_.execute(route_.target.provider, *cheaper);
+  const Attempt tried = co_await io_.execute(target_.provider, *cheaper);
   const double latency_ms = engine_.ms_since(start);
   if (tried.ok()) {
-    const Level level{"l2_downgrade", "downgrade", "heal_l2_downgrade", kDowngradeBroken,
+    const Level level{"l2_downgrade", "downgrade", metric::kHealedByDowngrade, kDowngradeBroken,
                       Counter::kL2Downgrade};
-    co_return co_await heal(level, last_, action, *cheaper, latency_ms);
+    target_.model = *cheaper;
+    co_return co_await heal(level, last_, action, latency_ms);
   }
   const std::string category(value_of(last_.category));
   const std::string label(last_.fault_label());
@@ -165,39 +167,31 @@ Task<Cascade::Healed> Cascade::downgrade() {
   co_return std::nullopt;
 }
 
-Task<CallOutcome> Cascade::heal(Level level, Diagnosis fault, std::string action, std::string model,
+Task<CallOutcome> Cascade::heal(Level level, Diagnosis fault, std::string action,
                                 double latency_ms) {
   provider().record_success(latency_ms);
-  facts_.trace.execute_result = "healed";
+  trace_.execute_result = "healed";
   const std::string label(fault.fault_label());
   std::optional<bool> validation_passed;
   if (co_await breaks_contract(label, action, validation_passed)) {
     co_return CallFailed{CallFailed::Kind::kContract, level.contract_message};
   }
-  facts_.trace.enter(MapeKPhase::kKnowledge, engine_.clock);
+  trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
   co_await learn(label, action, true, latency_ms);
-  facts_.trace.knowledge_recorded = true;
-  facts_.trace.total_loop_us = engine_.us_since(facts_.start);
+  trace_.knowledge_recorded = true;
+  trace_.total_loop_us = engine_.us_since(facts_.start);
   engine_.metrics.inc(level.success_metric);
   if (level.counter) {
     engine_.counters.count({Counter::kHeal, *level.counter});
   } else {
     engine_.counters.count({Counter::kHeal});
   }
-  io_.report({std::string(value_of(fault.category)), route_.target.name, model, level.action,
+  io_.report({std::string(value_of(fault.category)), target_.name, target_.model, level.action,
               latency_ms, fault.sub_category});
-  CallAnswered answered;
-  answered.provider = route_.target.name;
-  answered.model = std::move(model);
-  answered.original_provider = facts_.original_provider;
-  answered.original_model = facts_.original_model;
-  answered.latency_ms = latency_ms;
-  answered.heal_level = level.heal_level;
-  answered.domain = domain();
-  answered.downgraded = level.counter.has_value();
-  answered.fault = std::move(fault);
-  answered.validation_passed = validation_passed;
-  answered.trace = facts_.trace;
+  CallAnswered answered{facts_.answered_by(target_, latency_ms, level.heal_level), std::move(fault),
+                        trace_};
+  answered.answer.downgraded = level.counter.has_value();
+  answered.answer.validation_passed = validation_passed;
   co_return answered;
 }
 
@@ -209,11 +203,11 @@ Task<bool> Cascade::breaks_contract(std::string label, std::string action,
   validation_passed = io_.validate();
   if (*validation_passed) co_return false;
   if (domain() != SemanticDomain::kStrongEquivalence) {
-    engine_.metrics.inc("contract_warning_tau_domain");
+    engine_.metrics.inc(metric::kContractWarning);
     co_return false;
   }
   co_await learn(std::move(label), std::move(action), false);
-  engine_.metrics.inc("contract_validation_failed");
+  engine_.metrics.inc(metric::kContractBroken);
   co_return true;
 }
 
@@ -229,16 +223,9 @@ Task<void> Cascade::learn(std::string label, std::string action, bool success, d
 }
 
 Task<CallOutcome> Cascade::fail_over() {
-  facts_.trace.plan_result = "l3_failover";
-  const FailoverRequest request{request_.prompt_length,
-                                request_.model,
-                                route_.target.name,
-                                last_,
-                                facts_.classification,
-                                facts_.original_provider,
-                                facts_.original_model,
-                                &facts_.trace,
-                                facts_.start};
+  trace_.plan_result = "l3_failover";
+  const FailoverRequest request{request_.prompt_length, request_.model, target_.name, last_,
+                                facts_};
   co_return co_await run_failover(request, engine_, io_);
 }
 

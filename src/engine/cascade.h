@@ -9,7 +9,7 @@ namespace tarvomeldric {
 
 // The first attempt of a call, which a provider failed.
 struct FailedAttempt {
-  Route route;
+  Target target;
   double start = 0.0;  // monotonic, seconds
   ApiFailure failure;
 };

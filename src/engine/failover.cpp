@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "engine/admission.h"
+#include "observability/metric_names.h"
 #include "providers/models.h"
 #include "support/text.h"
 
@@ -28,7 +29,7 @@ class Failover {
  private:
   using Ended = std::optional<CallOutcome>;
 
-  SemanticDomain domain() const { return request_.classification.domain; }
+  SemanticDomain domain() const { return request_.facts.classification.domain; }
   std::string category() const { return std::string(value_of(request_.diagnosis.category)); }
 
   Task<std::vector<NamedProvider>> candidates() const;
@@ -36,8 +37,7 @@ class Failover {
   Task<Ended> judge(const NamedProvider& candidate, std::size_t answer_length,
                     std::optional<bool>& validation_passed);
   Task<CallOutcome> break_contract(const NamedProvider& candidate);
-  Task<CallOutcome> heal(const NamedProvider& candidate, std::string model, double latency_ms,
-                         std::optional<bool> validation_passed);
+  Task<CallOutcome> heal(Target target, double latency_ms, std::optional<bool> validation_passed);
   Task<CallOutcome> give_up();
   Task<void> learn(std::string action, bool success, double latency_ms = 0.0);
   void close_trace(const char* execute_result);
@@ -83,18 +83,18 @@ Task<std::vector<NamedProvider>> Failover::candidates() const {
 // Nothing when the candidate was skipped or failed, and the next one is to be tried.
 Task<Failover::Ended> Failover::try_candidate(const NamedProvider& candidate) {
   ProviderConfig& provider = *candidate.provider;
-  std::string model = resolve_model(candidate.name, request_.model);
+  Target target{candidate.name, candidate.provider, resolve_model(candidate.name, request_.model)};
   if (!provider.category_circuit_breaker(category())->is_available()) {
-    engine_.metrics.inc("category_circuit_blocked_failover");
+    engine_.metrics.inc(metric::kCategoryBlocked);
     co_return std::nullopt;
   }
   std::optional<AdmittedSlot> slot = co_await admit(candidate.provider, io_, kAdmissionWait);
   if (!slot) {
-    engine_.metrics.inc("rate_limited_during_failover");
+    engine_.metrics.inc(metric::kRateLimitedInFailover);
     co_return std::nullopt;
   }
   const double start = engine_.clock.monotonic();
-  const Attempt tried = co_await io_.execute(candidate.provider, model);
+  const Attempt tried = co_await io_.execute(target.provider, target.model);
   const double latency_ms = engine_.ms_since(start);
   if (!tried.ok()) {
     slot->release();
@@ -108,7 +108,7 @@ Task<Failover::Ended> Failover::try_candidate(const NamedProvider& candidate) {
   std::optional<bool> validation_passed;
   Ended broken = co_await judge(candidate, tried.answer_length, validation_passed);
   if (broken) co_return broken;
-  co_return co_await heal(candidate, std::move(model), latency_ms, validation_passed);
+  co_return co_await heal(std::move(target), latency_ms, validation_passed);
 }
 
 // Holds the answer against the contract. A broken one ends the call in an exact domain, and in a
@@ -119,7 +119,7 @@ Task<Failover::Ended> Failover::judge(const NamedProvider& candidate, std::size_
   validation_passed = io_.validate();
   if (*validation_passed) co_return std::nullopt;
   if (domain() == SemanticDomain::kStrongEquivalence) co_return co_await break_contract(candidate);
-  engine_.metrics.inc("contract_warning_tau_domain");
+  engine_.metrics.inc(metric::kContractWarning);
   const bool structured = io_.contract_has_schema();
   const SemanticClassification drift = engine_.topology.classify_response_drift(
       static_cast<std::int64_t>(request_.prompt_length), static_cast<std::int64_t>(answer_length),
@@ -127,7 +127,7 @@ Task<Failover::Ended> Failover::judge(const NamedProvider& candidate, std::size_
   if (drift.domain != SemanticDomain::kStrongEquivalence || drift.reason != kUnhealableDrift) {
     co_return std::nullopt;
   }
-  engine_.metrics.inc("drift_fail_loud");
+  engine_.metrics.inc(metric::kDrift);
   co_return CallFailed{CallFailed::Kind::kDrift, "Response drift detected: " + drift.reason +
                                                      ". Structure mismatch cannot be healed."};
 }
@@ -135,41 +135,34 @@ Task<Failover::Ended> Failover::judge(const NamedProvider& candidate, std::size_
 Task<CallOutcome> Failover::break_contract(const NamedProvider& candidate) {
   engine_.counters.count({Counter::kHeal, Counter::kL3Failover});
   co_await learn("failover:" + candidate.name, false);
-  engine_.metrics.inc("contract_validation_failed");
-  engine_.metrics.inc("heal_l3_failover");
+  engine_.metrics.inc(metric::kContractBroken);
+  engine_.metrics.inc(metric::kHealedByFailover);
   close_trace("contract_violation");
   co_return CallFailed{CallFailed::Kind::kContract,
                        "Contract validation failed after L3 failover to " + candidate.name + ": "};
 }
 
-Task<CallOutcome> Failover::heal(const NamedProvider& candidate, std::string model,
-                                 double latency_ms, std::optional<bool> validation_passed) {
+Task<CallOutcome> Failover::heal(Target target, double latency_ms,
+                                 std::optional<bool> validation_passed) {
   engine_.counters.count({Counter::kHeal, Counter::kL3Failover});
-  io_.report(
-      {category(), candidate.name, model, "failover", latency_ms, request_.diagnosis.sub_category});
-  co_await learn("failover:" + candidate.name, true, latency_ms);
-  engine_.metrics.inc("heal_l3_failover");
-  engine_.metrics.observe("latency_failover_ms", latency_ms);
-  if (domain() == SemanticDomain::kTauNeighborhood) engine_.metrics.inc("tau_domain_failover");
-  if (domain() == SemanticDomain::kOutOfBounds) engine_.metrics.inc("oob_domain_failover");
+  io_.report({category(), target.name, target.model, "failover", latency_ms,
+              request_.diagnosis.sub_category});
+  co_await learn("failover:" + target.name, true, latency_ms);
+  engine_.metrics.inc(metric::kHealedByFailover);
+  engine_.metrics.observe(metric::kFailoverLatency, latency_ms);
+  if (domain() == SemanticDomain::kTauNeighborhood) engine_.metrics.inc(metric::kTolerantFailover);
+  if (domain() == SemanticDomain::kOutOfBounds) engine_.metrics.inc(metric::kOutOfBoundsFailover);
   close_trace("healed");
-  CallAnswered answered;
-  answered.provider = candidate.name;
-  answered.model = std::move(model);
-  answered.original_provider = request_.original_provider;
-  answered.original_model = request_.original_model;
-  answered.latency_ms = latency_ms;
-  answered.heal_level = "l3_failover";
-  answered.domain = domain();
-  answered.fault = request_.diagnosis;
-  answered.validation_passed = validation_passed;
-  if (request_.trace) answered.trace = *request_.trace;
+  CallAnswered answered{request_.facts.answered_by(target, latency_ms, "l3_failover"),
+                        request_.diagnosis, std::nullopt};
+  answered.answer.validation_passed = validation_passed;
+  if (const MapeKTrace* trace = request_.facts.trace) answered.trace = *trace;
   co_return answered;
 }
 
 Task<CallOutcome> Failover::give_up() {
   co_await learn("all_failed", false);
-  engine_.metrics.inc("errors_all_providers_failed");
+  engine_.metrics.inc(metric::kAllProvidersFailed);
   close_trace("failed");
   if (any_failed_) co_return CallFailed{CallFailed::Kind::kProviderError, {}};
   co_return CallFailed{CallFailed::Kind::kRefused, "All providers failed"};
@@ -182,12 +175,13 @@ Task<void> Failover::learn(std::string action, bool success, double latency_ms) 
 }
 
 void Failover::close_trace(const char* execute_result) {
-  if (!request_.trace) return;
-  request_.trace->execute_result = execute_result;
-  request_.trace->enter(MapeKPhase::kKnowledge, engine_.clock);
-  request_.trace->knowledge_recorded = true;
-  request_.trace->total_loop_us =
-      request_.call_start != 0 ? engine_.us_since(request_.call_start) : 0.0;
+  MapeKTrace* trace = request_.facts.trace;
+  if (!trace) return;
+  trace->execute_result = execute_result;
+  trace->enter(MapeKPhase::kKnowledge, engine_.clock);
+  trace->knowledge_recorded = true;
+  const double start = request_.facts.start;
+  trace->total_loop_us = start != 0 ? engine_.us_since(start) : 0.0;
 }
 
 }  // namespace

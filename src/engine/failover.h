@@ -17,11 +17,7 @@ struct FailoverRequest {
   std::string model;              // as the caller asked for it; empty when they did not
   std::string failed_provider;    // not tried again
   Diagnosis diagnosis;
-  SemanticClassification classification;
-  std::string original_provider;
-  std::string original_model;
-  MapeKTrace* trace = nullptr;  // left alone when null
-  double call_start = 0.0;      // monotonic, seconds; 0 when unknown
+  CallFacts facts;
 };
 
 // The order of failover candidates: health, what the learner advises for this kind of fault, and

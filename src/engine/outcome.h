@@ -11,18 +11,25 @@
 
 namespace tarvomeldric {
 
-// A call that was answered. The answer itself stays with the `Io`: nothing here looks inside it.
-struct CallAnswered {
+// What is said of an answer: where it came from and how it came about.
+struct Answer {
   std::string provider;
   std::string model;
+  bool success = true;
   std::string original_provider;
   std::string original_model;
   double latency_ms = 0.0;
-  std::string heal_level;  // empty for a plain first-attempt success
-  SemanticDomain domain = SemanticDomain::kTauNeighborhood;
-  std::optional<Diagnosis> fault;  // of a healed call
+  bool from_cache = false;
   bool downgraded = false;
+  std::string heal_level;  // empty for a plain first-attempt success
+  std::string semantic_domain;
   std::optional<bool> validation_passed;  // null when no contract was applied
+};
+
+// A call that was answered. The answer's text stays with the `Io`: nothing here looks inside it.
+struct CallAnswered {
+  Answer answer;
+  std::optional<Diagnosis> fault;  // of a healed call
   std::optional<MapeKTrace> trace;
 };
 

@@ -1,4 +1,3 @@
-#include <pthread.h>
 #include <sys/random.h>
 
 #include <array>
@@ -6,6 +5,7 @@
 #include <random>
 
 #include "engine/call.h"
+#include "support/fork.h"
 
 namespace tarvomeldric {
 namespace {
@@ -26,11 +26,16 @@ struct RandomBits {
 
 thread_local RandomBits random_bits;
 
-// In the child of a fork, on its only thread: what is left are its parent's next ids.
-void drop_after_fork() { random_bits.left = 0; }
+// In the child of a fork what is left are its parent's next ids. Its only thread is the one that
+// drops them.
+struct Dropping {
+  void renew_after_fork() { random_bits.left = 0; }
+  const ForkMember member{*this};
+};
 
 void RandomBits::fetch() {
-  [[maybe_unused]] static const int watching = pthread_atfork(nullptr, nullptr, drop_after_fork);
+  static auto& dropping = *new Dropping;
+  static_cast<void>(dropping);
   if (getrandom(bits.data(), sizeof bits, 0) != sizeof bits) {
     std::random_device device;
     for (std::uint32_t& each : bits) each = device();

@@ -3,16 +3,17 @@
 #include <algorithm>
 #include <span>
 
-#include "providers/preset_tables.h"
+#include "providers/presets.h"
 
 namespace tarvomeldric {
 
 const NamedProvider& pick_provider(std::string_view model,
                                    const std::vector<NamedProvider>& providers) {
-  for (const ProviderModels& row : kModelProviders) {
+  for (const char* name : kModelOrder) {
     if (model.empty()) break;
-    if (std::ranges::find(row.models, model) == row.models.end()) continue;
-    const auto serving = std::ranges::find(providers, row.provider, &NamedProvider::name);
+    const Names models = preset(name).models;
+    if (std::ranges::find(models, model) == models.end()) continue;
+    const auto serving = std::ranges::find(providers, name, &NamedProvider::name);
     if (serving != providers.end()) return *serving;
   }
   return pick_fallback(providers);

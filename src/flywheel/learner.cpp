@@ -81,6 +81,8 @@ void FlywheelLearner::record(const Outcome& outcome) {
   if (shared && publisher_) publisher_->publish(key, *rule);
 }
 
+// Left out of the analysis: `record` and `seed` hold the lock, and Python code that calls it by
+// hand may.
 void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
   if (file_.path().empty()) return;
   const std::string text = rules_file_text(fields_.rules);
@@ -88,8 +90,19 @@ void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
   file_.write(text);
 }
 
+// Left out of the analysis: the answer may be out of date as soon as it is given, locked or not.
 bool FlywheelLearner::would_wait() const NO_THREAD_SAFETY_ANALYSIS {
   return mutex_.locked() || (publisher_ && fields_.sync_mode == "redis");
+}
+
+std::string FlywheelLearner::sync_mode() const {
+  MutexLock lock(mutex_);
+  return fields_.sync_mode;
+}
+
+void FlywheelLearner::set_sync_mode(const char* mode) {
+  MutexLock lock(mutex_);
+  fields_.sync_mode = mode;
 }
 
 RulePtr FlywheelLearner::match(std::string_view error_pattern) {

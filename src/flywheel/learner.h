@@ -89,8 +89,12 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.
   void persist();
   RulesFile& file() { return file_; }
-  // Whether `record` would wait for somebody: the lock is held, or there is a fleet to tell.
+  // Whether `record` would wait: the lock is held, or there is a fleet to tell.
   bool would_wait() const;
+  // "redis" while rules are shared with a fleet, else "local".
+  std::string sync_mode() const;
+  void set_sync_mode(const char* mode);
+  bool shares() const { return sync_mode() == "redis"; }
   void set_publisher(RulePublisher* publisher) { publisher_ = publisher; }
 
   const Clock& clock() const { return clock_; }

@@ -17,7 +17,7 @@ Bulkhead::Bulkhead(BulkheadFields fields, const Clock& clock)
     : GuardedRecord(with_semaphore(std::move(fields), clock)) {}
 
 std::shared_ptr<Semaphore> Bulkhead::semaphore() const {
-  CleanupLock lock(mutex_);
+  MutexLock lock(mutex_, kUninterrupted);
   return fields_.semaphore;
 }
 
@@ -28,21 +28,20 @@ bool Bulkhead::acquire(double timeout) {
 }
 
 void Bulkhead::count(bool granted) {
-  CleanupLock lock(mutex_);
+  MutexLock lock(mutex_, kUninterrupted);
   ++(granted ? fields_.active : fields_.rejected);
 }
 
 void Bulkhead::give_back(const std::shared_ptr<Semaphore>& granting) {
   granting->release();
-  CleanupLock lock(mutex_);
+  MutexLock lock(mutex_, kUninterrupted);
   if (fields_.semaphore != granting) return;
   fields_.active = std::max<std::int64_t>(0, fields_.active - 1);
 }
 
-void Bulkhead::reset_after_fork() {
-  mutex_.reset_after_fork();
+void Bulkhead::renew_after_fork() {
   MutexLock lock(mutex_);
-  fields_.semaphore->reset_after_fork();
+  fields_.semaphore->take_all();
   fields_.semaphore = std::make_shared<Semaphore>(fields_.max_concurrent);
   fields_.active = 0;
 }

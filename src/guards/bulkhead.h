@@ -27,16 +27,19 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
   // Clean-up: waits uninterrupted, cannot fail.
   void release() { give_back(semaphore()); }
 
-  // The two halves of `acquire`, for those who wait in their own way in between.
+  // The two halves of `acquire`, for coroutines, which wait in between without a thread.
   std::shared_ptr<Semaphore> semaphore() const;
   void count(bool granted);
   // Gives back a slot to the semaphore that granted it. One that is no longer the bulkhead's, as
   // after a fork, takes its slots along: they are not counted here any more.
   void give_back(const std::shared_ptr<Semaphore>& granting);
 
-  // In the child of a fork nobody holds a slot: its lock and all its permits are new. What is given
-  // back to the semaphore from before the fork goes nowhere.
-  void reset_after_fork();
+  // In the child of a fork nobody holds a slot. What is given back to the semaphore from before the
+  // fork goes nowhere.
+  void renew_after_fork();
+
+ private:
+  const ForkMember member_{*this};
 };
 
 }  // namespace tarvomeldric

@@ -23,7 +23,7 @@ bool RateLimiter::acquire(std::int64_t tokens) {
 }
 
 void RateLimiter::refund() {
-  CleanupLock lock(mutex_);
+  MutexLock lock(mutex_, kUninterrupted);
   fields_.tokens += 1.0;
 }
 

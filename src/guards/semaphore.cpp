@@ -100,8 +100,18 @@ void Semaphore::leave(Waiter& waiter) {
   wake_waiters();
 }
 
-// Without the destructor: a lock that somebody holds cannot be destroyed.
-void Semaphore::reset_after_fork() { new (this) Semaphore(0, clock_); }
+void Semaphore::take_all() {
+  InnerLock lock(inner_);
+  permits_ = 0;
+}
+
+// Without the destructors: a lock that somebody holds cannot be destroyed, and a list that somebody
+// was changing cannot be walked.
+void Semaphore::renew_after_fork() NO_THREAD_SAFETY_ANALYSIS {
+  new (&inner_) Inner;
+  new (&line_) std::list<InLine>;
+  new (&woken_) std::list<Woken>;
+}
 
 std::int64_t Semaphore::permits() const {
   InnerLock lock(inner_);

@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "support/clock.h"
-#include "support/thread_annotations.h"
+#include "support/mutex.h"
 
 namespace tarvomeldric {
 
@@ -53,9 +53,11 @@ class Semaphore {
   bool look(Waiter& waiter);
   void leave(Waiter& waiter);
 
-  // For the child of a fork, in which the threads that held permits, or the inner lock, do not
-  // exist: without a permit and with nobody in line.
-  void reset_after_fork();
+  // Takes every permit that is free, for good: who still waits for one does so in vain.
+  void take_all();
+
+  // In the child of a fork nobody is in line.
+  void renew_after_fork();
 
   std::int64_t permits() const;
   std::size_t waiting() const;
@@ -88,22 +90,14 @@ class Semaphore {
    private:
     std::mutex mutex_;
   };
-  class SCOPED_CAPABILITY InnerLock {
-   public:
-    explicit InnerLock(Inner& inner) ACQUIRE(inner) : inner_(inner) { inner_.lock(); }
-    ~InnerLock() RELEASE() { inner_.unlock(); }
-    InnerLock(const InnerLock&) = delete;
-    InnerLock& operator=(const InnerLock&) = delete;
-
-   private:
-    Inner& inner_;
-  };
+  using InnerLock = MutexLock<Inner>;
 
   const Clock& clock_;
   mutable Inner inner_;
   std::int64_t permits_ GUARDED_BY(inner_);
   std::list<InLine> line_ GUARDED_BY(inner_);
   std::list<Woken> woken_ GUARDED_BY(inner_);  // told, and not seen since; oldest first
+  const ForkMember member_{*this};
 };
 
 }  // namespace tarvomeldric

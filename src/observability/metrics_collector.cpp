@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 
+#include "observability/metric_names.h"
 #include "support/samples.h"
 #include "support/text.h"
 
@@ -92,7 +93,7 @@ MetricsSnapshot MetricsCollector::snapshot_all() const {
 HealthDocument MetricsCollector::health() const {
   HealthDocument document{};
   for (auto& [name, value] : counters()) {
-    if (name == "calls_total") document.calls = value;
+    if (name == metric::kCalls) document.calls = value;
     if (names_any(name, {"error", "fault"})) ++document.error_count;
     if (names_any(name, {"calls", "heal", "fault", "error"})) {
       document.summary.emplace_back(std::move(name), value);

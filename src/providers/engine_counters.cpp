@@ -27,9 +27,4 @@ CounterValues EngineCounters::snapshot() const {
   return values_;
 }
 
-void EngineCounters::reset_after_fork() {
-  general_lock_.reset_after_fork();
-  counter_lock_.reset_after_fork();
-}
-
 }  // namespace tarvomeldric

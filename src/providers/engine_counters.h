@@ -38,8 +38,6 @@ class EngineCounters {
   std::int64_t value(Counter counter) const;
   CounterValues snapshot() const;
 
-  void reset_after_fork();
-
   Mutex& general_lock() { return general_lock_; }
   Mutex& counter_lock() { return counter_lock_; }
 

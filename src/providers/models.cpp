@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "providers/preset_tables.h"
+#include "providers/presets.h"
 #include "support/text.h"
 
 namespace tarvomeldric {
@@ -10,20 +10,37 @@ namespace {
 
 constexpr std::string_view kLastResortModel = "deepseek-chat";
 
+// "gpt*" is how a name begins, "*qwen*" what it holds.
+bool fits(std::string_view name, std::string_view shape) {
+  shape.remove_suffix(1);
+  if (!shape.starts_with('*')) return name.starts_with(shape);
+  return text::contains(name, shape.substr(1));
+}
+
+std::string family_of(std::string_view model) {
+  const std::string name = text::lower(model);
+  for (const char* provider : kFamilyOrder) {
+    for (const char* shape : preset(provider).family) {
+      if (fits(name, shape)) return provider;
+    }
+  }
+  return "unknown";
+}
+
 }  // namespace
 
 std::string resolve_model(std::string_view provider, std::string_view requested) {
-  const auto served = preset_models(provider);
-  if (!requested.empty() && std::ranges::find(served, requested) != served.end()) {
+  const Preset& known = preset(provider);
+  if (!requested.empty() && std::ranges::find(known.models, requested) != known.models.end()) {
     return std::string(requested);
   }
-  const std::string_view preset = default_model(provider);
-  if (!preset.empty()) return std::string(preset);
+  const std::string_view preferred = known.default_model;
+  if (!preferred.empty()) return std::string(preferred);
   return std::string(requested.empty() ? kLastResortModel : requested);
 }
 
 std::optional<std::string> downgraded_model(std::string_view provider, std::string_view current) {
-  const auto chain = downgrade_chain(provider);
+  const Names chain = preset(provider).downgrades;
   const auto at = std::ranges::find(chain, current);
   if (at == chain.end() || at + 1 == chain.end()) return std::nullopt;
   return std::string(*(at + 1));
@@ -31,17 +48,7 @@ std::optional<std::string> downgraded_model(std::string_view provider, std::stri
 
 std::optional<std::string> model_to_error_hint(std::string_view model) {
   if (model.empty()) return std::nullopt;
-  const std::string name = text::lower(model);
-  const auto family = [&]() -> std::string_view {
-    if (name.starts_with("meta/") || name.starts_with("nvidia/")) return "nvidia";
-    if (text::contains(name, "deepseek")) return "deepseek";
-    if (name.starts_with("gpt")) return "openai";
-    if (text::contains(name, "claude")) return "anthropic";
-    if (text::contains(name, "qwen")) return "dashscope";
-    if (text::contains(name, "gemini")) return "google";
-    return "unknown";
-  }();
-  return "model_request:" + std::string(family);
+  return "model_request:" + family_of(model);
 }
 
 }  // namespace tarvomeldric

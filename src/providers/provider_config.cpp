@@ -31,6 +31,16 @@ std::string ProviderConfig::name() const {
   return fields_.name;
 }
 
+Endpoint ProviderConfig::endpoint() const {
+  MutexLock lock(mutex_);
+  return {fields_.name, fields_.base_url, fields_.api_key};
+}
+
+bool ProviderConfig::healthy() const {
+  MutexLock lock(mutex_);
+  return fields_.healthy;
+}
+
 double ProviderConfig::avg_latency() const {
   MutexLock lock(mutex_);
   const auto& recent = fields_.recent_latencies;
@@ -63,11 +73,7 @@ double ProviderConfig::health_score() const {
   return score;
 }
 
-bool ProviderConfig::is_available() const {
-  if (!circuit_breaker()->is_available()) return false;
-  MutexLock lock(mutex_);
-  return fields_.healthy;
-}
+bool ProviderConfig::is_available() const { return circuit_breaker()->is_available() && healthy(); }
 
 BreakerPtr ProviderConfig::circuit_breaker() const {
   MutexLock lock(mutex_);
@@ -80,7 +86,7 @@ RateLimiterPtr ProviderConfig::rate_limiter() const {
 }
 
 BulkheadPtr ProviderConfig::bulkhead() const {
-  CleanupLock lock(mutex_);
+  MutexLock lock(mutex_, kUninterrupted);
   return fields_.bulkhead;
 }
 
@@ -131,17 +137,6 @@ void ProviderConfig::record_failure(std::string_view error, std::string_view fau
   const bool may_trip = !fault_category.empty() && breaker->state() != CircuitState::kOpen;
   breaker->record_failure(name);
   if (may_trip && breaker->state() == CircuitState::kOpen) breaker->trip_with_fault(fault_category);
-}
-
-void ProviderConfig::reset_after_fork() {
-  mutex_.reset_after_fork();
-  MutexLock lock(mutex_);
-  fields_.circuit_breaker->mutex().reset_after_fork();
-  for (const auto& [_, breaker] : fields_.category_circuit_breakers) {
-    breaker->mutex().reset_after_fork();
-  }
-  fields_.rate_limiter->mutex().reset_after_fork();
-  fields_.bulkhead->reset_after_fork();
 }
 
 }  // namespace tarvomeldric

@@ -37,6 +37,13 @@ struct ProviderFields {
   BoundedQueue<double, 100> recent_latencies;  // milliseconds, of successes
 };
 
+// Where a provider's API is, and what opens it.
+struct Endpoint {
+  std::string name;
+  std::string base_url;
+  std::string api_key;
+};
+
 // One provider: where its API lives, the key, the models, how it has been doing, and the guards
 // that say whether it may be called now.
 //
@@ -48,6 +55,8 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   explicit ProviderConfig(ProviderFields fields = {}, const Clock& clock = system_clock());
 
   std::string name() const;
+  Endpoint endpoint() const;
+  bool healthy() const;
   // The mean of the recent latencies in milliseconds, 0 without any.
   double avg_latency() const;
   // 0 to 100, higher is healthier; 50 for a provider that has not been called. May turn an open
@@ -70,9 +79,6 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   void record_success(double latency_ms);
   // A categorised failure that opens the breaker also sets the cooldown that suits its category.
   void record_failure(std::string_view error, std::string_view fault_category = "");
-
-  // In the child of a fork: the locks of the record and of its guards are new, its slots free.
-  void reset_after_fork();
 
  private:
   const Clock& clock_;

@@ -23,10 +23,11 @@ class GuardedRecord {
     return fields_;
   }
 
-  // The host's view of the fields. Every thread of the host holds the interpreter lock when it gets
-  // here, and no operation enters a blocking region with a field half-written, so these reads and
-  // writes need no lock; taking it would lock a caller out who holds it already.
-  F& host_fields() NO_THREAD_SAFETY_ANALYSIS { return fields_; }
+  // The fields as Python code sees them, guarded by the interpreter lock alone. Left out of the
+  // analysis of locks: every thread that gets here holds the interpreter lock, and no operation
+  // enters a blocking region with a field half-written, so these reads and writes need no lock;
+  // taking it would lock a caller out who holds it already.
+  F& interpreter_locked_fields() NO_THREAD_SAFETY_ANALYSIS { return fields_; }
 
   Mutex& mutex() const RETURN_CAPABILITY(mutex_) { return mutex_; }
 

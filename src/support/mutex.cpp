@@ -41,8 +41,13 @@ bool Mutex::wait_slice(Deadline deadline) {
   return taken;
 }
 
-// Without the destructor: a condition that somebody waits on cannot be destroyed, and those who
+// Without the destructors: a condition that somebody waits on cannot be destroyed, and those who
 // waited are not there to stop.
-void Mutex::reset_after_fork() { new (this) Mutex; }
+void Mutex::renew_after_fork() {
+  held_.store(false);
+  waiters_.store(0);
+  new (&parking_) std::mutex;
+  new (&released_) std::condition_variable;
+}
 
 }  // namespace tarvomeldric

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 
+#include "support/fork.h"
 #include "support/thread_annotations.h"
 
 namespace tarvomeldric {
@@ -13,7 +14,7 @@ namespace tarvomeldric {
 // A plain lock whose waits never hold up the host: it first tries, then waits inside a
 // `BlockingRegion`. A thread that holds it and needs the interpreter can therefore never face a
 // thread that holds the interpreter and waits for it. Not reentrant; any thread may unlock it, as
-// the host's own locks allow.
+// Python's own locks allow. In the child of a fork it is free.
 class CAPABILITY("mutex") Mutex {
  public:
   Mutex() = default;
@@ -34,8 +35,7 @@ class CAPABILITY("mutex") Mutex {
   void unlock() RELEASE();
   bool locked() const { return held_.load(); }
 
-  // For the child of a fork, in which the threads that held or awaited the lock do not exist.
-  void reset_after_fork();
+  void renew_after_fork();
 
  private:
   using Deadline = std::optional<std::chrono::steady_clock::time_point>;
@@ -48,29 +48,29 @@ class CAPABILITY("mutex") Mutex {
   std::atomic<int> waiters_{0};
   std::mutex parking_;
   std::condition_variable released_;
+  const ForkMember member_{*this};
 };
 
+// How a scoped lock waits: clean-up has to happen whatever the host asks for, so it is not
+// interrupted, and cannot throw.
+struct Uninterrupted {};
+inline constexpr Uninterrupted kUninterrupted;
+
+// Holds a lock for a scope.
+//
+//   MutexLock lock(mutex_);                   // may throw the host's interrupt while it waits
+//   MutexLock lock(mutex_, kUninterrupted);   // in destructors and clean-up
+template <class M>
 class SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  explicit MutexLock(M& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  MutexLock(M& mutex, Uninterrupted) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock_uninterrupted(); }
   ~MutexLock() RELEASE() { mutex_.unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
  private:
-  Mutex& mutex_;
-};
-
-// For clean-up paths: cannot be interrupted, and therefore cannot throw.
-class SCOPED_CAPABILITY CleanupLock {
- public:
-  explicit CleanupLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock_uninterrupted(); }
-  ~CleanupLock() RELEASE() { mutex_.unlock(); }
-  CleanupLock(const CleanupLock&) = delete;
-  CleanupLock& operator=(const CleanupLock&) = delete;
-
- private:
-  Mutex& mutex_;
+  M& mutex_;
 };
 
 }  // namespace tarvomeldric

@@ -8,17 +8,12 @@ from contextlib import ExitStack, contextmanager
 from pathlib import Path
 from tempfile import TemporaryDirectory
 
+from tarvomeldric import _engine
+
 _HOME_VARIABLES = ("HOME", "USERPROFILE")
 _REMOVED_VARIABLES = (
     "TARVOMELDRIC_REDIS_URL",
-    "OPENAI_API_KEY",
-    "ANTHROPIC_API_KEY",
-    "DEEPSEEK_API_KEY",
-    "GOOGLE_API_KEY",
-    "DASHSCOPE_API_KEY",
-    "NVIDIA_API_KEY",
-    "GROQ_API_KEY",
-    "AZURE_OPENAI_API_KEY",
+    *_engine._ENV_KEY_MAP.values(),
     # A proxy is no way to a simulator on this machine.
     "HTTP_PROXY",
     "HTTPS_PROXY",

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "_engine/def.h"
+#include "host/records/record.h"
+
+namespace tarvomeldric::host {
+
+template <class T>
+int traverse_record(PyObject* self, visitproc visit, void* arg) {
+  return record_table<T>->traverse(self, visit, arg);
+}
+template <class T>
+int clear_record(PyObject* self) {
+  return record_table<T>->clear(self);
+}
+
+// Binds one field as a property. Also serves the members of classes that are no records.
+template <class T, class... Extra>
+void bind_field(nb::class_<T, Extra...>& cls, Field bound) {
+  const auto* field = new Field(std::move(bound));  // as long as the class
+  const std::string getter = "def " + std::string(field->name) + "(self) -> " + field->type;
+  const auto get = [field](nb::pointer_and_handle<T> self) {
+    return field->live(self.h, &fields_of(*self.p));
+  };
+  if (!field->assignable) {
+    cls.def_prop_ro(field->name, get, nb::sig(getter.c_str()), field->doc);
+    return;
+  }
+  const std::string setter =
+      "def " + std::string(field->name) + "(self, value: " + field->type + ", /) -> None";
+  cls.def_prop_rw(
+      field->name, get,
+      [field](T& self, nb::handle value) {
+        assign_field(kPythonName<T>.text, &fields_of(self), *field, value);
+      },
+      nb::for_getter(nb::sig(getter.c_str())), nb::for_getter(field->doc),
+      nb::for_setter(nb::sig(setter.c_str())), nb::for_setter(nb::arg("value").none()));
+}
+
+// `make_defaults` gives the fields that a record without arguments starts from.
+template <class T>
+nb::class_<T> bind_record(
+    nb::module_& module, const std::string& doc, std::vector<Field> fields,
+    FieldsOf<T> (*make_defaults)() = [] { return FieldsOf<T>{}; }) {
+  const char* name = kPythonName<T>.text;
+  auto* table = new RecordTable{name, std::move(fields), [](PyObject* self) -> void* {
+                                  return &fields_of(*nb::inst_ptr<T>(self));
+                                }};
+  record_table<T> = table;
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_record<T>)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_record<T>)},
+                         {0, nullptr}};
+  auto defaults = make_defaults();
+  nb::class_<T> cls(module, name, (doc + table->manual(&defaults)).c_str(), nb::type_slots(slots));
+  cls.def(
+      "__init__",
+      [table, make_defaults](T* self, const nb::args& args, const nb::kwargs& kwargs) {
+        auto filled = make_defaults();
+        table->fill(&filled, args, kwargs);
+        new (self) T(std::move(filled));
+      },
+      nb::sig(table->signature(&defaults).c_str()),
+      "Takes the fields in their order or by name; TypeError names one of the wrong type.");
+  for (const Field& field : table->fields) bind_field(cls, field);
+  cls.def(
+      "__repr__",
+      [](nb::pointer_and_handle<T> self) -> nb::object {
+        if constexpr (requires { summary(*self.p); }) {
+          return from_utf8(summary(*self.p));
+        } else {
+          return record_table<T>->repr(self.h.ptr());
+        }
+      },
+      nb::sig("def __repr__(self) -> str"));
+  cls.def(
+      "__eq__",
+      [table](nb::pointer_and_handle<T> self, nb::handle other) {
+        return table->equals(self.h.ptr(), other.ptr());
+      },
+      nb::arg("other").none(), nb::sig("def __eq__(self, other: object, /) -> bool"));
+  cls.def(
+      "__reduce__", [table](nb::pointer_and_handle<T> self) { return table->reduce(self.h.ptr()); },
+      nb::sig("def __reduce__(self) -> tuple[typing.Any, ...]"));
+  cls.attr("__hash__") = nb::none();
+  cls.attr("__match_args__") = table->match_args();
+  return cls;
+}
+
+// Binds a member that is a Python object. `check`, where there is one, refuses values of a type
+// that the class could not use, by the member's name.
+template <auto Member, class T>
+void bind_object(nb::class_<T>& cls, const char* name, const std::string& type,
+                 void (*check)(nb::handle value, const char* name) = nullptr) {
+  const std::string getter = "def " + std::string(name) + "(self) -> " + type;
+  const std::string setter = "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
+  cls.def_prop_rw(
+      name, [](const T& self) { return self.*Member; },
+      [name, check](T& self, nb::handle value) {
+        if (check) check(value, name);
+        self.*Member = nb::borrow(value);
+      },
+      nb::for_getter(nb::sig(getter.c_str())), nb::for_setter(nb::sig(setter.c_str())),
+      nb::for_setter(nb::arg("value").none()));
+}
+
+// Binds a member that is a text.
+template <auto Member, class T>
+void bind_text(nb::class_<T>& cls, const char* name) {
+  cls.def_prop_rw(
+      name, [](const T& self) { return from_utf8(self.*Member); },
+      [name](T& self, nb::handle value) { self.*Member = to_utf8(require_text(value, name)); },
+      nb::for_setter(nb::arg("value").none()));
+}
+
+}  // namespace tarvomeldric::host

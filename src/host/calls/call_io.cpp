@@ -1,0 +1,186 @@
+#include "host/calls/call_io.h"
+
+#include <array>
+
+#include "host/interpreter/errors.h"
+#include "host/interpreter/helpers.h"
+#include "host/records/argument.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr std::array kHeldObjects{
+    &CallState::engine,  &CallState::prompt, &CallState::model,        &CallState::contract,
+    &CallState::options, &CallState::answer, &CallState::raw_response, &CallState::error,
+    &CallState::verdict, &CallState::fault,  &CallState::trace};
+
+// An error of ours always has the attribute; one that a replacement raised may carry anything
+// there.
+std::optional<std::int64_t> status_of(nb::handle error) {
+  const auto given =
+      host_call([&] { return nb::steal(PyObject_GetAttrString(error.ptr(), "status_code")); });
+  if (!given.is_valid()) {
+    if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
+    PyErr_Clear();
+    return std::nullopt;
+  }
+  return PyLong_Check(given.ptr()) ? Status{given}.code() : std::nullopt;
+}
+
+}  // namespace
+
+Surroundings CallState::surroundings() {
+  parts = native();
+  registry.emplace(parts.providers);
+  return parts.surroundings(*registry, native().counters);
+}
+
+int CallState::traverse(visitproc visit, void* arg) {
+  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
+  if (const int stop = parts.traverse(visit, arg)) return stop;
+  return exchange.traverse(visit, arg);
+}
+
+void CallState::clear() {
+  for (auto held : kHeldObjects) drop(this->*held);
+  parts.clear();
+  exchange.clear();
+}
+
+Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
+  drop(state_.raw_response);
+  Attempt attempt;
+  try {
+    state_.answer = co_await perform(std::move(provider), std::move(model));
+    attempt.answer_length = state_.answer.is_none() ? 0 : text_length(state_.answer);
+  } catch (nb::python_error& failure) {
+    if (!failure.matches(error_types.api)) throw;
+    state_.error = nb::borrow(failure.value());
+    attempt.failure = ApiFailure{text_form(state_.error), status_of(state_.error)};
+  }
+  co_return attempt;
+}
+
+bool CallIo::contract_has_schema() const {
+  return has_contract() && is_true(state_.contract.attr("output_schema"));
+}
+
+// A null answer is held against the contract as an empty one.
+bool CallIo::validate() {
+  const nb::object output = state_.answer.is_none() ? nb::str("") : state_.answer;
+  state_.verdict = call(state_.contract.attr("validate"), output);
+  return is_true(state_.verdict.attr("passed"));
+}
+
+// Whatever goes wrong with the collector changes nothing for the caller; an interrupt still passes.
+void CallIo::report(const Recovery& recovery) {
+  quietly([&] {
+    const nb::object record = state_.native().telemetry_collector().attr("record_fault");
+    call(record, "fault_type"_a = from_utf8(recovery.fault_type),
+         "provider"_a = from_utf8(recovery.provider), "model"_a = from_utf8(recovery.model),
+         "recovery_action"_a = recovery.action.c_str(), "recovery_ok"_a = true,
+         "latency_ms"_a = recovery.latency_ms, "sub_category"_a = from_utf8(recovery.sub_category));
+  });
+}
+
+// The type's attribute counts as well as the instance's: either may have been replaced.
+nb::object CallIo::replacement() const {
+  const nb::handle engine = state_.engine;
+  const nb::object members = nb::steal(PyObject_GenericGetDict(engine.ptr(), nullptr));
+  const bool on_instance = entry(members, seam_.name).is_valid();
+  if (!on_instance && nb::getattr(engine.type(), seam_.name).is(seam_.native)) return {};
+  return nb::getattr(engine, seam_.name);
+}
+
+void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
+  const nb::handle given = entry(state_.options, "api_type"_key);
+  const std::string api_type = given ? to_utf8(given) : "chat";
+  state_.exchange = Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
+}
+
+nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
+                                    const std::string& model) const {
+  return host_call([&]() -> nb::object {
+    return replacement(nb::cast(provider), state_.prompt, from_utf8(model), **state_.options);
+  });
+}
+
+Task<void> BlockingIo::sleep(double seconds) {
+  call(import("time").attr("sleep"), seconds);
+  co_return;
+}
+
+Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
+  co_return semaphore->acquire(timeout);
+}
+
+Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model) {
+  const nb::object replaced = replacement();
+  if (replaced.is_valid()) {
+    co_return as_answer(call_replacement(replaced, provider, model));
+  }
+  prepare_exchange(*provider, model);
+  nb::object answer = exchange_blocking(state_.native(), state_.exchange);
+  state_.raw_response = state_.exchange.decoded;
+  co_return answer;
+}
+
+Task<void> BlockingIo::learn(Outcome outcome) {
+  learner().record(outcome);
+  co_return;
+}
+
+Task<std::optional<Advice>> BlockingIo::advise(std::string error_pattern) {
+  co_return learner().advise(error_pattern);
+}
+
+Task<void> AwaitingIo::sleep(double seconds) {
+  PythonAwait sleeping(suspension_, call(import("asyncio").attr("sleep"), seconds));
+  co_await sleeping;
+}
+
+Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
+  if (!(timeout > 0)) co_return semaphore->take_any();
+  PythonAwait waiting(suspension_, call(Helper::kWaitForPermit, semaphore, timeout));
+  const nb::object granted = co_await waiting;
+  co_return granted.is(nb::handle(Py_True));
+}
+
+// What would hold up the event loop is done by the learner's worker thread, in order.
+Task<void> AwaitingIo::learn(Outcome outcome) {
+  if (!learner().would_wait()) {
+    learner().record(outcome);
+    co_return;
+  }
+  PythonAwait recording(
+      suspension_,
+      call(Helper::kInWorker, state_.parts.learner, "record", from_utf8(outcome.error_pattern),
+           from_utf8(outcome.action), outcome.success, outcome.heal_time_ms));
+  co_await recording;
+}
+
+Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
+  std::optional<Advice> advice;
+  if (learner().try_advise(error_pattern, advice)) co_return advice;
+  PythonAwait matching(suspension_, call(Helper::kInWorker, state_.parts.learner, "match",
+                                         from_utf8(error_pattern)));
+  const nb::object rule = co_await matching;
+  if (rule.is_none()) co_return std::nullopt;
+  const auto& found = require<LearnedRule>(rule, "what match returns");
+  co_return Advice{found.action, found.confidence};
+}
+
+Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {
+  if (nb::object replaced = replacement(); replaced.is_valid()) {
+    PythonAwait replying(suspension_, call_replacement(replaced, provider, model));
+    drop(replaced);
+    const nb::object answer = co_await replying;
+    co_return as_answer(answer);
+  }
+  prepare_exchange(*provider, model);
+  nb::object answer = co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
+  state_.raw_response = state_.exchange.decoded;
+  co_return answer;
+}
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/call.h"
+#include "host/calls/learner.h"
+#include "host/interpreter/python.h"
+#include "providers/engine_counters.h"
+#include "providers/registry.h"
+#include "support/figures.h"
+
+namespace tarvomeldric::host {
+
+// The registry of an engine: a Python dictionary, whose entries any code may set.
+class PythonRegistry final : public Registry {
+ public:
+  explicit PythonRegistry(nb::handle providers) : providers_(providers) {}
+  std::vector<NamedProvider> entries() const override;
+
+ private:
+  nb::handle providers_;
+};
+
+// The members of an engine that a call works with. They are Python objects, so that Python code can
+// read and replace them; a call keeps hold of those it finds when it starts.
+struct Parts {
+  nb::object providers;
+  nb::object diagnoser;
+  nb::object learner;
+  nb::object metrics;
+  nb::object topology;
+
+  // The core's view of them; type errors name a member of the wrong type.
+  Surroundings surroundings(const Registry& registry, EngineCounters& counters) const;
+  int traverse(visitproc visit, void* arg);
+  void clear();
+};
+
+// The engine that an application holds. Any thread that holds the interpreter lock. What it decides
+// is decided by the core; this class finds the core's parts behind its members.
+class Engine : public Parts {
+ public:
+  // `providers`: None, a list of preset names, or a dictionary of records; `api_keys`: None or a
+  // dictionary from provider name to key. Throws a type or value error for anything else.
+  Engine(nb::handle providers, nb::handle api_keys);
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  void auto_discover(nb::handle api_keys);
+  void init_from_list(nb::handle names, nb::handle api_keys);
+  void add_provider(nb::handle config_or_name, nb::handle config);
+
+  // The decisions of a call, by the names of registered providers; KeyError for one that is not.
+  std::string pick_provider(const std::optional<std::string>& model, nb::handle names) const;
+  std::string pick_fallback(nb::handle names) const;
+  double provider_priority(const std::string& provider, const std::string& fault_pattern,
+                           const std::string& sub_category) const;
+  // Counted as a refusal out of bounds.
+  std::optional<std::string> downgraded_model(const std::string& provider,
+                                              const std::string& current_model,
+                                              SemanticDomain domain) const;
+
+  // The pooled blocking client for a provider, made on first use.
+  nb::object sync_client(const std::string& provider_name);
+  // The pooled client for the running loop: at once if there is one (else None), or awaited.
+  nb::object find_session(const std::string& provider_name);
+  nb::object session(const std::string& provider_name);
+  // The awaitable that closes every pooled client, and the blocking form. The engine stays usable:
+  // the next request makes fresh clients.
+  nb::object close();
+  void close_sync();
+  void close_sync_clients();
+  // In the child of a fork: clients of its own. The parent's stay as they are.
+  void after_fork();
+
+  nb::object telemetry_collector();
+
+  // Adds to a counter of the engine, or to an attribute of the caller's own.
+  void inc_counter(const std::string& name, std::int64_t value);
+  Figures stats();
+  Figures mapek_stats();
+  nb::list available_names() const;
+
+  int traverse(visitproc visit, void* arg);
+  void clear();
+
+  nb::object http_pool;
+  nb::object sync_client_pool;
+  nb::object last_raw_response = nb::none();
+  nb::object telemetry = nb::none();
+  EngineCounters counters;
+  Mutex pool_lock;
+  Mutex sync_client_lock;
+
+ private:
+  nb::handle clients();
+  nb::object lock_object(Mutex& lock);
+  nb::object clients_;  // the package's HttpClients, made on first use
+};
+
+// `api_keys` as a dictionary; a type error for what is neither that nor None.
+nb::object keys_or_empty(nb::handle api_keys);
+// A preset provider's record with its models, and with its key from `api_keys`, else from the
+// environment, else an empty one.
+ProviderFields preset_record(std::string_view name, std::string_view base_url, nb::handle api_keys);
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,85 @@
+#include "engine/failover.h"
+#include "engine/read_outs.h"
+#include "engine/selection.h"
+#include "host/calls/engine.h"
+#include "host/records/argument.h"
+#include "host/records/records.h"
+#include "observability/metric_names.h"
+#include "providers/models.h"
+
+// The decisions of a call and the figures of an engine, as Python code may ask for them one by one.
+namespace tarvomeldric::host {
+namespace {
+
+// The given names with their records; one that is not registered is a KeyError.
+std::vector<NamedProvider> named(const Engine& engine, nb::handle names) {
+  std::vector<NamedProvider> chosen;
+  for (nb::handle name : names) {
+    const nb::object record = item(engine.providers, name);
+    require<ProviderConfig>(record, "a provider");
+    chosen.push_back(
+        {convert_argument<std::string>(name, "providers: a name"), nb::cast<ProviderPtr>(record)});
+  }
+  if (chosen.empty()) throw nb::value_error("providers must not be empty");
+  return chosen;
+}
+
+}  // namespace
+
+std::string Engine::pick_provider(const std::optional<std::string>& model, nb::handle names) const {
+  return tarvomeldric::pick_provider(model.value_or(""), named(*this, names)).name;
+}
+
+std::string Engine::pick_fallback(nb::handle names) const {
+  return tarvomeldric::pick_fallback(named(*this, names)).name;
+}
+
+double Engine::provider_priority(const std::string& provider, const std::string& fault_pattern,
+                                 const std::string& sub_category) const {
+  const nb::list names(nb::make_tuple(from_utf8(provider)));
+  const std::string& pattern = sub_category.empty() ? fault_pattern : sub_category;
+  return tarvomeldric::provider_priority(
+      named(*this, names).front(), require<PythonLearner>(learner, "_learner").advise(pattern));
+}
+
+std::optional<std::string> Engine::downgraded_model(const std::string& provider,
+                                                    const std::string& current_model,
+                                                    SemanticDomain domain) const {
+  if (domain != SemanticDomain::kOutOfBounds) {
+    return tarvomeldric::downgraded_model(provider, current_model);
+  }
+  require<MetricsCollector>(metrics, "_metrics").inc(metric::kDowngradeOutOfBounds);
+  return std::nullopt;
+}
+
+void Engine::inc_counter(const std::string& name, std::int64_t value) {
+  for (std::size_t i = 0; i < kCounterNames.size(); ++i) {
+    if (name == std::string("_") + kCounterNames[i]) {
+      counters.add(static_cast<Counter>(i), value);
+      return;
+    }
+  }
+  MutexLock lock(counters.counter_lock());
+  const nb::object self = nb::find(this);
+  const nb::str key = from_utf8(name);
+  const nb::object sum = attribute_or(self, key, nb::int_(0));
+  host_call([&] { nb::setattr(self, key, sum + nb::int_(value)); });
+}
+
+nb::list Engine::available_names() const {
+  nb::list names;
+  for (const auto& entry : available_providers(PythonRegistry(providers))) {
+    names.append(from_utf8(entry.name));
+  }
+  return names;
+}
+
+Figures Engine::stats() {
+  return engine_figures(surroundings(PythonRegistry(providers), counters));
+}
+
+Figures Engine::mapek_stats() {
+  return loop_figures(surroundings(PythonRegistry(providers), counters));
+}
+
+}  // namespace tarvomeldric::host

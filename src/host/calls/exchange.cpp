@@ -1,0 +1,154 @@
+#include "host/calls/exchange.h"
+
+#include <array>
+
+#include "host/calls/engine.h"
+#include "host/interpreter/errors.h"
+#include "host/interpreter/helpers.h"
+#include "providers/limits.h"
+#include "providers/request_shape.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr long kOk = 200;
+constexpr long kRequestTimeout = 408;
+
+constexpr std::array kHeldObjects{&Exchange::client, &Exchange::url,     &Exchange::headers,
+                                  &Exchange::body,   &Exchange::timeout, &Exchange::decoded};
+
+nb::dict header_dict(const Endpoint& provider) {
+  nb::dict headers;
+  for (const auto& [name, value] :
+       request_headers(provider.name, provider.base_url, provider.api_key)) {
+    headers[from_utf8(name)] = from_utf8(value);
+  }
+  return headers;
+}
+
+nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::handle extra,
+                   Delivery delivery) {
+  const bool streamed = delivery == Delivery::kStreamed;
+  if (streamed) kind = RequestKind::kChat;
+  nb::dict body;
+  put(body, "model"_key, model);
+  if (kind == RequestKind::kEmbeddings) put(body, "input"_key, prompt);
+  if (kind == RequestKind::kImages) put(body, "prompt"_key, prompt);
+  if (kind == RequestKind::kChat) {
+    nb::dict message;
+    put(message, "role"_key, "user"_key);
+    put(message, "content"_key, prompt);
+    nb::list messages;
+    messages.append(message);
+    put(body, "messages"_key, messages);
+  }
+  if (streamed) put(body, "stream"_key, truth(true));
+  for (auto [name, value] : nb::borrow<nb::dict>(extra)) {
+    if (PyUnicode_Compare(name.ptr(), "api_type"_key.ptr()) != 0) body[name] = value;
+  }
+  return body;
+}
+
+nb::object first(nb::handle container) { return item(container, nb::int_(0)); }
+
+nb::object image_answer(nb::handle image) {
+  nb::object url = call(image.attr("get"), "url");
+  if (is_true(url)) return url;
+  return call(image.attr("get"), "b64_json", "");
+}
+
+nb::object answer_in(RequestKind kind, nb::handle reply) {
+  switch (kind) {
+    case RequestKind::kEmbeddings:
+      return item(first(item(reply, "data")), "embedding");
+    case RequestKind::kImages:
+      return image_answer(first(item(reply, "data")));
+    case RequestKind::kAudio:
+      return call(reply.attr("get"), "text", "");
+    case RequestKind::kChat:
+      break;
+  }
+  return item(item(first(item(reply, "choices")), "message"), "content");
+}
+
+nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
+  const long status = nb::cast<long>(reply[0]);
+  if (status != kOk) {
+    raise_api_error(status_message(status, to_utf8(reply[1])), status);
+  }
+  exchange.decoded = reply[1];
+  engine.last_raw_response = exchange.decoded;
+  return as_answer(answer_in(request_kind(exchange.api_type), exchange.decoded));
+}
+
+// What a failed exchange is reported as. Nothing of the failure but its type and the part of its
+// text that may be shown goes into the new error.
+[[noreturn]] void raise_failure(nb::python_error& failure, const Exchange& exchange,
+                                bool asynchronous) {
+  if (!failure.matches(PyExc_Exception) || failure.matches(error_types.api)) throw;
+  if (nb::cast<bool>(call(Helper::kIsTimeout, failure.value(), asynchronous))) {
+    raise_api_error(timeout_message(text_form(exchange.timeout), exchange.provider_name),
+                    kRequestTimeout);
+  }
+  const std::string type = to_utf8(failure.type().attr("__name__"));
+  raise_api_error(type + ": " + shown_failure(text_form(failure.value()), exchange.api_key),
+                  std::nullopt);
+}
+
+}  // namespace
+
+Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model,
+                   const std::string& kind, nb::handle extra, Delivery delivery)
+    : api_type(kind) {
+  const Endpoint endpoint = provider.endpoint();
+  provider_name = endpoint.name;
+  api_key = endpoint.api_key;
+  url = from_utf8(endpoint.base_url + std::string(endpoint_path(api_type)));
+  headers = header_dict(endpoint);
+  body = body_dict(request_kind(api_type), prompt, model, extra, delivery);
+  const nb::handle given = entry(extra, "timeout"_key);
+  timeout = given ? nb::borrow(given) : number(kProviderTimeoutSeconds);
+}
+
+int Exchange::traverse(visitproc visit, void* arg) {
+  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
+  return 0;
+}
+
+void Exchange::clear() {
+  for (auto held : kHeldObjects) drop(this->*held);
+}
+
+nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
+  try {
+    const nb::object client = engine.sync_client(exchange.provider_name);
+    const nb::object reply = call(Helper::kPost, client, exchange.url, exchange.body,
+                                  exchange.headers, exchange.timeout);
+    return read_reply(engine, exchange, reply);
+  } catch (nb::python_error& failure) {
+    raise_failure(failure, exchange, false);
+  }
+}
+
+Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension) {
+  try {
+    exchange.client = engine.find_session(exchange.provider_name);
+    if (exchange.client.is_none()) {
+      PythonAwait session(suspension, engine.session(exchange.provider_name));
+      exchange.client = co_await session;
+    }
+    PythonAwait posting(suspension, call(Helper::kPostAwaited, exchange.client, exchange.url,
+                                         exchange.body, exchange.headers, exchange.timeout));
+    const nb::object reply = co_await posting;
+    co_return read_reply(engine, exchange, reply);
+  } catch (nb::python_error& failure) {
+    raise_failure(failure, exchange, true);
+  }
+}
+
+nb::object as_answer(nb::handle answer) {
+  if (answer.is_none() || PyUnicode_Check(answer.ptr())) return nb::borrow(answer);
+  return call(import("json").attr("dumps"), answer);
+}
+
+}  // namespace tarvomeldric::host

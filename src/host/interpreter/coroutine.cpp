@@ -1,0 +1,250 @@
+#include "host/interpreter/coroutine.h"
+
+#include <utility>
+
+#include "host/interpreter/errors.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+// A native coroutine is driven as it is; anything else says what to drive.
+nb::object iterator_of(nb::handle awaitable) {
+  if (PyCoro_CheckExact(awaitable.ptr())) return nb::borrow(awaitable);
+  const nb::handle type = awaitable.type();
+  if (!nb::hasattr(type, "__await__")) {
+    throw nb::type_error(
+        (std::string("object ") + class_name(awaitable) + " can't be used in 'await' expression")
+            .c_str());
+  }
+  return call(awaitable.attr("__await__"));
+}
+
+bool has(nb::handle object, const char* attribute) { return nb::hasattr(object, attribute); }
+
+PySendResult raise_error(PyObject* type, const char* message) {
+  PyErr_SetString(type, message);
+  return PYGEN_ERROR;
+}
+
+// A coroutine's StopIteration would read as its result; the host's own coroutines raise this
+// instead.
+void forbid_stop_iteration() {
+  if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return;
+  nb::python_error stop;
+  nb::raise_from(stop, PyExc_RuntimeError, "coroutine raised StopIteration");
+}
+
+// The one exception instance that the arguments of `throw` mean.
+nb::object exception_of(nb::handle type, nb::handle value, nb::handle traceback) {
+  nb::object exception;
+  if (PyExceptionInstance_Check(type.ptr())) {
+    exception = nb::borrow(type);
+  } else if (!PyExceptionClass_Check(type.ptr())) {
+    throw nb::type_error("exceptions must be classes or instances deriving from BaseException");
+  } else if (value.is_valid() && PyExceptionInstance_Check(value.ptr())) {
+    exception = nb::borrow(value);
+  } else {
+    exception = value.is_valid() && !value.is_none() ? call(type, value) : call(type);
+  }
+  if (traceback.is_valid() && !traceback.is_none()) {
+    if (PyException_SetTraceback(exception.ptr(), traceback.ptr()) < 0) throw nb::python_error();
+  }
+  return exception;
+}
+
+}  // namespace
+
+PythonAwait::PythonAwait(Suspension& suspension, nb::handle awaitable) : suspension_(suspension) {
+  suspension_.awaiting = iterator_of(awaitable);
+}
+
+nb::object PythonAwait::await_resume() const {
+  if (suspension_.error) {
+    nb::python_error error = std::move(*suspension_.error);
+    suspension_.error.reset();
+    throw error;
+  }
+  return std::move(suspension_.value);
+}
+
+class Coroutine::Running {
+ public:
+  explicit Running(Coroutine& coroutine) : flag_(coroutine.running_) { flag_ = true; }
+  ~Running() { flag_ = false; }
+
+ private:
+  bool& flag_;
+};
+
+Coroutine::~Coroutine() {
+  if (!nb::is_alive()) return;
+  error_scope keep;
+  if (stage_ == Stage::kNew) {
+    if (PyErr_WarnFormat(PyExc_RuntimeWarning, 1, "coroutine '%s' was never awaited",
+                         qualified_name_) < 0) {
+      PyErr_WriteUnraisable(nullptr);
+    }
+  }
+  finish();
+}
+
+bool Coroutine::may_run() {
+  if (running_) {
+    PyErr_SetString(PyExc_ValueError, "coroutine already executing");
+    return false;
+  }
+  if (stage_ == Stage::kFinished) {
+    PyErr_SetString(PyExc_RuntimeError, "cannot reuse already awaited coroutine");
+    return false;
+  }
+  return true;
+}
+
+PySendResult Coroutine::send(PyObject* value, PyObject** out) {
+  *out = nullptr;
+  if (!may_run()) return PYGEN_ERROR;
+  const Running running(*this);
+  if (stage_ == Stage::kNew) {
+    if (value != Py_None) {
+      return raise_error(PyExc_TypeError, "can't send non-None value to a just-started coroutine");
+    }
+    stage_ = Stage::kStarted;
+    task_.emplace(work_->run(suspension_));
+    task_->start();
+    const PySendResult started = settle(out);
+    if (started != PYGEN_NEXT) return started;
+  }
+  PyObject* yielded = nullptr;
+  const PySendResult reply =
+      host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), value, &yielded); });
+  return feed(reply, yielded, out);
+}
+
+PySendResult Coroutine::throw_in(nb::handle type, nb::handle value, nb::handle traceback,
+                                 PyObject** out) {
+  *out = nullptr;
+  if (!may_run()) return PYGEN_ERROR;
+  const Running running(*this);
+  const nb::object exception = exception_of(type, value, traceback);
+  if (stage_ == Stage::kNew) {
+    finish();
+    PyErr_SetObject(exception.type().ptr(), exception.ptr());
+    forbid_stop_iteration();
+    return PYGEN_ERROR;
+  }
+  return throw_into_awaited(exception, out);
+}
+
+// The awaited operation hears of it first; what it makes of it is what the task gets. A
+// GeneratorExit closes it instead, and so does anything thrown at what cannot be thrown at.
+PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out) {
+  const nb::object awaited = suspension_.awaiting;
+  const auto raise = [&] { PyErr_SetObject(exception.type().ptr(), exception.ptr()); };
+  if (PyErr_GivenExceptionMatches(exception.ptr(), PyExc_GeneratorExit) || !has(awaited, "throw")) {
+    bool closed = true;
+    if (has(awaited, "close")) {
+      closed = host_call([&] {
+        return nb::steal(PyObject_CallMethod(awaited.ptr(), "close", nullptr)).is_valid();
+      });
+    }
+    if (closed) raise();
+    return feed(PYGEN_ERROR, nullptr, out);
+  }
+  PyObject* yielded =
+      host_call([&] { return PyObject_CallMethod(awaited.ptr(), "throw", "O", exception.ptr()); });
+  if (yielded) return feed(PYGEN_NEXT, yielded, out);
+  if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return feed(PYGEN_ERROR, nullptr, out);
+  const nb::python_error stop;
+  return feed(PYGEN_RETURN, nb::object(stop.value().attr("value")).release().ptr(), out);
+}
+
+// Takes the awaited operation's reply and drives the task on until something is to be yielded up,
+// or the task is over.
+PySendResult Coroutine::feed(PySendResult reply, PyObject* value, PyObject** out) {
+  for (;;) {
+    if (reply == PYGEN_NEXT) {
+      *out = value;
+      return PYGEN_NEXT;
+    }
+    if (reply == PYGEN_RETURN) {
+      suspension_.value = nb::steal(value);
+    } else {
+      suspension_.error.emplace();
+    }
+    resume();
+    const PySendResult settled = settle(out);
+    if (settled != PYGEN_NEXT) return settled;
+    value = nullptr;
+    reply = host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), Py_None, &value); });
+  }
+}
+
+void Coroutine::resume() {
+  const auto waiter = std::exchange(suspension_.waiter, {});
+  drop(suspension_.awaiting);
+  waiter.resume();
+}
+
+PySendResult Coroutine::settle(PyObject** out) {
+  if (!task_->done()) return PYGEN_NEXT;
+  std::exception_ptr thrown;
+  try {
+    *out = task_->take().release().ptr();
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  finish();
+  if (!thrown) return PYGEN_RETURN;
+  set_error(thrown);
+  forbid_stop_iteration();
+  return PYGEN_ERROR;
+}
+
+void Coroutine::close() {
+  if (running_) throw nb::value_error("coroutine already executing");
+  if (stage_ != Stage::kStarted) {
+    finish();
+    return;
+  }
+  PyObject* yielded = nullptr;
+  const PySendResult reply = throw_in(PyExc_GeneratorExit, {}, {}, &yielded);
+  Py_XDECREF(yielded);
+  if (reply == PYGEN_NEXT) throw std::runtime_error("coroutine ignored GeneratorExit");
+  if (reply == PYGEN_RETURN) return;
+  if (!PyErr_ExceptionMatches(PyExc_GeneratorExit) &&
+      !PyErr_ExceptionMatches(PyExc_StopIteration)) {
+    throw nb::python_error();
+  }
+  PyErr_Clear();
+}
+
+void Coroutine::finish() {
+  stage_ = Stage::kFinished;
+  clear();
+}
+
+// Also the garbage collector's way: what it has cleared cannot go on.
+void Coroutine::clear() {
+  if (stage_ == Stage::kStarted) stage_ = Stage::kFinished;
+  drop(suspension_.awaiting);
+  drop(suspension_.value);
+  suspension_.waiter = {};
+  task_.reset();
+  if (work_) work_->clear();
+}
+
+int Coroutine::traverse(visitproc visit, void* arg) {
+  Py_VISIT(suspension_.awaiting.ptr());
+  Py_VISIT(suspension_.value.ptr());
+  return work_ ? work_->traverse(visit, arg) : 0;
+}
+
+nb::object make_coroutine(std::unique_ptr<CoroutineWork> work) {
+  return nb::cast(new Coroutine(std::move(work)), nb::rv_policy::take_ownership);
+}
+
+nb::object Coroutine::awaiting() const {
+  return suspension_.awaiting.is_valid() ? suspension_.awaiting : nb::none();
+}
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <coroutine>
+#include <memory>
+#include <optional>
+
+#include "host/interpreter/python.h"
+#include "support/task.h"
+
+namespace tarvomeldric::host {
+
+// The one operation that a suspended coroutine waits for: the host iterator that is being driven,
+// then its value or its error.
+struct Suspension {
+  std::coroutine_handle<> waiter;
+  nb::object awaiting;
+  nb::object value;
+  std::optional<nb::python_error> error;
+};
+
+// Suspends the task until the host awaitable is done; gives its value or throws its error.
+class PythonAwait {
+ public:
+  PythonAwait(Suspension& suspension, nb::handle awaitable);
+  bool await_ready() const noexcept { return false; }
+  void await_suspend(std::coroutine_handle<> waiter) const noexcept { suspension_.waiter = waiter; }
+  nb::object await_resume() const;
+
+ private:
+  Suspension& suspension_;
+};
+
+// What a coroutine runs. It keeps every host object that outlives a suspension in members that
+// `traverse` shows: the garbage collector cannot look into a task's frame.
+class CoroutineWork {
+ public:
+  virtual ~CoroutineWork() = default;
+  virtual const char* name() const = 0;
+  virtual const char* qualified_name() const = 0;
+  virtual Task<nb::object> run(Suspension& suspension) = 0;
+  virtual int traverse(visitproc visit, void* arg) = 0;
+  virtual void clear() = 0;
+};
+
+// A task as a full coroutine of the host: awaited, sent to, thrown into, closed. Nothing of the
+// work happens before the first send. The task is destroyed as soon as it is finished or closed,
+// which gives back what its locals own.
+class Coroutine {
+ public:
+  explicit Coroutine(std::unique_ptr<CoroutineWork> work) : work_(std::move(work)) {}
+  ~Coroutine();
+  Coroutine(const Coroutine&) = delete;
+  Coroutine& operator=(const Coroutine&) = delete;
+
+  // Each answers as the host's own slots do: the error is set when the result is PYGEN_ERROR.
+  PySendResult send(PyObject* value, PyObject** out);
+  PySendResult throw_in(nb::handle type, nb::handle value, nb::handle traceback, PyObject** out);
+  void close();
+
+  nb::object awaiting() const;
+  bool running() const { return running_; }
+  const char* name() const { return name_; }
+  const char* qualified_name() const { return qualified_name_; }
+
+  int traverse(visitproc visit, void* arg);
+  void clear();
+
+ private:
+  enum class Stage { kNew, kStarted, kFinished };
+  class Running;
+
+  bool may_run();
+  PySendResult settle(PyObject** out);
+  PySendResult feed(PySendResult reply, PyObject* value, PyObject** out);
+  PySendResult throw_into_awaited(nb::handle exception, PyObject** out);
+  void resume();
+  void finish();
+
+  std::unique_ptr<CoroutineWork> work_;
+  const char* name_ = work_->name();
+  const char* qualified_name_ = work_->qualified_name();
+  Suspension suspension_;
+  std::optional<Task<nb::object>> task_;
+  Stage stage_ = Stage::kNew;
+  bool running_ = false;
+};
+
+// A new coroutine object of Python.
+nb::object make_coroutine(std::unique_ptr<CoroutineWork> work);
+
+}  // namespace tarvomeldric::host
