@@ -40,6 +40,17 @@ nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
 
 void bind_providers(nb::module_& module) {
   auto cls = bind_fields(module);
+  for (const Field& extra : {
+           field<&F::extra_headers>("extra_headers",
+                                    "headers for every request, beside or instead of ours; in "
+                                    "neither the constructor nor `repr`, `==` and read-outs"),
+           field<&F::extra_query>("extra_query",
+                                  "query parameters for every request's URL; kept like "
+                                  "`extra_headers`"),
+       }) {
+    record_table<ProviderConfig>->beside.push_back(extra);
+    bind_field(cls, extra);
+  }
   def(cls, "avg_latency", &ProviderConfig::avg_latency,
       "The mean of the recent latencies in milliseconds, 0.0 without any.");
   def(cls, "health_score", &ProviderConfig::health_score,

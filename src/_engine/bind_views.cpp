@@ -189,6 +189,7 @@ void bind_views(nb::module_& module) {
   bind_queue<bool, 20>(module, "_OutcomeWindow", "The newest 20 outcomes, live.");
   bind_queue<double, 100>(module, "_LatencyQueue", "The newest 100 latencies, live.");
   bind_map<std::int64_t>(module, "_CounterMap", "A live map of counts.");
+  bind_map<std::string>(module, "_TextMap", "A live map of texts.");
   bind_map<double>(module, "_GaugeMap", "A live map of numbers.");
   bind_map<std::shared_ptr<Samples>>(module, "_HistogramMap", "A live map of sample lists.");
   bind_map<BreakerPtr>(module, "_BreakerMap", "A live map of circuit breakers.");

@@ -33,7 +33,8 @@ std::string ProviderConfig::name() const {
 
 Endpoint ProviderConfig::endpoint() const {
   MutexLock lock(mutex_);
-  return {fields_.name, fields_.base_url, fields_.api_key};
+  return {fields_.name, fields_.base_url, fields_.api_key, fields_.extra_headers,
+          fields_.extra_query};
 }
 
 bool ProviderConfig::healthy() const {

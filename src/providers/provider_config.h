@@ -35,6 +35,8 @@ struct ProviderFields {
   RateLimiterPtr rate_limiter;
   BulkheadPtr bulkhead;
   BoundedQueue<double, 100> recent_latencies;  // milliseconds, of successes
+  OrderedMap<std::string> extra_headers;       // sent with every request, beside or instead of ours
+  OrderedMap<std::string> extra_query;         // appended to every URL
 };
 
 // Where a provider's API is, and what opens it.
@@ -42,6 +44,8 @@ struct Endpoint {
   std::string name;
   std::string base_url;
   std::string api_key;
+  OrderedMap<std::string> extra_headers;
+  OrderedMap<std::string> extra_query;
 };
 
 // One provider: where its API lives, the key, the models, how it has been doing, and the guards

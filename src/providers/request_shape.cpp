@@ -29,6 +29,12 @@ bool is_anthropic(std::string_view provider_name, std::string_view base_url) {
   return provider_name == "anthropic" || text::contains(base_url, "anthropic");
 }
 
+// HTTP has no such space, so a library may refuse it: the line feed of a key from a file, the blank
+// after "Bearer" where there is no key.
+std::string without_trailing_space(const std::string& value) {
+  return value.substr(0, value.find_last_not_of(" \t\r\n\v\f") + 1);
+}
+
 bool speaks_of_credentials(std::string_view shown) {
   const std::string lowered = text::lower(shown);
   return std::ranges::any_of(
@@ -68,27 +74,34 @@ std::string_view endpoint_path(std::string_view api_type) {
   return kEndpoints.front().second;
 }
 
-std::vector<std::pair<std::string, std::string>> request_headers(std::string_view provider_name,
-                                                                 std::string_view base_url,
-                                                                 std::string_view api_key) {
+Headers request_headers(const Endpoint& endpoint) {
   const std::string version = kVersion;
-  std::vector<std::pair<std::string, std::string>> headers{
+  Headers headers{
       {"Content-Type", "application/json"},
       {"User-Agent", "TarvoMeldric/" + version},
       {"X-TarvoMeldric-Version", version},
   };
-  if (is_anthropic(provider_name, base_url)) {
-    headers.emplace_back("x-api-key", api_key);
+  if (is_anthropic(endpoint.name, endpoint.base_url)) {
+    headers.emplace_back("x-api-key", endpoint.api_key);
     headers.emplace_back("anthropic-version", "2023-06-01");
   } else {
-    headers.emplace_back("Authorization", "Bearer " + std::string(api_key));
+    headers.emplace_back("Authorization", "Bearer " + endpoint.api_key);
   }
+  for (const auto& [extra, value] : endpoint.extra_headers) {
+    const std::string lowered = text::lower(extra);
+    std::erase_if(headers, [&](const auto& ours) { return text::lower(ours.first) == lowered; });
+    headers.emplace_back(extra, value);
+  }
+  for (auto& [name, value] : headers) value = without_trailing_space(value);
   return headers;
 }
 
-std::string shown_failure(std::string_view failure_text, std::string_view api_key) {
+std::string shown_failure(std::string_view failure_text, const Endpoint& endpoint) {
   const std::string_view shown = text::first(failure_text, kShownFailure);
-  const bool secret = speaks_of_credentials(shown) || holds_key(failure_text, api_key);
+  const auto holds = [&](const auto& entry) { return holds_key(failure_text, entry.second); };
+  const bool secret = speaks_of_credentials(shown) || holds_key(failure_text, endpoint.api_key) ||
+                      std::ranges::any_of(endpoint.extra_headers, holds) ||
+                      std::ranges::any_of(endpoint.extra_query, holds);
   return std::string(secret ? kRedacted : shown);
 }
 

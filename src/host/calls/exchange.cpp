@@ -5,6 +5,7 @@
 #include "host/calls/engine.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
+#include "host/records/views.h"
 #include "providers/limits.h"
 #include "providers/request_shape.h"
 
@@ -17,13 +18,21 @@ constexpr long kRequestTimeout = 408;
 constexpr std::array kHeldObjects{&Exchange::client, &Exchange::url,     &Exchange::headers,
                                   &Exchange::body,   &Exchange::timeout, &Exchange::decoded};
 
-nb::dict header_dict(const Endpoint& provider) {
+nb::dict header_dict(const Endpoint& endpoint) {
   nb::dict headers;
-  for (const auto& [name, value] :
-       request_headers(provider.name, provider.base_url, provider.api_key)) {
+  for (const auto& [name, value] : request_headers(endpoint)) {
     headers[from_utf8(name)] = from_utf8(value);
   }
   return headers;
+}
+
+nb::object url_of(const Endpoint& endpoint, std::string_view api_type) {
+  std::string url = endpoint.base_url + std::string(endpoint_path(api_type));
+  if (!endpoint.extra_query.empty()) {
+    const nb::object encode = import("urllib.parse").attr("urlencode");
+    url += "?" + to_utf8(call(encode, dict_of(endpoint.extra_query)));
+  }
+  return from_utf8(url);
 }
 
 nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::handle extra,
@@ -87,11 +96,11 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
                                 bool asynchronous) {
   if (!failure.matches(PyExc_Exception) || failure.matches(error_types.api)) throw;
   if (nb::cast<bool>(call(Helper::kIsTimeout, failure.value(), asynchronous))) {
-    raise_api_error(timeout_message(text_form(exchange.timeout), exchange.provider_name),
+    raise_api_error(timeout_message(text_form(exchange.timeout), exchange.endpoint.name),
                     kRequestTimeout);
   }
   const std::string type = to_utf8(failure.type().attr("__name__"));
-  raise_api_error(type + ": " + shown_failure(text_form(failure.value()), exchange.api_key),
+  raise_api_error(type + ": " + shown_failure(text_form(failure.value()), exchange.endpoint),
                   std::nullopt);
 }
 
@@ -100,10 +109,8 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
 Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model,
                    const std::string& kind, nb::handle extra, Delivery delivery)
     : api_type(kind) {
-  const Endpoint endpoint = provider.endpoint();
-  provider_name = endpoint.name;
-  api_key = endpoint.api_key;
-  url = from_utf8(endpoint.base_url + std::string(endpoint_path(api_type)));
+  endpoint = provider.endpoint();
+  url = url_of(endpoint, api_type);
   headers = header_dict(endpoint);
   body = body_dict(request_kind(api_type), prompt, model, extra, delivery);
   const nb::handle given = entry(extra, "timeout"_key);
@@ -121,7 +128,7 @@ void Exchange::clear() {
 
 nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
   try {
-    const nb::object client = engine.sync_client(exchange.provider_name);
+    const nb::object client = engine.sync_client(exchange.endpoint.name);
     const nb::object reply = call(Helper::kPost, client, exchange.url, exchange.body,
                                   exchange.headers, exchange.timeout);
     return read_reply(engine, exchange, reply);
@@ -132,9 +139,9 @@ nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
 
 Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension) {
   try {
-    exchange.client = engine.find_session(exchange.provider_name);
+    exchange.client = engine.find_session(exchange.endpoint.name);
     if (exchange.client.is_none()) {
-      PythonAwait session(suspension, engine.session(exchange.provider_name));
+      PythonAwait session(suspension, engine.session(exchange.endpoint.name));
       exchange.client = co_await session;
     }
     PythonAwait posting(suspension, call(Helper::kPostAwaited, exchange.client, exchange.url,

@@ -16,8 +16,7 @@ enum class Delivery { kWhole, kStreamed };
 // One request to one provider, built and ready to be sent. Its host objects are members, visible to
 // the garbage collector while an exchange is suspended.
 struct Exchange {
-  std::string provider_name;
-  std::string api_key;
+  Endpoint endpoint;
   std::string api_type;
   nb::object client = nb::none();
   nb::object url = nb::none();

@@ -57,7 +57,7 @@ nb::object execute_coroutine(nb::handle engine, const ExecuteArguments& argument
 
 nb::object execute_stream(nb::handle engine, const ExecuteArguments& arguments) {
   const Exchange exchange = exchange_of(arguments, Delivery::kStreamed);
-  return call(Helper::kExecuteStream, engine, from_utf8(exchange.provider_name), exchange.url,
+  return call(Helper::kExecuteStream, engine, from_utf8(exchange.endpoint.name), exchange.url,
               exchange.body, exchange.headers, exchange.timeout);
 }
 

@@ -91,8 +91,13 @@ nb::object RecordTable::reduce(PyObject* self) const {
     values.append(field.compared ? field.plain(locate(self)) : nb::none());
   }
   const nb::handle object(self);
-  return nb::make_tuple(object.type(), nb::tuple(values),
-                        attribute_or(object, "__dict__", nb::none()));
+  nb::object state = attribute_or(object, "__dict__", nb::none());
+  if (!beside.empty()) {
+    nb::dict kept;
+    for (const Field& field : beside) put(kept, field.name, field.plain(locate(self)));
+    state = nb::make_tuple(state, kept);  // attributes of the instance, then what is set by name
+  }
+  return nb::make_tuple(object.type(), nb::tuple(values), state);
 }
 
 nb::dict RecordTable::dict(void* record) const {

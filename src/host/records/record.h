@@ -144,6 +144,7 @@ struct RecordTable {
   const char* name;
   std::vector<Field> fields;
   void* (*locate)(PyObject* self);
+  std::vector<Field> beside = {};  // kept by copies and pickles, and in nothing else
 
   // Fills fresh fields from constructor arguments; type errors name the field.
   void fill(void* fields, const nb::args& args, const nb::kwargs& kwargs) const;
