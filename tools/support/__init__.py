@@ -1,0 +1,32 @@
+"""What the tests, the soak and the measurements share.
+
+Engines on wide-open providers, programs in interpreters of their own, a Redis, and ways to wait.
+"""
+
+from .engines import KEY, NOWHERE, engine_on, engine_with, provider, state_of, tireless
+from .memory import allocated, resident
+from .pages import Page, get
+from .ports import free_port
+from .programs import run_child, start_child
+from .redis_server import RedisServer
+from .waiting import until, worst_pause
+
+__all__ = [
+    "KEY",
+    "NOWHERE",
+    "Page",
+    "RedisServer",
+    "allocated",
+    "engine_on",
+    "engine_with",
+    "free_port",
+    "get",
+    "provider",
+    "resident",
+    "run_child",
+    "start_child",
+    "state_of",
+    "tireless",
+    "until",
+    "worst_pause",
+]
