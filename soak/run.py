@@ -1,6 +1,7 @@
 """Soaks the failing path of the engine, and ends with a table; status 1 when anything was not right.
 
-It runs in a rehearsal: no key, no home directory and no fleet of the user is touched.
+The soak and the programs that end are run in processes of their own, which must not hang nor write
+to their standard error. No key, no home directory and no fleet of the user is touched.
 """
 
 import argparse
@@ -14,15 +15,15 @@ import tempfile
 from collections.abc import Iterator
 from pathlib import Path
 
-import exits
-
-_PATIENCE = 120.0  # seconds, beyond what the soak itself takes
-_SHIFTS = Path(__file__).with_name("shifts.py")
+_HERE = Path(__file__).resolve().parent
+_SUPPORT = _HERE.parent / "tools"
+_PATIENCE = 120.0  # seconds, beyond twice what it should take
+_SECONDS_AN_EXIT = 5.0
 _SHOWN = 20_000  # characters of what should not have been written
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description=str(__doc__))
+    parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--seconds", type=float, default=180.0, help="of calls (default: 180)")
     parser.add_argument(
         "--seed", type=int, help="of everything random (default: another each time)"
@@ -34,24 +35,29 @@ def main() -> int:
     seed = random.randrange(1_000_000) if options.seed is None else options.seed
     load = f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}"
     print(f"seed {seed}, {options.seconds:g} seconds, {load}", flush=True)
-    complaints = [*_soak(options.seconds, seed), *exits.repeat(options.exits)]
+    complaints = [*_run("soak.py", options.seconds, options.seconds, seed)]
+    if options.exits:
+        complaints += _run("exits.py", _SECONDS_AN_EXIT * options.exits, options.exits)
     for complaint in complaints:
         print(f"FAILED: {complaint}")
     print("soak: failed" if complaints else "soak: all is well")
     return 1 if complaints else 0
 
 
-def _soak(seconds: float, seed: int) -> Iterator[str]:
-    """What was not right with the shifts, which run in a process of their own."""
-    command = [sys.executable, "-W", "default", "-X", "faulthandler", str(_SHIFTS)]
+def _run(program: str, seconds: float, *arguments: float) -> Iterator[str]:
+    """What was not right with a program of this folder that should take so many seconds."""
+    command = [sys.executable, "-W", "default", "-X", "faulthandler", str(_HERE / program)]
     with tempfile.TemporaryFile("w+", errors="replace") as written:
         process = subprocess.Popen(
-            [*command, str(seconds), str(seed)], stderr=written, start_new_session=True
+            [*command, *map(str, arguments)],
+            stderr=written,
+            start_new_session=True,
+            env={**os.environ, "PYTHONPATH": str(_SUPPORT)},
         )
         try:
             process.wait(2 * seconds + _PATIENCE)
         except subprocess.TimeoutExpired:
-            yield "it hangs"
+            yield f"{program} hangs"
             process.send_signal(signal.SIGABRT)  # tells where every thread is
             process.wait()
         finally:
@@ -60,9 +66,9 @@ def _soak(seconds: float, seed: int) -> Iterator[str]:
         written.seek(0)
         complaints = written.read()
     if process.returncode != 0:
-        yield f"it ended with status {process.returncode}"
+        yield f"{program} ended with status {process.returncode}"
     if complaints:
-        yield f"it wrote to its standard error:\n{complaints[:_SHOWN]}"
+        yield f"{program} wrote to its standard error:\n{complaints[:_SHOWN]}"
 
 
 if __name__ == "__main__":

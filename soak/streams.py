@@ -2,20 +2,19 @@
 
 import asyncio
 import random
+from collections.abc import AsyncGenerator
 from typing import Any
 
-import asking
-from endings import Tally
-from naps import asleep
-from unruly import STREAMS
+import arguments
+from callers import Way
+from outcomes import Tally
+from sleeps import asleep
 
 from tarvomeldric import ProviderConfig, SelfHealingEngine
 
-PROMPTS = [*STREAMS, "Hi", "Hello"]
 
-
-class Streamer:
-    """Reads streams of an engine and notes how each of them ended."""
+class StreamReader:
+    """Reads streams of an engine and notes the outcome of each."""
 
     def __init__(
         self, engine: SelfHealingEngine, records: list[ProviderConfig], tally: Tally
@@ -25,7 +24,7 @@ class Streamer:
         self._tally = tally
 
     async def read(self, chance: random.Random) -> None:
-        last: Any = None
+        last: Any = {}
         try:
             async for item in self._open(chance):
                 last = item
@@ -33,9 +32,9 @@ class Streamer:
             self._tally.note("stream cancelled")
             raise
         except Exception as error:
-            self._tally.surprise(f"a stream raised {error!r}")
-            return
-        self._note_end(last)
+            self._tally.note_unexpected(f"a stream raised {error!r}")
+        else:
+            self._note_end(last)
 
     async def cancel(self, chance: random.Random) -> None:
         task = asyncio.ensure_future(self.read(chance))
@@ -45,36 +44,35 @@ class Streamer:
 
     async def close(self, chance: random.Random) -> None:
         stream = self._open(chance)
-        async for item in stream:
-            if "error" in item:
-                self._note_end(item)
-                return
+        if await self._has_begun(stream):
             await stream.aclose()
             self._tally.note("stream closed early")
-            return
 
     async def drop(self, chance: random.Random) -> None:
-        async for item in self._open(chance):
-            if "error" in item:
-                self._note_end(item)
-                return
+        if await self._has_begun(self._open(chance)):
             self._tally.note("stream dropped")
-            return
 
     @property
-    def ways(self) -> list[Any]:
+    def ways(self) -> list[Way]:
         return [self.read, self.read, self.cancel, self.close, self.drop]
 
-    def _open(self, chance: random.Random) -> Any:
+    def _open(self, chance: random.Random) -> AsyncGenerator[dict[str, Any], None]:
         record = chance.choice(self._records)
-        return self._engine._execute_stream(record, **asking.stream(chance, PROMPTS))
+        stream: AsyncGenerator[dict[str, Any], None]
+        stream = self._engine._execute_stream(record, **arguments.of_stream(chance))
+        return stream
 
-    def _note_end(self, last: Any) -> None:
-        if last is None or "error" not in last:
+    async def _has_begun(self, stream: AsyncGenerator[dict[str, Any], None]) -> bool:
+        async for item in stream:
+            if "error" not in item:
+                return True
+            self._note_end(item)
+        return False
+
+    def _note_end(self, last: dict[str, Any]) -> None:
+        if "error" not in last:
             self._tally.note("streamed to the end")
         elif set(last) != {"error", "recoverable"}:
-            self._tally.surprise(f"a stream ended with {last!r}")
-        elif last["recoverable"]:
-            self._tally.note("stream interrupted")
+            self._tally.note_unexpected(f"a stream ended with {last!r}")
         else:
-            self._tally.note("stream failed")
+            self._tally.note("stream interrupted" if last["recoverable"] else "stream failed")

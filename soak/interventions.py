@@ -1,4 +1,8 @@
-"""The operator: revives barred providers, and brings about what seldom comes by itself."""
+"""What an operator does while calls run.
+
+Revives providers that were put out of use, and holds all of them in states that come about seldom
+by themselves: breakers open, slots taken, hardly a token left.
+"""
 
 import random
 import threading
@@ -6,9 +10,9 @@ from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
 
-from endings import ERRORS, Tally
-from naps import sleep
-from unruly import SLOTS
+from outcomes import ERRORS, Tally
+from providers import SLOTS
+from sleeps import sleep
 
 from tarvomeldric import CircuitBreaker, CircuitState, ProviderConfig, RateLimiter
 
@@ -27,19 +31,19 @@ def revive(records: Sequence[ProviderConfig]) -> None:
 
 
 @dataclass
-class Spell:
-    """A time in which calls are bound to end in one way, and what brings that about."""
+class State:
+    """A state of the providers in which calls are bound to have one outcome."""
 
-    ending: str
-    out: Sequence[ProviderConfig] = ()  # breakers are open
-    ill: Sequence[ProviderConfig] = ()  # not healthy
-    full: Sequence[ProviderConfig] = ()  # all slots are held
+    outcome: str
+    tripped: Sequence[ProviderConfig] = ()  # breakers are open
+    unhealthy: Sequence[ProviderConfig] = ()
+    full: Sequence[ProviderConfig] = ()  # all slots are taken
     spent: Sequence[ProviderConfig] = ()  # hardly any tokens
-    barred: Sequence[ProviderConfig] = ()  # for some categories of faults
+    blocked: Sequence[ProviderConfig] = ()  # for some categories of faults
 
     @contextmanager
     def prepared(self) -> Iterator[None]:
-        held = [one for one in self.full for _ in range(SLOTS) if one.bulkhead.acquire(0.01)]
+        taken = [one for one in self.full for _ in range(SLOTS) if one.bulkhead.acquire(0.01)]
         limiters = [record.rate_limiter for record in self.spent]
         for record in self.spent:
             record.rate_limiter = RateLimiter(3, refill_rate=20.0, _tokens=0.0)
@@ -48,41 +52,41 @@ class Spell:
         finally:
             for record, limiter in zip(self.spent, limiters, strict=True):
                 record.rate_limiter = limiter
-            for record in held:
+            for record in taken:
                 record.release_slot()
 
-    def go_on(self) -> None:
-        for record in self.out:
+    def renew(self) -> None:
+        """Calls that succeed, and other threads, undo this all along."""
+        for record in self.tripped:
             record.circuit_breaker._trip()
-        for record in self.ill:
+        for record in self.unhealthy:
             record.healthy = False
-        for record in self.barred:
+        for record in self.blocked:
             for category in _CATEGORIES:
                 record.get_category_circuit_breaker(category)._trip()
 
 
-def change(
+def intervene(
     records: Sequence[ProviderConfig], tally: Tally, chance: random.Random, over: threading.Event
 ) -> None:
-    """One spell after the other, and calm in between."""
+    """One state after the other, with all providers in use in between."""
     first, *others = records
-    spells = [
-        Spell(_NO_PROVIDER, out=records),
-        Spell(_NO_PROVIDER, ill=records),
-        Spell(_NO_FALLBACK, out=others, full=[first]),
-        Spell(_NO_FALLBACK, out=others, spent=[first]),
-        Spell(_NO_ROOM, full=records),
-        Spell(_NO_ROOM, spent=records),
-        Spell(_NO_CANDIDATE, barred=records),
+    states = [
+        State(_NO_PROVIDER, tripped=records),
+        State(_NO_PROVIDER, unhealthy=records),
+        State(_NO_FALLBACK, tripped=others, full=[first]),
+        State(_NO_FALLBACK, tripped=others, spent=[first]),
+        State(_NO_ROOM, full=records),
+        State(_NO_ROOM, spent=records),
+        State(_NO_CANDIDATE, blocked=records),
     ]
     while not over.is_set():
-        chance.shuffle(spells)
-        for spell in spells:
-            _calm(records, tally, chance)
-            _endure(spell, tally, over)
+        for state in chance.sample(states, len(states)):
+            _keep_in_use(records, tally, chance)
+            _hold(state, tally, over)
 
 
-def _calm(records: Sequence[ProviderConfig], tally: Tally, chance: random.Random) -> None:
+def _keep_in_use(records: Sequence[ProviderConfig], tally: Tally, chance: random.Random) -> None:
     for _ in range(chance.randrange(5, 20)):
         revive(records)
         sleep(0.02)
@@ -91,11 +95,11 @@ def _calm(records: Sequence[ProviderConfig], tally: Tally, chance: random.Random
     revive(records)
 
 
-def _endure(spell: Spell, tally: Tally, over: threading.Event) -> None:
-    enough = tally[spell.ending] + _ENOUGH
-    with spell.prepared():
+def _hold(state: State, tally: Tally, over: threading.Event) -> None:
+    enough = tally.counts[state.outcome] + _ENOUGH
+    with state.prepared():
         for _ in range(_PATIENCE):
-            if tally[spell.ending] >= enough or over.is_set():
+            if tally.counts[state.outcome] >= enough or over.is_set():
                 return
-            spell.go_on()
+            state.renew()
             sleep(0.005)

@@ -1,8 +1,9 @@
-"""The ways in which a call can end, and a tally of how often each of them came about."""
+"""The outcomes that a call or a stream can have, and a tally of how often each occurred."""
 
 import threading
 import traceback
 from collections import Counter
+from collections.abc import Iterable
 
 from tarvomeldric import APIError, CallResult
 
@@ -27,19 +28,27 @@ ERRORS = {
 PROVIDER_ERROR = "provider's error, all failed"
 CANCELLED, INTERRUPTED, CLOSED = "cancelled", "interrupted", "closed midway"
 CALLS = [*LEVELS.values(), *ERRORS.values(), PROVIDER_ERROR, CANCELLED, INTERRUPTED, CLOSED]
-
 UNCOUNTED = "given up in the pause before it counts"
 NEVER_AWAITED, NEVER_STARTED = "closed, never awaited", "cancelled, never started"
-NO_CALLS = [UNCOUNTED, NEVER_AWAITED, NEVER_STARTED]
 
-STREAMS = [
-    "streamed to the end",
-    "stream interrupted",
-    "stream failed",
-    "stream closed early",
-    "stream dropped",
-    "stream cancelled",
-]
+KINDS = {
+    "calls": CALLS,
+    "not counted as calls": [UNCOUNTED, NEVER_AWAITED, NEVER_STARTED],
+    "streams": [
+        "streamed to the end",
+        "stream interrupted",
+        "stream failed",
+        "stream closed early",
+        "stream dropped",
+        "stream cancelled",
+    ],
+    "besides": [
+        "contract held",
+        "contract broken and tolerated",
+        "paused under back-pressure",
+        "breaker opened by failures",
+    ],
+}
 
 
 class Tally:
@@ -48,31 +57,29 @@ class Tally:
     def __init__(self) -> None:
         self._lock = threading.Lock()
         self.counts: Counter[str] = Counter()
-        self.surprises: Counter[str] = Counter()
+        self.unexpected: Counter[str] = Counter()
 
-    def __getitem__(self, name: str) -> int:
-        with self._lock:
-            return self.counts[name]
+    def sum(self, outcomes: Iterable[str]) -> int:
+        return sum(self.counts[outcome] for outcome in outcomes)
 
     @property
     def calls(self) -> int:
         """The calls that an engine has to have counted."""
-        with self._lock:
-            return sum(self.counts[name] for name in CALLS)
+        return self.sum(CALLS)
 
-    def note(self, name: str) -> None:
+    def note(self, outcome: str) -> None:
         with self._lock:
-            self.counts[name] += 1
+            self.counts[outcome] += 1
 
-    def surprise(self, what: str) -> None:
+    def note_unexpected(self, what: str) -> None:
         with self._lock:
-            self.surprises[what] += 1
+            self.unexpected[what] += 1
 
     def answered(self, result: CallResult) -> None:
         level, passed = result.heal_level, result.validation_passed
         healed = level not in ("", "l4_learned")
         if level not in LEVELS or healed != (result.fault is not None):
-            self.surprise(f"an answer that makes no sense: {result!r}, fault {result.fault}")
+            self.note_unexpected(f"an answer that makes no sense: {result!r}, {result.fault}")
             return
         self.note(LEVELS[level])
         if passed is not None:
@@ -85,16 +92,15 @@ class Tally:
         name = next((name for text, name in ERRORS.items() if str(error).startswith(text)), None)
         if name is None:
             lines = traceback.format_exception(type(error), error, error.__traceback__)
-            self.surprise(f"an unexpected error: {''.join(lines)}")
+            self.note_unexpected(f"an error: {''.join(lines)}")
         else:
             self.note(name)
 
     def add(self, other: "Tally") -> None:
         with self._lock:
             self.counts += other.counts
-            self.surprises += other.surprises
+            self.unexpected += other.unexpected
 
     def missing(self) -> list[str]:
-        """The endings that did not occur."""
-        with self._lock:
-            return [name for name in [*CALLS, *NO_CALLS, *STREAMS] if not self.counts[name]]
+        """The outcomes that did not occur."""
+        return [name for names in KINDS.values() for name in names if not self.counts[name]]
