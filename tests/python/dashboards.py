@@ -5,9 +5,8 @@ from __future__ import annotations
 import contextlib
 import socket
 from collections.abc import Iterator
-from http.client import HTTPConnection
 from types import SimpleNamespace
-from typing import Any, NamedTuple
+from typing import Any
 
 from tarvomeldric import serve_dashboard
 
@@ -24,20 +23,6 @@ def made_up(stats: Any = FIGURES, metrics: str = "", health: Any = None) -> Any:
     """An engine that says what it is told to say."""
     collector = SimpleNamespace(prometheus_format=lambda: metrics, health_endpoint=lambda: health)
     return SimpleNamespace(get_stats=lambda: stats, get_metrics=lambda: collector)
-
-
-class Reply(NamedTuple):
-    status: int
-    headers: list[tuple[str, str]]
-    body: bytes
-
-
-def get(server: Any, path: str, method: str = "GET", body: bytes | None = None) -> Reply:
-    connection = HTTPConnection(LOOPBACK, server.server_port, timeout=20)
-    with contextlib.closing(connection):
-        connection.request(method, path, body)
-        response = connection.getresponse()
-        return Reply(response.status, response.getheaders(), response.read())
 
 
 connections: list[socket.socket] = []

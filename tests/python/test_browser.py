@@ -7,8 +7,8 @@ from pathlib import Path
 
 import pytest
 from browser import Browser
-from helpers import engine_with, provider, until
 
+from support import engine_with, provider, until
 from tarvomeldric import APIError, serve_dashboard
 from tarvomeldric.simulator import ProviderSimulator
 

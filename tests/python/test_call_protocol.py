@@ -11,8 +11,8 @@ from typing import Any
 
 import pytest
 import uvloop
-from helpers import engine_with, state_of
 
+from support import engine_with, state_of
 from tarvomeldric import SelfHealingEngine
 
 USED_UP = "cannot reuse already awaited coroutine"

@@ -13,8 +13,8 @@ from typing import Any
 
 import pytest
 import uvloop
-from helpers import engine_on, engine_with, provider, state_of, until, worst_pause
 
+from support import engine_on, engine_with, provider, state_of, until, worst_pause
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator, Reply
 

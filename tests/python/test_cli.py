@@ -20,9 +20,9 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from helpers import KEY, NOWHERE, start_child, until
 
 import tarvomeldric
+from support import KEY, NOWHERE, start_child, until
 from tarvomeldric.simulator import ProviderSimulator
 
 PROGRAM = [sys.executable, "-W", "error", "-m", "tarvomeldric"]

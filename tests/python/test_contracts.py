@@ -6,8 +6,8 @@ import re
 from typing import Any
 
 import pytest
-from helpers import run_child
 
+from support import run_child
 from tarvomeldric import Contract
 
 OK, NO_JSON = "schema_ok", "No valid JSON found in output"

@@ -9,10 +9,10 @@ from typing import Any
 from unittest.mock import Mock, patch
 
 import pytest
-from dashboards import FIGURES, LOOPBACK, connect, get, left, made_up, served
-from helpers import engine_with
+from dashboards import FIGURES, LOOPBACK, connect, left, made_up, served
 from prometheus_client.parser import text_string_to_metric_families
 
+from support import engine_with, get
 from tarvomeldric import serve_dashboard
 from tarvomeldric._engine import _build_dashboard
 

@@ -10,9 +10,9 @@ from typing import Any
 from unittest.mock import Mock
 
 import pytest
-from dashboards import connect, get, left, made_up, served
-from helpers import run_child, until
+from dashboards import connect, left, made_up, served
 
+from support import get, run_child, until
 from tarvomeldric import _dashboard
 
 pytestmark = pytest.mark.usefixtures("silent")
@@ -134,8 +134,7 @@ def test_a_forked_child_lets_go_of_the_port() -> None:
 
 ENDING = """
 import sys, threading, time
-from dashboards import get
-from helpers import engine_with
+from support import engine_with, get
 from tarvomeldric import serve_dashboard
 server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False)
 def look():

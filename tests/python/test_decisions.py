@@ -7,8 +7,8 @@ import time
 from typing import Any
 
 import pytest
-from helpers import engine_with, provider
 
+from support import engine_with, provider
 from tarvomeldric import LearnedRule, SelfHealingEngine, SemanticDomain
 
 

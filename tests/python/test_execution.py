@@ -11,8 +11,8 @@ from typing import Any
 
 import httpx
 import pytest
-from helpers import KEY, engine_on, engine_with, provider
 
+from support import KEY, engine_on, engine_with, provider
 from tarvomeldric import APIError, SelfHealingEngine
 from tarvomeldric._engine import __version__
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply

@@ -5,9 +5,7 @@ from __future__ import annotations
 import asyncio
 import gc
 import json
-import signal
 import socket
-import subprocess
 import sys
 import time
 import weakref
@@ -17,9 +15,9 @@ from typing import Any
 
 import pytest
 import redis
-from helpers import engine_on, run_child, start_child, until, worst_pause
-from test_exit import end_under_daemon_threads
 
+from support import RedisServer, engine_on, run_child, start_child, until, worst_pause
+from support.exits import end_under_daemon_threads
 from tarvomeldric import FlywheelLearner
 from tarvomeldric.simulator import ProviderSimulator
 
@@ -27,26 +25,12 @@ pytestmark = pytest.mark.once
 CHANNEL, HASH = "tarvomeldric:flywheel", "tarvomeldric:flywheel:rules"
 
 
-class Server:
-    """A redis-server without persistence on a free loopback port."""
+class Server(RedisServer):
+    """One with a client that looks at what is in it."""
 
     def __init__(self) -> None:
-        with socket.create_server(("127.0.0.1", 0)) as free:
-            self.port = str(free.getsockname()[1])
-        self.url = f"redis://127.0.0.1:{self.port}"
+        super().__init__()
         self.client = redis.Redis.from_url(self.url, decode_responses=True)
-        self.start()
-
-    def start(self) -> None:
-        command = ["redis-server", "--port", self.port, "--bind", "127.0.0.1", "--save", ""]
-        self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
-        ping = ["redis-cli", "-p", self.port, "ping"]
-        until(lambda: b"PONG" in subprocess.run(ping, capture_output=True).stdout)
-
-    def stop(self) -> None:
-        self.process.kill()
-        self.process.wait()
-        self.client.close()
 
     def rules(self) -> dict[str, Any]:
         return {key: json.loads(text) for key, text in self.client.hgetall(HASH).items()}
@@ -58,10 +42,9 @@ class Server:
 @pytest.fixture
 def server(monkeypatch: pytest.MonkeyPatch) -> Iterator[Server]:
     """One for each test, so that no learner of another one talks in between."""
-    server = Server()
-    monkeypatch.setenv("TARVOMELDRIC_REDIS_URL", server.url)
-    yield server
-    server.stop()
+    with Server() as server, server.client:
+        monkeypatch.setenv("TARVOMELDRIC_REDIS_URL", server.url)
+        yield server
 
 
 def learned(learner: Any) -> dict[str, Any]:
@@ -115,7 +98,7 @@ def test_taking_in_the_hash_and_the_channel(server: Server) -> None:
 
 CONVERGING = """
 import json
-from helpers import engine_with, until
+from support import engine_with, until
 learner = engine_with()._learner
 until(lambda: "parent 0:0" in learner._rules)
 for number in range(10): learner.record("child", str(number), number % 2 == 0)
@@ -183,7 +166,7 @@ def test_subscribers_end_with_their_learner_or_program(server: Server) -> None:
     gc.collect()
     assert gone() is None
     until(lambda: not thread.is_alive() and server.subscribers() == 0)
-    end_under_daemon_threads()
+    end_under_daemon_threads(10)
 
 
 @pytest.mark.uninstrumented
@@ -197,7 +180,7 @@ def test_the_loop_goes_on_while_rules_are_shared(server: Server) -> None:
     async def pauses() -> list[float]:
         await engine.call("Hi")
         bare, healthy = await worst_pause(asyncio.sleep(1)), await worst_pause(calls(True))
-        server.process.send_signal(signal.SIGSTOP)
+        server.pause()
         return [bare, healthy, await worst_pause(calls(False))]
 
     with ProviderSimulator(default="answer", process=True) as simulator:
@@ -211,7 +194,7 @@ def test_the_loop_goes_on_while_rules_are_shared(server: Server) -> None:
 FORKING = """
 import os, signal, sys, threading, time
 import redis
-from helpers import engine_with, provider, until
+from support import engine_with, provider, until
 engine = engine_with(provider(sys.argv[1]))
 engine.call_sync("Hi")
 record, learner, pool = engine._providers["mine"], engine._learner, {**engine._sync_client_pool}
@@ -252,4 +235,4 @@ fork("local")
 
 def test_a_forked_child_starts_afresh(server: Server) -> None:
     with ProviderSimulator(default="answer") as simulator:
-        run_child(FORKING, simulator.base_url, str(server.process.pid), strict=False)
+        run_child(FORKING, simulator.base_url, str(server.pid), strict=False)

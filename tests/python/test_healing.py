@@ -12,9 +12,9 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from helpers import provider, state_of
 
 import tarvomeldric as tm
+from support import provider, state_of
 from tarvomeldric import APIError, Contract, SelfHealingEngine, SemanticDomain
 
 GPT, MINI, HAIKU = "gpt-4o", "gpt-4o-mini", "claude-3-5-haiku-20241022"

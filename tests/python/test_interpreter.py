@@ -13,9 +13,10 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from helpers import drive, engine_with, provider, run_child, start_child, state_of, tireless
+from helpers import drive
 
 import tarvomeldric._engine as native
+from support import engine_with, provider, run_child, start_child, state_of, tireless
 from tarvomeldric import APIError, Diagnoser, FlywheelLearner, ProviderConfig, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator
 
@@ -23,7 +24,8 @@ Ask = Callable[..., Any]
 
 INTERRUPTED = """
 import asyncio, sys, threading, time
-from helpers import drive, engine_with, state_of
+from helpers import drive
+from support import engine_with, state_of
 from tarvomeldric import APIError
 wait, form = sys.argv[1:]
 engine, answered = engine_with(), threading.Event()
@@ -69,7 +71,8 @@ def test_ctrl_c_ends_a_wait_for_others(wait: str, form: str) -> None:
 FORKED = """
 import asyncio, os, sys, threading, warnings
 warnings.simplefilter("ignore", DeprecationWarning)  # threads and fork: what is tested
-from helpers import drive, engine_with, provider, state_of
+from helpers import drive
+from support import engine_with, provider, state_of
 class Pending:
     def __await__(self): yield
 record = provider(sys.argv[1], slots=4)
@@ -104,13 +107,13 @@ try:
     import _interpreters as interpreters
 except ImportError:
     import _xxsubinterpreters as interpreters
-import helpers
+import support
 # One that shares as much as it can: others are refused by the import system itself.
 other = interpreters.create(*["legacy"] * (sys.version_info >= (3, 13)))
 failing = "try: import tarvomeldric\\nexcept ImportError as error: print(error, flush=True)"
 assert interpreters.run_string(other, failing) is None
 interpreters.destroy(other)
-engine = helpers.engine_with()
+engine = support.engine_with()
 engine._execute_sync = lambda *_, **__: "answer"
 assert engine.call_sync("Hi").text == "answer"
 """

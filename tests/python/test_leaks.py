@@ -6,7 +6,6 @@ import asyncio
 import collections
 import contextlib
 import copy
-import ctypes
 import gc
 import itertools
 import pickle
@@ -18,9 +17,10 @@ from unittest import mock
 
 import httpx
 import pytest
-from helpers import drive, engine_with, provider, run_child, start_child, tireless
+from helpers import drive
 
 import tarvomeldric as tm
+from support import allocated, engine_with, provider, run_child, start_child, tireless
 from tarvomeldric import APIError, Diagnosis, FaultCategory, LearnedRule, MapeKPhase
 
 SCHEMA = tm.Contract({"required": ["a"]}, similarity_threshold=0.1, reference_text="a")
@@ -225,14 +225,6 @@ def in_no_time() -> Iterator[None]:
         yield
 
 
-class Mallinfo2(ctypes.Structure):
-    names = "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost"
-    _fields_ = tuple((name, ctypes.c_size_t) for name in names.split())
-
-
-mallinfo2 = ctypes.CDLL(None).mallinfo2
-mallinfo2.restype = Mallinfo2
-
 KEPT = (None, True, False, "", "mine", FaultCategory.TIMEOUT, APIError, tm.CallResult, SCHEMA)
 SLACK = {"blocks": 1000, "heap": 40_000}  # a block each time makes 10,000 of them
 
@@ -242,8 +234,7 @@ def holdings(world: World) -> collections.Counter[str]:
     gc.collect()
     found = collections.Counter(type(thing).__name__ for thing in gc.get_objects())
     found.update({f"references to {kept!r}": sys.getrefcount(kept) for kept in KEPT})
-    info = mallinfo2()
-    found.update(blocks=sys.getallocatedblocks(), heap=info.uordblks + info.hblkhd)
+    found.update(blocks=sys.getallocatedblocks(), heap=allocated())
     return found
 
 
@@ -269,14 +260,14 @@ def test_ten_thousand_times_leave_nothing_behind(name: str) -> None:
 
 
 ENDING = """
-import sys, warnings
+import ctypes, sys, warnings
 import tarvomeldric._engine, test_leaks as leaks
 warnings.simplefilter("ignore")
 tarvomeldric._engine._warn_of_leaks(True)
 with leaks.in_no_time():
     for operation in leaks.OPERATIONS.values():
         operation(world := leaks.World())
-if sys.argv[1] == "leak": leaks.ctypes.pythonapi.Py_IncRef(leaks.ctypes.py_object(world.good))
+if sys.argv[1] == "leak": ctypes.pythonapi.Py_IncRef(ctypes.py_object(world.good))
 """
 
 

@@ -13,9 +13,10 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 import pytest
-from helpers import KEY, NOWHERE, providers_at, run_child, start_child, until
+from helpers import providers_at
 
 import tarvomeldric
+from support import KEY, NOWHERE, run_child, start_child, until
 from tarvomeldric import _engine, _quick_start
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
 

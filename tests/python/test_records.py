@@ -11,9 +11,9 @@ from collections.abc import MutableSequence
 from typing import Any
 
 import pytest
-from helpers import KEY, provider
 
 import tarvomeldric as t
+from support import KEY, provider
 from tarvomeldric.types import RecoveryLevel
 
 REQUIRED: dict[Any, tuple[Any, ...]] = {

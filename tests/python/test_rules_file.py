@@ -13,8 +13,8 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from helpers import start_child, until
 
+from support import start_child, until
 from tarvomeldric import FlywheelLearner, LearnedRule
 
 

@@ -11,8 +11,8 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from helpers import engine_with, provider, state_of
 
+from support import engine_with, provider, state_of
 from tarvomeldric import (
     APIError,
     SelfHealingEngine,

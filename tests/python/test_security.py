@@ -9,9 +9,9 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from dashboards import get, served
-from helpers import KEY, engine_on, engine_with, provider
+from dashboards import served
 
+from support import KEY, engine_on, engine_with, get, provider
 from tarvomeldric import APIError, SelfHealingEngine
 from tarvomeldric._engine import _check_provider
 from tarvomeldric.simulator import ProviderSimulator, Reply

@@ -15,8 +15,8 @@ from typing import Any
 
 import httpx
 import pytest
-from helpers import start_child, until
 
+from support import start_child, until
 from tarvomeldric.simulator import Fault, ProviderSimulator, Raw, Reply, rehearsal
 
 CHAT = "/chat/completions"

@@ -14,8 +14,8 @@ from unittest.mock import AsyncMock, Mock
 
 import httpx
 import pytest
-from helpers import engine_on, engine_with, provider, until
 
+from support import engine_on, engine_with, provider, until
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import Fault, ProviderSimulator, Raw, Reply
 

@@ -8,8 +8,8 @@ from typing import Any
 
 import httpx
 import pytest
-from helpers import engine_on, run_child
 
+from support import engine_on, run_child
 from tarvomeldric.simulator import ProviderSimulator
 
 
@@ -34,7 +34,7 @@ LEAVE = {
 PROGRAM = """
 import asyncio, gc, logging, sys
 logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
-from helpers import engine_with, provider
+from support import engine_with, provider
 engine, make, keep = engine_with(provider(sys.argv[1])), asyncio.new_event_loop, []
 async def main():
     for result in await asyncio.gather(*(engine.call("Hi") for _ in range(3))):
@@ -60,7 +60,7 @@ def test_loops_come_and_go_without_a_complaint(simulator: ProviderSimulator, lea
 CLOSED_MEANWHILE = """
 import asyncio, logging, sys, threading
 logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
-from helpers import engine_with, provider
+from support import engine_with, provider
 engine = engine_with(provider(sys.argv[1]))
 called, closed = threading.Semaphore(0), threading.Semaphore(0)
 async def main(pause):
