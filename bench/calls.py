@@ -8,7 +8,8 @@ from typing import Any
 from measuring import row, take_turns
 from table import Row
 
-from tarvomeldric import APIError, Bulkhead, ProviderConfig, RateLimiter, SelfHealingEngine
+from support import provider
+from tarvomeldric import APIError, SelfHealingEngine
 
 PROVIDER = "openai"
 REQUEST: dict[str, Any] = {"prompt": "What is the capital of France?", "model": "gpt-4o-mini"}
@@ -27,17 +28,10 @@ class StubbedEngine(SelfHealingEngine):
         return self._execute_sync(cfg, prompt, model)
 
 
-def wide_open(name: str, base_url: str = "http://127.0.0.1:9/v1") -> ProviderConfig:
-    """A provider that takes all requests that come."""
-    limiter = RateLimiter(max_tokens=10**9, refill_rate=1e9, _tokens=1e9)
-    bulkhead = Bulkhead(max_concurrent=1000)
-    return ProviderConfig(name, base_url, "bench-key", rate_limiter=limiter, bulkhead=bulkhead)
-
-
 def measure(quick: bool) -> Iterator[Row]:
-    provider, loop = wide_open(PROVIDER), asyncio.new_event_loop()
-    engine = StubbedEngine({PROVIDER: provider})
-    given = {"cfg": provider, "api_type": "chat", **REQUEST}
+    record, loop = provider(name=PROVIDER), asyncio.new_event_loop()
+    engine = StubbedEngine({PROVIDER: record})
+    given = {"cfg": record, "api_type": "chat", **REQUEST}
     for name, call, stub, its_loop, target in (
         ("call_sync", engine.call_sync, engine._execute_sync, None, 5.0),
         ("call", engine.call, engine._execute, loop, 8.0),

@@ -2,16 +2,16 @@
 
 import asyncio
 import multiprocessing
-import resource
 import subprocess
 import sys
 from collections.abc import Iterator
-from pathlib import Path
 from time import perf_counter
 
-from calls import PROVIDER, REQUEST, StubbedEngine, wide_open
+from calls import PROVIDER, REQUEST, StubbedEngine
 from measuring import rounds_of
 from table import Row
+
+from support import provider, resident
 
 IMPORT = "import tarvomeldric"
 DEAREST = 6  # modules
@@ -49,13 +49,13 @@ def run(program: str, *options: str) -> tuple[float, str]:
 
 def growth(name: str, after: int) -> int:
     """The bytes that became resident after the first calls."""
-    call = getattr(StubbedEngine({PROVIDER: wide_open(PROVIDER)}), name)
+    call = getattr(StubbedEngine({PROVIDER: provider(name=PROVIDER)}), name)
 
     async def grow(calls: int) -> int:
         for _ in range(calls):
             answer = call(**REQUEST)
             if name == "call":
                 await answer
-        return int(Path("/proc/self/statm").read_text().split()[1]) * resource.getpagesize()
+        return resident()
 
     return -asyncio.run(grow(BEFORE)) + asyncio.run(grow(after - BEFORE))

@@ -2,13 +2,13 @@
 
 from collections.abc import Iterator
 from functools import partial
-from typing import Any
 
-from calls import PROVIDER, REQUEST, StubbedEngine, wide_open
+from calls import PROVIDER, REQUEST, StubbedEngine
 from measuring import row, take_turns
 from table import Row
 
-from tarvomeldric import APIError, CircuitBreaker, Contract
+from support import provider, tireless
+from tarvomeldric import APIError, Contract
 
 CALLS = 5_000
 ANSWER = 'The capital is Paris, in France: {"city": "Paris", "country": "France"}'
@@ -24,15 +24,12 @@ CONTRACTS = {
 def measure(quick: bool) -> Iterator[Row]:
     if not hasattr(Contract, "validate"):
         return
-    refusing, answering = wide_open("refusing"), wide_open("answering")
+    refusing, answering = tireless(name="refusing"), provider(name="answering")
     engine = StubbedEngine({PROVIDER: refusing, "answering": answering})
 
-    def call() -> Any:
-        refusing.circuit_breaker = CircuitBreaker()  # so that it is asked each time
-        return engine.call_sync(**REQUEST)
+    call = partial(engine.call_sync, **REQUEST)
 
     def stubs() -> None:
-        refusing.circuit_breaker = CircuitBreaker()
         try:
             engine._execute_sync(refusing, **REQUEST, api_type="chat")
         except APIError:

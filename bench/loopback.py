@@ -10,11 +10,12 @@ from time import perf_counter
 from typing import Any
 
 import httpx
-from calls import PROVIDER, REQUEST, wide_open
+from calls import PROVIDER, REQUEST
 from measuring import Call, rounds_of, row, take_turns
 from table import Row
 
-from tarvomeldric import APIError, SelfHealingEngine
+from support import engine_on
+from tarvomeldric import APIError
 from tarvomeldric.simulator import ProviderSimulator
 
 Pair = dict[str, Call]
@@ -47,7 +48,7 @@ def rivals(loop: asyncio.AbstractEventLoop) -> Iterator[tuple[Pair, Pair]]:
     The bare clients are made as the engine's own are, and send what the engine was seen to send.
     """
     with ProviderSimulator(process=True) as provider:
-        engine = SelfHealingEngine({PROVIDER: wide_open(PROVIDER, provider.base_url)})
+        engine = engine_on(provider, name=PROVIDER, slots=CALLS)
         engine.call_sync(**REQUEST)
         seen = provider.requests[0]
         url = provider.base_url.removesuffix("/v1") + seen.path

@@ -3,13 +3,15 @@
 import time
 from collections.abc import Iterator
 from functools import partial
+from time import perf_counter
 
-from measuring import row, take_turns
+from measuring import rounds_of, row, take_turns
 from table import Row
 
 from tarvomeldric import Bulkhead, CircuitBreaker, FlywheelLearner, LearnedRule, RateLimiter
 
 CALLS = 20_000
+MOMENT = 0.2  # seconds
 
 
 def measure(quick: bool) -> Iterator[Row]:
@@ -29,6 +31,9 @@ def measure(quick: bool) -> Iterator[Row]:
         yield row(rounds, what, target)
         if call is record:
             yield row(rounds, "learner: record, mean", figure="mean")
+    learner = filled(100_000)
+    loops = [milliseconds_of_gets(learner) for _ in rounds_of(quick)]
+    yield Row("learner: get each of 100,000 rules", loops, "ms")
     learner, without_file = filled(100), filled(100)
     without_file._persist_path = "/dev/null/rules.json"  # no such file can be made
     rivals = {"call": learner._persist, "text": without_file._persist}
@@ -46,6 +51,16 @@ def filled(rules: int) -> FlywheelLearner:
         rule = LearnedRule(pattern, action, 9, 1, 0.9, time.time())
         learner._rules[f"{pattern}:{action}"] = rule
     return learner
+
+
+def milliseconds_of_gets(learner: FlywheelLearner) -> float:
+    """What a look at every rule by its key takes, judged by as many as fit into a moment."""
+    keys, done, start = list(learner._rules), 0, perf_counter()
+    while done < len(keys) and perf_counter() - start < MOMENT:
+        for key in keys[done : done + 10]:
+            assert learner._rules.get(key)
+        done += 10
+    return (perf_counter() - start) * 1e3 * len(keys) / done
 
 
 def matching(rules: int) -> "partial[LearnedRule | None]":

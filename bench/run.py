@@ -10,6 +10,7 @@ import importlib
 import json
 import os
 import platform
+import sys
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any
@@ -19,7 +20,8 @@ from table import print_heading, print_row
 from tarvomeldric.simulator import rehearsal
 
 SECTIONS = ["diagnosis", "calls", "loopback", "streaming", "parts", "footprint", "healing", "fleet"]
-RESULTS = Path(__file__).resolve().parent.parent / "build" / "bench.json"
+ROOT = Path(__file__).resolve().parent.parent
+RESULTS = ROOT / "build" / "bench.json"
 
 
 def main() -> None:
@@ -34,6 +36,7 @@ def main() -> None:
     machine += f", rules file on {file_system(RESULTS.parent)}"
     print(f"{machine}, load {os.getloadavg()[0]:.1f}; a range is that of the rounds")
     results: dict[str, Any] = {"machine": machine, "quick": options.quick}
+    sys.path.append(str(ROOT / "tools"))  # the support package
     with TemporaryDirectory(prefix="home-", dir=RESULTS.parent) as home, rehearsal(home):
         for name in options.sections or SECTIONS:
             section = importlib.import_module(name)

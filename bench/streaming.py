@@ -6,10 +6,11 @@ from collections.abc import Iterator
 from functools import partial
 
 import httpx
-from calls import PROVIDER, wide_open
+from calls import PROVIDER
 from measuring import row, take_turns
 from table import Row
 
+from support import engine_on
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator, Raw, Reply
 
@@ -25,7 +26,7 @@ def measure(quick: bool) -> Iterator[Row]:
     for how, pieces in ("in one piece", [EVENT * EVENTS]), ("piece by piece", [EVENT] * EVENTS):
         stream = Reply(stream=[Raw(piece) for piece in pieces])
         with ProviderSimulator(default=stream, process=True) as provider:
-            engine = SelfHealingEngine({PROVIDER: wide_open(PROVIDER, provider.base_url)})
+            engine = engine_on(provider, name=PROVIDER)
             client = loop.run_until_complete(engine._get_session(PROVIDER))
             url = provider.base_url + "/chat/completions"
             rivals = {"call": partial(own, engine), "bare": partial(bare, client, url)}
