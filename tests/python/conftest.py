@@ -10,6 +10,8 @@ from pathlib import Path
 
 import pytest
 
+pytest.register_assert_rewrite("support")
+
 # Before the package is imported: the engine looks at these when it is made.
 _home = tempfile.TemporaryDirectory(prefix="tarvomeldric-tests-")
 os.environ["HOME"] = _home.name
