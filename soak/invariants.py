@@ -1,4 +1,4 @@
-"""What must add up: the engine counts what its callers saw, gives every slot back, and met it all."""
+"""What must add up: the engine counts what its callers saw, gives back every slot, met every fault."""
 
 from collections.abc import Iterator
 from typing import Any
