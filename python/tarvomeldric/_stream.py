@@ -10,7 +10,8 @@ from contextlib import aclosing
 from typing import Any
 
 from tarvomeldric._engine import APIError, _EventStream
-from tarvomeldric._http import address, spoil
+from tarvomeldric._http.clients import spoil
+from tarvomeldric._http.exchange import address
 
 
 async def execute_stream(

@@ -1,20 +1,15 @@
-"""The HTTP clients of one engine, and the exchange with a provider as far as it is theirs.
-
-Neither the HTTP library nor a TLS context is loaded before the first request needs it; each costs
-more than a call does.
-"""
+"""The HTTP clients of one engine: which one serves a provider, and which loop it belongs to."""
 
 from __future__ import annotations
 
 import asyncio
-import atexit
 import contextlib
-import functools
-import os
 import threading
 import weakref
 from collections.abc import AsyncGenerator, Callable, Coroutine
 from typing import TYPE_CHECKING, Any
+
+from tarvomeldric._http import shutdown
 
 if TYPE_CHECKING:
     import ssl
@@ -33,43 +28,6 @@ _ASYNC_LIMITS: dict[str, Any] = {
 }
 
 
-def _read(response: httpx.Response) -> tuple[int, Any]:
-    if response.status_code != 200:
-        return response.status_code, response.text
-    return 200, response.json()
-
-
-@functools.lru_cache(maxsize=256)
-def _parsed(url: str) -> httpx.URL:
-    import httpx
-
-    return httpx.URL(url)
-
-
-def address(client: Any, url: str) -> Any:
-    """The URL as the library's own clients take it; parsing it anew costs more than the engine does."""
-    import httpx
-
-    return _parsed(url) if isinstance(client, httpx.Client | httpx.AsyncClient) else url
-
-
-def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
-    """Sends one request: the status with the decoded body, or with the body's text when it is not 200."""
-    return _read(client.post(address(client, url), json=body, headers=headers, timeout=timeout))
-
-
-async def post_async(
-    client: Any, url: str, body: Any, headers: Any, timeout: Any
-) -> tuple[int, Any]:
-    """The same, awaited."""
-    target = address(client, url)
-    try:
-        return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
-    except GeneratorExit:
-        spoil(client)
-        raise
-
-
 def spoil(client: Any) -> None:
     """Sends nothing more through a client of ours, one exchange of which was closed by hand.
 
@@ -79,15 +37,6 @@ def spoil(client: Any) -> None:
     bound = _bounds.get(id(client))
     if bound is not None and bound.client is client:
         bound.spoilt = True
-
-
-def is_timeout(error: BaseException, asynchronous: bool) -> bool:
-    """Whether the failure of an exchange is a time-out of the client or, when awaited, of the host."""
-    import httpx
-
-    if isinstance(error, httpx.TimeoutException):
-        return True
-    return asynchronous and isinstance(error, (asyncio.TimeoutError, TimeoutError))
 
 
 async def _keep_until_shutdown(client: httpx.AsyncClient) -> AsyncGenerator[None, None]:
@@ -118,7 +67,8 @@ class _Bound:
             if not closing.cancelled() and closing.exception() is None:
                 closed(self)
 
-        self.transports = _open_transports(self.client)  # a client that is closing forgets them
+        # A client that is closing forgets them.
+        self.transports = shutdown.open_transports(self.client)
         self.closing = self.loop.create_task(self.aclose())
         self.closing.add_done_callback(tell)
 
@@ -133,7 +83,7 @@ class _Bound:
             self.closing._log_destroy_pending = False  # type: ignore[attr-defined]
             with contextlib.suppress(Exception):
                 self.closing.get_coro().close()
-        for transport in self.transports + _open_transports(self.client):
+        for transport in self.transports + shutdown.open_transports(self.client):
             sock, transport._sock = transport._sock, None
             if sock is not None:
                 sock.close()
@@ -141,38 +91,6 @@ class _Bound:
 
 # By the client's identity.
 _bounds: weakref.WeakValueDictionary[int, _Bound] = weakref.WeakValueDictionary()
-
-
-def _open_transports(client: Any) -> list[Any]:
-    """The event loop's transports below a client's connections, as deep as they can be found."""
-    found = []
-    pool = getattr(getattr(client, "_transport", None), "_pool", None)
-    for connection in getattr(pool, "connections", ()):
-        inner: Any = getattr(connection, "_connection", None)
-        stream: Any = getattr(getattr(inner, "_network_stream", None), "_stream", None)
-        stream = getattr(stream, "transport_stream", stream)
-        transport = getattr(stream, "_transport", None)
-        if getattr(transport, "_sock", None) is not None:
-            found.append(transport)
-    return found
-
-
-# Held while a TLS context is made, and for good once the process exits: a daemon thread that loads
-# certificates while the TLS library is being taken down would take the process with it.
-_preparing = threading.RLock()
-
-
-def _hold_at_exit() -> None:
-    _preparing.acquire(timeout=10.0)
-
-
-def _renew_after_fork() -> None:
-    global _preparing
-    _preparing = threading.RLock()
-
-
-atexit.register(_hold_at_exit)
-os.register_at_fork(after_in_child=_renew_after_fork)
 
 
 class HttpClients:
@@ -192,7 +110,7 @@ class HttpClients:
         """Loads the HTTP library and makes the TLS context that all clients share."""
         import httpx
 
-        with _preparing:
+        with shutdown.preparing:
             if self._tls is None:
                 self._tls = httpx.create_ssl_context()
 
