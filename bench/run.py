@@ -19,7 +19,10 @@ from table import print_heading, print_row
 
 from tarvomeldric.simulator import rehearsal
 
-SECTIONS = ["diagnosis", "calls", "loopback", "streaming", "parts", "footprint", "healing", "fleet"]
+SECTIONS = [
+    *("diagnosis", "calls", "loopback", "wire", "streaming"),
+    *("parts", "footprint", "healing", "fleet"),
+]
 ROOT = Path(__file__).resolve().parent.parent
 RESULTS = ROOT / "build" / "bench.json"
 
