@@ -83,6 +83,15 @@ def test_headers_and_credentials(ask: Ask, name: str, path: str, credentials: An
     assert [header for header in sent if header[0] in names] == ours
 
 
+def test_a_key_without_a_visible_end_is_sent_without_it(ask: Ask) -> None:
+    with ProviderSimulator() as simulator:
+        for name, key in itertools.product(["mine", "anthropic"], ["", KEY + "\r\n \t"]):
+            ask(engine_with(provider(simulator.base_url, name=name, api_key=key)))
+            header = "authorization" if name == "mine" else "x-api-key"
+            scheme = "Bearer " if name == "mine" else ""
+            assert simulator.requests[-1].header(header) == (scheme + key).rstrip()
+
+
 def test_every_option_but_the_request_id_is_sent_and_may_replace_what_was_built(ask: Ask) -> None:
     inner = ("trace", "diag", "call_start", "provider", "options", "extra", "args", "engine", "Io")
     options: dict[str, Any] = {name: [None, {"ключ": 1.5}] for name in inner}
@@ -177,7 +186,7 @@ def test_a_failed_exchange_reads(ask: Ask) -> None:
 
 
 def test_a_key_that_cannot_be_sent_is_not_told_either(ask: Ask) -> None:
-    tails = ["\n", "\r\nX-Evil: 1", "\0", "'\"\n", "é", "\udc80", "\\\n"]
+    tails = ["\nx", "\r\nX-Evil: 1", "\0", "'\"\nx", "é", "\udc80", "\\\nx"]
     with ProviderSimulator() as simulator:
         for name, tail in itertools.product(["mine", "anthropic"], tails):
             engine = engine_on(simulator, name=name, api_key=KEY + tail)
