@@ -10,7 +10,6 @@ import subprocess
 import sys
 from collections.abc import Iterator, Sequence
 from concurrent.futures import ThreadPoolExecutor
-from statistics import median
 from time import process_time
 from typing import Any
 

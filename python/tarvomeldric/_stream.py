@@ -3,15 +3,19 @@
 from __future__ import annotations
 
 import asyncio
+import codecs
 import contextlib
 import json
-from collections.abc import AsyncGenerator, Iterator
+from collections.abc import AsyncGenerator, Awaitable, Iterator
 from contextlib import aclosing
-from typing import Any
+from typing import Any, TypeVar
 
 from tarvomeldric._engine import APIError, _EventStream
-from tarvomeldric._http.clients import spoil
+from tarvomeldric._http.attempt import AttemptContext
+from tarvomeldric._http.clients import Own, own_of
 from tarvomeldric._http.exchange import address
+
+T = TypeVar("T")
 
 
 async def execute_stream(
@@ -49,7 +53,7 @@ class _Exchange:
         self._provider = provider
         self._url = url
         self._request = request
-        self._client: Any = None
+        self._own: Own | None = None
         self._opened: Any = None
         self._response: Any = None
         self._pieces: Any = None
@@ -59,13 +63,6 @@ class _Exchange:
 
     async def next_event(self) -> Any:
         """The next event; StopAsyncIteration when there is none."""
-        try:
-            return await self._find_event()
-        except GeneratorExit:  # whoever waited was closed by hand
-            spoil(self._client)
-            raise
-
-    async def _find_event(self) -> Any:
         if self._response is None:
             await self._open()
         while True:
@@ -80,27 +77,56 @@ class _Exchange:
             self._payloads = iter(self._stream.feed(await self._next_piece()))
 
     async def _open(self) -> None:
-        client = self._client = await self._engine._get_session(self._provider)
+        client = await self._engine._get_session(self._provider)
+        self._own = own_of(client)
+        if self._own:
+            self._own.under_way.add(self)
         self._opened = client.stream("POST", address(client, self._url), **self._request)
-        self._response = await self._opened.__aenter__()
+        self._response = await self._of_library(self._opened.__aenter__())
         if (status := self._response.status_code) != 200:
-            text = (await self._response.aread()).decode("utf-8")
-            raise APIError(f"HTTP {status}: {text[:200]}", status)
+            raise APIError(f"HTTP {status}: {(await self._refusal())[:200]}", status)
         self._pieces = self._response.aiter_text()
 
+    async def _refusal(self) -> str:
+        if not self._own:
+            return str((await self._response.aread()).decode("utf-8"))
+        from tarvomeldric._http.reading import read_async
+
+        body = await self._of_library(read_async(self._response))
+        return codecs.getincrementaldecoder("utf-8")().decode(body.content())
+
     async def _next_piece(self) -> str:
-        async for piece in self._pieces:
-            return str(piece)
-        self._pieces = None
-        return "\n"  # the end of a reply ends its last line
+        try:
+            return str(await self._of_library(self._pieces.__anext__()))
+        except StopAsyncIteration:
+            self._pieces = None
+            return "\n"  # the end of a reply ends its last line
+
+    async def _of_library(self, answer: Awaitable[T]) -> T:
+        """What the HTTP library gives, bounded for each pause; one left in the middle is used no more."""
+        try:
+            with AttemptContext(None):
+                return await answer
+        except StopAsyncIteration:
+            raise
+        except BaseException as error:
+            if self._own:
+                self._own.judge(error)
+            raise
 
     async def aclose(self) -> None:
-        if self._response is None or self._closed:
+        if self._closed:
             return
         self._closed = True
-        await self._response.aclose()
-        with contextlib.suppress(RuntimeError):  # a loop that ends may be closing it, too
-            await self._opened.__aexit__(None, None, None)
+        try:
+            if self._response is not None:
+                await self._response.aclose()
+                with contextlib.suppress(RuntimeError):  # a loop that ends may be closing it, too
+                    await self._opened.__aexit__(None, None, None)
+        finally:
+            if self._own:
+                self._own.under_way.discard(self)
+                self._own.end_if_unused()
 
 
 def _last_item(error: Exception) -> dict[str, Any]:

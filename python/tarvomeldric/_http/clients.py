@@ -1,4 +1,8 @@
-"""The HTTP clients of one engine: which one serves a provider, and which loop it belongs to."""
+"""The HTTP clients of one engine: which one serves a provider, and how each of them ends.
+
+Nothing here waits for a lock. A signal handler may close the engine while its own thread is in the
+middle of any of this, so whatever others can see changes by one operation of a dictionary or a set.
+"""
 
 from __future__ import annotations
 
@@ -6,37 +10,148 @@ import asyncio
 import contextlib
 import threading
 import weakref
-from collections.abc import AsyncGenerator, Callable, Coroutine
+from collections.abc import AsyncGenerator, Callable, Coroutine, Iterator
 from typing import TYPE_CHECKING, Any
 
-from tarvomeldric._http import shutdown
+from tarvomeldric._http.shutdown import gate
 
 if TYPE_CHECKING:
     import ssl
 
     import httpx
 
-_SYNC_LIMITS: dict[str, Any] = {
-    "max_connections": 50,
-    "max_keepalive_connections": 10,
-    "keepalive_expiry": 30.0,
-}
-_ASYNC_LIMITS: dict[str, Any] = {
-    "max_connections": 100,
-    "max_keepalive_connections": 20,
-    "keepalive_expiry": 30.0,
-}
+# Every client that was made here and is not closed, by its identity.
+_owns: weakref.WeakValueDictionary[int, Own] = weakref.WeakValueDictionary()
 
 
-def spoil(client: Any) -> None:
-    """Sends nothing more through a client of ours, one exchange of which was closed by hand.
+def own_of(client: Any) -> Own | None:
+    """What is known about a client that was made here; None for one that the host placed in a pool."""
+    own = _owns.get(id(client))
+    return own if own is not None and own.client is client else None
 
-    The library's locks let go when an exchange is cancelled, not when it is closed: a later request
-    might wait for one of them without end.
+
+class Own:
+    """A blocking client that was made here, and the exchanges that are under way on it.
+
+    One whose library was left by anything but a failure of its own is unfit: it may hold locks that
+    nobody gives back. It is used for nothing more, and closed when its last exchange has ended.
     """
-    bound = _bounds.get(id(client))
-    if bound is not None and bound.client is client:
-        bound.spoilt = True
+
+    def __init__(self, client: Any, siblings: set[Own], pool: dict[str, Any] | None = None) -> None:
+        from tarvomeldric._http import internals
+
+        self.client = client
+        self.fit = True
+        self.under_way: set[object] = set()
+        self._siblings = siblings  # the clients of the same engine that are still open
+        self._pool = pool  # where only a client that is fit may stay
+        self._internals = internals
+        _owns[id(client)] = self
+        siblings.add(self)
+
+    def serving(self) -> _Serving:
+        return _Serving(self)
+
+    def judge(self, error: BaseException) -> None:
+        """Takes the client out of use when the library was left by this error and may not be in order."""
+        if _is_safe(error):
+            return
+        self.fit = False
+        for name, client in list((self._pool or {}).items()):
+            if client is self.client and self._pool:
+                self._pool.pop(name, None)
+        self._internals.retire(self.client)
+
+    def end_if_unused(self) -> None:
+        if not self.fit and not self.under_way:
+            self.end()
+
+    def end(self) -> None:
+        """Closes the client, once."""
+        if self._taken():
+            with contextlib.suppress(Exception):
+                self.client.close()
+
+    def _taken(self) -> bool:
+        try:
+            self._siblings.remove(self)
+        except KeyError:
+            return False
+        return True
+
+
+class _Serving:
+    """One exchange on a client."""
+
+    __slots__ = ("_own",)
+
+    def __init__(self, own: Own) -> None:
+        self._own = own
+
+    def __enter__(self) -> None:
+        self._own.under_way.add(self)
+
+    def __exit__(self, _: object, error: BaseException | None, __: object) -> None:
+        if error is not None:
+            self._own.judge(error)
+        self._own.under_way.discard(self)
+        self._own.end_if_unused()
+
+
+def _is_safe(error: BaseException) -> bool:
+    """Whether the library is in order after this error: one of its own, or one that it looks out for."""
+    import httpx
+
+    its_own = (httpx.HTTPError, httpx.InvalidURL, httpx.StreamError)
+    return isinstance(error, (*its_own, asyncio.CancelledError))
+
+
+class OwnAwaited(Own):
+    """An asynchronous client that was made here: it belongs to a loop, and is closed with it."""
+
+    def __init__(self, client: httpx.AsyncClient, siblings: set[Own]) -> None:
+        super().__init__(client, siblings)
+        self.loop = asyncio.get_running_loop()
+        self.keeper = _keep_until_shutdown(client)
+        self._thread = threading.get_ident()
+        self._closing: asyncio.Task[None] | None = None
+        self._transports: list[Any] = []
+
+    async def aclose(self) -> None:
+        await self.client.aclose()
+        self._siblings.discard(self)
+        with contextlib.suppress(RuntimeError):  # the loop, shutting down, may be at it too
+            await self.keeper.aclose()
+
+    def end(self) -> None:
+        """Closes it on its loop, now or when that runs again.
+
+        A loop of another thread may run, stop or end at any moment, and is for that thread alone to run.
+        """
+        with contextlib.suppress(Exception):
+            if self._thread != threading.get_ident() or self.loop.is_running():
+                self.loop.call_soon_threadsafe(self._start_closing)
+            elif not self.loop.is_closed():
+                _run(self.loop, self.aclose())
+
+    def _start_closing(self) -> None:
+        if self._closing is None:
+            # A client that is closing forgets them.
+            self._transports = self._internals.open_transports(self.client)
+            self._closing = self.loop.create_task(self._aclose_quietly())
+
+    async def _aclose_quietly(self) -> None:
+        with contextlib.suppress(Exception):
+            await self.aclose()
+
+    def abandon(self) -> None:
+        """Closes what the loop, gone already, left open, without a word from tasks and transports."""
+        if self._closing is not None and not self._closing.done():
+            with contextlib.suppress(Exception):
+                self._internals.drop_task(self._closing)
+        for transport in self._transports + self._internals.open_transports(self.client):
+            self._internals.drop(transport)
+        self._siblings.discard(self)
 
 
 async def _keep_until_shutdown(client: httpx.AsyncClient) -> AsyncGenerator[None, None]:
@@ -47,207 +162,163 @@ async def _keep_until_shutdown(client: httpx.AsyncClient) -> AsyncGenerator[None
         await client.aclose()
 
 
-class _Bound:
-    """An asynchronous client, the loop that it belongs to, and what closes it with that loop."""
-
-    def __init__(self, client: httpx.AsyncClient) -> None:
-        self.client = client
-        self.loop = asyncio.get_running_loop()
-        self.thread = threading.get_ident()
-        self.keeper = _keep_until_shutdown(client)
-        self.closing: asyncio.Task[None] | None = None
-        self.transports: list[Any] = []
-        self.spoilt = False  # holds locks that nobody gives back
-        _bounds[id(client)] = self
-
-    def start_closing(self, closed: Callable[[_Bound], None]) -> None:
-        """Closes the client while its loop goes on; tells of it, unless the loop ends before that."""
-
-        def tell(closing: asyncio.Task[None]) -> None:
-            if not closing.cancelled() and closing.exception() is None:
-                closed(self)
-
-        # A client that is closing forgets them.
-        self.transports = shutdown.open_transports(self.client)
-        self.closing = self.loop.create_task(self.aclose())
-        self.closing.add_done_callback(tell)
-
-    async def aclose(self) -> None:
-        await self.client.aclose()
-        with contextlib.suppress(RuntimeError):  # the loop, shutting down, may be at it too
-            await self.keeper.aclose()
-
-    def abandon(self) -> None:
-        """Closes what the loop, gone already, left open, without a word from tasks and transports."""
-        if self.closing is not None and not self.closing.done():
-            self.closing._log_destroy_pending = False  # type: ignore[attr-defined]
-            with contextlib.suppress(Exception):
-                self.closing.get_coro().close()
-        for transport in self.transports + shutdown.open_transports(self.client):
-            sock, transport._sock = transport._sock, None
-            if sock is not None:
-                sock.close()
-
-
-# By the client's identity.
-_bounds: weakref.WeakValueDictionary[int, _Bound] = weakref.WeakValueDictionary()
-
-
 class HttpClients:
     """Makes the clients of one engine and knows which loop each asynchronous one belongs to.
 
-    The pools themselves are the engine's dictionaries. A client that the host put there is used as it
-    is; one that was made here is used on its own loop alone.
+    The pools themselves are the engine's dictionaries, and so are the locks that guard them against
+    others. A client that the host put there is used as it is; one that was made here is used on its
+    own loop alone.
     """
 
     def __init__(self) -> None:
         self._tls: ssl.SSLContext | None = None
-        self._bound: dict[tuple[int, str], _Bound] = {}
-        self._left: set[_Bound] = set()  # not known to be closed before their loops are
-        self._made: weakref.WeakSet[Any] = weakref.WeakSet()
+        self._open: set[Own] = set()  # not known to be closed
+        self._on_loop: dict[tuple[int, str], OwnAwaited] = {}
 
-    def prepare(self) -> None:
+    def prepare(self) -> ssl.SSLContext:
         """Loads the HTTP library and makes the TLS context that all clients share."""
-        import httpx
+        if self._tls is None:
+            import httpx
 
-        with shutdown.preparing:
-            if self._tls is None:
-                self._tls = httpx.create_ssl_context()
+            from tarvomeldric._http import internals, reading  # noqa: F401
 
-    def blocking(self, pool: dict[str, Any], lock: Any, name: str) -> Any:
-        """The pooled blocking client, made when there is none. No lock is held while it is made."""
-        import httpx
+            with gate.passed():
+                tls = httpx.create_ssl_context()
+            if self._tls is None:  # another thread may have been faster
+                self._tls = tls
+        return self._tls
 
-        self.prepare()
-        assert self._tls is not None
-        made = httpx.Client(
-            verify=self._tls,
-            limits=httpx.Limits(**_SYNC_LIMITS),
-            timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
-        )
-        with lock:
-            client = pool.setdefault(name, made)
-        if client is not made:
-            made.close()
+    def blocking(self, pool: dict[str, Any], _lock: Any, name: str) -> Any:
+        """The pooled blocking client, made when there is none that is fit for use."""
+        pooled = pool.get(name)
+        own = own_of(pooled)
+        if pooled is not None and (own is None or own.fit):
+            return pooled
+        made = Own(self._make(awaited=False), self._open, pool)
+        if pooled is not None and pool.get(name) is pooled:
+            pool.pop(name, None)
+        client = pool.setdefault(name, made.client)
+        if client is not made.client:  # another thread was faster
+            made.end()
         return client
 
-    def close_blocking_clients(self, pool: dict[str, Any], lock: Any) -> None:
-        """Closes the pooled blocking clients; the failure of one keeps no other one open."""
-        with lock:
-            clients = list(pool.values())
-            pool.clear()
-        for client in clients:
-            with contextlib.suppress(Exception):
-                client.close()
+    def sync_client(self) -> Any:
+        """A blocking client that is not in a pool yet."""
+        return Own(self._make(awaited=False), self._open).client
 
     def find(self, pool: dict[str, Any], name: str) -> Any:
         """The client for the running loop, or None when one has to be made."""
         pooled = pool.get(name)
-        if pooled is None:
-            return None
-        if pooled not in self._made:
+        if pooled is None or own_of(pooled) is None:
             return pooled
         loop = asyncio.get_running_loop()
-        bound = self._bound.get((id(loop), name))
-        if bound is None or bound.loop is not loop or bound.spoilt or bound.client.is_closed:
+        own = self._on_loop.get((id(loop), name))
+        if own is None or own.loop is not loop or not own.fit or own.client.is_closed:
             return None
-        return bound.client
+        return own.client
 
-    async def session(self, pool: dict[str, Any], lock: Any, name: str) -> Any:
+    async def session(self, pool: dict[str, Any], _lock: Any, name: str) -> Any:
         """The client for the running loop, made when there is none."""
+        if self._tls is None:
+            await asyncio.get_running_loop().run_in_executor(None, self.prepare)
         client = self.find(pool, name)
         if client is not None:
             return client
-        if self._tls is None:
-            await asyncio.get_running_loop().run_in_executor(None, self.prepare)
-        with lock:
-            client = self.find(pool, name)
-            if client is not None:
-                return client
-            bound = self._make(pool, name)
-        await bound.keeper.__anext__()
-        return bound.client
+        self._drop_closed_loops()
+        own = OwnAwaited(self._make(awaited=True), self._open)
+        self._on_loop[id(own.loop), name] = own
+        pool[name] = own.client
+        await own.keeper.__anext__()
+        return own.client
 
-    def _make(self, pool: dict[str, Any], name: str) -> _Bound:
+    def _make(self, awaited: bool) -> Any:
         import httpx
 
-        self._drop_closed_loops()
-        assert self._tls is not None
-        bound = _Bound(
-            httpx.AsyncClient(
-                verify=self._tls,
-                limits=httpx.Limits(**_ASYNC_LIMITS),
-                timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
-            )
+        from tarvomeldric._http import internals
+
+        most, most_idle = (100, 20) if awaited else (50, 10)
+        limits = httpx.Limits(
+            max_connections=most, max_keepalive_connections=most_idle, keepalive_expiry=30.0
         )
-        self._made.add(bound.client)
-        key = (id(bound.loop), name)
-        if key in self._bound:
-            self._left.add(self._bound[key])  # calls in flight may still use it
-        self._bound[key] = bound
-        pool[name] = bound.client
-        return bound
+        kind = httpx.AsyncClient if awaited else httpx.Client
+        lead_nowhere = _lead_nowhere_async if awaited else _lead_nowhere
+        client = kind(
+            verify=self.prepare(),
+            limits=limits,
+            timeout=httpx.Timeout(60.0, connect=10.0, read=30.0),
+            headers={"Accept-Encoding": "gzip, deflate"},
+            cookies=internals.NoCookies(),
+            event_hooks={"response": [lead_nowhere]},
+        )
+        internals.fit(client)
+        return client
 
     def _drop_closed_loops(self) -> None:
-        for key, bound in list(self._bound.items()):
-            if bound.loop.is_closed():
-                self._left.add(self._bound.pop(key, bound))
-        for bound in list(self._left):
-            if bound.loop.is_closed():
-                bound.abandon()
-                self._left.discard(bound)
+        for key, own in list(self._on_loop.items()):
+            if own.loop.is_closed():
+                self._on_loop.pop(key, None)
+        for each in list(self._open):
+            if isinstance(each, OwnAwaited) and each.loop.is_closed():
+                each.abandon()
 
     def __del__(self) -> None:
         self._drop_closed_loops()
 
-    def _take_out(self, pool: dict[str, Any], lock: Any) -> tuple[list[Any], list[_Bound]]:
-        """Empties the pool: the clients that the host put there, and all that were made here."""
-        with lock:
-            placed = [client for client in pool.values() if client not in self._made]
-            bound = list(self._bound.values())
-            pool.clear()
-            self._bound.clear()
-        return placed, bound
-
     async def close(
-        self, pool: dict[str, Any], lock: Any, close_blocking_clients: Callable[[], None]
+        self, pool: dict[str, Any], _lock: Any, close_blocking_clients: Callable[[], None]
     ) -> None:
         """Closes every client, the asynchronous ones first; the failure of one keeps no other one open."""
-        placed, bound = self._take_out(pool, lock)
         here = asyncio.get_running_loop()
-        for client in placed:
+        for client in _placed(pool):
             with contextlib.suppress(Exception):
                 await client.aclose()
-        for entry in bound:
-            if entry.loop is here:
+        for own in self._take_awaited():
+            if own.loop is here:
                 with contextlib.suppress(Exception):
-                    await entry.aclose()
+                    await own.aclose()
             else:
-                self._close_elsewhere(entry)
+                own.end()
+        self._drop_closed_loops()
         close_blocking_clients()
 
-    def close_blocking(self, pool: dict[str, Any], lock: Any) -> None:
+    def close_blocking(self, pool: dict[str, Any], _lock: Any) -> None:
         """The same from a thread without a loop: each client is closed on a loop that can run it."""
-        placed, bound = self._take_out(pool, lock)
-        for client in placed:
+        for client in _placed(pool):
             with contextlib.suppress(Exception):
                 _run_on_private_loop(client)
-        for entry in bound:
-            self._close_elsewhere(entry)
-
-    def _close_elsewhere(self, entry: _Bound) -> None:
-        """Closes a client whose loop is not the running one: on its loop, now or when that runs again.
-
-        A loop of another thread may run, stop or end at any moment, and is for that thread alone to run.
-        """
-        self._left.add(entry)
-        with contextlib.suppress(Exception):
-            if entry.thread != threading.get_ident() or entry.loop.is_running():
-                entry.loop.call_soon_threadsafe(entry.start_closing, self._left.discard)
-            elif not entry.loop.is_closed():
-                _run(entry.loop, entry.aclose())
-                self._left.discard(entry)
+        for own in self._take_awaited():
+            own.end()
         self._drop_closed_loops()
+
+    def close_blocking_clients(self, pool: dict[str, Any], _lock: Any) -> None:
+        """Closes the blocking clients; the failure of one keeps no other one open."""
+        for client in _placed(pool):
+            with contextlib.suppress(Exception):
+                client.close()
+        for own in list(self._open):
+            if not isinstance(own, OwnAwaited):
+                own.end()
+
+    def _take_awaited(self) -> list[OwnAwaited]:
+        self._on_loop.clear()
+        return [own for own in list(self._open) if isinstance(own, OwnAwaited)]
+
+
+def _lead_nowhere(response: httpx.Response) -> None:
+    """Nobody follows redirections, but the library fails when one of them leads nowhere."""
+    response.headers.pop("location", None)
+
+
+async def _lead_nowhere_async(response: httpx.Response) -> None:
+    _lead_nowhere(response)
+
+
+def _placed(pool: dict[str, Any]) -> Iterator[Any]:
+    """Empties a pool; those of its clients that the host put there, one by one."""
+    for name in list(pool):
+        client = pool.pop(name, None)
+        if client is not None and own_of(client) is None:
+            yield client
 
 
 def _run(loop: asyncio.AbstractEventLoop, closing: Coroutine[Any, Any, None]) -> None:

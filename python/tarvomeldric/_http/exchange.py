@@ -4,18 +4,87 @@ from __future__ import annotations
 
 import asyncio
 import functools
+import json
 from typing import TYPE_CHECKING, Any
 
-from tarvomeldric._http.clients import spoil
+from tarvomeldric._http.attempt import AttemptContext
+from tarvomeldric._http.clients import own_of
 
 if TYPE_CHECKING:
     import httpx
 
 
-def _read(response: httpx.Response) -> tuple[int, Any]:
-    if response.status_code != 200:
-        return response.status_code, response.text
-    return 200, response.json()
+def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
+    """Sends one request: the status with the decoded body, or with the body's text when it is not 200.
+
+    A client that the host placed in a pool is used as it is.
+    """
+    own = own_of(client)
+    with AttemptContext(timeout) as attempt:
+        if own is None:
+            target = address(client, url)
+            return _take_whole(
+                attempt, client.post(target, json=body, headers=headers, timeout=timeout)
+            )
+        from tarvomeldric._http.reading import read
+
+        request = _request(client, url, body, headers, timeout)
+        with own.serving():
+            response = client.send(request, stream=True)
+            attempt.status, attempt.headers = response.status_code, response.headers
+            received = read(response)
+        attempt.body = received.told()
+        return response.status_code, attempt.body
+
+
+async def post_async(
+    client: Any, url: str, body: Any, headers: Any, timeout: Any
+) -> tuple[int, Any]:
+    """The same, awaited."""
+    own = own_of(client)
+    with AttemptContext(timeout) as attempt:
+        if own is None:
+            target = address(client, url)
+            return _take_whole(
+                attempt, await client.post(target, json=body, headers=headers, timeout=timeout)
+            )
+        from tarvomeldric._http.reading import read_async
+
+        request = _request(client, url, body, headers, timeout)
+        with own.serving():
+            response = await client.send(request, stream=True)
+            attempt.status, attempt.headers = response.status_code, response.headers
+            received = await read_async(response)
+        attempt.body = received.told()
+        return response.status_code, attempt.body
+
+
+def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> httpx.Request:
+    """The request as a client of ours would build it, without what only other clients need."""
+    import httpx
+
+    if client.params or client.cookies:  # of the host's own
+        built: httpx.Request = client.build_request(
+            "POST", _parsed(url), json=body, headers=headers, timeout=timeout
+        )
+        return built
+    merged = httpx.Headers(client.headers)
+    merged.update(headers)
+    return httpx.Request(
+        "POST",
+        _parsed(url),
+        headers=merged,
+        content=json.dumps(
+            body, ensure_ascii=False, separators=(",", ":"), allow_nan=False
+        ).encode(),
+        extensions={"timeout": httpx.Timeout(timeout).as_dict()},
+    )
+
+
+def _take_whole(attempt: AttemptContext, response: Any) -> tuple[int, Any]:
+    attempt.status, attempt.headers = response.status_code, getattr(response, "headers", None)
+    attempt.body = response.json() if response.status_code == 200 else response.text
+    return response.status_code, attempt.body
 
 
 @functools.lru_cache(maxsize=256)
@@ -30,23 +99,6 @@ def address(client: Any, url: str) -> Any:
     import httpx
 
     return _parsed(url) if isinstance(client, httpx.Client | httpx.AsyncClient) else url
-
-
-def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
-    """Sends one request: the status with the decoded body, or with the body's text when it is not 200."""
-    return _read(client.post(address(client, url), json=body, headers=headers, timeout=timeout))
-
-
-async def post_async(
-    client: Any, url: str, body: Any, headers: Any, timeout: Any
-) -> tuple[int, Any]:
-    """The same, awaited."""
-    target = address(client, url)
-    try:
-        return _read(await client.post(target, json=body, headers=headers, timeout=timeout))
-    except GeneratorExit:
-        spoil(client)
-        raise
 
 
 def is_timeout(error: BaseException, asynchronous: bool) -> bool:

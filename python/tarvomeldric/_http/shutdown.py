@@ -1,40 +1,49 @@
-"""How clients end with a loop that is gone already, and with the process."""
+"""How what was made here ends: with the process, with a fork, with a loop that is gone already."""
 
 from __future__ import annotations
 
 import atexit
+import contextlib
 import os
 import threading
-from typing import Any
+from collections.abc import Iterator
 
 
-def open_transports(client: Any) -> list[Any]:
-    """The event loop's transports below a client's connections, as deep as they can be found."""
-    found = []
-    pool = getattr(getattr(client, "_transport", None), "_pool", None)
-    for connection in getattr(pool, "connections", ()):
-        inner: Any = getattr(connection, "_connection", None)
-        stream: Any = getattr(getattr(inner, "_network_stream", None), "_stream", None)
-        stream = getattr(stream, "transport_stream", stream)
-        transport = getattr(stream, "_transport", None)
-        if getattr(transport, "_sock", None) is not None:
-            found.append(transport)
-    return found
+class _Gate:
+    """Lets threads in until the process exits, which waits for those inside.
+
+    A daemon thread that loads certificates while the TLS library is being taken down would take the
+    process with it. Nobody waits for anybody else before that.
+    """
+
+    def __init__(self) -> None:
+        self.open()
+
+    def open(self) -> None:
+        self._inside: set[threading.Event] = set()
+        self._shut_by: int | None = None
+
+    @contextlib.contextmanager
+    def passed(self) -> Iterator[None]:
+        gone = threading.Event()
+        self._inside.add(gone)
+        try:
+            if self._shut_by not in (None, threading.get_ident()):
+                gone.set()
+                threading.Event().wait()  # for good: this is a daemon thread
+            yield
+        finally:
+            gone.set()
+            self._inside.discard(gone)
+
+    def shut(self) -> None:
+        self._shut_by = threading.get_ident()
+        for gone in list(self._inside):
+            gone.wait(10.0)
 
 
-# Held while a TLS context is made, and for good once the process exits: a daemon thread that loads
-# certificates while the TLS library is being taken down would take the process with it.
-preparing = threading.RLock()
+gate = _Gate()
 
 
-def _hold_at_exit() -> None:
-    preparing.acquire(timeout=10.0)
-
-
-def _renew_after_fork() -> None:
-    global preparing
-    preparing = threading.RLock()
-
-
-atexit.register(_hold_at_exit)
-os.register_at_fork(after_in_child=_renew_after_fork)
+atexit.register(gate.shut)
+os.register_at_fork(after_in_child=gate.open)
