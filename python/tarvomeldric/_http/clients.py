@@ -202,10 +202,6 @@ class HttpClients:
             made.end()
         return client
 
-    def sync_client(self) -> Any:
-        """A blocking client that is not in a pool yet."""
-        return Own(self._make(awaited=False), self._open).client
-
     def find(self, pool: dict[str, Any], name: str) -> Any:
         """The client for the running loop, or None when one has to be made."""
         pooled = pool.get(name)

@@ -36,8 +36,9 @@ nb::object Engine::session(const std::string& provider_name) {
 }
 
 void Engine::close_sync_clients() {
-  if (nb::len(sync_client_pool) == 0) return;
-  call(clients().attr("close_blocking_clients"), sync_client_pool, lock_object(sync_client_lock));
+  if (clients_.is_valid() || nb::len(sync_client_pool) != 0) {
+    call(clients().attr("close_blocking_clients"), sync_client_pool, lock_object(sync_client_lock));
+  }
 }
 
 void Engine::close_sync() {
