@@ -141,7 +141,7 @@ class AsyncStream(_Joined, httpcore.AsyncNetworkStream):
         try:
             return AsyncStream(await self.inner.start_tls(ssl_context, server_hostname, seconds))
         except httpcore.ConnectError as error:
-            raise _told(error) from error
+            raise _told(error, "EOF occurred in violation of protocol") from error
 
     async def aclose(self) -> None:
         await self.inner.aclose()
@@ -169,9 +169,9 @@ class AsyncBackend(httpcore.AsyncNetworkBackend):
         await self._inner.sleep(seconds)
 
 
-def _told(error: Exception) -> Exception:
+def _told(error: Exception, told: str = "") -> Exception:
     """The same failure, saying what the operating system said: the awaiting library keeps it to itself."""
-    told = str(error)
+    told = str(error) or told
     following: BaseException | None = error
     while following is not None:
         if isinstance(following, ssl.SSLError | socket.gaierror):

@@ -34,7 +34,8 @@ class Own:
     """A blocking client that was made here, and the exchanges that are under way on it.
 
     One whose library was left by anything but a failure of its own is unfit: it may hold locks that
-    nobody gives back. It is used for nothing more, and closed when its last exchange has ended.
+    nobody gives back. Nothing new is sent through it, what is under way on it ends, and its
+    connections are closed with that.
     """
 
     def __init__(self, client: Any, siblings: set[Own], pool: dict[str, Any] | None = None) -> None:
@@ -63,8 +64,12 @@ class Own:
         self._internals.retire(self.client)
 
     def end_if_unused(self) -> None:
-        if not self.fit and not self.under_way:
-            self.end()
+        """Closes what an unfit client still has open, once nothing is under way on it any more.
+
+        The client itself stays open: another thread may have got it a moment before it was spoilt.
+        """
+        if not self.fit and not self.under_way and self._taken():
+            self._internals.close_idle(self.client)
 
     def end(self) -> None:
         """Closes the client, once."""
@@ -116,6 +121,10 @@ class OwnAwaited(Own):
         self._thread = threading.get_ident()
         self._closing: asyncio.Task[None] | None = None
         self._transports: list[Any] = []
+
+    def end_if_unused(self) -> None:
+        if not self.fit and not self.under_way:
+            self.end()
 
     async def aclose(self) -> None:
         await self.client.aclose()
@@ -216,7 +225,7 @@ class HttpClients:
     async def session(self, pool: dict[str, Any], _lock: Any, name: str) -> Any:
         """The client for the running loop, made when there is none."""
         if self._tls is None:
-            await asyncio.get_running_loop().run_in_executor(None, self.prepare)
+            await _on_daemon_thread(self.prepare)
         client = self.find(pool, name)
         if client is not None:
             return client
@@ -298,6 +307,28 @@ class HttpClients:
     def _take_awaited(self) -> list[OwnAwaited]:
         self._on_loop.clear()
         return [own for own in list(self._open) if isinstance(own, OwnAwaited)]
+
+
+async def _on_daemon_thread(work: Callable[[], object]) -> None:
+    """Awaits what takes its time. Should it never end, it keeps neither loop nor program from ending."""
+    loop = asyncio.get_running_loop()
+    done: asyncio.Future[None] = loop.create_future()
+
+    def conclude(failure: BaseException | None) -> None:
+        if not done.done():
+            done.set_exception(failure) if failure else done.set_result(None)
+
+    def run() -> None:
+        failure = None
+        try:
+            work()
+        except BaseException as error:
+            failure = error
+        with contextlib.suppress(RuntimeError):  # the loop is closed
+            loop.call_soon_threadsafe(conclude, failure)
+
+    threading.Thread(target=run, name="http", daemon=True).start()
+    await done
 
 
 def _lead_nowhere(response: httpx.Response) -> None:

@@ -77,6 +77,15 @@ def retire(client: Any) -> None:
         pool._max_keepalive_connections = 0
 
 
+def close_idle(client: httpx.Client) -> None:
+    """Closes those connections of a retired client that serve nobody."""
+    for pool in _pools(client):
+        if type(pool) in _OURS.values():
+            with pool._optional_thread_lock:
+                closing = pool._assign_requests_to_connections()
+            pool._close_connections(closing)
+
+
 def open_transports(client: Any) -> list[Any]:
     """The event loop's transports below a client's connections, as deep as they can be found."""
     found = []
