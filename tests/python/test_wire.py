@@ -22,7 +22,7 @@ from typing import Any
 
 import httpcore
 import pytest
-from helpers import NOWHERE, engine_with, provider, start_child, until
+from support import NOWHERE, engine_with, provider, start_child, until
 
 from tarvomeldric import APIError
 from tarvomeldric.simulator import ProviderSimulator, Reply
@@ -397,7 +397,7 @@ def test_interrupts_at_any_moment_keep_no_later_call_waiting() -> None:
 
 ENDED = """
 import asyncio, contextlib, signal, sys, threading, time
-from helpers import engine_with, tireless
+from support import engine_with, tireless
 engine = engine_with(tireless(base_url=sys.argv[1]))
 def end(*_):
     start = time.monotonic()
