@@ -207,6 +207,14 @@ class Caller:
 
         return list(self.run(together()))
 
+    def failure(self, **options: Any) -> tuple[str, int | None]:
+        """How it fails; it must be over in time."""
+        start = time.monotonic()
+        with pytest.raises(APIError) as raised:
+            self.ask(**options)
+        assert time.monotonic() - start < options.get("timeout", TIMEOUT) + 0.5
+        return str(raised.value), raised.value.status_code
+
 
 both = pytest.mark.parametrize("awaited", [False, True], ids=["blocking", "awaited"])
 
