@@ -5,7 +5,7 @@
 #   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
-#   make soak     calls under every fault for three minutes; seconds=, seed= and exits= are up to you
+#   make soak     calls under every fault for three minutes, then leaks and exits; seconds=, seed=, leaks=, exits=, interrupts=
 #   make mutate   breaks the core on purpose and looks whether the C++ tests notice, for sample=60 ways
 #   make lint     format, static analysis, types
 #   make format   rewrites the sources in the project's format
@@ -43,7 +43,7 @@ fuzz: build
 	@$(python) tools/fuzz.py --seconds $(seconds)
 
 soak: build
-	@$(python) soak/run.py $(foreach name,seconds seed exits,$(if $($(name)),--$(name)=$($(name))))
+	@$(python) soak/run.py $(foreach name,seconds seed leaks exits interrupts,$(if $($(name)),--$(name)=$($(name))))
 
 mutate: sample ?= 60
 mutate: $(venv)/ready

@@ -19,6 +19,7 @@ _HERE = Path(__file__).resolve().parent
 _SUPPORT = _HERE.parent / "tools"
 _PATIENCE = 120.0  # seconds, beyond twice what it should take
 _SECONDS_AN_EXIT = 5.0
+_SECONDS_A_LEAK = 0.1  # for every operation once
 _SECONDS_AN_INTERRUPT = 0.05
 _SHOWN = 20_000  # characters of what should not have been written
 
@@ -33,17 +34,29 @@ def main() -> int:
         "--exits", type=int, default=50, help="repetitions of the exit tests (default: 50)"
     )
     parser.add_argument(
+        "--leaks",
+        type=int,
+        default=10_000,
+        help="repetitions of each operation that must not leak (default: 10000)",
+    )
+    parser.add_argument(
         "--interrupts", type=int, default=3000, help="exceptions amid calls (default: 3000)"
     )
     options = parser.parse_args()
     seed = random.randrange(1_000_000) if options.seed is None else options.seed
     load = f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}"
     print(f"seed {seed}, {options.seconds:g} seconds, {load}", flush=True)
-    complaints = [*_run("soak.py", options.seconds, options.seconds, seed)]
+    complaints: list[str] = []
+    if options.seconds:
+        complaints += _run("soak.py", options.seconds, options.seconds, seed)
+    if options.leaks:
+        complaints += _run("leaks.py", _SECONDS_A_LEAK * options.leaks, options.leaks)
     if options.exits:
         complaints += _run("exits.py", _SECONDS_AN_EXIT * options.exits, options.exits)
     if options.interrupts:
-        complaints += _run("interrupts.py", _SECONDS_AN_INTERRUPT * options.interrupts, options.interrupts)
+        complaints += _run(
+            "interrupts.py", _SECONDS_AN_INTERRUPT * options.interrupts, options.interrupts
+        )
     for complaint in complaints:
         print(f"FAILED: {complaint}")
     print("soak: failed" if complaints else "soak: all is well")

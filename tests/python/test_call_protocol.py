@@ -1,4 +1,4 @@
-"""The object that `call` returns, beside a native coroutine that does the same."""
+"""The object that `call` returns, beside a native coroutine, and the slot that it gives back."""
 
 from __future__ import annotations
 
@@ -12,14 +12,16 @@ from typing import Any
 import pytest
 import uvloop
 
-from support import engine_with, state_of
+from support import engine_on, engine_with, provider, state_of
 from tarvomeldric import SelfHealingEngine
+from tarvomeldric.simulator import ProviderSimulator
 
+LOOPS = pytest.mark.parametrize("run", [asyncio.run, uvloop.run], ids=["asyncio", "uvloop"])
 USED_UP = "cannot reuse already awaited coroutine"
 
 
-def engine_that(execute: Callable[[], Any]) -> SelfHealingEngine:
-    engine = engine_with()
+def engine_that(execute: Callable[[], Any], slots: int = 10) -> SelfHealingEngine:
+    engine = engine_with(provider(slots=slots))
     engine._execute = lambda *_, **__: execute()  # type: ignore[method-assign]
     return engine
 
@@ -83,12 +85,13 @@ def test_any_sequence_of_moves_ends_as_with_a_native_coroutine() -> None:
     assert idle(engine)
 
 
-@pytest.mark.parametrize("run", [asyncio.run, uvloop.run], ids=["asyncio", "uvloop"])
-def test_what_a_task_runs_cannot_be_awaited_beside_it(run: Callable[..., Any]) -> None:
-    async def answer() -> str:
-        await asyncio.sleep(0.02)
-        return "answer"
+async def answer() -> str:
+    await asyncio.sleep(0.02)
+    return "answer"
 
+
+@LOOPS
+def test_what_a_task_runs_cannot_be_awaited_beside_it(run: Callable[..., Any]) -> None:
     async def main() -> None:
         coroutine = engine.call("Hi")
         task = asyncio.create_task(coroutine)
@@ -110,10 +113,50 @@ def test_nothing_happens_before_the_first_await() -> None:
     coroutine = engine.call("Hi")
     assert asyncio.iscoroutine(coroutine)
     coroutine.close()
-    coroutine.close()
-    with pytest.raises(RuntimeError, match=USED_UP):
-        asyncio.run(coroutine)
     with pytest.warns(RuntimeWarning, match=r"'SelfHealingEngine\.call' was never awaited"):
         engine.call("Hi")
     assert engine.get_stats()["call_count"] == 0
     assert engine.get_metrics().get_all()["counters"] == {}
+
+
+@LOOPS
+def test_one_cancelled_in_the_turn_it_was_woken_leaves_the_slot_to_the_next(run: Any) -> None:
+    async def both_in_line() -> None:
+        while record.bulkhead._semaphore._waiting < 2:
+            await asyncio.sleep(0)
+
+    async def main() -> None:
+        assert record.can_accept()
+        calls = [engine.call("Hi", bulkhead_timeout=5) for _ in range(2)]
+        first, second = map(asyncio.create_task, calls)
+        await asyncio.wait_for(both_in_line(), 10)
+        record.release_slot()
+        first.cancel()
+        assert (await asyncio.wait_for(second, 2)).text == "answer"
+        with pytest.raises(asyncio.CancelledError):
+            await first
+
+    engine = engine_that(answer, slots=1)
+    record: Any = engine._providers["mine"]
+    run(main())
+    assert state_of(record) == (1, 0, 0)
+
+
+def test_an_exhausted_iterator_is_an_error_not_an_answer() -> None:
+    engine = engine_that(iter(()).__next__)
+    with pytest.raises(RuntimeError, match="StopIteration"):
+        engine.call("Hi").send(None)  # a task would take it for a result, or wait for ever
+    assert idle(engine)
+
+
+def test_a_call_closed_by_hand_does_not_hold_up_those_after_it() -> None:
+    async def main() -> None:
+        await engine.call("Hi")  # its connection stays open, and is taken by the next one
+        call: Any = engine.call("Hi")
+        call.send(None)
+        call.close()
+        assert (await asyncio.wait_for(engine.call("Hi"), 10)).text == "answer"
+
+    with ProviderSimulator(default="answer") as simulator, engine_on(simulator) as engine:
+        asyncio.run(main())
+        assert state_of(engine._providers["mine"]) == (10, 0, 0)

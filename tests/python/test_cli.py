@@ -17,7 +17,7 @@ import urllib.request
 from collections.abc import Iterator
 from contextlib import suppress
 from pathlib import Path
-from typing import Any
+from typing import Any, NamedTuple
 
 import pytest
 
@@ -33,10 +33,24 @@ def start(*arguments: str, **options: Any) -> subprocess.Popen[str]:
     return subprocess.Popen([*PROGRAM, *arguments], text=True, **{**streams, **options})
 
 
-def cli(*arguments: str, stdin: str = "") -> tuple[int, str, str]:
+class Ended(NamedTuple):
+    status: int
+    out: str
+    err: str
+
+
+def cli(*arguments: str, stdin: str = "") -> Ended:
     with start(*arguments) as program:
         out, err = program.communicate(stdin, timeout=60)
-    return program.returncode, out, err
+    return Ended(program.returncode, out, err)
+
+
+def told(*arguments: str, stdin: str = "", status: int = 0) -> str:
+    """What a program printed that ended with this status and complained about nothing."""
+    ended = cli(*arguments, stdin=stdin)
+    assert ended.err == ""
+    assert ended.status == status
+    return ended.out
 
 
 @pytest.fixture
@@ -59,8 +73,7 @@ def kept_clean(home: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> I
 @pytest.mark.usefixtures("kept_clean")
 def test_the_demo_adds_up_and_leaves_nothing_behind(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("HTTP_PROXY", NOWHERE)
-    status, out, err = cli("demo")
-    assert (status, err) == (0, "")
+    out = told("demo")
     assert "It adds up." in out
     assert "\x1b" not in out
 
@@ -83,7 +96,8 @@ def test_serve_shows_every_kind_of_provider_until_it_is_told_to_end() -> None:
         until(lambda: seen("openai")["fail"] and seen("anthropic")["success"], patience=60)
         program.terminate()
         out, err = program.communicate(timeout=20)
-    assert (program.returncode, err) == (0, "")
+    assert err == ""
+    assert program.returncode == 0
     assert "healed, 3 providers available" in out
     assert "\x1b" not in out
     with pytest.raises(OSError, match="refused"):
@@ -92,12 +106,11 @@ def test_serve_shows_every_kind_of_provider_until_it_is_told_to_end() -> None:
 
 def test_serve_ends_in_time_and_says_when_it_cannot_have_its_port(kept_clean: int) -> None:
     began = time.monotonic()
-    status, _, err = cli("serve", "--port", "0", "--seconds", "0.5")
-    assert (status, err) == (0, "")
+    told("serve", "--port", "0", "--seconds", "0.5")
     assert time.monotonic() - began < 20
-    status, _, err = cli("serve", "--port", str(kept_clean))
-    assert status == 1
-    assert re.fullmatch(r"tarvomeldric: \[Errno.*\n", err)
+    refused = cli("serve", "--port", str(kept_clean))
+    assert refused.status == 1
+    assert re.fullmatch(r"tarvomeldric: \[Errno.*\n", refused.err)
 
 
 OVERLOADED = """
@@ -122,33 +135,24 @@ UNKNOWN = """
 """
 
 
-@pytest.mark.parametrize(
-    ("arguments", "status", "shown"),
-    [
-        (["--status", "429", "openai is overloaded"], 0, OVERLOADED),
-        (["--status", "404", ""], 0, NOT_FOUND),
-        (["The dog ate it"], 1, UNKNOWN),
-    ],
-)
-def test_diagnose_tells_what_the_engine_would_do(
-    arguments: list[str], status: int, shown: str
-) -> None:
-    got, out, err = cli("diagnose", *arguments)
-    assert (got, err) == (status, "")
-    for line in shown.rstrip().split("\n"):
-        assert f"\n{line}" in f"\n{out}"
-    assert "\x1b" not in out
+def test_diagnose_tells_what_the_engine_would_do() -> None:
+    overloaded = told("diagnose", "--status", "429", "openai is overloaded")
+    not_found = told("diagnose", "--status", "404", "")
+    unknown = told("diagnose", "The dog ate it", status=1)
+    for shown, out in (OVERLOADED, overloaded), (NOT_FOUND, not_found), (UNKNOWN, unknown):
+        for line in shown.rstrip().split("\n"):
+            assert f"\n{line}" in f"\n{out}"
+        assert "\x1b" not in out
 
 
-def test_diagnose_as_json_agrees_with_the_diagnoser() -> None:
-    status, out, err = cli("diagnose", "-", "--json", stdin="Insufficient balance\n")
-    assert (status, err) == (0, "")
-    found = json.loads(out)
-    diagnosis = tarvomeldric.Diagnoser().diagnose("Insufficient balance")
-    assert (found["category"], found["label"]) == (diagnosis.category, diagnosis.sub_category)
-    assert (found["row"]["number"], found["found_by"]) == (17, "text")
+def test_diagnose_as_json_is_for_scripts() -> None:
+    found = json.loads(told("diagnose", "-", "--json", stdin="Insufficient balance\n"))
+    assert found["category"] == "quota_exceeded"
     assert found["label"] == "quota_exceeded:insufficient_balance"
-    assert (found["should_retry"], found["skip_to_failover"]) == (False, True)
+    assert found["row"]["number"] == 17
+    assert found["found_by"] == "text"
+    assert found["should_retry"] is False
+    assert found["skip_to_failover"] is True
     assert found["cooldown_seconds"] == 300.0
 
 
@@ -165,43 +169,50 @@ with providers_at(sys.argv[1]):
 def test_run_tries_the_keys_and_asks_the_providers_behind_them() -> None:
     with ProviderSimulator("Hi.", "Hi.", "Rayleigh.", "Hi.", 401, "Hi.", 401) as simulator:
 
-        def run(*arguments: str) -> tuple[int, list[str], str]:
+        def run(*arguments: str) -> Ended:
             words = [simulator.base_url, "run", "--key", f"openai={KEY}", *arguments]
             with start_child(ASKING, *words) as child:
                 out, err = child.communicate(timeout=60)
             assert KEY not in out + err
-            return child.returncode, out.split("\n"), err
+            return Ended(child.returncode, out, err)
 
-        status, lines, err = run()
-        assert (status, err) == (0, "")
+        found = run()
+        assert found.err == ""
+        assert found.status == 0
+        lines = found.out.split("\n")
         assert lines[0] == "  [OK] openai: https://api.openai.com/v1 (models: 3)"
         assert lines[2] == f"  TarvoMeldric v{tarvomeldric.__version__} | 1 provider(s) | 1 healthy"
 
-        status, lines, err = run("Why is the sky blue?", "--model", "gpt-4o")
-        assert (status, lines) == (0, ["Rayleigh.", ""])
-        assert re.fullmatch(r"  openai/gpt-4o, \d+ ms, at the first attempt\n", err)
+        answered = run("Why is the sky blue?", "--model", "gpt-4o")
+        assert answered.out == "Rayleigh.\n"
+        assert answered.status == 0
+        assert re.fullmatch(r"  openai/gpt-4o, \d+ ms, at the first attempt\n", answered.err)
         asked = simulator.requests[-1].body
         assert asked["model"] == "gpt-4o"
         assert asked["messages"][0]["content"] == "Why is the sky blue?"
 
-        status, lines, err = run("Why?")  # the key works no longer once it is asked in earnest
-        assert (status, lines) == (1, [""])
-        assert err.startswith("  RuntimeError: ")
+        failed = run("Why?")  # the key works no longer once it is asked in earnest
+        assert failed.err.startswith("  RuntimeError: ")
+        assert failed.out == ""
+        assert failed.status == 1
 
         # The other provider's probe is the second one.
-        status, lines, err = run("Why?", "--key", f"anthropic={KEY}")
-        assert (status, lines, err.count("\n")) == (0, ["Simulated answer to: Why?", ""], 1)
+        answered = run("Why?", "--key", f"anthropic={KEY}")
+        assert answered.out == "Simulated answer to: Why?\n"
+        assert answered.err.count("\n") == 1
+        assert answered.status == 0
 
 
 def test_run_without_a_key_that_works_is_a_negative_finding(
     monkeypatch: pytest.MonkeyPatch, home: Path
 ) -> None:
-    status, out, err = cli("run")
-    assert (status, err.split(";")[0]) == (1, "  no provider has a key")
-    assert "| 0 provider(s) | 0 healthy\n" in out
+    keyless = cli("run")
+    assert keyless.status == 1
+    assert keyless.err.startswith("  no provider has a key;")
+    assert "| 0 provider(s) | 0 healthy\n" in keyless.out
     monkeypatch.setenv("HTTPS_PROXY", NOWHERE)
-    status, out, err = cli("run", "--key", f"openai={KEY}", "-", stdin="Why?")
-    assert (status, out, err) == (1, "", "  no provider is healthy: openai\n")
+    unheard = cli("run", "--key", f"openai={KEY}", "-", stdin="Why?")
+    assert unheard == Ended(1, "", "  no provider is healthy: openai\n")
     assert [path.name for path in home.iterdir()] == [".tarvomeldric"]  # this engine is a real one
 
 
@@ -214,19 +225,19 @@ def test_run_without_a_key_that_works_is_a_negative_finding(
     ],
 )
 def test_what_is_not_understood_is_explained_without_quoting_keys(line: str) -> None:
-    status, out, err = cli(*line.split())
-    assert (status, out) == (2, "")
-    assert err.startswith("usage: python -m tarvomeldric")
-    assert KEY not in err
+    refused = cli(*line.split())
+    assert refused.status == 2
+    assert refused.out == ""
+    assert refused.err.startswith("usage: python -m tarvomeldric")
+    assert KEY not in refused.err
 
 
 @pytest.mark.parametrize("line", ["", "run", "demo", "serve", "diagnose"])
 def test_help_and_version(line: str) -> None:
-    status, out, err = cli(*line.split(), "--help")
-    assert (status, err) == (0, "")
-    assert "exit status" in out or "/metrics" in out
+    out = told(*line.split(), "--help")
+    assert ("/metrics" if line == "serve" else "exit status") in out
     assert max(len(line) for line in out.split("\n")) <= 100
-    assert cli("--version") == (0, f"tarvomeldric {tarvomeldric.__version__}\n", "")
+    assert told("--version") == f"tarvomeldric {tarvomeldric.__version__}\n"
 
 
 @pytest.mark.parametrize("line", ["--help", "diagnose timeout", "run"])
@@ -237,12 +248,12 @@ def test_a_reader_that_goes_away_is_no_news(line: str) -> None:
         os.close(writing)
         _, err = program.communicate(timeout=30)
     assert err == ""
-    # Newer versions of the host keep it to themselves that nobody reads the help.
-    assert program.returncode == 128 + signal.SIGPIPE or (line, program.returncode) == ("--help", 0)
+    # Newer Pythons keep it to themselves that nobody reads the help.
+    assert program.returncode in {128 + signal.SIGPIPE, 0 if line == "--help" else None}
 
 
-def on_a_terminal(*arguments: str, interrupt_at: str = "") -> tuple[int, str]:
-    """The program's status and all that it showed; Ctrl-C is pressed when that text appears."""
+def on_a_terminal(*arguments: str, interrupt_at: str = "") -> Ended:
+    """A program and all that it showed; Ctrl-C is pressed when that text appears."""
 
     def become_the_terminals_own() -> None:
         os.setsid()
@@ -259,15 +270,15 @@ def on_a_terminal(*arguments: str, interrupt_at: str = "") -> tuple[int, str]:
             if interrupt_at and interrupt_at in shown:
                 os.write(ours, b"\x03")
                 interrupt_at = ""
-    return program.wait(timeout=20), shown
+    return Ended(program.wait(timeout=20), shown, "")
 
 
 def test_colour_is_for_people_who_look_and_do_not_mind(monkeypatch: pytest.MonkeyPatch) -> None:
-    status, shown = on_a_terminal("diagnose", "timeout")
-    assert (status, "\x1b[32mtimeout\x1b[0m" in shown) == (0, True)
+    assert "\x1b[32mtimeout\x1b[0m" in on_a_terminal("diagnose", "timeout").out
     monkeypatch.setenv("NO_COLOR", "1")
-    status, shown = on_a_terminal("diagnose", "timeout")
-    assert (status, "\x1b" in shown) == (0, False)
+    plain = on_a_terminal("diagnose", "timeout").out
+    assert "timeout" in plain
+    assert "\x1b" not in plain
 
 
 @pytest.mark.usefixtures("kept_clean")
@@ -276,6 +287,6 @@ def test_colour_is_for_people_who_look_and_do_not_mind(monkeypatch: pytest.Monke
     [(["demo"], "waits", 130), (["serve", "--port", "0"], "Ctrl-C", 0)],
 )
 def test_ctrl_c_on_a_terminal_ends_in_order(arguments: Any, moment: str, status: int) -> None:
-    got, shown = on_a_terminal(*arguments, interrupt_at=moment)
-    assert got == status
-    assert not re.search("Traceback|Error", shown)
+    ended = on_a_terminal(*arguments, interrupt_at=moment)
+    assert ended.status == status
+    assert not re.search("Traceback|Error", ended.out)

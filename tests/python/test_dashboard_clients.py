@@ -130,23 +130,3 @@ print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
 
 def test_a_forked_child_lets_go_of_the_port() -> None:
     assert run_child(FORKING, strict=False) == "7"
-
-
-ENDING = """
-import sys, threading, time
-from support import engine_with, get
-from tarvomeldric import serve_dashboard
-server = serve_dashboard(engine_with(), "127.0.0.1", 0, False, False)
-def look():
-    while True:
-        get(server, "/")
-for _ in range(4):
-    threading.Thread(target=look, daemon=True).start()
-time.sleep(float(sys.argv[1]))
-"""
-
-
-@pytest.mark.once
-def test_a_program_ends_quietly_while_it_is_looked_at() -> None:
-    for number in range(3):
-        run_child(ENDING, str(0.3 + number * 0.003), strict=False)

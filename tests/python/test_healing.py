@@ -4,10 +4,8 @@ the way there."""
 from __future__ import annotations
 
 import asyncio
-import gc
 import sys
 import time
-import weakref
 from types import SimpleNamespace
 from typing import Any
 
@@ -75,6 +73,8 @@ class Played(SelfHealingEngine):
         for name in NAMES:
             self.add_provider(provider(name=name))
         self.outcomes, self.road = list(outcomes), ""
+        self.reports: list[Any] = []
+        self._telemetry = SimpleNamespace(record_fault=lambda **it: self.reports.append(it))
 
     def _execute_sync(self, record: Any, _: str, model: Any, **__: Any) -> Any:
         self.road += next(at for at, it in STATIONS.items() if it == (record.name, model))
@@ -114,16 +114,9 @@ def verdict(strategy: str, detail: str, passed: bool = False) -> dict[str, Any]:
 BROKEN = verdict("forbidden", "Forbidden patterns found: " + str(["it's|ANS"]))
 
 
-def bar(category: str) -> Any:
-    """Nothing of this kind is to be asked of anthropic."""
-    return lambda engine: (
-        engine._providers["anthropic"].get_category_circuit_breaker(category)._trip()
-    )
-
-
 def leave_nobody(engine: SelfHealingEngine) -> None:
-    bar("auth_error")(engine)
-    engine._providers["google"].rate_limiter = tm.RateLimiter(1, 0.0, _tokens=0.0)
+    for name in ("anthropic", "google"):
+        engine._providers[name].rate_limiter = tm.RateLimiter(1, 0.0, _tokens=0.0)
 
 
 def teach(engine: Any) -> None:
@@ -141,7 +134,7 @@ def day(
 
 # fmt: off
 DAYS = [
-    day("OOOOOO", (503, 500, 503, 429, 502), L1, "server_error", slept=[1.0, 2.0, 4.0, 8.0, 16.0]),
+    day("OOO", (503, 500), L1, "server_error", slept=[1.0, 2.0]),
     day("OO", (429,), L1, "rate_limit", slept=[1.0], verdict=BROKEN, asked=BANNED),
     day("OO", (429, '{"x": 1}'), L1, "rate_limit", slept=[1.0], text='{"x": 1}',
         asked=SCHEMA | EXACT, verdict=verdict("schema", "schema_ok", True)),
@@ -150,10 +143,9 @@ DAYS = [
     day("OM", (404,), tm.ContractViolationError(
         f"Contract validation failed after L2 downgrade: {BROKEN}", BROKEN),
         asked=BANNED | {"has_schema": True}),
-    day("OOOOOOM", (429, 503, 429, 503, 429, 404), L2, "model_not_found", slept=[1.0] * 5),
-    day("OMG", (404, 429), L3, "model_not_found", before=bar("model_not_found")),
-    day("OA", (401,), L3, "auth_error", before=bar("timeout"),
-        asked=EMPTY_SCHEMA, verdict=verdict("schema", "No valid JSON found in output")),
+    day("OM", (404,), L2, "model_not_found"),
+    day("OA", (401,), L3, "auth_error", asked=EMPTY_SCHEMA,
+        verdict=verdict("schema", "No valid JSON found in output")),
     day("OA", (401,), tm.ContractViolationError(
         "Response drift detected: structure_mismatch_cannot_heal. "
         "Structure mismatch cannot be healed."), asked=SCHEMA),
@@ -175,18 +167,34 @@ def test_how_a_call_ends(day: Any, way: str, slept: list[float]) -> None:
     engine = Played(*day.outcomes)
     day.before(engine)
     if isinstance(day.end, str):
-        check_result(day, ask(engine, way, "Hi", GPT, request_id="r1", **day.asked))
+        result = ask(engine, way, "Hi", GPT, request_id="r1", **day.asked)
+        check_result(day, result)
+        assert engine.reports == ([report_of(result)] if result.fault else [])
     else:
         with pytest.raises(type(day.end)) as raised:
             ask(engine, way, "Hi", GPT, **day.asked)
         told = vars(raised.value)
         if told.get("contract_result"):
             told["contract_result"] = told["contract_result"].to_dict()
-        assert (raised.value.args, told) == (day.end.args, vars(day.end))
+        assert told == vars(day.end)
+        assert raised.value.args == day.end.args
         assert raised.value.__context__ is None
-    assert (engine.road, slept) == (day.road, day.slept)
+    assert engine.road == day.road
+    assert slept == day.slept
     assert engine._read_counters()["heal_count"] == (day.end in (L1, L2, L3))
     assert engine.is_idle()
+
+
+def report_of(result: Any) -> dict[str, Any]:
+    """What telemetry hears of a call that was healed."""
+    # fmt: off
+    return {
+        "fault_type": result.fault.category.value, "sub_category": result.fault.sub_category,
+        "provider": result.provider, "model": result.model, "latency_ms": result.latency_ms,
+        "recovery_action": {L1: "retry", L2: "downgrade", L3: "failover"}[result.heal_level],
+        "recovery_ok": True,
+    }
+    # fmt: on
 
 
 def check_result(day: Any, result: Any) -> None:
@@ -202,9 +210,11 @@ def check_result(day: Any, result: Any) -> None:
         "validation_passed": day.verdict and day.verdict["passed"], "contract_result": day.verdict,
     }
     # fmt: on
-    assert trace["total_loop_us"] > result.latency_ms * 1000 > 0
+    assert result.latency_ms > 0
+    assert trace["total_loop_us"] > result.latency_ms * 1000
     assert trace["phases"][-1][0] == "knowledge"
-    assert (trace["request_id"], trace["plan_result"]) == ("r1", day.end)
+    assert trace["request_id"] == "r1"
+    assert trace["plan_result"] == day.end
     assert getattr(fault, "category", "") == day.fault
 
 
@@ -217,89 +227,31 @@ def test_errors_reach_the_caller_as_they_were_raised(way: str, slept: list[float
         kept = dict(vars(error))
         with pytest.raises(type(error)) as raised:
             ask(engine, way, "Hi", GPT)
-        assert (raised.value is error, vars(error), error.__context__) == (True, kept, None)
+        assert raised.value is error
+        assert vars(error) == kept
+        assert error.__context__ is None
         assert raised.traceback[-1].name == "_execute_sync"
         assert engine.is_idle()
     with pytest.raises(Exception, match="unterminated"):
         ask(Played(503, "answer"), way, "Hi", contract=Contract(forbidden_patterns=["("]))
 
 
-def test_telemetry_hears_what_healed_and_changes_nothing_by_failing(
+def test_telemetry_that_fails_changes_nothing(
     way: str, slept: list[float], monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def fail(**report: Any) -> None:
-        reports.append(report)
+    made: list[Any] = []
+
+    def fail() -> None:
+        made.append("a collector")
         raise OSError
 
-    def install(module: Any) -> None:
-        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)
-
-    reports: list[dict[str, Any]] = []
     for module in (None, SimpleNamespace(), SimpleNamespace(TelemetryCollector=fail)):
-        install(module)
-        assert ask(engine := Played(503, "answer"), way, "Hi", GPT).heal_level == L1
+        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)
+        engine = Played(503, "answer")
+        engine._telemetry = None
+        assert ask(engine, way, "Hi", GPT).heal_level == L1
         assert engine._telemetry is None
-    assert reports == [{}]
-
-    install(SimpleNamespace(TelemetryCollector=lambda: SimpleNamespace(record_fault=fail)))
-    for status, who, model, action in [
-        (503, "openai", GPT, "retry"),
-        (404, "openai", MINI, "downgrade"),
-        (401, "anthropic", HAIKU, "failover"),
-    ]:
-        reports.clear()
-        engine = Played(status, "answer", "answer", 401, 401, 401)
-        result, _ = ask(engine, way, "Hi", GPT), ask(engine, way, "Hi", GPT)
-        with pytest.raises(APIError):
-            ask(engine, way, "Hi", GPT)
-        fault = {"fault_type": result.fault.category.value, "latency_ms": result.latency_ms}
-        fault |= {"sub_category": result.fault.sub_category, "recovery_ok": True}
-        assert reports == [fault | {"provider": who, "model": model, "recovery_action": action}]
-
-
-@pytest.mark.parametrize("moment", ["backing off", "waiting for a slot", "attempting"])
-def test_a_call_cancelled_while_it_heals_leaves_only_what_had_happened(moment: str) -> None:
-    async def cancel_midway() -> None:
-        task = asyncio.create_task(engine.call("Hi", GPT))
-        while not reached[moment]():
-            await asyncio.sleep(0)
-        task.cancel()
-        with pytest.raises(asyncio.CancelledError):
-            await task
-
-    engine = Played(503 if moment == "backing off" else 401)
-    first, second, _ = engine._providers.values()
-    first.rate_limiter, second.rate_limiter = (tm.RateLimiter(5, 0.0, _tokens=5.0) for _ in "12")
-    held = [second.bulkhead.acquire(0) for _ in range(10 if moment == "waiting for a slot" else 0)]
-    reached = {
-        "backing off": lambda: first.fail_count == 1,
-        "waiting for a slot": lambda: state_of(second)[1] == 1,
-        "attempting": lambda: state_of(second)[2] == 1,
-    }
-    asyncio.run(asyncio.wait_for(cancel_midway(), 10))
-    for _ in held:
-        second.release_slot()
-    assert engine.is_idle()
-    tokens = first.rate_limiter._tokens, second.rate_limiter._tokens
-    assert tokens == (4, 5 - (moment == "attempting"))
-    assert (first.fail_count, second.fail_count) == (1, 0)
-    assert second.bulkhead.to_dict()["rejected"] == 0
-
-
-def test_a_forgotten_call_is_collected_with_the_error_it_keeps() -> None:
-    loop, error = asyncio.new_event_loop(), OwnError("HTTP 503", status_code=503)
-    engine = Played(error)
-    record, gone = engine._providers["openai"], weakref.ref(engine)
-    call: Any = engine.call("Hi", GPT)
-    vars(error).update(call=call, engine=engine)
-    task: Any = loop.create_task(call)
-    while record.fail_count == 0:
-        loop.run_until_complete(asyncio.sleep(0))
-    task._log_destroy_pending = False
-    loop.close()
-    del task, call, engine, error
-    gc.collect()
-    assert (gone(), state_of(record)) == (None, (10, 0, 0))
+    assert made == ["a collector"]
 
 
 def test_a_failover_by_hand(way: str) -> None:
@@ -309,17 +261,25 @@ def test_a_failover_by_hand(way: str) -> None:
     given = ("Hi", None, "openai", fault, bounds, "first", "model", "r1")
     # A contract is not applied where nothing should have been healed.
     plain = ask(engine, way, *given, name="_failover", **BANNED)
-    assert (plain.fault is fault, plain.mapek_trace, plain.validation_passed) == (True, None, None)
-    assert (plain.provider, plain.model, plain.original_model) == ("anthropic", HAIKU, "model")
+    assert plain.fault is fault
+    assert plain.mapek_trace is None
+    assert plain.validation_passed is None
+    assert plain.provider == "anthropic"
+    assert plain.model == HAIKU
+    assert plain.original_provider == "first"
+    assert plain.original_model == "model"
 
     trace = tm.MapeKTrace("r2", plan_result="mine")
     assert ask(engine, way, *given, name="_failover", trace=trace).mapek_trace == trace.to_dict()
-    assert (trace.plan_result, trace.execute_result, trace.total_loop_us) == ("mine", "healed", 0)
+    assert trace.execute_result == "healed"
+    assert trace.plan_result == "mine"
+    assert trace.total_loop_us == 0
     for record in engine._providers.values():
         record.healthy = record.name == "openai"
     with pytest.raises(RuntimeError, match=r"^All providers failed$"):
         ask(engine, way, *given, name="_failover", trace=trace)
-    assert (trace.execute_result, len(trace.phases)) == ("failed", 2)
+    assert trace.execute_result == "failed"
+    assert len(trace.phases) == 2
     for wrong in ({"call_start": "now"}, {"trace": {}}, {"contract": {}}):
         with pytest.raises(TypeError, match=next(iter(wrong))):
             ask(engine, way, *given, name="_failover", **wrong)

@@ -57,68 +57,28 @@ def test_loops_come_and_go_without_a_complaint(simulator: ProviderSimulator, lea
         run_child(PROGRAM.replace("LEAVE", LEAVE[leave]), simulator.base_url, *how)
 
 
-CLOSED_MEANWHILE = """
-import asyncio, logging, sys, threading
-logging.getLogger("asyncio").setLevel(logging.ERROR)  # this machine may be slow
-from support import engine_with, provider
-engine = engine_with(provider(sys.argv[1]))
-called, closed = threading.Semaphore(0), threading.Semaphore(0)
-async def main(pause):
-    results = await asyncio.gather(*(engine.call("Hi", bulkhead_timeout=5) for _ in range(3)))
-    assert [result.text for result in results] == ["answer"] * 3
-    called.release()
-    await asyncio.sleep(pause)
-def run_and_close(work):
-    loop = asyncio.new_event_loop()
-    loop.run_until_complete(work)
-    loop.close()
-def use():
-    for number in range(40):
-        (asyncio.run, run_and_close)[number % 2](main(number // 2 % 4 / 4000))
-        closed.acquire()
-threading.Thread(target=use, daemon=True).start()
-for _ in range(40):
-    assert called.acquire(timeout=20)
-    engine.close_sync()
-    closed.release()
-"""
-
-
-def test_closing_meets_the_end_of_another_threads_loop(simulator: ProviderSimulator) -> None:
-    run_child(CLOSED_MEANWHILE, simulator.base_url)
-
-
-def test_clients_that_the_host_placed_are_used_as_they_are(simulator: ProviderSimulator) -> None:
-    async def note(request: httpx.Request) -> None:
-        sent.append(request.method)
-
-    async def main() -> None:
-        async with engine:
-            await asyncio.gather(*(engine.call("Hi") for _ in range(3)))
-            assert engine._http_pool == {"mine": placed}
-
-    sent: list[str] = []
-    engine, placed = engine_on(simulator), httpx.AsyncClient(event_hooks={"request": [note]})
-    engine._http_pool["mine"] = placed
-    asyncio.run(main())
-    assert (sent, placed.is_closed) == (["POST"] * 3, True)
-
-
 def test_closing_ends_clients_and_leaves_the_engine_usable(simulator: ProviderSimulator) -> None:
     async def one_life() -> list[Any]:
         async with engine as entered:
             assert entered is engine
             await engine.call("Hi")
+            first = engine._http_pool["mine"]
+            await engine.call("Hi")
+            assert engine._http_pool["mine"] is first
             with engine:
                 engine.call_sync("Hi")
                 clients = [*engine._http_pool.values(), *engine._sync_client_pool.values()]
-            assert engine._http_pool == engine._sync_client_pool == {}
+            assert engine._http_pool == {}
+            assert engine._sync_client_pool == {}
             await engine.call("Hi")
+            engine._http_pool["placed"] = httpx.AsyncClient()
             clients += engine._http_pool.values()
         await engine.close()
         return clients
 
     engine = engine_on(simulator)
+    engine._http_pool["placed"] = placed = httpx.AsyncClient()
     engine.close_sync()
+    assert placed.is_closed
     for _ in range(2):
-        assert [client.is_closed for client in asyncio.run(one_life())] == [True] * 3
+        assert [client.is_closed for client in asyncio.run(one_life())] == [True] * 4

@@ -22,8 +22,8 @@ from typing import Any
 
 import httpcore
 import pytest
-from support import NOWHERE, engine_with, provider, start_child, until
 
+from support import NOWHERE, engine_with, provider, start_child, until
 from tarvomeldric import APIError
 from tarvomeldric.simulator import ProviderSimulator, Reply
 
