@@ -65,7 +65,7 @@ const std::array<FaultPattern, kFaultPatternCount> kFaultPatterns{{
 
 namespace {
 
-// The engine's `\s` knows ASCII only; a pattern's white space is the host's, which is Unicode's.
+// The engine's `\s` knows ASCII only; a pattern's white space is Python's, which is Unicode's.
 constexpr std::string_view kWhiteSpace =
     R"([\s\x{0b}\x{1c}-\x{1f}\x{85}\x{a0}\x{1680}\x{2000}-\x{200a}\x{2028}\x{2029}\x{202f}\x{205f}\x{3000}])";
 
@@ -129,7 +129,7 @@ const CompiledPatterns& compiled() {
   return *patterns;
 }
 
-// Ignoring case, the host takes a dotless i for an i; lower-casing leaves it as it is.
+// Ignoring case, Python takes a dotless i for an i; lower-casing leaves it as it is.
 constexpr std::string_view kDotlessI = "\u0131";
 
 std::string without_dotless_i(std::string_view text) {

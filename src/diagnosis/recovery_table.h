@@ -11,7 +11,7 @@ namespace tarvomeldric {
 struct RecoverySuggestion {
   const char* category;
   const char* action;
-  const char* level;            // member name of the host's RecoveryLevel
+  const char* level;            // member name of Python's RecoveryLevel
   std::optional<double> delay;  // seconds
 };
 

@@ -7,7 +7,7 @@
 #include "flywheel/learner.h"
 #include "support/ordered_map.h"
 
-// The JSON forms of learned rules, to the letter as the host's own encoder writes them: ASCII only,
+// The JSON forms of learned rules, to the letter as Python's own encoder writes them: ASCII only,
 // floats in their shortest form.
 namespace tarvomeldric {
 

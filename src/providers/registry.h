@@ -14,7 +14,7 @@ struct NamedProvider {
 };
 
 // The providers of an engine by the names they were registered under, in order of registration. The
-// engine's own stands on the host's dictionary.
+// engine's own stands on a Python dictionary.
 class Registry {
  public:
   virtual ~Registry() = default;

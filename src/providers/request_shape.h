@@ -23,8 +23,8 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 Headers request_headers(const Endpoint& endpoint);
 
 // The part of a failure's text that may be shown: its first 150 characters, or "[REDACTED]" when
-// they speak of a credential, or the text holds the provider's own key or an extra header's or query
-// parameter's value.
+// they speak of a credential, or the text holds the provider's own key or an extra header's or
+// query parameter's value.
 std::string shown_failure(std::string_view failure_text, const Endpoint& endpoint);
 
 // The body that the provider itself sent is quoted as it came.

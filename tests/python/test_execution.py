@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import asyncio
+import copy
 import itertools
 import json
+import pickle
 import traceback
 from collections.abc import Callable
 from typing import Any
@@ -200,3 +202,45 @@ def test_what_may_not_be_shown_is_nowhere_in_the_error(ask: Ask, text: str, show
     error = failure_of(ask, engine, timeout=7)
     assert str(error) == f"ConnectError: {shown}"
     assert not any(secret in told(error) for secret in (KEY, "xyzzy"))
+
+
+def test_headers_and_query_of_a_providers_own_go_with_every_request(ask: Ask) -> None:
+    with ProviderSimulator() as simulator:
+        azure = provider(simulator.base_url + "/deployments/gpt", name="azure", api_key="")
+        azure.extra_headers = {"api-key": KEY + "\n", "authorization": "none"}
+        azure.extra_query = {"api-version": "2024-06-01", "to be": "quoted & sent"}
+        router = provider(simulator.base_url)
+        router.extra_headers["HTTP-Referer"] = "https://mine.example"
+        for record, path, headers in [
+            (
+                azure,
+                "/v1/deployments/gpt/chat/completions?api-version=2024-06-01&to+be=quoted+%26+sent",
+                {"api-key": KEY, "authorization": "none"},
+            ),
+            (
+                router,
+                "/v1/chat/completions",
+                {"http-referer": "https://mine.example", "authorization": f"Bearer {KEY}"},
+            ),
+        ]:
+            simulator.clear()
+            ask(engine_with(record))
+            assert simulator.requests[0].path == path
+            for name, value in headers.items():
+                assert simulator.requests[0].header(name) == value
+
+
+def test_what_a_provider_sends_of_its_own_is_kept_by_copies_and_shown_by_nothing(ask: Ask) -> None:
+    record = provider()
+    record.extra_headers = {"x-gate": "a-secret-value"}
+    record.extra_query = {"code": "another-secret"}
+    for kept in (copy.copy(record), pickle.loads(pickle.dumps(record))):
+        assert dict(kept.extra_headers) == {"x-gate": "a-secret-value"}
+        assert dict(kept.extra_query) == {"code": "another-secret"}
+    assert "secret" not in f"{record!r} {record.to_dict()}"
+    with pytest.raises(TypeError, match="extra_headers must be"):
+        record.extra_headers = {"x-gate": 7}
+    record.extra_headers = {"x-gate": "a-secret-value\r\nX: y"}  # what no library sends
+    with pytest.raises(APIError) as raised:
+        ask(engine_with(record))
+    assert "secret" not in str(raised.value)

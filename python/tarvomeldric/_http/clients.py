@@ -25,7 +25,7 @@ _owns: weakref.WeakValueDictionary[int, Own] = weakref.WeakValueDictionary()
 
 
 def own_of(client: Any) -> Own | None:
-    """What is known about a client that was made here; None for one that the host placed in a pool."""
+    """What is known about a client that was made here; None for one that the caller placed in a pool."""
     own = _owns.get(id(client))
     return own if own is not None and own.client is client else None
 
@@ -175,7 +175,7 @@ class HttpClients:
     """Makes the clients of one engine and knows which loop each asynchronous one belongs to.
 
     The pools themselves are the engine's dictionaries, and so are the locks that guard them against
-    others. A client that the host put there is used as it is; one that was made here is used on its
+    others. A client that the caller put there is used as it is; one that was made here is used on its
     own loop alone.
     """
 
@@ -341,7 +341,7 @@ async def _lead_nowhere_async(response: httpx.Response) -> None:
 
 
 def _placed(pool: dict[str, Any]) -> Iterator[Any]:
-    """Empties a pool; those of its clients that the host put there, one by one."""
+    """Empties a pool; those of its clients that the caller put there, one by one."""
     for name in list(pool):
         client = pool.pop(name, None)
         if client is not None and own_of(client) is None:

@@ -17,7 +17,7 @@ if TYPE_CHECKING:
 def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
     """Sends one request: the status with the decoded body, or with the body's text when it is not 200.
 
-    A client that the host placed in a pool is used as it is.
+    A client that the caller placed in a pool is used as it is.
     """
     own = own_of(client)
     with AttemptContext(timeout) as attempt:
@@ -63,7 +63,7 @@ def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> ht
     """The request as a client of ours would build it, without what only other clients need."""
     import httpx
 
-    if client.params or client.cookies:  # of the host's own
+    if client.params or client.cookies:  # of the caller's own
         built: httpx.Request = client.build_request(
             "POST", _parsed(url), json=body, headers=headers, timeout=timeout
         )
@@ -102,7 +102,7 @@ def address(client: Any, url: str) -> Any:
 
 
 def is_timeout(error: BaseException, asynchronous: bool) -> bool:
-    """Whether the failure of an exchange is a time-out of the client or, when awaited, of the host."""
+    """Whether the failure of an exchange is a time-out of the client or, when awaited, of the loop."""
     import httpx
 
     if isinstance(error, httpx.TimeoutException):

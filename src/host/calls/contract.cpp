@@ -18,7 +18,7 @@ ContractCheck check(const char* strategy, bool passed, std::string detail) {
   return {strategy, passed, std::move(detail)};
 }
 
-// Reads a JSON text as the host's parser does; null for what it cannot read, too deep or too long
+// Reads a JSON text as Python's parser does; null for what it cannot read, too deep or too long
 // included.
 nb::object parsed(nb::handle json) {
   try {

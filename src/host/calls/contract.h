@@ -9,7 +9,7 @@ namespace tarvomeldric::host {
 
 // The five strategies of a contract, each a check of one output. A contract that fails is a result;
 // only a forbidden pattern that is no regular expression, or a "required" that cannot be walked, is
-// the host's error.
+// Python's own error.
 ContractCheck validate_schema(const Contract& contract, nb::handle output);
 ContractCheck validate_determinism(const Contract& contract, nb::handle output);
 ContractCheck validate_similarity(const Contract& contract, nb::handle output);

@@ -5,7 +5,7 @@
 namespace tarvomeldric::host {
 
 // The dashboard's page for what an engine's `get_stats` says now. The statistics may come from any
-// host object; a required entry that is missing is the host's key error. Values are shown in their
+// object; a required entry that is missing is a KeyError. Values are shown in their
 // plain text form, unescaped.
 nb::str dashboard_page(nb::handle engine);
 

@@ -5,7 +5,7 @@
 
 namespace tarvomeldric::host {
 
-// The arguments of `call` and `call_sync` as the host gave them.
+// The arguments of `call` and `call_sync` as Python code gave them.
 struct CallArguments {
   nb::handle prompt;
   nb::handle model;

@@ -7,7 +7,7 @@
 #include "host/records/argument.h"
 #include "host/records/records.h"
 
-// One request to one provider, as the host may make it without a call around it.
+// One request to one provider, as Python code may make it without a call around it.
 namespace tarvomeldric::host {
 namespace {
 

@@ -8,7 +8,7 @@
 #include "host/records/argument.h"
 #include "host/records/records.h"
 
-// A failover that the host starts by hand.
+// A failover that Python code starts by hand.
 namespace tarvomeldric::host {
 namespace {
 

@@ -26,7 +26,7 @@ PySendResult raise_error(PyObject* type, const char* message) {
   return PYGEN_ERROR;
 }
 
-// A coroutine's StopIteration would read as its result; the host's own coroutines raise this
+// A coroutine's StopIteration would read as its result; Python's own coroutines raise this
 // instead.
 void forbid_stop_iteration() {
   if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return;

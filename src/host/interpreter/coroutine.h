@@ -9,7 +9,7 @@
 
 namespace tarvomeldric::host {
 
-// The one operation that a suspended coroutine waits for: the host iterator that is being driven,
+// The one operation that a suspended coroutine waits for: the Python iterator that is being driven,
 // then its value or its error.
 struct Suspension {
   std::coroutine_handle<> waiter;
@@ -18,7 +18,7 @@ struct Suspension {
   std::optional<nb::python_error> error;
 };
 
-// Suspends the task until the host awaitable is done; gives its value or throws its error.
+// Suspends the task until the Python awaitable is done; gives its value or throws its error.
 class PythonAwait {
  public:
   PythonAwait(Suspension& suspension, nb::handle awaitable);
@@ -42,7 +42,7 @@ class CoroutineWork {
   virtual void clear() = 0;
 };
 
-// A task as a full coroutine of the host: awaited, sent to, thrown into, closed. Nothing of the
+// A task as a full coroutine of Python: awaited, sent to, thrown into, closed. Nothing of the
 // work happens before the first send. The task is destroyed as soon as it is finished or closed,
 // which gives back what its locals own.
 class Coroutine {
@@ -52,7 +52,7 @@ class Coroutine {
   Coroutine(const Coroutine&) = delete;
   Coroutine& operator=(const Coroutine&) = delete;
 
-  // Each answers as the host's own slots do: the error is set when the result is PYGEN_ERROR.
+  // Each answers as Python's own slots do: the error is set when the result is PYGEN_ERROR.
   PySendResult send(PyObject* value, PyObject** out);
   PySendResult throw_in(nb::handle type, nb::handle value, nb::handle traceback, PyObject** out);
   void close();

@@ -50,7 +50,7 @@ std::string literal(nb::handle value);
 
 nb::object import(const char* module);
 
-// What the host writes as container[key]; a missing one is the host's error.
+// What Python writes as container[key]; a missing one is a KeyError or an IndexError.
 nb::object item(nb::handle container, nb::handle key);
 inline nb::object item(nb::handle container, const char* key) {
   return item(container, nb::str(key));
@@ -64,8 +64,8 @@ struct Literal {
   char value[N];
 };
 
-// "name"_key is the host's own text of that name, made once and kept as long as the process. On the
-// call path it spares the host making a text and hashing it.
+// "name"_key is Python's own text of that name, made once and kept as long as the process. On the
+// call path it spares making a text and hashing it.
 template <Literal Name>
 nb::handle operator""_key() {
   static PyObject* const text = PyUnicode_InternFromString(Name.value);
@@ -103,7 +103,7 @@ inline const char* class_name(nb::handle object) { return Py_TYPE(object.ptr())-
 inline void drop(nb::object& place) { const nb::object gone = std::move(place); }
 
 // The attribute, or `fallback` where the object has none. Any other failure passes, as it does in
-// the host's own `getattr`; the binding library's would swallow it.
+// Python's own `getattr`; the binding library's would swallow it.
 nb::object attribute_or(nb::handle object, nb::handle name, nb::handle fallback);
 inline nb::object attribute_or(nb::handle object, const char* name, nb::handle fallback) {
   return attribute_or(object, nb::str(name), fallback);
