@@ -16,7 +16,7 @@ void bind_records(nb::module_& module) {
                                           "whether the same provider is worth another try"),
        required<&Diagnosis::skip_to_failover>("skip_to_failover",
                                               "whether another provider is asked at once"),
-       field<&Diagnosis::retry_after>("retry_after", "seconds to wait before a retry"),
+       field<&Diagnosis::retry_after_s>("retry_after", "seconds to wait before a retry"),
        field<&Diagnosis::raw_error>("raw_error",
                                     "the lower-cased error text, at most 500 characters of it"),
        field<&Diagnosis::sub_category>("sub_category",
@@ -26,7 +26,7 @@ void bind_records(nb::module_& module) {
       {required<&RecoveryAction::level>("level", "the RecoveryLevel that it belongs to"),
        required<&RecoveryAction::action>("action", "what to do"),
        required<&RecoveryAction::target>("target", "the provider, or \"default\""),
-       required<&RecoveryAction::delay>("delay", "seconds to wait before it"),
+       required<&RecoveryAction::delay_s>("delay", "seconds to wait before it"),
        required<&RecoveryAction::metadata>("metadata", "category and sub_category of the fault",
                                            "dict[str, typing.Any]")});
 }
@@ -65,7 +65,7 @@ void bind_diagnosis(nb::module_& module) {
       "count, p50, p95 and avg of the newest diagnoses in microseconds; empty before the first.");
   bind_field(cls, field<&DiagnoserFields::stats>(
                       "_stats", "how often each category and label was diagnosed"));
-  bind_field(cls, field<&DiagnoserFields::latencies>(
+  bind_field(cls, field<&DiagnoserFields::latencies_us>(
                       "_latencies", "microseconds of the newest diagnoses, oldest first"));
   bind_field(cls, lock_field<Diagnoser>());
 }

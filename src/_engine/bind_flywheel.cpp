@@ -31,13 +31,13 @@ void bind_rule(nb::module_& module) {
        field<&LearnedRule::success_count>("success_count", "how often it worked"),
        field<&LearnedRule::fail_count>("fail_count", "how often it did not"),
        field<&LearnedRule::confidence>("confidence", "the share of successes, 0 to 1"),
-       field<&LearnedRule::last_seen>("last_seen",
-                                      "when it was counted last, in wall-clock seconds"),
+       field<&LearnedRule::last_seen_s>("last_seen",
+                                        "when it was counted last, in wall-clock seconds"),
        field<&LearnedRule::avg_heal_time_ms>(
            "avg_heal_time_ms", "the mean of the retained heal times, in milliseconds"),
        field<&LearnedRule::source>("source", "\"bootstrap\" or \"learned\""),
-       field<&LearnedRule::heal_times>("_heal_times",
-                                       "milliseconds of the newest 50 heals, oldest first")});
+       field<&LearnedRule::heal_times_ms>("_heal_times",
+                                          "milliseconds of the newest 50 heals, oldest first")});
   def(
       cls, "update",
       [](LearnedRule& self, bool success, double heal_time_ms) {

@@ -26,7 +26,7 @@ void bind_breaker(nb::module_& module) {
        field<&F::state>("_state", "whether traffic may pass; closed at first"),
        field<&F::consecutive_fails>("_consecutive_fails", "failures since the last success"),
        field<&F::window>("_window", "the newest outcomes, oldest first; True is a success"),
-       field<&F::opened_at>("_opened_at", "when it opened, in wall-clock seconds"),
+       field<&F::opened_at_s>("_opened_at", "when it opened, in wall-clock seconds"),
        field<&F::half_open_tries>("_half_open_tries", "probes counted since it turned half-open"),
        field<&F::last_provider>("_last_provider", "whose failure was counted last"),
        field<&F::trip_count>("_trip_count", "how often it opened")});
@@ -59,8 +59,8 @@ void bind_limiter(nb::module_& module) {
       {field<&F::max_tokens>("max_tokens", "the most tokens it holds: the largest burst"),
        field<&F::refill_rate>("refill_rate", "tokens that come back in a second"),
        field<&F::tokens>("_tokens", "tokens that are there, as of the last refill"),
-       varying(field<&F::last_refill>("_last_refill",
-                                      "when that was, in wall-clock seconds (the present)")),
+       varying(field<&F::last_refill_s>("_last_refill",
+                                        "when that was, in wall-clock seconds (the present)")),
        lock_field<RateLimiter>(),
        field<&F::rejected>("_rejected", "requests that found too few tokens")},
       [] { return RateLimiter().snapshot(); });

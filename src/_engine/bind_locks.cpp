@@ -51,7 +51,7 @@ void bind_semaphore(nb::module_& module) {
           nb::arg("place"), "Leaves the line; a wake-up that came is passed on.")
       .def_prop_ro("_permits", &Semaphore::permits, "Permits that are free.")
       .def_prop_ro("_waiting", &Semaphore::waiting, "How many stand in line.")
-      .def_prop_ro_static("LOOK_AGAIN", [](nb::handle) { return Semaphore::kLookAgain; });
+      .def_prop_ro_static("LOOK_AGAIN", [](nb::handle) { return Semaphore::kLookAgainSeconds; });
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
        field<&F::success_count>("success_count", "attempts that were answered"),
        field<&F::fail_count>("fail_count", "attempts that failed"),
        field<&F::last_error>("last_error", "the text of the last failure; empty after a success"),
-       field<&F::last_error_time>("last_error_time", "when that was, in wall-clock seconds"),
+       field<&F::last_error_time_s>("last_error_time", "when that was, in wall-clock seconds"),
        field<&F::circuit_breaker>("circuit_breaker",
                                   "bars traffic while too much fails; a fresh one by default"),
        field<&F::category_circuit_breakers>("_category_circuit_breakers",
@@ -31,8 +31,8 @@ nb::class_<ProviderConfig> bind_fields(nb::module_& module) {
        field<&F::rate_limiter>("rate_limiter",
                                "limits the requests a second; a fresh one by default"),
        field<&F::bulkhead>("bulkhead", "limits the requests in flight; a fresh one by default"),
-       field<&F::recent_latencies>("_recent_latencies",
-                                   "milliseconds of the newest 100 successes, oldest first")},
+       field<&F::recent_latencies_ms>("_recent_latencies",
+                                      "milliseconds of the newest 100 successes, oldest first")},
       default_fields);
 }
 

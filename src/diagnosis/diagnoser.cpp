@@ -11,7 +11,7 @@ namespace {
 
 constexpr double kUnknownConfidence = 0.5;
 constexpr double kStatusConfidence = 0.95;
-constexpr double kRateLimitRetryAfter = 1.0;
+constexpr double kRateLimitRetryAfterSeconds = 1.0;
 constexpr std::size_t kRawErrorCharacters = 500;
 
 void decide(Diagnosis& diagnosis, FaultCategory category, double confidence) {
@@ -39,19 +39,20 @@ Diagnosis classify(std::string_view lowered, std::optional<std::int64_t> status)
     diagnosis.sub_category = value_of(diagnosis.category);
     if (by_status) diagnosis.sub_category += ":http_" + std::to_string(*status);
   }
-  if (diagnosis.is(FaultCategory::kRateLimit)) diagnosis.retry_after = kRateLimitRetryAfter;
+  if (diagnosis.is(FaultCategory::kRateLimit))
+    diagnosis.retry_after_s = kRateLimitRetryAfterSeconds;
   return diagnosis;
 }
 
 }  // namespace
 
 Diagnosis Diagnoser::diagnose(std::string_view error_text, std::optional<std::int64_t> status) {
-  const double start = clock_.monotonic();
+  const double start_s = clock_.monotonic();
   std::string lowered = text::lower(error_text);
   Diagnosis diagnosis = classify(lowered, status);
   lowered.resize(text::first(lowered, kRawErrorCharacters).size());
   diagnosis.raw_error = std::move(lowered);
-  count(diagnosis, (clock_.monotonic() - start) * 1e6);
+  count(diagnosis, (clock_.monotonic() - start_s) * 1e6);
   return diagnosis;
 }
 
@@ -59,13 +60,13 @@ void Diagnoser::count(const Diagnosis& diagnosis, double latency_us) {
   MutexLock lock(mutex_);
   ++fields_.stats[value_of(diagnosis.category)];
   ++fields_.stats[diagnosis.sub_category];
-  append_bounded(fields_.latencies, latency_us);
+  append_bounded(fields_.latencies_us, latency_us);
 }
 
 std::optional<LatencyStats> Diagnoser::latency_stats() const {
   MutexLock lock(mutex_);
-  if (fields_.latencies.empty()) return std::nullopt;
-  const SortedSamples samples(fields_.latencies);
+  if (fields_.latencies_us.empty()) return std::nullopt;
+  const SortedSamples samples(fields_.latencies_us);
   return LatencyStats{samples.count(), samples.median(), samples.quantile(0.95), samples.mean()};
 }
 

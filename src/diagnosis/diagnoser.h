@@ -20,9 +20,9 @@ struct Diagnosis {
   double confidence = 0.0;
   bool should_retry = false;
   bool skip_to_failover = false;
-  std::optional<double> retry_after;  // seconds
-  std::string raw_error;              // lower-cased, at most 500 characters
-  std::string sub_category;           // "rate_limit:azure", "server_error:http_503", ...
+  std::optional<double> retry_after_s;  // seconds
+  std::string raw_error;                // lower-cased, at most 500 characters
+  std::string sub_category;             // "rate_limit:azure", "server_error:http_503", ...
 
   bool is(FaultCategory wanted) const { return value_of(category) == value_of(wanted); }
   // What outcomes are learned under: the finer label when there is one.
@@ -40,8 +40,8 @@ struct LatencyStats {
 };
 
 struct DiagnoserFields {
-  OrderedMap<std::int64_t> stats;  // category values and labels, in one flat map
-  std::vector<double> latencies;   // microseconds, oldest first
+  OrderedMap<std::int64_t> stats;    // category values and labels, in one flat map
+  std::vector<double> latencies_us;  // microseconds, oldest first
 };
 
 // Labels failed provider requests by HTTP status and error text. It never acts on what it finds.

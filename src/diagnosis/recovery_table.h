@@ -11,8 +11,8 @@ namespace tarvomeldric {
 struct RecoverySuggestion {
   const char* category;
   const char* action;
-  const char* level;            // member name of Python's RecoveryLevel
-  std::optional<double> delay;  // seconds
+  const char* level;              // member name of Python's RecoveryLevel
+  std::optional<double> delay_s;  // seconds
 };
 
 // clang-format off

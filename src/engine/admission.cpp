@@ -20,14 +20,14 @@ class TakenToken {
 
 }  // namespace
 
-Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout) {
+Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout_s) {
   const RateLimiterPtr limiter = provider->rate_limiter();
   if (!limiter->acquire()) co_return std::nullopt;
   TakenToken token(limiter);
   const BulkheadPtr bulkhead = provider->bulkhead();
   const std::shared_ptr<Semaphore> semaphore = bulkhead->semaphore();
   bool granted = semaphore->try_acquire();
-  if (!granted) granted = co_await io.wait_for_permit(semaphore, timeout);
+  if (!granted) granted = co_await io.wait_for_permit(semaphore, timeout_s);
   bulkhead->count(granted);
   if (!granted) co_return std::nullopt;
   token.spend();

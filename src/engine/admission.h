@@ -34,8 +34,8 @@ class AdmittedSlot {
 };
 
 // Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most
-// `timeout` seconds. Nothing when refused. A wait that is refused or abandoned gives its token
+// `timeout_s` seconds. Nothing when refused. A wait that is refused or abandoned gives its token
 // back; an abandoned one is not counted as rejected.
-Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout);
+Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout_s);
 
 }  // namespace tarvomeldric

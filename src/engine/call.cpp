@@ -13,7 +13,7 @@ namespace tarvomeldric {
 namespace {
 
 constexpr double kLearnedRoutingConfidence = 0.7;
-constexpr double kBackPressurePause = 0.5;  // seconds
+constexpr double kBackPressureSeconds = 0.5;  // seconds
 constexpr double kBackPressureRatio = 0.3;
 constexpr std::int64_t kBackPressureCalls = 10;
 constexpr std::size_t kUsualPhases = 5;
@@ -24,7 +24,7 @@ class Call {
  public:
   Call(const CallRequest& request, Surroundings engine, Io& io)
       : request_(request), engine_(engine), io_(io) {
-    facts_.start = engine.clock.monotonic();
+    facts_.start_s = engine.clock.monotonic();
     facts_.trace = &trace_;
     trace_.phases.reserve(kUsualPhases);
     trace_.request_id = request.request_id ? *request.request_id : fresh_request_id();
@@ -62,7 +62,7 @@ class Call {
 Task<void> Call::run() {
   classify();
   trace_.enter(MapeKPhase::kMonitor, engine_.clock);
-  if (under_back_pressure()) co_await io_.sleep(kBackPressurePause);
+  if (under_back_pressure()) co_await io_.sleep(kBackPressureSeconds);
   if (!monitor()) co_return refuse("No healthy providers available.");
   co_await analyze();
   std::optional<AdmittedSlot> slot = co_await plan();
@@ -130,7 +130,7 @@ Task<std::string> Call::learned_provider() const {
 // Admission by the chosen provider, else by the one fallback; a refusal leaves its message behind.
 Task<std::optional<AdmittedSlot>> Call::plan() {
   trace_.enter(MapeKPhase::kPlan, engine_.clock);
-  auto slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout);
+  auto slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout_s);
   if (!slot) {
     engine_.metrics.inc(metric::kRateLimited);
     engine_.counters.count({Counter::kRateLimited});
@@ -142,7 +142,7 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
       co_return std::nullopt;
     }
     target_ = target_at(pick_fallback(fallbacks));
-    slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout);
+    slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout_s);
   }
   if (!slot) {
     engine_.metrics.inc(metric::kBulkheadRejected);
@@ -156,9 +156,9 @@ Task<std::optional<AdmittedSlot>> Call::plan() {
 }
 
 Task<void> Call::execute(AdmittedSlot slot) {
-  const double start = trace_.enter(MapeKPhase::kExecute, engine_.clock);
+  const double start_s = trace_.enter(MapeKPhase::kExecute, engine_.clock);
   Attempt attempt = co_await io_.execute(target_.provider, target_.model);
-  const double latency_ms = engine_.ms_since(start);
+  const double latency_ms = engine_.ms_since(start_s);
   if (attempt.ok()) {
     target_.provider->record_success(latency_ms);
     slot.release();
@@ -166,7 +166,7 @@ Task<void> Call::execute(AdmittedSlot slot) {
     co_return;
   }
   slot.release();
-  FailedAttempt failed{std::move(target_), start, std::move(*attempt.failure)};
+  FailedAttempt failed{std::move(target_), start_s, std::move(*attempt.failure)};
   outcome_ = co_await recover(request_, engine_, io_, facts_, std::move(failed));
 }
 
@@ -177,7 +177,7 @@ Task<void> Call::succeed(double latency_ms) {
   Outcome success{"success", "direct:" + target_.name, true, latency_ms};
   co_await io_.learn(std::move(success));
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start);
+  trace_.total_loop_us = engine_.us_since(facts_.start_s);
   engine_.metrics.inc(metric::kPrimarySuccess);
   engine_.metrics.observe(metric::kPrimaryLatency, latency_ms);
   CallAnswered& answered = outcome_.emplace<CallAnswered>();
@@ -190,7 +190,7 @@ Target Call::target_at(const NamedProvider& at) const {
 }
 
 void Call::refuse(std::string message) {
-  trace_.total_loop_us = engine_.us_since(facts_.start);
+  trace_.total_loop_us = engine_.us_since(facts_.start_s);
   outcome_ = CallFailed{CallFailed::Kind::kRefused, std::move(message)};
 }
 

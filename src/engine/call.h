@@ -26,7 +26,7 @@ struct CallRequest {
   bool has_schema = false;
   bool structured_output = false;
   std::optional<SemanticDomain> semantic_domain;
-  double bulkhead_timeout = 1.0;  // seconds
+  double bulkhead_timeout_s = 1.0;  // seconds
 };
 
 // The members of the engine that a call works with. They outlive the call.
@@ -55,7 +55,7 @@ struct CallFacts {
   SemanticClassification classification;
   std::string original_provider;
   std::string original_model;
-  double start = 0.0;           // monotonic, seconds; 0 when unknown
+  double start_s = 0.0;         // monotonic, seconds; 0 when unknown
   MapeKTrace* trace = nullptr;  // left alone when null
 
   // What is said of an answer by this target; whoever healed the call adds how.

@@ -12,7 +12,7 @@
 namespace tarvomeldric {
 namespace {
 
-constexpr double kFirstDelay = 1.0;  // seconds
+constexpr double kFirstDelaySeconds = 1.0;  // seconds
 
 // One level of healing on the provider that failed, as far as it differs from the other one.
 struct Level {
@@ -35,7 +35,7 @@ class Cascade {
         io_(io),
         facts_(facts),
         target_(std::move(failed.target)),
-        start_(failed.start),
+        start_s_(failed.start_s),
         failure_(std::move(failed.failure)) {}
 
   Task<CallOutcome> run();
@@ -65,7 +65,7 @@ class Cascade {
   CallFacts& facts_;
   MapeKTrace& trace_ = *facts_.trace;
   Target target_;
-  double start_;
+  double start_s_;
   ApiFailure failure_;
   Diagnosis first_;  // of the first attempt
   Diagnosis last_;   // of the latest failed attempt that was diagnosed
@@ -98,7 +98,7 @@ void Cascade::analyze() {
   provider().record_failure(failure_.text, category);
   provider().category_circuit_breaker(category)->record_failure(target_.name);
   engine_.metrics.inc(metric::kFault + category);
-  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(start_));
+  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(start_s_));
 }
 
 Task<CallOutcome> Cascade::block() {
@@ -108,7 +108,7 @@ Task<CallOutcome> Cascade::block() {
   const std::string label(first_.fault_label());
   co_await learn(label, "blocked:oob:" + target_.name, false);
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start);
+  trace_.total_loop_us = engine_.us_since(facts_.start_s);
   const std::string& reason = facts_.classification.reason;
   co_return CallFailed{CallFailed::Kind::kOutOfBounds,
                        "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=" + request_.task_type +
@@ -127,9 +127,9 @@ Task<Cascade::Healed> Cascade::retry() {
   for (int attempt = 0; attempt < kMaxRetries; ++attempt) {
     co_await io_.sleep(delay_before(attempt));
     engine_.metrics.inc(metric::kRetry + std::to_string(attempt));
-    const double start = engine_.clock.monotonic();
+    const double start_s = engine_.clock.monotonic();
     const Attempt tried = co_await io_.execute(target_.provider, target_.model);
-    const double latency_ms = engine_.ms_since(start);
+    const double latency_ms = engine_.ms_since(start_s);
     if (tried.ok()) {
       const Level level{"l1_retry", "retry", metric::kHealedByRetry, kRetryBroken, std::nullopt};
       co_return co_await heal(level, first_, action, latency_ms);
@@ -141,8 +141,8 @@ Task<Cascade::Healed> Cascade::retry() {
 }
 
 double Cascade::delay_before(int attempt) const {
-  if (first_.retry_after && *first_.retry_after != 0) return *first_.retry_after;
-  return std::ldexp(kFirstDelay, attempt);
+  if (first_.retry_after_s && *first_.retry_after_s != 0) return *first_.retry_after_s;
+  return std::ldexp(kFirstDelaySeconds, attempt);
 }
 
 // L2. A failure here is not diagnosed: what comes after it goes by the fault that led here.
@@ -152,9 +152,9 @@ Task<Cascade::Healed> Cascade::downgrade() {
   trace_.plan_result = "l2_downgrade";
   engine_.metrics.inc(metric::kDowngrade);
   const std::string action = "downgrade:" + target_.name + ":" + *cheaper;
-  const double start = engine_.clock.monotonic();
+  const double start_s = engine_.clock.monotonic();
   const Attempt tried = co_await io_.execute(target_.provider, *cheaper);
-  const double latency_ms = engine_.ms_since(start);
+  const double latency_ms = engine_.ms_since(start_s);
   if (tried.ok()) {
     const Level level{"l2_downgrade", "downgrade", metric::kHealedByDowngrade, kDowngradeBroken,
                       Counter::kL2Downgrade};
@@ -179,7 +179,7 @@ Task<CallOutcome> Cascade::heal(Level level, Diagnosis fault, std::string action
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
   co_await learn(label, action, true, latency_ms);
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start);
+  trace_.total_loop_us = engine_.us_since(facts_.start_s);
   engine_.metrics.inc(level.success_metric);
   if (level.counter) {
     engine_.counters.count({Counter::kHeal, *level.counter});

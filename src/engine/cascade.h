@@ -10,7 +10,7 @@ namespace tarvomeldric {
 // The first attempt of a call, which a provider failed.
 struct FailedAttempt {
   Target target;
-  double start = 0.0;  // monotonic, seconds
+  double start_s = 0.0;  // monotonic, seconds
   ApiFailure failure;
 };
 

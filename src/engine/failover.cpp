@@ -12,7 +12,7 @@
 namespace tarvomeldric {
 namespace {
 
-constexpr double kAdmissionWait = 1.0;  // seconds
+constexpr double kAdmissionWaitSeconds = 1.0;  // seconds
 constexpr double kAdviceWeight = 30.0;
 constexpr double kLatencyBonus = 10.0;
 constexpr double kSlowLatencyMs = 2000.0;
@@ -88,14 +88,14 @@ Task<Failover::Ended> Failover::try_candidate(const NamedProvider& candidate) {
     engine_.metrics.inc(metric::kCategoryBlocked);
     co_return std::nullopt;
   }
-  std::optional<AdmittedSlot> slot = co_await admit(candidate.provider, io_, kAdmissionWait);
+  std::optional<AdmittedSlot> slot = co_await admit(candidate.provider, io_, kAdmissionWaitSeconds);
   if (!slot) {
     engine_.metrics.inc(metric::kRateLimitedInFailover);
     co_return std::nullopt;
   }
-  const double start = engine_.clock.monotonic();
+  const double start_s = engine_.clock.monotonic();
   const Attempt tried = co_await io_.execute(target.provider, target.model);
-  const double latency_ms = engine_.ms_since(start);
+  const double latency_ms = engine_.ms_since(start_s);
   if (!tried.ok()) {
     slot->release();
     provider.record_failure(tried.failure->text, category());
@@ -180,8 +180,8 @@ void Failover::close_trace(const char* execute_result) {
   trace->execute_result = execute_result;
   trace->enter(MapeKPhase::kKnowledge, engine_.clock);
   trace->knowledge_recorded = true;
-  const double start = request_.facts.start;
-  trace->total_loop_us = start != 0 ? engine_.us_since(start) : 0.0;
+  const double start_s = request_.facts.start_s;
+  trace->total_loop_us = start_s != 0 ? engine_.us_since(start_s) : 0.0;
 }
 
 }  // namespace

@@ -49,8 +49,8 @@ class Io {
   // Sends the call's prompt to the provider once.
   virtual Task<Attempt> execute(ProviderPtr provider, std::string model) = 0;
   virtual Task<void> sleep(double seconds) = 0;
-  // Waits at most `timeout` seconds for a permit; answers whether it was taken.
-  virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) = 0;
+  // Waits at most `timeout_s` seconds for a permit; answers whether it was taken.
+  virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) = 0;
   // The learner's two steps, which may have to wait for somebody who uses it at the moment.
   virtual Task<void> learn(Outcome outcome) = 0;
   virtual Task<std::optional<Advice>> advise(std::string error_pattern) = 0;

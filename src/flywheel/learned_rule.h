@@ -11,20 +11,20 @@ namespace tarvomeldric {
 struct LearnedRule {
   // What a walk over all rules looks at comes first, to be read from memory in one piece.
   std::string pattern;
-  double last_seen = 0.0;   // wall clock, seconds
-  double confidence = 0.0;  // share of successes
+  double last_seen_s = 0.0;  // wall clock, seconds
+  double confidence = 0.0;   // share of successes
   std::string action;
   std::int64_t success_count = 0;
   std::int64_t fail_count = 0;
   double avg_heal_time_ms = 0.0;  // over the retained heal times
   std::string source = "bootstrap";
-  std::vector<double> heal_times;  // milliseconds, at most 50
+  std::vector<double> heal_times_ms;  // milliseconds, at most 50
 
   // Counts one outcome seen at `now`. The heal time of a success counts when it is above 0.
   void update(bool success, double heal_time_ms, double now);
   // Halves the confidence of a rule that nobody has seen for 30 days, down to 0.1.
   void decay(double now) {
-    if (now - last_seen > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
+    if (now - last_seen_s > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
   }
 
   static constexpr double kStaleSeconds = 30.0 * 24 * 3600;

@@ -45,7 +45,7 @@ void FlywheelLearner::seed() {
     rule->success_count = row.success_count;
     rule->fail_count = row.fail_count;
     rule->confidence = row.confidence;
-    rule->last_seen = now;
+    rule->last_seen_s = now;
     fields_.rules[rule_key(row.pattern, row.action)] = std::move(rule);
   }
   fields_.bootstrap_loaded = true;

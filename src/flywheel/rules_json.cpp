@@ -93,7 +93,7 @@ void append_members(std::string& out, const LearnedRule& rule, std::string_view 
   next(R"("success_count": )") += std::to_string(rule.success_count);
   next(R"("fail_count": )") += std::to_string(rule.fail_count);
   append_number(next(R"("confidence": )"), rule.confidence);
-  append_number(next(R"("last_seen": )"), rule.last_seen);
+  append_number(next(R"("last_seen": )"), rule.last_seen_s);
   append_number(next(R"("avg_heal_time_ms": )"), rule.avg_heal_time_ms);
   append_string(next(R"("source": )"), rule.source);
 }

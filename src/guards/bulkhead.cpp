@@ -21,8 +21,8 @@ std::shared_ptr<Semaphore> Bulkhead::semaphore() const {
   return fields_.semaphore;
 }
 
-bool Bulkhead::acquire(double timeout) {
-  const bool granted = semaphore()->acquire(timeout);
+bool Bulkhead::acquire(double timeout_s) {
+  const bool granted = semaphore()->acquire(timeout_s);
   count(granted);
   return granted;
 }

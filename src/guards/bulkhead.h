@@ -22,8 +22,8 @@ class Bulkhead : public GuardedRecord<BulkheadFields> {
  public:
   explicit Bulkhead(BulkheadFields fields = {}, const Clock& clock = system_clock());
 
-  // Waits at most `timeout` seconds for a permit.
-  bool acquire(double timeout = 2.0);
+  // Waits at most `timeout_s` seconds for a permit.
+  bool acquire(double timeout_s = 2.0);
   // Clean-up: waits uninterrupted, cannot fail.
   void release() { give_back(semaphore()); }
 

@@ -19,7 +19,7 @@ constexpr std::array<Cooldown, 7> kCooldowns{{
     {"quota_exceeded", 300.0},
     {"model_not_found", 600.0},
 }};
-constexpr double kOtherCooldown = 30.0;
+constexpr double kOtherCooldownSeconds = 30.0;
 
 std::int64_t failures_in(const BoundedQueue<bool, 20>& window) {
   return std::count(window.begin(), window.end(), false);
@@ -31,7 +31,7 @@ double cooldown_for(std::string_view fault_category) {
   for (const Cooldown& row : kCooldowns) {
     if (row.category == fault_category) return row.seconds;
   }
-  return kOtherCooldown;
+  return kOtherCooldownSeconds;
 }
 
 void CircuitBreaker::record_success() {
@@ -75,13 +75,13 @@ void CircuitBreaker::trip_with_fault(std::string_view fault_category) {
 void CircuitBreaker::open_locked() {
   if (fields_.state == CircuitState::kOpen) return;
   fields_.state = CircuitState::kOpen;
-  fields_.opened_at = clock_.wall();
+  fields_.opened_at_s = clock_.wall();
   ++fields_.trip_count;
 }
 
 void CircuitBreaker::half_open_if_cooled_locked() {
   if (fields_.state != CircuitState::kOpen) return;
-  if (clock_.wall() - fields_.opened_at < fields_.cooldown_seconds) return;
+  if (clock_.wall() - fields_.opened_at_s < fields_.cooldown_seconds) return;
   fields_.state = CircuitState::kHalfOpen;
   fields_.half_open_tries = 0;
 }

@@ -33,7 +33,7 @@ struct CircuitBreakerFields {
   CircuitState state = CircuitState::kClosed;
   std::int64_t consecutive_fails = 0;
   BoundedQueue<bool, 20> window;  // true for a success
-  double opened_at = 0.0;         // wall clock, seconds
+  double opened_at_s = 0.0;       // wall clock, seconds
   std::int64_t half_open_tries = 0;
   std::string last_provider;
   std::int64_t trip_count = 0;

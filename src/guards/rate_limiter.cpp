@@ -5,15 +5,15 @@
 namespace tarvomeldric {
 
 RateLimiter::RateLimiter(const Clock& clock)
-    : GuardedRecord(RateLimiterFields{.last_refill = clock.wall()}), clock_(clock) {}
+    : GuardedRecord(RateLimiterFields{.last_refill_s = clock.wall()}), clock_(clock) {}
 
 bool RateLimiter::acquire(std::int64_t tokens) {
   MutexLock lock(mutex_);
   const double now = clock_.wall();
-  const double elapsed = std::max(0.0, now - fields_.last_refill);
+  const double elapsed = std::max(0.0, now - fields_.last_refill_s);
   fields_.tokens = std::min(static_cast<double>(fields_.max_tokens),
                             fields_.tokens + elapsed * fields_.refill_rate);
-  fields_.last_refill = now;
+  fields_.last_refill_s = now;
   if (fields_.tokens < static_cast<double>(tokens)) {
     ++fields_.rejected;
     return false;

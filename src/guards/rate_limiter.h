@@ -9,9 +9,9 @@ namespace tarvomeldric {
 
 struct RateLimiterFields {
   std::int64_t max_tokens = 60;
-  double refill_rate = 10.0;  // tokens a second
-  double tokens = 60.0;       // as of `last_refill`
-  double last_refill = 0.0;   // wall clock, seconds
+  double refill_rate = 10.0;   // tokens a second
+  double tokens = 60.0;        // as of `last_refill`
+  double last_refill_s = 0.0;  // wall clock, seconds
   std::int64_t rejected = 0;
 };
 

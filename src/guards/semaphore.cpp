@@ -43,10 +43,10 @@ bool Semaphore::take_any() {
   return take_locked(0);
 }
 
-bool Semaphore::acquire(double timeout) {
+bool Semaphore::acquire(double timeout_s) {
   if (try_acquire()) return true;
-  if (!(timeout > 0)) return take_any();
-  const auto deadline = steady_deadline(timeout);
+  if (!(timeout_s > 0)) return take_any();
+  const auto deadline = steady_deadline(timeout_s);
   const auto waiter = std::make_shared<ThreadWaiter>();
   struct Leaving {
     Semaphore& semaphore;
@@ -132,7 +132,8 @@ bool Semaphore::take_locked(std::int64_t claims) {
 // Those who were woken a moment ago. One who takes longer has lost the claim, and takes what is
 // there.
 std::int64_t Semaphore::on_their_way_locked() {
-  while (!woken_.empty() && clock_.monotonic() - woken_.front().at > kGrace) woken_.pop_front();
+  while (!woken_.empty() && clock_.monotonic() - woken_.front().at_s > kGraceSeconds)
+    woken_.pop_front();
   return static_cast<std::int64_t>(woken_.size());
 }
 

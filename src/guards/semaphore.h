@@ -41,9 +41,9 @@ class Semaphore {
   bool try_acquire();
   // Takes a permit if there is one at all: the last look of one who waited, or will not wait.
   bool take_any();
-  // Waits at most `timeout` seconds, in a blocking region; 0 or less does not wait. Throws what the
-  // host raises when it interrupts the wait.
-  bool acquire(double timeout);
+  // Waits at most `timeout_s` seconds, in a blocking region; 0 or less does not wait. Throws what
+  // the host raises when it interrupts the wait.
+  bool acquire(double timeout_s);
   void release();
 
   // For those who wait in their own way (coroutines): into the line, a look from within it, out of
@@ -62,8 +62,8 @@ class Semaphore {
   std::int64_t permits() const;
   std::size_t waiting() const;
 
-  static constexpr double kLookAgain = 0.25;  // seconds
-  static constexpr double kGrace = 0.1;       // seconds
+  static constexpr double kLookAgainSeconds = 0.25;  // seconds
+  static constexpr double kGraceSeconds = 0.1;       // seconds
 
  private:
   struct InLine {
@@ -72,7 +72,7 @@ class Semaphore {
   };
   struct Woken {
     const Waiter* who;
-    double at;  // monotonic, seconds
+    double at_s;  // monotonic, seconds
   };
 
   bool take_locked(std::int64_t claims) REQUIRES(inner_);

@@ -44,7 +44,7 @@ bool ProviderConfig::healthy() const {
 
 double ProviderConfig::avg_latency() const {
   MutexLock lock(mutex_);
-  const auto& recent = fields_.recent_latencies;
+  const auto& recent = fields_.recent_latencies_ms;
   if (recent.empty()) return 0.0;
   return std::accumulate(recent.begin(), recent.end(), 0.0) / static_cast<double>(recent.size());
 }
@@ -57,8 +57,8 @@ double ProviderConfig::health_score() const {
     const std::int64_t total = fields_.success_count + fields_.fail_count;
     if (total == 0) return kUntriedScore;
     score = static_cast<double>(fields_.success_count) / static_cast<double>(total) * 100.0;
-    const double since_error = clock_.wall() - fields_.last_error_time;
-    if (fields_.last_error_time > 0 && since_error < kRecentFailureSeconds) {
+    const double since_error = clock_.wall() - fields_.last_error_time_s;
+    if (fields_.last_error_time_s > 0 && since_error < kRecentFailureSeconds) {
       score *= kRecentFailureFactor;
     }
     breaker = fields_.circuit_breaker;
@@ -100,10 +100,10 @@ BreakerPtr ProviderConfig::category_circuit_breaker(std::string_view category) {
 
 bool ProviderConfig::check_quota() { return rate_limiter()->acquire(); }
 
-bool ProviderConfig::can_accept(double bulkhead_timeout) {
+bool ProviderConfig::can_accept(double bulkhead_timeout_s) {
   const RateLimiterPtr limiter = rate_limiter();
   if (!limiter->acquire()) return false;
-  if (bulkhead()->acquire(bulkhead_timeout)) return true;
+  if (bulkhead()->acquire(bulkhead_timeout_s)) return true;
   limiter->refund();
   return false;
 }
@@ -117,7 +117,7 @@ void ProviderConfig::record_success(double latency_ms) {
     ++fields_.success_count;
     fields_.healthy = true;
     fields_.last_error.clear();
-    fields_.recent_latencies.append(latency_ms);
+    fields_.recent_latencies_ms.append(latency_ms);
     breaker = fields_.circuit_breaker;
   }
   breaker->record_success();
@@ -130,7 +130,7 @@ void ProviderConfig::record_failure(std::string_view error, std::string_view fau
     MutexLock lock(mutex_);
     ++fields_.fail_count;
     fields_.last_error = error;
-    fields_.last_error_time = clock_.wall();
+    fields_.last_error_time_s = clock_.wall();
     breaker = fields_.circuit_breaker;
     name = fields_.name;
   }

@@ -29,14 +29,14 @@ struct ProviderFields {
   std::int64_t success_count = 0;
   std::int64_t fail_count = 0;
   std::string last_error;
-  double last_error_time = 0.0;  // wall clock, seconds
+  double last_error_time_s = 0.0;  // wall clock, seconds
   BreakerPtr circuit_breaker;
   OrderedMap<BreakerPtr> category_circuit_breakers;
   RateLimiterPtr rate_limiter;
   BulkheadPtr bulkhead;
-  BoundedQueue<double, 100> recent_latencies;  // milliseconds, of successes
-  OrderedMap<std::string> extra_headers;       // sent with every request, beside or instead of ours
-  OrderedMap<std::string> extra_query;         // appended to every URL
+  BoundedQueue<double, 100> recent_latencies_ms;  // milliseconds, of successes
+  OrderedMap<std::string> extra_headers;  // sent with every request, beside or instead of ours
+  OrderedMap<std::string> extra_query;    // appended to every URL
 };
 
 // Where a provider's API is, and what opens it.
@@ -77,7 +77,7 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   bool check_quota();
   // Takes a token and a slot, waiting at most `bulkhead_timeout` seconds for the slot. A refusal
   // holds nothing.
-  bool can_accept(double bulkhead_timeout = 1.0);
+  bool can_accept(double bulkhead_timeout_s = 1.0);
   void release_slot();
 
   void record_success(double latency_ms);

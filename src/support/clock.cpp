@@ -16,7 +16,7 @@ class SystemClock final : public Clock {
   double monotonic() const override { return seconds_of<std::chrono::steady_clock>(); }
 };
 
-constexpr double kLongestWait = 10.0 * 365 * 24 * 3600;
+constexpr double kLongestWaitSeconds = 10.0 * 365 * 24 * 3600;
 
 }  // namespace
 
@@ -27,7 +27,7 @@ const Clock& system_clock() {
 
 std::chrono::steady_clock::time_point steady_deadline(double seconds) {
   // NaN compares false with everything and so waits for nothing.
-  const double span = seconds > 0 ? std::min(seconds, kLongestWait) : 0.0;
+  const double span = seconds > 0 ? std::min(seconds, kLongestWaitSeconds) : 0.0;
   return std::chrono::steady_clock::now() +
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
              std::chrono::duration<double>(span));

@@ -110,8 +110,8 @@ Task<void> BlockingIo::sleep(double seconds) {
   co_return;
 }
 
-Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
-  co_return semaphore->acquire(timeout);
+Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) {
+  co_return semaphore->acquire(timeout_s);
 }
 
 Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model) {
@@ -139,9 +139,9 @@ Task<void> AwaitingIo::sleep(double seconds) {
   co_await sleeping;
 }
 
-Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) {
-  if (!(timeout > 0)) co_return semaphore->take_any();
-  PythonAwait waiting(suspension_, call(Helper::kWaitForPermit, semaphore, timeout));
+Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) {
+  if (!(timeout_s > 0)) co_return semaphore->take_any();
+  PythonAwait waiting(suspension_, call(Helper::kWaitForPermit, semaphore, timeout_s));
   const nb::object granted = co_await waiting;
   co_return granted.is(nb::handle(Py_True));
 }

@@ -84,7 +84,7 @@ class BlockingIo final : public CallIo {
  public:
   explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
   Task<void> sleep(double seconds) override;
-  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;
   Task<std::optional<Advice>> advise(std::string error_pattern) override;
 
@@ -98,7 +98,7 @@ class AwaitingIo final : public CallIo {
   AwaitingIo(CallState& state, Suspension& suspension)
       : CallIo(state, execute_seam), suspension_(suspension) {}
   Task<void> sleep(double seconds) override;
-  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override;
+  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;
   Task<std::optional<Advice>> advise(std::string error_pattern) override;
 

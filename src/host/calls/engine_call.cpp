@@ -10,7 +10,7 @@
 namespace tarvomeldric::host {
 namespace {
 
-constexpr double kDefaultBulkheadTimeout = 1.0;  // seconds
+constexpr double kDefaultBulkheadTimeoutSeconds = 1.0;  // seconds
 
 CallRequest request_of(const CallArguments& given, const nb::dict& options) {
   CallRequest request;
@@ -27,8 +27,8 @@ CallRequest request_of(const CallArguments& given, const nb::dict& options) {
     request.structured_output = convert_argument<bool>(structured, "structured_output");
   }
   const nb::handle timeout = entry(options, "bulkhead_timeout"_key);
-  request.bulkhead_timeout =
-      timeout ? convert_argument<double>(timeout, "bulkhead_timeout") : kDefaultBulkheadTimeout;
+  request.bulkhead_timeout_s = timeout ? convert_argument<double>(timeout, "bulkhead_timeout")
+                                       : kDefaultBulkheadTimeoutSeconds;
   return request;
 }
 

@@ -29,7 +29,7 @@ FailoverRequest request_of(const FailoverArguments& given) {
   facts.original_model = text(given.original_model, "original_model");
   require_text(given.request_id, "request_id");
   if (!given.trace.is_none()) facts.trace = &require<MapeKTrace>(given.trace, "trace");
-  facts.start =
+  facts.start_s =
       convert_argument<std::optional<double>>(given.call_start, "call_start").value_or(0.0);
   return request;
 }

@@ -13,10 +13,10 @@ std::string category_text(nb::handle diagnosis) {
 }
 
 double delay_of(const RecoverySuggestion& suggestion, nb::handle diagnosis) {
-  if (suggestion.delay) return *suggestion.delay;
-  const nb::object retry_after = attribute_or(diagnosis, "retry_after", nb::none());
+  if (suggestion.delay_s) return *suggestion.delay_s;
+  const nb::object retry_after_s = attribute_or(diagnosis, "retry_after", nb::none());
   const double given =
-      retry_after.is_none() ? 0.0 : convert_argument<double>(retry_after, "retry_after");
+      retry_after_s.is_none() ? 0.0 : convert_argument<double>(retry_after_s, "retry_after");
   return given != 0 ? given : 1.0;
 }
 
@@ -33,7 +33,7 @@ RecoveryAction suggest_recovery(nb::handle diagnosis, const std::optional<std::s
   action.level = levels.attr(suggestion.level);
   action.action = suggestion.action;
   action.target = provider && !provider->empty() ? *provider : "default";
-  action.delay = delay_of(suggestion, diagnosis);
+  action.delay_s = delay_of(suggestion, diagnosis);
   action.metadata = metadata;
   return action;
 }

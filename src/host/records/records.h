@@ -58,7 +58,7 @@ struct RecoveryAction {
   nb::object level = nb::none();
   std::string action;
   std::string target;
-  double delay = 0.0;  // seconds
+  double delay_s = 0.0;  // seconds
   nb::object metadata = nb::none();
 };
 
