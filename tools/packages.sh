@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(g++ cmake ninja-build pkg-config libre2-dev libgtest-dev
-          clang clang-tidy clang-format libclang-rt-dev redis-server chromium)
+          clang clang-tidy clang-format libclang-rt-dev redis-server chromium openssl)
 
 # A Python of one's own brings venv and headers; Debian's has them in packages of their own.
 [[ -x .venv/bin/python ]] || tools/find_python.sh >/dev/null || packages+=(python3 python3-venv python3-dev)
