@@ -116,15 +116,19 @@ def read(response: httpx.Response) -> Body:
 async def read_async(response: httpx.Response) -> Body:
     """The same, awaited."""
     body = Body(response)
+    if response.is_stream_consumed:
+        body.add_decoded(response.content)
+        return body
+    pieces = response.aiter_raw()
     try:
-        if response.is_stream_consumed:
-            body.add_decoded(response.content)
-        else:
-            pieces: Any = response.aiter_raw()
-            async with contextlib.aclosing(pieces):
-                async for piece in pieces:
-                    if not body.add(piece):
-                        break
+        async for piece in pieces:
+            if not body.add(piece):
+                break
     finally:
         await response.aclose()
+        # The library's generators end now that nothing more comes. One that was dropped half-way
+        # would be left to its loop, which may be gone by then.
+        with contextlib.suppress(Exception):
+            async for _ in pieces:
+                pass
     return body
