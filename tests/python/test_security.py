@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import asyncio
 import json
-import ssl
 from pathlib import Path
 from typing import Any
 
@@ -38,17 +37,6 @@ def test_a_redirect_takes_no_key_elsewhere() -> None:
             asyncio.run(ask(engine, record))
             assert simulator.request_count == 4
         assert stranger.request_count == 0
-
-
-def test_certificates_are_checked() -> None:
-    async def context(engine: SelfHealingEngine) -> ssl.SSLContext:
-        return (await engine._get_session("mine"))._transport._pool._ssl_context
-
-    with engine_with() as engine:
-        pool = engine._get_sync_client("mine")._transport._pool
-        for tls in (pool._ssl_context, asyncio.run(context(engine))):
-            assert tls.verify_mode is ssl.CERT_REQUIRED
-            assert tls.check_hostname
 
 
 def test_keys_and_what_was_said_are_told_to_nobody(home: Path, monkeypatch: Any) -> None:
