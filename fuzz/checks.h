@@ -20,14 +20,15 @@ inline void require(bool holds, const char* what) {
 // one that a walk over the table, row by row, comes to?
 void check_diagnosis(std::string_view input);
 
-// Fields of rules, as raw bytes: is what is written of them ASCII, JSON, and the same rules?
+// Fields of rules, as raw bytes: has what is written of them its form, ASCII only? That it is to
+// the letter what the host's encoder writes is for `rules_file.py` to say.
 void check_rules_json(std::string_view input);
 
 // An answer in prose: are the pieces found that the regular expressions for them find?
 void check_json_pieces(std::string_view input);
 
-// A streamed reply, cut at the bytes 0xFF: are the events those of the whole reply, and the same
-// however it is cut?
+// A streamed reply, cut at the bytes 0xFF: are the events the same however it is cut, and of a text
+// those that an expression finds?
 void check_event_stream(std::string_view input);
 
 }  // namespace tarvomeldric::fuzz

@@ -1,71 +1,55 @@
 #include "providers/event_stream.h"
 
+#include <re2/re2.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "checks.h"
-#include "utf8.h"
 
 namespace tarvomeldric::fuzz {
 namespace {
 
 using Payloads = std::vector<std::string>;
-constexpr char kCut = '\xFF';
 
-Payloads fed(const std::vector<std::string_view>& pieces) {
+// Fed in the pieces that end behind each `cut`; or byte by byte, when there is none.
+Payloads fed(std::string_view input, std::string_view cut) {
   EventStream stream;
   Payloads payloads;
-  for (std::string_view piece : pieces) {
+  while (!input.empty()) {
+    const std::size_t end = cut.empty() ? 1 : std::min(input.find(cut), input.size());
     const bool was_done = stream.done();
-    const Payloads more = stream.feed(piece);
-    require(more.empty() || !was_done, "nothing follows the end");
-    payloads.insert(payloads.end(), more.begin(), more.end());
+    for (std::string& payload : stream.feed(input.substr(0, end))) {
+      require(!was_done, "nothing follows the end");
+      payloads.push_back(std::move(payload));
+    }
+    input.remove_prefix(std::min(end + cut.size(), input.size()));
   }
   return payloads;
 }
 
-std::vector<std::string_view> cut(std::string_view input) {
-  std::vector<std::string_view> pieces;
-  for (std::size_t at; (at = input.find(kCut)) != std::string_view::npos;) {
-    pieces.push_back(input.substr(0, at));
-    input.remove_prefix(at + 1);
-  }
-  pieces.push_back(input);
-  return pieces;
+bool is_utf8(std::string_view text) {
+  static const RE2 form(
+      R"((?:[\x00-\x7f]|[\xc2-\xdf][\x80-\xbf]|\xe0[\xa0-\xbf][\x80-\xbf]|[\xe1-\xef][\x80-\xbf]{2})"
+      R"(|\xf0[\x90-\xbf][\x80-\xbf]{2}|[\xf1-\xf4][\x80-\xbf]{3})*)",
+      RE2::Latin1);
+  return RE2::FullMatch(text, form);
 }
 
-std::vector<std::string_view> single_bytes(std::string_view text) {
-  std::vector<std::string_view> pieces;
-  for (std::size_t i = 0; i < text.size(); ++i) pieces.push_back(text.substr(i, 1));
-  return pieces;
-}
-
-std::u32string_view stripped(std::u32string_view line) {
-  constexpr std::u32string_view space =
-      U"\t\n\v\f\r\x1c\x1d\x1e\x1f \x85\xa0\x1680\x2000\x2001\x2002\x2003\x2004\x2005\x2006\x2007"
-      U"\x2008\x2009\x200a\x2028\x2029\x202f\x205f\x3000";
-  const std::size_t start = line.find_first_not_of(space);
-  if (start == std::u32string_view::npos) return {};
-  return line.substr(start, line.find_last_not_of(space) - start + 1);
-}
-
-// Line by line over the whole reply.
-std::vector<std::u32string> events_of(std::u32string_view reply) {
-  constexpr std::u32string_view field = U"data: ", end_of_stream = U"[DONE]";
-  std::vector<std::u32string> events;
-  while (!reply.empty()) {
-    const std::size_t end = reply.find_first_of(U"\r\n");
-    const std::u32string_view line = stripped(reply.substr(0, end));
-    reply.remove_prefix(end == std::u32string_view::npos ? reply.size() : end);
-    if (reply.starts_with(U"\r\n")) {
-      reply.remove_prefix(2);
-    } else if (!reply.empty()) {
-      reply.remove_prefix(1);
-    }
-    if (!line.starts_with(field)) continue;
-    if (line.substr(field.size()) == end_of_stream) break;
-    events.emplace_back(line.substr(field.size()));
+// Line by line over the whole reply: what stands between white space, the host's, and a line's end.
+Payloads events_of(std::string_view reply) {
+  static const std::string space =
+      R"((?:[\t-\r\x1c-\x20]|\xc2[\x85\xa0]|\xe1\x9a\x80|\xe2\x80[\x80-\x8a\xa8\xa9\xaf])"
+      R"(|\xe2\x81\x9f|\xe3\x80\x80)*)";
+  static const RE2 form("(?s)" + space + "(.*?)" + space + "[\r\n]", RE2::Latin1);
+  constexpr std::string_view field = "data: ";
+  Payloads events;
+  re2::StringPiece rest(reply), found;
+  while (RE2::Consume(&rest, form, &found)) {
+    const std::string_view line = found;
+    if (line == "data: [DONE]") break;
+    if (line.starts_with(field)) events.emplace_back(line.substr(field.size()));
   }
   return events;
 }
@@ -73,20 +57,14 @@ std::vector<std::u32string> events_of(std::u32string_view reply) {
 }  // namespace
 
 void check_event_stream(std::string_view input) {
-  std::vector<std::string_view> pieces = cut(input);
-  std::string reply;
-  for (std::string_view piece : pieces) reply += piece;
-  reply += '\n';
-  pieces.emplace_back("\n");
-  const Payloads payloads = fed({reply});
-  require(fed(pieces) == payloads, "the same events however the reply is cut");
-  require(fed(single_bytes(reply)) == payloads, "the same events byte by byte");
-
-  const auto text = decoded(reply);
-  if (!text) return;
-  std::vector<std::u32string> read;
-  for (const std::string& payload : payloads) read.push_back(decoded(payload).value());
-  require(read == events_of(*text), "the events are the lines' data");
+  constexpr std::string_view cut = "\xFF";
+  const std::string pieces = std::string(input) + '\n';
+  std::string reply = pieces;
+  std::erase(reply, '\xFF');
+  const Payloads events = fed(reply, cut);
+  require(fed(pieces, cut) == events, "the same events however the reply is cut");
+  require(fed(reply, "") == events, "the same events byte by byte");
+  require(!is_utf8(reply) || events == events_of(reply), "the events are the lines' data");
 }
 
 }  // namespace tarvomeldric::fuzz

@@ -1,7 +1,7 @@
 """Rules files of any content: reading fails nobody, and what was accepted is written and read back.
 
-The file is read by the interpreter's parser, so its contents are made here; what is written has a
-fuzzer of its own.
+Every text that is written, the file and what goes to a fleet, is held to the letter against the
+interpreter's own encoder.
 """
 
 from __future__ import annotations
@@ -9,6 +9,7 @@ from __future__ import annotations
 import json
 import os
 import random
+import struct
 import tempfile
 from pathlib import Path
 from typing import Any
@@ -45,14 +46,26 @@ SEEDED = 84
 folder = Path(tempfile.mkdtemp(prefix="tarvomeldric-fuzz-"))
 
 
+def characters(random: random.Random) -> str:
+    """Of ASCII, controls included, and of all there are, half characters included."""
+    return "".join(chr(random.randrange(random.choice((128, 0x110000)))) for _ in range(3))
+
+
+def number(random: random.Random) -> float:
+    """Any at all."""
+    return struct.unpack("d", random.randbytes(8))[0]  # type: ignore[no-any-return]
+
+
 def value(random: random.Random, kind: type, odd: float = 0.05) -> Any:
     if random.random() < odd:
         return random.choice(ODD)
     if kind is str:
-        return random.choice(("timeout", "timeout:azure", "retry", text(random, 3)))
+        known = "timeout", "timeout:azure", "retry"
+        return random.choice((*known, text(random, 3), characters(random)))
     if kind is int:
-        return random.choice((0, 3, 2**63 - 1, -(2**63)))
-    return random.choice((0, 0.9, 0.65, 1.76e9, 1e308, float("nan"), random.uniform(-1, 1)))
+        return random.choice((0, 3, 2**63 - 1, -(2**63), random.getrandbits(64) - 2**63))
+    nan, small = float("nan"), random.uniform(-1, 1)
+    return random.choice((0, 0.9, 0.65, 1.76e9, 1e308, nan, small, number(random)))
 
 
 def rule(random: random.Random, odd: float = 0.05) -> Any:
@@ -109,6 +122,7 @@ def check(random: random.Random) -> None:
             user.match_best_action(pattern)
             user.get_stats()
     merge(random, again, raw)
+    publish(random, again)
     again._persist()
     assert path.read_text("ascii") == rules_of(again), raw
     path.with_name("rules.json.corrupt").unlink(missing_ok=True)
@@ -123,7 +137,40 @@ def merge(random: random.Random, learner: Any, raw: bytes) -> None:
     assert known <= len(learner._rules) <= known + 4
 
 
+class Fleet:
+    """In place of a Redis client: keeps the last texts."""
+
+    rule = message = ""
+
+    def pipeline(self, transaction: bool) -> Fleet:
+        return self
+
+    def hset(self, _: str, key: str, rule: str) -> None:
+        self.rule = rule
+
+    def publish(self, _: str, message: str) -> None:
+        self.message = message
+
+    def execute(self) -> None:
+        pass
+
+
+def publish(random: random.Random, learner: Any) -> None:
+    """What a learner tells its fleet of a rule, whatever it is made of."""
+    fleet, action = Fleet(), characters(random)
+    learner._redis_client, learner._sync_mode = fleet, "redis"
+    for pattern in ("timeout", characters(random)):
+        learner.record(pattern, action, True, number(random))
+        key = f"{pattern}:{action}"
+        rule = learner._rules[key].to_dict()
+        assert fleet.rule == json.dumps(rule)
+        message = {"key": key, "rule": rule, "source": os.environ["HOSTNAME"]}
+        assert fleet.message == json.dumps(message)
+    learner._sync_mode = "local"
+
+
 if __name__ == "__main__":
     os.environ["HOME"] = str(folder)
+    os.environ["HOSTNAME"] = "café \U0001f600"
     os.environ.pop("TARVOMELDRIC_REDIS_URL", None)
     drive(check)

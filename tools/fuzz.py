@@ -33,11 +33,24 @@ def last_number(pattern: str, log: str) -> str:
     return numbers[-1] if numbers else "-"
 
 
+def words_of_patterns() -> str:
+    """A dictionary of what the fault patterns look for, which byte by byte would take for ever."""
+    from tarvomeldric._engine import _PATTERNS
+
+    patterns = "|".join(row[0].replace("\\.", ".") for row in _PATTERNS)
+    words = {"\n", " ", *re.split(r"[|()?]|\.[*?]|\\s\*", patterns)} - {""}
+    escaped = ("".join(f"\\x{byte:02x}" for byte in word.encode()) for word in sorted(words))
+    return "".join(f'"{word}"\n' for word in escaped)
+
+
 def fuzz_core(name: str, seconds: int) -> tuple[int, str, str]:
     seeds, kept, found = ROOT / "fuzz" / "corpus" / name, BUILD / "corpus" / name, BUILD / "found"
     for folder in (kept, found):
         folder.mkdir(parents=True, exist_ok=True)
     words = ROOT / "fuzz" / f"{name}.dict"
+    if name == "diagnosis":
+        words = BUILD / "diagnosis.dict"
+        words.write_text(words_of_patterns())
     options = [f"-max_total_time={seconds}", f"-artifact_prefix={found}/{name}-", *LIMITS]
     if words.exists():
         options.append(f"-dict={words}")
