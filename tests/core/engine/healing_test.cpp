@@ -1,297 +1,219 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <stdexcept>
-
 #include "engine/failover.h"
 #include "engine/scripted_io.h"
 
 namespace tarvomeldric {
 namespace {
 
-using Plays = std::deque<ScriptedIo::Play>;
-
-ScriptedIo::Play failure(std::int64_t status, std::string text = "it broke") {
-  return {.attempt = {.failure = ApiFailure{std::move(text), status}}};
-}
-ScriptedIo::Play answer(double seconds = 0.5) { return {.seconds = seconds}; }
-
-Plays failures(std::size_t count, std::int64_t status) { return Plays(count, failure(status)); }
-
-std::string joined(const std::vector<std::string>& texts) {
-  std::string all;
-  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
-  return all;
-}
-
-// A world in which openai is asked first, and the verbs to read what a call left behind.
+// A world in which openai is asked first.
 struct Day : World {
-  Day() {
+  explicit Day(Plays openai) {
     for (const char* name : {"openai", "anthropic", "deepseek"}) add(name);
-    io.script["openai"] = failures(20, 500);
+    io.script["openai"] = std::move(openai);
   }
-
-  // The outcome as one line.
-  std::string ask(CallRequest request = {}) {
-    request.model = request.model.empty() ? "gpt-4o" : request.model;
-    outcome = call(request);
-    if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
-      return failed->kind == CallFailed::Kind::kProviderError ? "the last error" : failed->message;
-    }
-    const auto& got = std::get<CallAnswered>(outcome);
-    return got.heal_level + " " + got.provider + " " + got.model + " for " + got.original_provider +
-           " " + got.original_model + " after " + std::string(got.fault->fault_label());
-  }
-  const CallAnswered& answered() const { return std::get<CallAnswered>(outcome); }
   // What was asked of providers and slept, without the learner's steps.
   std::string road() const {
-    std::vector<std::string> steps;
-    for (const std::string& wait : io.waits) {
-      if (wait != "learn" && wait != "advise") steps.push_back(wait);
-    }
+    Texts steps = io.waits;
+    std::erase_if(steps, [](const auto& wait) { return wait == "learn" || wait == "advise"; });
     return joined(steps);
   }
-  std::string learned() const {
-    std::vector<std::string> rules;
-    for (const RulePtr& rule : learner.rules()) {
-      rules.push_back(rule->pattern + ">" + rule->action + " " +
-                      std::to_string(rule->success_count) + "/" + std::to_string(rule->fail_count));
-    }
-    return joined(rules);
-  }
-  std::int64_t metric(const char* name) const { return metrics.counter(name); }
-  std::int64_t count(Counter counter) const { return counters.value(counter); }
-  CircuitBreakerFields breaker(std::size_t i, const char* category) {
-    return registry.all[i].provider->category_circuit_breaker(category)->snapshot();
-  }
-  bool all_slots_are_back() const {
-    for (const auto& [_, provider] : registry.all) {
-      const BulkheadFields slots = provider->bulkhead()->snapshot();
-      if (slots.active != 0 || slots.semaphore->permits() != slots.max_concurrent) return false;
-    }
-    return true;
-  }
-
-  CallOutcome outcome;
 };
 
+const ScriptedIo::Play kAnswer{.seconds = 0.25};
+
 constexpr const char* kGrowing =
-    "sleep 1.0, openai gpt-4o, sleep 2.0, openai gpt-4o, sleep 4.0, "
-    "openai gpt-4o, sleep 8.0, openai gpt-4o, sleep 16.0, openai gpt-4o";
+    "sleep 1, openai gpt-4o, sleep 2, openai gpt-4o, sleep 4, openai gpt-4o, sleep 8, openai "
+    "gpt-4o, sleep 16, openai gpt-4o, ";
 constexpr const char* kSteady =
-    "sleep 1.0, openai gpt-4o, sleep 1.0, openai gpt-4o, sleep 1.0, "
-    "openai gpt-4o, sleep 1.0, openai gpt-4o, sleep 1.0, openai gpt-4o";
+    "sleep 1, openai gpt-4o, sleep 1, openai gpt-4o, sleep 1, openai gpt-4o, sleep 1, openai "
+    "gpt-4o, sleep 1, openai gpt-4o, ";
 
 TEST(Healing, TakesTheRoadThatTheFirstFaultAllows) {
   struct Case {
-    ScriptedIo::Play fault;
-    const char* category;
-    const char* between;  // the first attempt and the other provider
-    bool skips;
+    std::int64_t status;
+    const char* text;
+    std::string category;
+    std::string between;  // the first attempt and the other provider
   };
   const Case cases[] = {
-      {failure(429), "rate_limit", kSteady, false},
-      {failure(500), "server_error", kGrowing, false},
-      {failure(408), "timeout", kGrowing, false},
-      {failure(0, "connection refused"), "connection_error", kGrowing, false},
-      {failure(404), "model_not_found", "openai gpt-4o-mini", true},
-      {failure(400), "validation_error", "openai gpt-4o-mini", true},
-      {failure(401), "auth_error", "", true},
-      {failure(402), "quota_exceeded", "", true},
-      {failure(418), "unknown", "", true},
+      {429, "", "rate_limit", kSteady},
+      {500, "", "server_error", kGrowing},
+      {408, "", "timeout", kGrowing},
+      {0, "connection refused", "connection_error", kGrowing},
+      {404, "", "model_not_found", "openai gpt-4o-mini, "},
+      {400, "", "validation_error", "openai gpt-4o-mini, "},
+      {401, "", "auth_error", ""},
+      {402, "", "quota_exceeded", ""},
+      {418, "", "unknown", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.category);
-    Day day;
-    day.io.script["openai"] = Plays(20, c.fault);
-    day.learner.seed();
-    const std::string told = day.ask();
-    EXPECT_TRUE(told.starts_with("l3_failover ")) << told;
-    const std::string road = day.road();
-    const std::string start = std::string("openai gpt-4o, ") + c.between;
-    EXPECT_TRUE(road.starts_with(start)) << road;
-    EXPECT_EQ(road.find("openai", start.size()), std::string::npos) << road;
-    EXPECT_EQ(day.count(Counter::kL1Skip), c.skips);
-    EXPECT_EQ(day.metric("l1_skip_to_failover"), c.skips);
-    EXPECT_EQ(day.metric(("fault_" + std::string(c.category)).c_str()), 1);
-    EXPECT_EQ(day.breaker(0, c.category).consecutive_fails, 1);
-    EXPECT_EQ(*day.answered().trace->monitor_result, c.category);
-    EXPECT_EQ(day.io.reports.size(), 1U);
-    EXPECT_TRUE(day.all_slots_are_back());
+    Day day(failures(20, c.status, c.text));
+    EXPECT_EQ(day.ask().substr(0, 21), "l3_failover anthropic");
+    EXPECT_EQ(day.road(), "openai gpt-4o, " + c.between + "anthropic claude-3-5-haiku-20241022");
+    EXPECT_EQ(day.metrics.counter("fault_" + c.category), 1);
+    const auto breaker = day.provider("openai")->category_circuit_breaker(c.category);
+    EXPECT_EQ(breaker->snapshot().consecutive_fails, 1);
+    EXPECT_EQ(day.answered().trace->monitor_result, c.category);
   }
 }
 
 TEST(Healing, ByARetryKeepsTheFirstFaultAndReportsIt) {
-  Day day;
-  day.io.script["openai"] = {failure(500), failure(503), answer(0.25)};
+  Day day({{.failure = ApiFailure{"it broke", 500}}, {.failure = ApiFailure{"", 503}}, kAnswer});
   day.io.contract_holds = true;
   const auto exact = SemanticDomain::kStrongEquivalence;
-  EXPECT_EQ(day.ask({.semantic_domain = exact}),
+  EXPECT_EQ(day.ask({.model = "gpt-4o", .semantic_domain = exact}),
             "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500");
-  EXPECT_EQ(day.road(), "openai gpt-4o, sleep 1.0, openai gpt-4o, sleep 2.0, openai gpt-4o");
+  EXPECT_EQ(day.road(), "openai gpt-4o, sleep 1, openai gpt-4o, sleep 2, openai gpt-4o");
   EXPECT_EQ(day.learned(), "server_error:http_500>retry:openai 1/1");
+  EXPECT_EQ(day.counted(),
+            "call_count, heal_count, calls_total, fault_server_error, l1_retry_attempt_0, "
+            "l1_retry_attempt_1, heal_l1_retry");
+  EXPECT_EQ(day.traced(),
+            "server_error, server_error:http_500, l1_retry, healed, monitor 0, analyze 0, plan 0, "
+            "execute 0, knowledge 3250, recorded, 3250 in all");
+  EXPECT_EQ(joined(day.io.reports),
+            "retry of server_error (server_error:http_500) by openai gpt-4o in 250 ms");
   EXPECT_EQ(day.answered().latency_ms, 250.0);
-  EXPECT_TRUE(day.answered().domain == exact && day.answered().validation_passed == true);
-  const MapeKTrace& trace = *day.answered().trace;
-  EXPECT_EQ(*trace.analyze_result, "server_error:http_500");
-  EXPECT_EQ(*trace.plan_result + " " + *trace.execute_result, "l1_retry healed");
-  EXPECT_EQ(trace.total_loop_us, 3'250'000.0);
-  EXPECT_TRUE(trace.knowledge_recorded && trace.phases.back().first == "knowledge");
-  EXPECT_EQ(day.count(Counter::kHeal), 1);
-  EXPECT_EQ(day.metric("heal_l1_retry") + day.metric("l1_retry_attempt_1"), 2);
-  EXPECT_EQ(day.io.reports.at(0).action + " " + day.io.reports.at(0).fault_type,
-            "retry server_error");
-  const ProviderFields openai = day.registry.all[0].provider->snapshot();
+  EXPECT_EQ(day.answered().domain, exact);
+  EXPECT_EQ(day.answered().validation_passed, true);
+  EXPECT_FALSE(day.answered().downgraded);
+  const ProviderFields openai = day.provider("openai")->snapshot();
   EXPECT_EQ(openai.success_count, 1);
   EXPECT_EQ(openai.fail_count, 2);
   // Retries are made without admission: the first attempt's token is the only one spent.
-  EXPECT_TRUE(day.guards().starts_with("openai 10 0 59 ")) << day.guards();
+  EXPECT_EQ(World::tokens(day.provider("openai")), 59);
 }
 
 TEST(Healing, ByADowngradeGoesByTheLatestDiagnosis) {
-  Day day;
-  day.io.script["openai"] = failures(5, 500);
-  day.io.script["openai"].push_back(failure(404));
-  day.io.script["openai"].push_back(answer());
+  Plays plays = failures(5, 500);
+  plays.push_back({.failure = ApiFailure{"", 404}});
+  plays.push_back(kAnswer);
+  Day day(plays);
   EXPECT_EQ(day.ask(),
             "l2_downgrade openai gpt-4o-mini for openai gpt-4o after model_not_found:http_404");
   EXPECT_TRUE(day.answered().downgraded);
-  EXPECT_EQ(day.count(Counter::kHeal) + day.count(Counter::kL2Downgrade), 2);
-  EXPECT_EQ(day.metric("l2_downgrade_attempt"), 1);
-  EXPECT_EQ(day.count(Counter::kL1Skip), 0);
   EXPECT_EQ(day.learned(),
             "server_error:http_500>retry:openai 0/5, "
             "model_not_found:http_404>downgrade:openai:gpt-4o-mini 1/0");
+  EXPECT_EQ(day.counted(),
+            "call_count, heal_count, l2_downgrade_count, calls_total, fault_server_error, "
+            "l1_retry_attempt_0, l1_retry_attempt_1, l1_retry_attempt_2, l1_retry_attempt_3, "
+            "l1_retry_attempt_4, l2_downgrade_attempt, heal_l2_downgrade");
+  EXPECT_EQ(joined(day.io.reports),
+            "downgrade of model_not_found (model_not_found:http_404) by openai gpt-4o-mini in 250 "
+            "ms");
 
-  Day at_the_end;
-  at_the_end.io.script["openai"] = failures(9, 404);
+  Day at_the_end(failures(9, 404));
   at_the_end.ask({.model = "gpt-3.5-turbo"});
-  EXPECT_EQ(at_the_end.metric("l2_downgrade_attempt"), 0);
+  EXPECT_EQ(at_the_end.metrics.counter("l2_downgrade_attempt"), 0);
 }
 
 TEST(Healing, EndsLoudlyWhereItHasTo) {
   struct Case {
-    const char* name;
     Plays openai;
     std::optional<SemanticDomain> domain;
     bool schema;
-    const char* told;
-    std::int64_t heals;
+    std::string told;
+    const char* counted;
     const char* learned;
   };
   const auto strong = SemanticDomain::kStrongEquivalence;
   const auto tau = SemanticDomain::kTauNeighborhood;
   const Case cases[] = {
-      {"out of bounds", failures(1, 500), SemanticDomain::kOutOfBounds, false,
+      {failures(1, 500), SemanticDomain::kOutOfBounds, false,
        "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=essay, reason=user_explicit). Original "
        "error: server_error",
-       0, "server_error:http_500>blocked:oob:openai 0/1"},
-      {"L1",
-       {failure(500), answer()},
-       strong,
-       true,
-       "Contract validation failed after L1 retry: ",
-       0,
+       "call_count, calls_total, fault_server_error",
+       "server_error:http_500>blocked:oob:openai 0/1"},
+      {failures(1, 500), strong, true, "Contract validation failed after L1 retry: ",
+       "call_count, calls_total, fault_server_error, l1_retry_attempt_0, "
+       "contract_validation_failed",
        "server_error:http_500>retry:openai 0/1"},
-      {"L2",
-       {failure(404), answer()},
-       strong,
-       true,
-       "Contract validation failed after L2 downgrade: ",
-       0,
+      {failures(1, 404), strong, true, "Contract validation failed after L2 downgrade: ",
+       "call_count, l1_skip_count, calls_total, fault_model_not_found, l1_skip_to_failover, "
+       "l2_downgrade_attempt, contract_validation_failed",
        "model_not_found:http_404>downgrade:openai:gpt-4o-mini 0/1"},
-      {"L3", failures(1, 401), strong, true,
-       "Contract validation failed after L3 failover to anthropic: ", 1,
+      {failures(1, 401), strong, true,
+       "Contract validation failed after L3 failover to anthropic: ",
+       "call_count, heal_count, l1_skip_count, l3_failover_count, calls_total, fault_auth_error, "
+       "l1_skip_to_failover, contract_validation_failed, heal_l3_failover",
        "auth_error:http_401>failover:anthropic 0/1"},
-      {"drift", failures(1, 401), tau, true,
+      {failures(1, 401), tau, true,
        "Response drift detected: structure_mismatch_cannot_heal. Structure mismatch cannot be "
        "healed.",
-       0, ""},
-      {"warning", failures(1, 401), tau, false,
+       "call_count, l1_skip_count, calls_total, fault_auth_error, l1_skip_to_failover, "
+       "contract_warning_tau_domain, drift_fail_loud",
+       ""},
+      {failures(1, 401), tau, false,
        "l3_failover anthropic claude-3-5-haiku-20241022 for openai gpt-4o after "
        "auth_error:http_401",
-       1, "auth_error:http_401>failover:anthropic 1/0"},
+       "call_count, heal_count, l1_skip_count, l3_failover_count, calls_total, fault_auth_error, "
+       "l1_skip_to_failover, contract_warning_tau_domain, heal_l3_failover, tau_domain_failover",
+       "auth_error:http_401>failover:anthropic 1/0"},
+      {failures(1, 500), tau, true,
+       "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500",
+       "call_count, heal_count, calls_total, fault_server_error, l1_retry_attempt_0, "
+       "contract_warning_tau_domain, heal_l1_retry",
+       "server_error:http_500>retry:openai 1/0"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Day day;
-    day.io.script["openai"] = c.openai;
+    SCOPED_TRACE(c.told);
+    Day day(c.openai);
     day.io.contract_holds = false;
     day.io.schema = c.schema;
-    EXPECT_EQ(day.ask({.task_type = "essay", .semantic_domain = c.domain}), c.told);
-    EXPECT_EQ(day.count(Counter::kHeal), c.heals);
+    EXPECT_EQ(day.ask({.model = "gpt-4o", .task_type = "essay", .semantic_domain = c.domain}),
+              c.told);
+    EXPECT_EQ(day.counted(), c.counted);
     EXPECT_EQ(day.learned(), c.learned);
-    EXPECT_EQ(day.metric("contract_validation_failed"), c.domain == strong);
-    EXPECT_EQ(day.metric("contract_warning_tau_domain"), c.domain == tau);
-    EXPECT_TRUE(day.all_slots_are_back());
   }
 }
 
 TEST(Failover, SkipsTheBarredAndTheBusyAndKeepsTheLastError) {
-  Day day;
-  day.io.script["openai"] = failures(1, 401);
+  Day day(failures(1, 401));
   day.io.script["deepseek"] = failures(1, 500);
-  for (int i = 0; i < 5; ++i) {
-    day.registry.all[1].provider->category_circuit_breaker("auth_error")->record_failure();
-  }
+  const auto breaker = day.provider("anthropic")->category_circuit_breaker("auth_error");
+  for (int i = 0; i < 5; ++i) breaker->record_failure();
   EXPECT_EQ(day.ask(), "the last error");
-  EXPECT_EQ(day.metric("category_circuit_blocked_failover"), 1);
-  EXPECT_EQ(day.metric("errors_all_providers_failed"), 1);
-  EXPECT_EQ(day.registry.all[2].provider->host_fields().fail_count, 1);
+  EXPECT_EQ(day.counted(),
+            "call_count, l1_skip_count, calls_total, fault_auth_error, l1_skip_to_failover, "
+            "category_circuit_blocked_failover, errors_all_providers_failed");
+  EXPECT_EQ(day.provider("deepseek")->snapshot().fail_count, 1);
   EXPECT_EQ(day.learned(),
             "auth_error:http_401>failover:deepseek 0/1, auth_error:http_401>all_failed 0/1");
 
-  Day busy;
-  busy.io.script["openai"] = failures(1, 401);
-  for (std::size_t i : {1U, 2U})
-    busy.registry.all[i].provider->rate_limiter()->host_fields().tokens = -99;
+  Day busy(failures(1, 401));
+  busy.provider("anthropic")->rate_limiter()->host_fields().tokens = -99;
+  busy.provider("deepseek")->bulkhead()->semaphore()->reset_after_fork();  // no slots at all
   EXPECT_EQ(busy.ask(), "All providers failed");
-  EXPECT_EQ(busy.metric("rate_limited_during_failover"), 2);
+  EXPECT_EQ(busy.road(), "openai gpt-4o, permit 1");
+  EXPECT_EQ(busy.metrics.counter("rate_limited_during_failover"), 2);
 }
 
 TEST(Failover, OrdersByHealthAdviceAndLatency) {
-  Day day;
-  const Advice advice{"failover:openai", 0.9};
-  const NamedProvider& openai = day.registry.all[0];
-  EXPECT_EQ(provider_priority(openai, std::nullopt), 50.0);
-  openai.provider->host_fields().recent_latencies.append(400.0);
-  EXPECT_EQ(provider_priority(openai, advice), 85.0);
-  EXPECT_EQ(provider_priority(day.registry.all[1], advice), 50.0);
-  openai.provider->host_fields().recent_latencies = {2000.0};
-  EXPECT_EQ(provider_priority(openai, std::nullopt), 50.0);
+  Day day(failures(1, 401));
+  const Advice advice{"failover:deepseek", 0.9};
+  const NamedProvider deepseek{"deepseek", day.provider("deepseek")};
+  EXPECT_EQ(provider_priority(deepseek, std::nullopt), 50.0);
+  EXPECT_EQ(provider_priority({"openai", day.provider("openai")}, advice), 50.0);
+  deepseek.provider->host_fields().recent_latencies.append(400.0);
+  EXPECT_EQ(provider_priority(deepseek, advice), 85.0);
+  deepseek.provider->host_fields().recent_latencies = {2000.0};
+  EXPECT_EQ(provider_priority(deepseek, std::nullopt), 50.0);
 
-  Day advised;
-  advised.io.script["openai"] = failures(1, 401);
-  advised.learner.record({"auth_error:http_401", "failover:deepseek", true, 1.0});
-  EXPECT_EQ(advised.ask().substr(0, 20), "l3_failover deepseek");
-  EXPECT_TRUE(std::ranges::any_of(advised.metrics.snapshot_all().histograms, [](const auto& each) {
-    return each.first == "latency_failover_ms" && each.second.count == 1;
-  }));
-}
-
-TEST(Healing, GivesEverythingBackWhenItIsBrokenOffAtAnyWait) {
-  const auto cancelled = std::make_exception_ptr(std::domain_error("cancelled"));
-  Day whole;
-  whole.io.script["anthropic"] = failures(1, 500);
-  whole.ask();
-  for (std::size_t wait = 1; wait <= whole.io.waits.size(); ++wait) {
-    for (const bool thrown : {true, false}) {
-      Day day;
-      day.io.script["anthropic"] = failures(1, 500);
-      day.io.hold_at(wait);
-      const CallRequest request{.model = "gpt-4o"};
-      {
-        auto task = run_call(request, day.engine(), day.io);
-        task.start();
-        ASSERT_FALSE(task.done());
-        if (thrown) {
-          day.io.resume(cancelled);
-          EXPECT_THROW(task.take(), std::domain_error);
-        }
-      }
-      EXPECT_TRUE(day.all_slots_are_back()) << day.io.waits.back();
-    }
-  }
+  day.learner.record({"auth_error:http_401", "failover:deepseek", true, 1.0});
+  day.io.script["deepseek"] = {kAnswer};
+  EXPECT_EQ(day.ask(),
+            "l3_failover deepseek deepseek-chat for openai gpt-4o after auth_error:http_401");
+  EXPECT_EQ(joined(day.io.reports),
+            "failover of auth_error (auth_error:http_401) by deepseek deepseek-chat in 250 ms");
+  EXPECT_EQ(day.traced(),
+            "auth_error, auth_error:http_401, l3_failover, healed, monitor 0, analyze 0, plan 0, "
+            "execute 0, knowledge 250, recorded, 250 in all");
+  EXPECT_EQ(day.measured(), "fault_latency_us 0, latency_failover_ms 250");
+  EXPECT_EQ(day.answered().latency_ms, 250.0);
+  EXPECT_EQ(day.provider("deepseek")->snapshot().success_count, 1);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <map>
@@ -10,19 +11,37 @@
 
 #include "engine/call.h"
 #include "manual_clock.h"
-#include "support/text.h"
 
 namespace tarvomeldric {
+
+using Texts = std::vector<std::string>;
+
+template <class... Parts>
+std::string told(const Parts&... parts) {
+  std::ostringstream text;
+  return (text << ... << parts), text.str();
+}
+inline std::string joined(const Texts& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + text;
+  return all;
+}
+// What is to be told of each one.
+template <class Range>
+std::string joined(const Range& range, const auto& told_of) {
+  Texts all;
+  for (const auto& one : range) all.push_back(told_of(one));
+  return joined(all);
+}
 
 // Providers that play from a script, on a clock moved by hand. Every operation waits once and then
 // has its effect; a test can hold a call up at any of its waits, and break it off there.
 class ScriptedIo final : public Io {
  public:
-  // What an attempt comes to: an answer, a failure, or an exception.
+  // An attempt: an answer that took some time, or a failure.
   struct Play {
-    Attempt attempt{.failure = {}, .answer_length = 2};
+    std::optional<ApiFailure> failure;
     double seconds = 0.0;
-    std::exception_ptr thrown;
   };
 
   ScriptedIo(ManualClock& clock, FlywheelLearner& learner) : clock_(clock), learner_(learner) {}
@@ -31,12 +50,13 @@ class ScriptedIo final : public Io {
   std::map<std::string, std::deque<Play>> script;
   // What others do during the waits for permits, in turn.
   std::deque<std::function<void()>> meanwhile;
-  // What the call has waited for: "openai gpt-4o", "sleep 0.5", "permit 1.0", "learn", "advise".
-  std::vector<std::string> waits;
+  // What the call has waited for: "openai gpt-4o", "sleep 0.5", "permit 1", "learn", "advise".
+  Texts waits;
+  // What it reported: "retry of timeout (timeout:slow) by openai gpt-4o in 250 ms".
+  Texts reports;
   // Whether healed output holds the contract; no contract when empty.
   std::optional<bool> contract_holds;
   bool schema = false;
-  std::vector<Recovery> reports;
 
   // The call stands still at the given one of its waits, counted from 1, until it is resumed.
   void hold_at(std::size_t wait) { hold_at_ = wait; }
@@ -49,15 +69,14 @@ class ScriptedIo final : public Io {
     co_await wait_for(provider->name() + " " + model);
     const Play play = next(script[provider->name()]);
     if (play.seconds > 0) clock_.advance(play.seconds);
-    if (play.thrown) std::rethrow_exception(play.thrown);
-    co_return play.attempt;
+    co_return Attempt{.failure = play.failure, .answer_length = 2};
   }
   Task<void> sleep(double seconds) override {
-    co_await wait_for("sleep " + text::shortest(seconds));
+    co_await wait_for(told("sleep ", seconds));
     clock_.advance(seconds);
   }
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout) override {
-    co_await wait_for("permit " + text::shortest(timeout));
+    co_await wait_for(told("permit ", timeout));
     if (const auto act = next(meanwhile)) act();
     co_return semaphore->take_any();
   }
@@ -72,7 +91,11 @@ class ScriptedIo final : public Io {
   bool has_contract() const override { return contract_holds.has_value(); }
   bool contract_has_schema() const override { return schema; }
   bool validate() override { return *contract_holds; }
-  void report(const Recovery& recovery) override { reports.push_back(recovery); }
+  void report(const Recovery& healed) override {
+    reports.push_back(told(healed.action, " of ", healed.fault_type, " (", healed.sub_category,
+                           ") by ", healed.provider, " ", healed.model, " in ", healed.latency_ms,
+                           " ms"));
+  }
 
  private:
   struct Turn {
@@ -98,42 +121,96 @@ class ScriptedIo final : public Io {
   std::exception_ptr thrown_;
 };
 
-struct VectorRegistry final : Registry {
-  std::vector<NamedProvider> entries() const override { return all; }
-  std::vector<NamedProvider> all;
-};
+using Plays = std::deque<ScriptedIo::Play>;
+inline Plays failures(std::size_t count, std::int64_t status, const char* text = "it broke") {
+  return Plays(count, {.failure = ApiFailure{text, status}});
+}
 
-// An engine's members, and verbs for what befalls them.
+// An engine's members, verbs for what befalls them, and what they tell of it, each in one line.
 struct World {
+  struct List final : Registry {
+    std::vector<NamedProvider> entries() const override { return all; }
+    std::vector<NamedProvider> all;
+  };
+
   ProviderPtr add(const std::string& name, std::int64_t slots = 10) {
     ProviderFields fields{.name = name};
     fields.bulkhead = std::make_shared<Bulkhead>(BulkheadFields{.max_concurrent = slots}, clock);
     registry.all.push_back({name, std::make_shared<ProviderConfig>(fields, clock)});
     return registry.all.back().provider;
   }
+  ProviderPtr provider(std::string_view name) const {
+    return std::ranges::find(registry.all, name, &NamedProvider::name)->provider;
+  }
   Surroundings engine() {
     return {registry, topology, diagnoser, learner, metrics, counters, clock};
   }
-  CallOutcome call(const CallRequest& r) { return run_blocking(run_call(r, engine(), io)); }
-  // Of every provider: free slots, refusals of slots, tokens.
-  std::string guards() const {
-    std::ostringstream all;
-    for (const auto& [name, provider] : registry.all) {
-      const BulkheadFields slots = provider->bulkhead()->snapshot();
-      all << name << " " << slots.semaphore->permits() << " " << slots.rejected << " "
-          << provider->rate_limiter()->snapshot().tokens << " ";
+  // How the call ended: "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500".
+  std::string ask(const CallRequest& request = {.model = "gpt-4o"}) {
+    outcome = run_blocking(run_call(request, engine(), io));
+    if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
+      return failed->kind == CallFailed::Kind::kProviderError ? "the last error" : failed->message;
     }
-    return all.str();
+    const CallAnswered& got = answered();
+    return told(got.heal_level.empty() ? "direct" : got.heal_level, " ", got.provider, " ",
+                got.model, " for ", got.original_provider, " ", got.original_model,
+                got.fault ? told(" after ", got.fault->fault_label()) : "");
+  }
+  const CallAnswered& answered() const { return std::get<CallAnswered>(outcome); }
+  // What each stage came to, and how many milliseconds after the start the stages were entered.
+  std::string traced() const {
+    const MapeKTrace& trace = *answered().trace;
+    Texts all{*trace.monitor_result, *trace.analyze_result, *trace.plan_result,
+              *trace.execute_result};
+    for (const auto& [phase, moment] : trace.phases) {
+      all.push_back(told(phase, " ", (moment - trace.phases[0].second) / 1000));
+    }
+    if (trace.knowledge_recorded) all.emplace_back("recorded");
+    return told(joined(all), ", ", trace.total_loop_us / 1000, " in all");
+  }
+  // What was counted, by the engine and by its metrics: "call_count, calls_total, rate_limited 2".
+  std::string counted() const {
+    Texts all;
+    const auto add = [&](std::string_view name, std::int64_t times) {
+      if (times != 0) all.push_back(times == 1 ? told(name) : told(name, " ", times));
+    };
+    for (std::size_t i = 0; i < kCounterNames.size(); ++i) {
+      add(kCounterNames[i], counters.value(static_cast<Counter>(i)));
+    }
+    for (const auto& [name, times] : metrics.counters()) add(name, times);
+    return joined(all);
+  }
+  // Every rule's successes and failures: "timeout>retry:openai 1/0".
+  std::string learned() const {
+    return joined(learner.rules(), [](const RulePtr& r) {
+      return told(r->pattern, ">", r->action, " ", r->success_count, "/", r->fail_count);
+    });
+  }
+  // Of every provider the free slots and those that somebody holds: "openai 9/1, groq 10/0".
+  std::string slots() const {
+    return joined(registry.all, [](const NamedProvider& one) {
+      const BulkheadFields slots = one.provider->bulkhead()->snapshot();
+      return told(one.name, " ", slots.semaphore->permits(), "/", slots.active);
+    });
+  }
+  // Of every histogram the median: "latency_primary_ms 250".
+  std::string measured() const {
+    return joined(metrics.snapshot_all().histograms,
+                  [](const auto& one) { return told(one.first, " ", one.second.p50); });
+  }
+  static double tokens(const ProviderPtr& provider) {
+    return provider->rate_limiter()->snapshot().tokens;
   }
 
   ManualClock clock;
-  VectorRegistry registry;
+  List registry;
   SemanticTopology topology;
   Diagnoser diagnoser{clock};
   FlywheelLearner learner{"", clock};
   MetricsCollector metrics;
   EngineCounters counters;
   ScriptedIo io{clock, learner};
+  CallOutcome outcome;
 };
 
 }  // namespace tarvomeldric
