@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
 #include "manual_clock.h"
 
 namespace tarvomeldric {
@@ -12,11 +17,11 @@ struct ProviderConfigTest : ::testing::Test {
     while (times-- > 0) provider.record_failure("HTTP 500", category);
   }
   double health_after(double seconds) { return clock.advance(seconds), provider.health_score(); }
-  bool back_after(double seconds) {
+  void expect_back_after(double seconds) {
     clock.advance(seconds - 0.5);
-    const bool early = provider.is_available();
+    EXPECT_FALSE(provider.is_available());
     clock.advance(0.5);
-    return !early && provider.is_available();
+    EXPECT_TRUE(provider.is_available());
   }
   ManualClock clock;
   ProviderConfig provider{{.name = "openai"}, clock};
@@ -36,7 +41,8 @@ TEST_F(ProviderConfigTest, HealthIsTheShareOfSuccessesLessForFreshFaultsAndAnOpe
 TEST_F(ProviderConfigTest, BreakerIsAskedFirstAndASuccessMakesHealthy) {
   provider.host_fields().healthy = false;
   provider.circuit_breaker()->trip();
-  EXPECT_FALSE(back_after(30));
+  clock.advance(30);
+  EXPECT_FALSE(provider.is_available());
   EXPECT_EQ(provider.circuit_breaker()->snapshot().state, CircuitState::kHalfOpen);
   provider.record_success(10.0);
   EXPECT_TRUE(provider.is_available());
@@ -44,24 +50,45 @@ TEST_F(ProviderConfigTest, BreakerIsAskedFirstAndASuccessMakesHealthy) {
 
 TEST_F(ProviderConfigTest, CooldownIsThatOfTheFaultWhichOpenedTheBreaker) {
   fail(5);
-  EXPECT_TRUE(back_after(30));
+  expect_back_after(30);
   fail(1, "rate_limit");
   fail(3, "model_not_found");  // open already: these change nothing
-  EXPECT_TRUE(back_after(10));
+  expect_back_after(10);
   fail(1);  // no category: the cooldown persists
-  EXPECT_TRUE(back_after(10));
+  expect_back_after(10);
 }
 
-TEST_F(ProviderConfigTest, AdmissionTakesATokenAndASlotOrNothing) {
-  for (int i = 0; i < 10; ++i) ASSERT_TRUE(provider.can_accept(0));
-  EXPECT_FALSE(provider.can_accept(0.01));
-  EXPECT_EQ(provider.rate_limiter()->snapshot().tokens, 50.0);
+TEST_F(ProviderConfigTest, AdmissionWithoutATokenAsksForNoSlot) {
   provider.rate_limiter()->host_fields().tokens = 0.5;
   EXPECT_FALSE(provider.can_accept(60));
-  EXPECT_EQ(provider.bulkhead()->snapshot().rejected, 1);  // not asked the second time
-  for (int i = 0; i < 12; ++i) provider.release_slot();    // two too many
-  const BulkheadFields slots = provider.bulkhead()->snapshot();
-  EXPECT_TRUE(slots.active == 0 && slots.semaphore->permits() == 12);
+  EXPECT_EQ(provider.bulkhead()->snapshot().rejected, 0);
+  provider.release_slot();  // of nobody
+  EXPECT_EQ(provider.bulkhead()->snapshot().active, 0);
+  EXPECT_EQ(provider.bulkhead()->semaphore()->permits(), 11);
+}
+
+TEST_F(ProviderConfigTest, CrowdSpendsATokenForEachSlotAndGivesAllSlotsBack) {
+  for (int i = 0; i < 7; ++i) provider.bulkhead()->semaphore()->take_any();  // three are left
+  provider.rate_limiter()->host_fields() = {.max_tokens = 100'000, .tokens = 100'000};
+  std::atomic<int> inside = 0, admitted = 0;
+  const auto visit = [&](unsigned seed) {
+    std::minstd_rand random(seed);
+    for (int i = 0; i < 5000; ++i) {
+      if (!provider.can_accept(0.00001 * static_cast<double>(random() % 4))) continue;
+      ++admitted;
+      EXPECT_LE(++inside, 3);
+      if (i % 4 == 0) std::this_thread::yield();
+      --inside;
+      provider.release_slot();
+    }
+  };
+  std::vector<std::jthread> threads;
+  for (unsigned seed = 1; seed <= 8; ++seed) threads.emplace_back(visit, seed);
+  threads.clear();
+  EXPECT_EQ(provider.rate_limiter()->snapshot().tokens, 100'000 - admitted);
+  EXPECT_EQ(provider.bulkhead()->snapshot().rejected, 40'000 - admitted);
+  EXPECT_EQ(provider.bulkhead()->snapshot().active, 0);
+  EXPECT_EQ(provider.bulkhead()->semaphore()->permits(), 3);
 }
 
 }  // namespace
