@@ -3,10 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "flywheel/bootstrap_rules.h"
 #include "manual_clock.h"
@@ -14,28 +10,35 @@
 namespace tarvomeldric {
 namespace {
 
+// Starts from the bootstrap rules; what is recorded here is about "odd" faults.
 struct LearnerTest : ::testing::Test {
   LearnerTest() { learner.seed(); }
   std::string advice(std::string_view pattern) {
     const RulePtr rule = learner.match(pattern);
     return rule ? rule->action : "";
   }
+  RulePtr record(const char* action, bool success, double heal_time_ms = 1.0) {
+    learner.record({"odd", action, success, heal_time_ms});
+    return learner.rules().back();
+  }
   ManualClock clock;
   FlywheelLearner learner{"", clock};
 };
 
-TEST_F(LearnerTest, SeededAdviceIsTheMostConfidentOfThePatternElseOfItsCategory) {
+TEST_F(LearnerTest, StartsFromTheBootstrapRules) {
   const LearnerStats stats = learner.stats();
-  EXPECT_TRUE(stats.total_rules == 84 && stats.high_confidence_rules == 62);
-  const RulePtr first = learner.rules().front();
-  EXPECT_EQ(first->success_count, kBootstrapRules[0].success_count);
-  EXPECT_EQ(first->fail_count, kBootstrapRules[0].fail_count);
+  EXPECT_EQ(stats.total_rules, 84);
+  EXPECT_EQ(stats.high_confidence_rules, 62);
   EXPECT_TRUE(stats.bootstrap_rules_loaded);
+  const RulePtr first = learner.rules().front();
+  EXPECT_EQ(first->success_count, kBootstrapRules.front().success_count);
+  EXPECT_EQ(first->fail_count, kBootstrapRules.front().fail_count);
   learner.record({first->pattern, first->action, true, 1.0});  // known, so no new one
-  EXPECT_TRUE(learner.stats().total_rules == 84 && learner.stats().total_records == 1);
-  const auto stored = std::make_shared<LearnedRule>();
-  learner.store("of:another", stored);
-  EXPECT_EQ(learner.rules().back(), stored);
+  EXPECT_EQ(learner.stats().total_rules, 84);
+  EXPECT_EQ(learner.stats().total_records, 1);
+}
+
+TEST_F(LearnerTest, AdviceIsTheMostConfidentOfThePatternElseOfItsCategory) {
   EXPECT_EQ(advice("rate_limit:openai"), "failover:azure");
   EXPECT_EQ(advice("rate_limit:groq"), "failover:deepseek");
   EXPECT_EQ(advice("model_not_found"), "downgrade_model");  // the earlier of two equals
@@ -43,17 +46,18 @@ TEST_F(LearnerTest, SeededAdviceIsTheMostConfidentOfThePatternElseOfItsCategory)
 }
 
 TEST_F(LearnerTest, ConfidenceIsTheShareOfSuccesses) {
-  learner.record({"odd", "failover:groq", false, 50.0});
-  const RulePtr rule = learner.rules().back();
-  EXPECT_TRUE(rule->source == "learned" && rule->confidence == 0.0);
+  const RulePtr rule = record("failover:groq", false, 50.0);
+  EXPECT_EQ(rule->source, "learned");
+  EXPECT_EQ(rule->confidence, 0.0);
   clock.advance(5);
-  learner.record({"odd", "failover:groq", true, 0.0});
-  EXPECT_TRUE(rule->confidence == 0.5 && rule->last_seen == clock.wall());
-  for (int i = 1; i <= 51; ++i) learner.record({"odd", "failover:groq", true, 1.0 * i});
+  record("failover:groq", true, 0.0);
+  EXPECT_EQ(rule->confidence, 0.5);
+  EXPECT_EQ(rule->last_seen, clock.wall());
+  for (int i = 1; i <= 51; ++i) record("failover:groq", true, 1.0 * i);
   EXPECT_DOUBLE_EQ(rule->avg_heal_time_ms, 39.0);  // the mean of 27 to 51
 }
 
-TEST_F(LearnerTest, CountsFromOutsideGiveAShareOrNone) {
+TEST(LearnedRule, CountsFromOutsideGiveAShareOrNone) {
   const auto most = std::numeric_limits<std::int64_t>::max();
   const std::tuple<std::int64_t, std::int64_t, double> cases[] = {
       {0, 0, 1.0}, {0, -1, 0.0}, {most, most, 0.5}, {most, 0, 1.0}};
@@ -78,30 +82,6 @@ TEST_F(LearnerTest, RulesGoneStaleLoseHalfTheirConfidenceAtEachMatch) {
   EXPECT_EQ(stale->confidence, 0.1);
 }
 
-struct Fleet final : RulePublisher {
-  void publish(const std::string& key, const LearnedRule&) override { told.push_back(key); }
-  std::vector<std::string> told;
-};
-
-TEST_F(LearnerTest, TellsAFleetAndTakesFromItWhatIsMoreConfident) {
-  Fleet fleet;
-  learner.set_publisher(&fleet);
-  learner.record({"odd", "failover:azure", true, 1.0});
-  EXPECT_FALSE(learner.would_wait());
-  learner.host_fields().sync_mode = "redis";
-  learner.record({"odd", "failover:groq", true, 1.0});
-  learner.record({"odd", "failover:groq", false, 1.0});
-  EXPECT_TRUE(learner.would_wait());
-  EXPECT_EQ(fleet.told, (std::vector<std::string>{"odd:failover:groq", "odd:failover:groq"}));
-  const auto offer = [&](double confidence) {
-    auto rule = std::make_shared<LearnedRule>(LearnedRule{.confidence = confidence});
-    learner.merge("odd:failover:groq", rule);
-    return learner.rules().back() == rule;
-  };
-  EXPECT_FALSE(offer(0.5));
-  EXPECT_TRUE(offer(0.51));
-}
-
 TEST_F(LearnerTest, AdviceIsHadAtOnceUnlessSomebodyHoldsTheLock) {
   std::optional<Advice> advice;
   EXPECT_TRUE(learner.try_advise("rate_limit:openai", advice));
@@ -111,21 +91,38 @@ TEST_F(LearnerTest, AdviceIsHadAtOnceUnlessSomebodyHoldsTheLock) {
   EXPECT_FALSE(learner.try_advise("rate_limit:openai", advice));
 }
 
+struct Fleet final : RulePublisher {
+  void publish(const std::string& key, const LearnedRule&) override { told += key + " "; }
+  std::string told;
+};
+
+TEST_F(LearnerTest, TellsAFleetAndTakesFromItOnlyWhatIsMoreConfident) {
+  Fleet fleet;
+  learner.set_publisher(&fleet);
+  record("failover:azure", true);
+  EXPECT_FALSE(learner.would_wait());
+  learner.host_fields().sync_mode = "redis";
+  const RulePtr known = record("failover:groq", true);
+  EXPECT_TRUE(learner.would_wait());
+  EXPECT_EQ(fleet.told, "odd:failover:groq ");
+  const auto offered = std::make_shared<LearnedRule>(LearnedRule{.confidence = 1.0});
+  learner.merge("odd:failover:groq", offered);
+  EXPECT_EQ(learner.rules().back(), known);
+  known->confidence = 0.99;
+  learner.merge("odd:failover:groq", offered);
+  EXPECT_EQ(learner.rules().back(), offered);
+}
+
 TEST(LearnerFile, IsWrittenAtTheStartAndAtEveryTwentiethRecord) {
-  const std::filesystem::path path =
-      std::filesystem::path(::testing::TempDir()) / "learner_test" / "rules.json";
-  std::filesystem::remove_all(path.parent_path());
+  const std::filesystem::path path = ::testing::TempDir() + "learner_test.json";
   FlywheelLearner learner(path.string());
-  const auto written = [&] { return std::filesystem::remove(path); };
   learner.seed();
-  EXPECT_TRUE(written());
-  std::vector<int> at;
-  for (int i = 1; i <= 41; ++i) {
+  std::vector<int> written;
+  for (int records = 0; records <= 41; ++records) {
+    if (std::filesystem::remove(path)) written.push_back(records);
     learner.record({"odd", "failover:groq", true, 1.0});
-    if (written()) at.push_back(i);
   }
-  EXPECT_EQ(at, (std::vector<int>{20, 40}));
-  std::filesystem::remove_all(path.parent_path());
+  EXPECT_EQ(written, (std::vector<int>{0, 20, 40}));
 }
 
 }  // namespace

@@ -30,7 +30,9 @@ TEST(MetricsCollector, HealthCountsTheNamesOfFaultsOnceThereAreCalls) {
   EXPECT_FALSE(metrics.health().degraded);
   metrics.inc("calls_total", 10);
   const HealthDocument health = metrics.health();
-  EXPECT_TRUE(health.degraded && health.error_count == 1 && health.summary.size() == 2);
+  EXPECT_TRUE(health.degraded);
+  EXPECT_EQ(health.error_count, 1);
+  EXPECT_EQ(health.summary.size(), 2U);
 }
 
 }  // namespace

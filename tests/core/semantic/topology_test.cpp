@@ -13,7 +13,8 @@ std::string shown(const SemanticClassification& got) {
 TEST(SemanticTopology, DeclaredStructureWinsOverTheTaskType) {
   const auto classify = [](auto... a) { return shown(SemanticTopology().classify_request(a...)); };
   const std::string exact = "strong_equiv structured_output_schema_guaranteed none";
-  EXPECT_TRUE(classify("brainstorming", true) == exact && classify("", false, true) == exact);
+  EXPECT_EQ(classify("brainstorming", true), exact);
+  EXPECT_EQ(classify("", false, true), exact);
   EXPECT_EQ(classify("SQL_Generation"), "strong_equiv task_type:sql_generation none");
   EXPECT_EQ(classify("open_dialogue"), "out_of_bounds task_type:open_dialogue none");
   EXPECT_EQ(classify(" Rewriting\u3000"), "tau_neighborhood task_type:rewriting 0.85");
