@@ -78,7 +78,7 @@ void check_diagnosis(std::string_view input) {
   if (!row && listed) label += ":http_" + std::to_string(*status);
   require(got.sub_category == label, "label");
   require(got.should_retry != got.skip_to_failover, "retry or go elsewhere");
-  require(got.retry_after.has_value() == (category == FaultCategory::kRateLimit), "retry after");
+  require(got.retry_after_s.has_value() == (category == FaultCategory::kRateLimit), "retry after");
   require(text::lower(input).starts_with(got.raw_error), "the beginning of the text is kept");
   require(text::length(got.raw_error) <= 500, "500 characters of the text are kept");
 }

@@ -45,7 +45,7 @@ RulePtr rule_of(Values& values) {
   rule->success_count = values.number<std::int64_t>();
   rule->fail_count = values.number<std::int64_t>();
   rule->confidence = values.number<double>();
-  rule->last_seen = values.number<double>();
+  rule->last_seen_s = values.number<double>();
   rule->avg_heal_time_ms = values.number<double>();
   return rule;
 }
@@ -61,7 +61,7 @@ std::string members(const std::string& between) {
                                     {"success_count", kCount},
                                     {"fail_count", kCount},
                                     {"confidence", kFloat},
-                                    {"last_seen", kFloat},
+                                    {"last_seen_s", kFloat},
                                     {"avg_heal_time_ms", kFloat},
                                     {"source", kText}}) {
     all.append(between).append("\"").append(name).append("\": ").append(value);

@@ -216,14 +216,12 @@ def test_run_without_a_key_that_works_is_a_negative_finding(
     assert [path.name for path in home.iterdir()] == [".tarvomeldric"]  # this engine is a real one
 
 
-@pytest.mark.parametrize(
-    "line",
-    [
-        *("", "diagnose", "serve --port 65536", "serve --seconds 0", "serve --seconds nan"),
-        *(f"run --key {KEY}", f"run --key nobody={KEY}", f"run --keys openai={KEY} Hi"),
-        *(f"run Hi {KEY}", f"openai={KEY}", f"diagnose timeout --status key={KEY}"),
-    ],
-)
+WRONG = ["", "diagnose", "serve --port 65536", "serve --seconds 0", "serve --seconds nan"]
+WRONG += [f"run --key {KEY}", f"run --key nobody={KEY}", f"run --keys openai={KEY} Hi"]
+WRONG += [f"run Hi {KEY}", f"openai={KEY}", f"diagnose timeout --status key={KEY}"]
+
+
+@pytest.mark.parametrize("line", WRONG)
 def test_what_is_not_understood_is_explained_without_quoting_keys(line: str) -> None:
     refused = cli(*line.split())
     assert refused.status == 2
@@ -283,10 +281,9 @@ def test_colour_is_for_people_who_look_and_do_not_mind(monkeypatch: pytest.Monke
 
 @pytest.mark.usefixtures("kept_clean")
 @pytest.mark.parametrize(
-    ("arguments", "moment", "status"),
-    [(["demo"], "waits", 130), (["serve", "--port", "0"], "Ctrl-C", 0)],
+    ("line", "moment", "status"), [("demo", "waits", 130), ("serve --port 0", "Ctrl-C", 0)]
 )
-def test_ctrl_c_on_a_terminal_ends_in_order(arguments: Any, moment: str, status: int) -> None:
-    ended = on_a_terminal(*arguments, interrupt_at=moment)
+def test_ctrl_c_on_a_terminal_ends_in_order(line: str, moment: str, status: int) -> None:
+    ended = on_a_terminal(*line.split(), interrupt_at=moment)
     assert ended.status == status
     assert not re.search("Traceback|Error", ended.out)

@@ -7,7 +7,6 @@ from typing import Any
 
 import pytest
 
-from support import run_child
 from tarvomeldric import Contract
 
 # One of each kind; random ones are the fuzzer's.
@@ -49,10 +48,12 @@ def test_all_checks_are_made_in_their_order() -> None:
     assert result["contract_type"] == "schema"
 
 
-@pytest.mark.parametrize("kind", ["similarity", "forbidden"])
+NO_CHECKS: dict[str, Any] = {"similarity": {"similarity_threshold": 0.5}, "forbidden": {}}
+
+
+@pytest.mark.parametrize("kind", NO_CHECKS)
 def test_without_a_check_everything_passes(kind: str) -> None:
-    fields: Any = {"similarity": {"similarity_threshold": 0.5}, "forbidden": {}}[kind]
-    result = Contract(**fields).validate("")
+    result = Contract(**NO_CHECKS[kind]).validate("")
     assert result.checks == []
     assert result.passed
     assert result.contract_type == kind
@@ -70,15 +71,9 @@ def test_what_cannot_be_checked_is_the_callers_error() -> None:
         assert not Contract(output_schema={}).validate(number).passed
 
 
-HOSTILE = """
-from tarvomeldric import Contract
-for piece in "[", "{", "}", "]", "[{", "{[", "[]{", "}{", '{"a":', "[1,", '"[', "x":
-    output = piece * ((1 << 20) // len(piece))
-    for text in output, output + "]", "[" + output, "x" + output + "{":
-        Contract(output_schema={"required": ["x"]}).validate(text)
-"""
-
-
 def test_a_hostile_megabyte_is_searched_once() -> None:
-    # A search that starts over at every bracket would take hours.
-    assert run_child(HOSTILE) == ""
+    contract = Contract(output_schema={"required": ["x"]})
+    for piece in ("[", "{", "}", "]", "[{", "{[", "[]{", "}{", '{"a":', "[1,", '"[', "x"):
+        output = piece * ((1 << 20) // len(piece))
+        for text in (output, output + "]", "[" + output, "x" + output + "{"):
+            contract.validate(text)  # starting over at every bracket would take hours

@@ -4,7 +4,6 @@ the way there."""
 from __future__ import annotations
 
 import asyncio
-import sys
 import time
 from types import SimpleNamespace
 from typing import Any
@@ -234,24 +233,6 @@ def test_errors_reach_the_caller_as_they_were_raised(way: str, slept: list[float
         assert engine.is_idle()
     with pytest.raises(Exception, match="unterminated"):
         ask(Played(503, "answer"), way, "Hi", contract=Contract(forbidden_patterns=["("]))
-
-
-def test_telemetry_that_fails_changes_nothing(
-    way: str, slept: list[float], monkeypatch: pytest.MonkeyPatch
-) -> None:
-    made: list[Any] = []
-
-    def fail() -> None:
-        made.append("a collector")
-        raise OSError
-
-    for module in (None, SimpleNamespace(), SimpleNamespace(TelemetryCollector=fail)):
-        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", module)
-        engine = Played(503, "answer")
-        engine._telemetry = None
-        assert ask(engine, way, "Hi", GPT).heal_level == L1
-        assert engine._telemetry is None
-    assert made == ["a collector"]
 
 
 def test_a_failover_by_hand(way: str) -> None:

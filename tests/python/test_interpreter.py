@@ -161,8 +161,11 @@ def test_what_a_foreign_diagnosis_raises_is_what_the_caller_gets(
         Diagnoser().suggest_recovery(diagnosis)
 
 
+RAISING = ["__str__", "status_code", "TelemetryCollector", "record_fault", "__del__"]
+
+
 @pytest.mark.parametrize("error", [ValueError, SystemExit])
-@pytest.mark.parametrize("member", ["__str__", "status_code", "record_fault", "__del__"])
+@pytest.mark.parametrize("member", RAISING)
 def test_what_is_raised_while_a_call_heals_ends_it_only_when_it_is_no_exception(
     ask: Ask, member: str, error: type[BaseException], monkeypatch: Any
 ) -> None:
@@ -170,6 +173,8 @@ def test_what_is_raised_while_a_call_heals_ends_it_only_when_it_is_no_exception(
     monkeypatch.setattr(sys, "unraisablehook", lambda event: unraisable.append(event.exc_type))
     if member == "record_fault":
         engine._telemetry = raising(error, member)()
+    elif member == "TelemetryCollector":
+        monkeypatch.setitem(sys.modules, "tarvomeldric.telemetry", raising(error, member)())
     else:
         engine.failure = raising(error, member, APIError)
     if issubclass(error, Exception) or member == "__del__":

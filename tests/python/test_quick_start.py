@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import asyncio
 import signal
-import threading
 from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from typing import Any
 
 import pytest
@@ -34,14 +35,21 @@ REPORT = f"""\
 """
 
 
+@contextmanager
+def current(loop: asyncio.AbstractEventLoop) -> Iterator[asyncio.AbstractEventLoop]:
+    """A loop of this thread's own: what was current before belongs to other tests."""
+    asyncio.set_event_loop(loop)
+    try:
+        yield loop
+    finally:
+        asyncio.set_event_loop(None)
+        loop.close()
+
+
 @pytest.fixture
 def fresh_loop() -> Iterator[asyncio.AbstractEventLoop]:
-    """A loop of this thread's own: what was current before belongs to other tests."""
-    loop = asyncio.new_event_loop()
-    asyncio.set_event_loop(loop)
-    yield loop
-    asyncio.set_event_loop(None)
-    loop.close()
+    with current(asyncio.new_event_loop()) as loop:
+        yield loop
 
 
 @pytest.mark.usefixtures("fresh_loop")
@@ -109,27 +117,18 @@ async def inside(act: Any) -> Any:
 
 
 def on_a_closed_loop(act: Any) -> Any:
-    loop = asyncio.new_event_loop()
-    loop.close()
-    asyncio.set_event_loop(loop)
-    try:
+    with current(asyncio.new_event_loop()) as loop:
+        loop.close()
         return act()
-    finally:
-        asyncio.set_event_loop(None)
 
 
 def on_a_loop_that_another_thread_runs(act: Any) -> Any:
-    loop = asyncio.new_event_loop()
-    thread = threading.Thread(target=loop.run_forever)
-    thread.start()
-    asyncio.set_event_loop(loop)
-    try:
-        return act()
-    finally:
-        asyncio.set_event_loop(None)
-        loop.call_soon_threadsafe(loop.stop)
-        thread.join()
-        loop.close()
+    with current(asyncio.new_event_loop()) as loop, ThreadPoolExecutor(1) as other:
+        other.submit(loop.run_forever)
+        try:
+            return act()
+        finally:
+            loop.call_soon_threadsafe(loop.stop)
 
 
 PLACES: dict[str, Any] = {
@@ -164,14 +163,11 @@ import asyncio, logging, sys, tarvomeldric
 from helpers import providers_at
 logging.getLogger("asyncio").setLevel(logging.ERROR)  # how slow this machine is does not matter
 def loop_found():
-    try:
-        loop = asyncio.get_event_loop()
-    except Exception as error:
-        return type(error).__name__
-    else:
-        found = type(loop).__name__, loop.is_running(), loop.is_closed()
-        loop.close()
-        return found
+    try: loop = asyncio.get_event_loop()
+    except Exception as error: return type(error).__name__
+    found = type(loop).__name__, loop.is_closed()
+    loop.close()
+    return found
 
 def is_healthy():
     with providers_at(sys.argv[1]):

@@ -63,11 +63,8 @@ def test_a_failure_is_the_last_item() -> None:
             assert items == [*events, last_item(error)]
     assert asyncio.run(events_of(engine)) == [last_item("stream_interrupted: ConnectError")]
     # A client of the host's own may fail in its own way.
-    for raised, kind in (
-        (TimeoutError, "interrupted"),
-        (asyncio.TimeoutError, "interrupted"),
-        (KeyError, "error"),
-    ):
+    kinds = {TimeoutError: "interrupted", asyncio.TimeoutError: "interrupted", KeyError: "error"}
+    for raised, kind in kinds.items():
         client = Mock(stream=Mock(side_effect=raised("x")), aclose=AsyncMock())
         engine._http_pool["mine"] = client
         assert asyncio.run(events_of(engine)) == [last_item(f"stream_{kind}: {raised.__name__}")]

@@ -15,7 +15,7 @@ TEST(Diagnoser, CountsCategoryAndLabelAndKeepsTheBeginningOfTheText) {
   std::string stats;
   for (const auto& [key, n] : diagnoser.snapshot().stats) stats += key + std::to_string(n) + " ";
   EXPECT_EQ(stats, "timeout2 rate_limit1 rate_limit:azure1 ");
-  diagnoser.host_fields().latencies = {4.0, 1.0, 3.0, 2.0};
+  diagnoser.interpreter_locked_fields().latencies_us = {4.0, 1.0, 3.0, 2.0};
   const LatencyStats latency = *diagnoser.latency_stats();
   EXPECT_EQ(latency.p50, 3.0);
   EXPECT_EQ(latency.p95, 4.0);

@@ -57,9 +57,9 @@ TEST(Call, PausesWhenMoreThanThreeInTenMeetRateLimits) {
 
 TEST_F(CallTest, IsRefusedWhenThereIsNoProviderOrTheOnlyOneIsBusy) {
   const ProviderPtr openai = add("openai");
-  openai->rate_limiter()->host_fields().tokens = 0;
+  openai->rate_limiter()->interpreter_locked_fields().tokens = 0;
   EXPECT_EQ(ask({}), "Primary rate-limited, no fallback available.");
-  openai->host_fields().healthy = false;
+  openai->interpreter_locked_fields().healthy = false;
   EXPECT_EQ(ask({}), "No healthy providers available.");
   EXPECT_EQ(counted(),
             "call_count 2, rate_limited_count, calls_total 2, rate_limited, errors_no_provider");
@@ -67,9 +67,9 @@ TEST_F(CallTest, IsRefusedWhenThereIsNoProviderOrTheOnlyOneIsBusy) {
 
 TEST_F(CallTest, GoesToTheModelsProviderThenToTheHealthiestOther) {
   const ProviderPtr groq = add("groq"), openai = add("openai"), azure = add("azure", 1);
-  openai->rate_limiter()->host_fields().tokens = 0;
+  openai->rate_limiter()->interpreter_locked_fields().tokens = 0;
   azure->record_success(1.0);
-  const CallRequest request{.model = "gpt-4o", .bulkhead_timeout = 0.3};
+  const CallRequest request{.model = "gpt-4o", .bulkhead_timeout_s = 0.3};
   EXPECT_EQ(ask(request), "direct azure gpt-4o for openai gpt-4o");
   ASSERT_TRUE(azure->bulkhead()->acquire(0));
   EXPECT_EQ(ask(request), "All providers rate-limited or at capacity.");
@@ -91,7 +91,7 @@ TEST(Call, ConfidentAdviceReroutesToAnotherAvailableProvider) {
     for (const char* name : {"openai", "groq"}) world.add(name);
     world.learner.store("advice", std::make_shared<LearnedRule>(
                                       LearnedRule{.pattern = "model_request:openai",
-                                                  .last_seen = world.clock.wall(),
+                                                  .last_seen_s = world.clock.wall(),
                                                   .confidence = confidence,
                                                   .action = std::string("failover:") + target}));
     EXPECT_EQ(world.ask(), moved ? "l4_learned groq gpt-4o for openai gpt-4o"

@@ -75,10 +75,10 @@ TEST(Healing, ByARetryKeepsTheFirstFaultAndReportsIt) {
             "execute 0, knowledge 3250, recorded, 3250 in all");
   EXPECT_EQ(joined(day.io.reports),
             "retry of server_error (server_error:http_500) by openai gpt-4o in 250 ms");
-  EXPECT_EQ(day.answered().latency_ms, 250.0);
-  EXPECT_EQ(day.answered().domain, exact);
-  EXPECT_EQ(day.answered().validation_passed, true);
-  EXPECT_FALSE(day.answered().downgraded);
+  EXPECT_EQ(day.answered().answer.latency_ms, 250.0);
+  EXPECT_EQ(day.answered().answer.semantic_domain, value_of(exact));
+  EXPECT_EQ(day.answered().answer.validation_passed, true);
+  EXPECT_FALSE(day.answered().answer.downgraded);
   const ProviderFields openai = day.provider("openai")->snapshot();
   EXPECT_EQ(openai.success_count, 1);
   EXPECT_EQ(openai.fail_count, 2);
@@ -93,7 +93,7 @@ TEST(Healing, ByADowngradeGoesByTheLatestDiagnosis) {
   Day day(plays);
   EXPECT_EQ(day.ask(),
             "l2_downgrade openai gpt-4o-mini for openai gpt-4o after model_not_found:http_404");
-  EXPECT_TRUE(day.answered().downgraded);
+  EXPECT_TRUE(day.answered().answer.downgraded);
   EXPECT_EQ(day.learned(),
             "server_error:http_500>retry:openai 0/5, "
             "model_not_found:http_404>downgrade:openai:gpt-4o-mini 1/0");
@@ -184,8 +184,8 @@ TEST(Failover, SkipsTheBarredAndTheBusyAndKeepsTheLastError) {
             "auth_error:http_401>failover:deepseek 0/1, auth_error:http_401>all_failed 0/1");
 
   Day busy(failures(1, 401));
-  busy.provider("anthropic")->rate_limiter()->host_fields().tokens = -99;
-  busy.provider("deepseek")->bulkhead()->semaphore()->reset_after_fork();  // no slots at all
+  busy.provider("anthropic")->rate_limiter()->interpreter_locked_fields().tokens = -99;
+  busy.provider("deepseek")->bulkhead()->semaphore()->renew_after_fork();  // no slots at all
   EXPECT_EQ(busy.ask(), "All providers failed");
   EXPECT_EQ(busy.road(), "openai gpt-4o, permit 1");
   EXPECT_EQ(busy.metrics.counter("rate_limited_during_failover"), 2);
@@ -197,9 +197,9 @@ TEST(Failover, OrdersByHealthAdviceAndLatency) {
   const NamedProvider deepseek{"deepseek", day.provider("deepseek")};
   EXPECT_EQ(provider_priority(deepseek, std::nullopt), 50.0);
   EXPECT_EQ(provider_priority({"openai", day.provider("openai")}, advice), 50.0);
-  deepseek.provider->host_fields().recent_latencies.append(400.0);
+  deepseek.provider->interpreter_locked_fields().recent_latencies_ms.append(400.0);
   EXPECT_EQ(provider_priority(deepseek, advice), 85.0);
-  deepseek.provider->host_fields().recent_latencies = {2000.0};
+  deepseek.provider->interpreter_locked_fields().recent_latencies_ms = {2000.0};
   EXPECT_EQ(provider_priority(deepseek, std::nullopt), 50.0);
 
   day.learner.record({"auth_error:http_401", "failover:deepseek", true, 1.0});
@@ -212,7 +212,7 @@ TEST(Failover, OrdersByHealthAdviceAndLatency) {
             "auth_error, auth_error:http_401, l3_failover, healed, monitor 0, analyze 0, plan 0, "
             "execute 0, knowledge 250, recorded, 250 in all");
   EXPECT_EQ(day.measured(), "fault_latency_us 0, latency_failover_ms 250");
-  EXPECT_EQ(day.answered().latency_ms, 250.0);
+  EXPECT_EQ(day.answered().answer.latency_ms, 250.0);
   EXPECT_EQ(day.provider("deepseek")->snapshot().success_count, 1);
 }
 

@@ -151,10 +151,10 @@ struct World {
     if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
       return failed->kind == CallFailed::Kind::kProviderError ? "the last error" : failed->message;
     }
-    const CallAnswered& got = answered();
+    const auto& [got, fault, trace] = answered();
     return told(got.heal_level.empty() ? "direct" : got.heal_level, " ", got.provider, " ",
                 got.model, " for ", got.original_provider, " ", got.original_model,
-                got.fault ? told(" after ", got.fault->fault_label()) : "");
+                fault ? told(" after ", fault->fault_label()) : "");
   }
   const CallAnswered& answered() const { return std::get<CallAnswered>(outcome); }
   // What each stage came to, and how many milliseconds after the start the stages were entered.

@@ -52,7 +52,7 @@ TEST_F(LearnerTest, ConfidenceIsTheShareOfSuccesses) {
   clock.advance(5);
   record("failover:groq", true, 0.0);
   EXPECT_EQ(rule->confidence, 0.5);
-  EXPECT_EQ(rule->last_seen, clock.wall());
+  EXPECT_EQ(rule->last_seen_s, clock.wall());
   for (int i = 1; i <= 51; ++i) record("failover:groq", true, 1.0 * i);
   EXPECT_DOUBLE_EQ(rule->avg_heal_time_ms, 39.0);  // the mean of 27 to 51
 }
@@ -101,7 +101,7 @@ TEST_F(LearnerTest, TellsAFleetAndTakesFromItOnlyWhatIsMoreConfident) {
   learner.set_publisher(&fleet);
   record("failover:azure", true);
   EXPECT_FALSE(learner.would_wait());
-  learner.host_fields().sync_mode = "redis";
+  learner.interpreter_locked_fields().sync_mode = "redis";
   const RulePtr known = record("failover:groq", true);
   EXPECT_TRUE(learner.would_wait());
   EXPECT_EQ(fleet.told, "odd:failover:groq ");

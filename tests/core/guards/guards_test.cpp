@@ -50,7 +50,7 @@ TEST_F(CircuitBreakerTest, OpensOnARunOfFailuresOrOnTheirShareOfAFullWindow) {
       {run + "ffff", "closed 4 0 0"},      {run + "ffffff", "open 6 1 0"},
       {ten + run + ten, "closed 1 0 0"}};
   for (const auto& [outcomes, end] : cases) {
-    breaker.host_fields() = {};
+    breaker.interpreter_locked_fields() = {};
     EXPECT_EQ(after(outcomes), end) << outcomes;
   }
 }
@@ -98,7 +98,7 @@ TEST(Bulkhead, CountsWhoIsInsideUntilAForkStartsItAfresh) {
   EXPECT_EQ(bulkhead.snapshot().active, 2);
   const auto before_the_fork = bulkhead.semaphore();
   ASSERT_TRUE(bulkhead.mutex().try_lock());  // by a thread that the child does not have
-  bulkhead.reset_after_fork();
+  bulkhead.renew_after_fork();
   EXPECT_EQ(bulkhead.snapshot().active, 0);
   EXPECT_EQ(bulkhead.semaphore()->permits(), 3);
   EXPECT_EQ(before_the_fork->permits(), 0);

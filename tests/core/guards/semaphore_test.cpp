@@ -83,10 +83,10 @@ TEST_F(SemaphoreTest, WhoJoinsIsWokenForAFreePermitAndGoesBehindOnJoiningAgain) 
 TEST_F(SemaphoreTest, OneWhoDoesNotComeHoldsTheOthersUpForAMomentOnly) {
   arrive("ab");
   semaphore.release();
-  clock.advance(Semaphore::kGrace / 2);
+  clock.advance(Semaphore::kGraceSeconds / 2);
   EXPECT_FALSE(look('b'));
   EXPECT_FALSE(semaphore.try_acquire());
-  clock.advance(Semaphore::kGrace);
+  clock.advance(Semaphore::kGraceSeconds);
   EXPECT_TRUE(look('b'));
   leave('b');
   semaphore.release();
@@ -98,7 +98,7 @@ TEST_F(SemaphoreTest, AWakeThatIsLostCostsItsMomentHoweverBusyTheOthersAre) {
   arrive("z");
   semaphore.release();
   for (char passing : {'a', 'b', 'c', 'd', 'e'}) {
-    clock.advance(Semaphore::kGrace / 2);
+    clock.advance(Semaphore::kGraceSeconds / 2);
     arrive({&passing, 1});
     semaphore.release();
     ASSERT_TRUE(look(passing));

@@ -39,7 +39,7 @@ TEST_F(ProviderConfigTest, HealthIsTheShareOfSuccessesLessForFreshFaultsAndAnOpe
 }
 
 TEST_F(ProviderConfigTest, BreakerIsAskedFirstAndASuccessMakesHealthy) {
-  provider.host_fields().healthy = false;
+  provider.interpreter_locked_fields().healthy = false;
   provider.circuit_breaker()->trip();
   clock.advance(30);
   EXPECT_FALSE(provider.is_available());
@@ -59,7 +59,7 @@ TEST_F(ProviderConfigTest, CooldownIsThatOfTheFaultWhichOpenedTheBreaker) {
 }
 
 TEST_F(ProviderConfigTest, AdmissionWithoutATokenAsksForNoSlot) {
-  provider.rate_limiter()->host_fields().tokens = 0.5;
+  provider.rate_limiter()->interpreter_locked_fields().tokens = 0.5;
   EXPECT_FALSE(provider.can_accept(60));
   EXPECT_EQ(provider.bulkhead()->snapshot().rejected, 0);
   provider.release_slot();  // of nobody
@@ -69,7 +69,7 @@ TEST_F(ProviderConfigTest, AdmissionWithoutATokenAsksForNoSlot) {
 
 TEST_F(ProviderConfigTest, CrowdSpendsATokenForEachSlotAndGivesAllSlotsBack) {
   for (int i = 0; i < 7; ++i) provider.bulkhead()->semaphore()->take_any();  // three are left
-  provider.rate_limiter()->host_fields() = {.max_tokens = 100'000, .tokens = 100'000};
+  provider.rate_limiter()->interpreter_locked_fields() = {.max_tokens = 100'000, .tokens = 100'000};
   std::atomic<int> inside = 0, admitted = 0;
   const auto visit = [&](unsigned seed) {
     std::minstd_rand random(seed);

@@ -18,9 +18,10 @@ TEST(Models, AreResolvedByProviderDowngradedAlongItsChainAndHintAtAFamily) {
 }
 
 TEST(RequestShape, FailureTextShowsNoCredential) {
-  EXPECT_EQ(shown_failure("?KEY=1", "sk-12345"), "[REDACTED]");
-  EXPECT_EQ(shown_failure("a bearer", "sk-12345"), "a bearer");
-  EXPECT_EQ(shown_failure("a word", "word"), "a word");  // too short to be a key
+  EXPECT_EQ(shown_failure("?KEY=1", Endpoint{.api_key = "sk-12345"}), "[REDACTED]");
+  EXPECT_EQ(shown_failure("a bearer", Endpoint{.api_key = "sk-12345"}), "a bearer");
+  EXPECT_EQ(shown_failure("a word", Endpoint{.api_key = "word"}),
+            "a word");  // too short to be a key
 }
 
 }  // namespace
