@@ -61,7 +61,7 @@ std::string members(const std::string& between) {
                                     {"success_count", kCount},
                                     {"fail_count", kCount},
                                     {"confidence", kFloat},
-                                    {"last_seen_s", kFloat},
+                                    {"last_seen", kFloat},
                                     {"avg_heal_time_ms", kFloat},
                                     {"source", kText}}) {
     all.append(between).append("\"").append(name).append("\": ").append(value);

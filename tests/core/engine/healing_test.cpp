@@ -185,7 +185,7 @@ TEST(Failover, SkipsTheBarredAndTheBusyAndKeepsTheLastError) {
 
   Day busy(failures(1, 401));
   busy.provider("anthropic")->rate_limiter()->interpreter_locked_fields().tokens = -99;
-  busy.provider("deepseek")->bulkhead()->semaphore()->renew_after_fork();  // no slots at all
+  busy.provider("deepseek")->bulkhead()->semaphore()->take_all();  // no slots at all
   EXPECT_EQ(busy.ask(), "All providers failed");
   EXPECT_EQ(busy.road(), "openai gpt-4o, permit 1");
   EXPECT_EQ(busy.metrics.counter("rate_limited_during_failover"), 2);
