@@ -25,7 +25,7 @@ from unittest import mock
 import httpx
 
 import tarvomeldric as tm
-from support import allocated
+from support import allocated, engine_with, tireless
 from tarvomeldric import (
     APIError,
     CircuitBreaker,
@@ -35,7 +35,7 @@ from tarvomeldric import (
     MapeKPhase,
     RateLimiter,
 )
-from tarvomeldric.simulator import rehearsal
+from tarvomeldric.simulator import ProviderSimulator, rehearsal
 
 _MANY = 1_000_000
 _PRIMING = 200  # times, in which caches fill
@@ -120,9 +120,11 @@ def use_mapping(view: Any, value: Any) -> None:
 
 
 class World:
-    """What the operations work with."""
+    """What the operations work with; over a real connection where they are wired."""
 
-    def __init__(self) -> None:
+    def __init__(self, base_url: str) -> None:
+        self.wired = engine_with(tireless(base_url=base_url))
+        self.loop = asyncio.new_event_loop()
         self.good, self.bad, self.healing = engine_on(200), engine_on(401), engine_on(429, 200)
         self.pending = engine_on()
         self.pending._execute = lambda *_, **__: Pending()
@@ -131,6 +133,14 @@ class World:
         exact = tm.SemanticTopology().classify_request("", True)
         self.failing = "Hi", None, "other", self.diagnosis, exact, "other", "m", "r"
 
+    def close(self) -> None:
+        self.loop.run_until_complete(self.wired.close())
+        self.loop.run_until_complete(self.loop.shutdown_asyncgens())
+        self.loop.close()
+
+    def awaited(self, prompt: str) -> Any:
+        return self.loop.run_until_complete(self.wired.call(prompt))
+
     def suspended(self) -> Any:
         coroutine = self.pending.call("Hi")
         coroutine.send(None)
@@ -138,7 +148,7 @@ class World:
 
     def forget(self) -> None:
         """Drops the samples that the metrics may keep thousands of."""
-        for engine in (self.good, self.bad, self.healing, self.pending):
+        for engine in (self.good, self.bad, self.healing, self.pending, self.wired):
             engine._metrics, engine._diagnoser = tm.MetricsCollector(), tm.Diagnoser()
 
 
@@ -174,6 +184,10 @@ OPERATIONS: dict[str, Callable[[World], Any]] = {
     "healed call": lambda w: drive(w.healing.call("Hi", contract=SCHEMA)),
     "failing call_sync": lambda w: refused(FAILURES, lambda: w.bad.call_sync("Hi")),
     "failing call": lambda w: refused(FAILURES, lambda: drive(w.bad.call("Hi"))),
+    "exchange": lambda w: w.wired.call_sync("Hi"),
+    "awaited exchange": lambda w: w.awaited("Hi"),
+    "refused exchange": lambda w: refused(FAILURES, lambda: w.wired.call_sync("refuse")),
+    "refused awaited exchange": lambda w: refused(FAILURES, lambda: w.awaited("refuse")),
     "failover": lambda w: w.good._failover_sync(*w.failing),
     "broken contract": lambda w: refused(
         tm.ContractViolationError, lambda: drive(w.good._failover(*w.failing, contract=STRICT))
@@ -286,16 +300,17 @@ def left_behind(world: World, name: str, times: int) -> dict[str, int]:
     return {what: left for what, left in after.items() if left > spare.get(what, _SPARE_OBJECTS)}
 
 
-def complaints(times: int) -> Iterator[str]:
+def complaints(times: int, base_url: str) -> Iterator[str]:
     """What each operation left behind, every time anew."""
     for name in OPERATIONS:
-        world = World()
+        world = World(base_url)
         left_behind(world, name, _PRIMING)
         rounds = [left_behind(world, name, times)]
         while rounds[-1] and len(rounds) < _ROUNDS:
             rounds.append(left_behind(world, name, times))
         if rounds[-1]:
             yield f"{times} times {name!r} left behind {rounds[-1]}"
+        world.close()
 
 
 def main() -> int:
@@ -305,10 +320,11 @@ def main() -> int:
     options = parser.parse_args()
     warnings.filterwarnings("ignore", "coroutine .* was never awaited")
     tm._engine._warn_of_leaks(True)
-    with rehearsal(), in_no_time():
-        found = list(complaints(options.times))
+    simulator = ProviderSimulator(rules={"refuse": 401}, process=True, keep=1)
+    with rehearsal(), in_no_time(), simulator:
+        found = list(complaints(options.times, simulator.base_url))
         if options.leak:
-            ctypes.pythonapi.Py_IncRef(ctypes.py_object(World().good))
+            ctypes.pythonapi.Py_IncRef(ctypes.py_object(engine_on(200)))
     for complaint in found:
         print(f"not right: {complaint}")
     return 1 if found else 0

@@ -31,7 +31,7 @@ constexpr const char* kServeDoc =
 void bind_dashboard(nb::module_& module) {
   def(
       module, "serve_dashboard",
-      [](Annotated<"SelfHealingEngine"> engine, const std::string& host, std::int64_t port,
+      [](const Annotated<"SelfHealingEngine">& engine, const std::string& host, std::int64_t port,
          bool with_prometheus, bool with_health,
          bool with_dashboard) -> Annotated<"http.server.HTTPServer"> {
         return call(Helper::kServeDashboard, engine, from_utf8(host), port, with_prometheus,
@@ -41,7 +41,7 @@ void bind_dashboard(nb::module_& module) {
       arg("with_prometheus") = true, arg("with_health") = true, arg("with_dashboard") = true);
   def(
       module, "_build_dashboard",
-      [](Annotated<"SelfHealingEngine"> engine) { return dashboard_page(engine); },
+      [](const Annotated<"SelfHealingEngine">& engine) { return dashboard_page(engine); },
       "The dashboard's page, for the figures of this moment.", arg("engine"));
 }
 

@@ -15,14 +15,14 @@ using NameList = Annotated<"list[str]">;
 void bind_decisions(EngineClass& cls) {
   def(
       cls, "_pick_provider",
-      [](const Engine& self, const OptionalText& model, NameList providers) {
+      [](const Engine& self, const OptionalText& model, const NameList& providers) {
         return self.pick_provider(model, providers);
       },
       "The provider of a first attempt: one that serves the model, else the healthiest.",
       arg("model"), arg("providers"));
   def(
       cls, "_pick_fallback",
-      [](const Engine& self, NameList providers) { return self.pick_fallback(providers); },
+      [](const Engine& self, const NameList& providers) { return self.pick_fallback(providers); },
       "The healthiest of the providers; among equals the first.", arg("providers"));
   def(cls, "_provider_priority", &Engine::provider_priority,
       "The score by which failover candidates are ordered; higher is better.", arg("provider"),

@@ -40,7 +40,7 @@ void bind_diagnosis(nb::module_& module) {
   cls.def(nb::init<>(), "Starts without any diagnosis counted.");
   def(
       cls, "diagnose",
-      [](Diagnoser& self, Annotated<"object"> error, const Status& status) {
+      [](Diagnoser& self, const Annotated<"object">& error, const Status& status) {
         return self.diagnose(text_form(error), status.code());
       },
       "Labels a failure by its text form and, when known, its HTTP status.\n\n"

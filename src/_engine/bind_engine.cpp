@@ -14,17 +14,22 @@ using Keys = Annotated<"dict[str, str] | None">;
 void bind_lifecycle(EngineClass& cls) {
   def(
       cls, "add_provider",
-      [](Engine& self, Annotated<"ProviderConfig | str"> config_or_name,
-         Annotated<"ProviderConfig | None"> config) { self.add_provider(config_or_name, config); },
+      [](Engine& self, const Annotated<"ProviderConfig | str">& config_or_name,
+         const Annotated<"ProviderConfig | None">& config) {
+        self.add_provider(config_or_name, config);
+      },
       "Registers a record under its own name, or under a given one.\n\n"
       "A name that is there already keeps its place. TypeError for anything else.",
       arg("config_or_name"), arg("config") = nb::none());
   def(
-      cls, "_auto_discover", [](Engine& self, Keys api_keys) { self.auto_discover(api_keys); },
+      cls, "_auto_discover",
+      [](Engine& self, const Keys& api_keys) { self.auto_discover(api_keys); },
       "Registers every preset provider that has a key.", arg("api_keys"));
   def(
       cls, "_init_from_list",
-      [](Engine& self, Names names, Keys api_keys) { self.init_from_list(names, api_keys); },
+      [](Engine& self, const Names& names, const Keys& api_keys) {
+        self.init_from_list(names, api_keys);
+      },
       "Registers the named preset providers; ValueError for an unknown name.", arg("names"),
       arg("api_keys"));
   def(
@@ -131,7 +136,8 @@ void bind_engine(nb::module_& module) {
   def(
       cls, "__init__",
       [](nb::pointer_and_handle<Engine> self,
-         Annotated<"list[str] | dict[str, ProviderConfig] | None"> providers, Keys api_keys) {
+         const Annotated<"list[str] | dict[str, ProviderConfig] | None">& providers,
+         const Keys& api_keys) {
         new (self.p) Engine(providers, api_keys);
         nb::inst_set_state(self.h, true, true);
         call(Helper::kWatchForks, self.h);

@@ -103,7 +103,7 @@ void bind_keeping(LearnerClass& cls) {
       "Reads the rules file; starts from the bootstrap rules when it yields none.");
   def(
       cls, "_store",
-      [](PythonLearner& self, const std::string& key, RuleDict rule) {
+      [](PythonLearner& self, const std::string& key, const RuleDict& rule) {
         self.store(key, rule_of(rule));
       },
       "Puts a rule, given as a dictionary, into the table.", arg("key"), arg("rule"));
@@ -132,7 +132,7 @@ void bind_fleet(LearnerClass& cls) {
       "Shares a rule with the fleet.", arg("key"), arg("rule"));
   def(
       cls, "_merge",
-      [](PythonLearner& self, const std::string& key, RuleDict rule) {
+      [](PythonLearner& self, const std::string& key, const RuleDict& rule) {
         self.merge(key, rule_of(rule));
       },
       "Takes in a published rule that is new or more confident.", arg("key"), arg("rule"));

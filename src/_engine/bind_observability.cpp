@@ -26,7 +26,7 @@ void bind_observability(nb::module_& module) {
   def(
       cls, "opentelemetry_span",
       [](const MetricsCollector& self, std::string_view name,
-         Annotated<"dict[str, typing.Any] | None"> attrs) {
+         const Annotated<"dict[str, typing.Any] | None">& attrs) {
         if (!attrs.is_none() && !PyMapping_Check(attrs.ptr())) {
           refuse_argument("attrs", "dict or None", attrs);
         }

@@ -24,7 +24,7 @@ constexpr const char* kRunDoc =
 void bind_quick_start(nb::module_& module) {
   def(
       module, "run",
-      [](Annotated<"dict[str, str] | None"> api_keys,
+      [](const Annotated<"dict[str, str] | None">& api_keys,
          bool verbose) -> Annotated<"SelfHealingEngine"> {
         return call(Helper::kQuickStart, keys_or_empty(api_keys), verbose);
       },
@@ -41,7 +41,8 @@ void bind_quick_start(nb::module_& module) {
       arg("name"), arg("base_url"), arg("api_key"));
   def(
       module, "_preset_record",
-      [](std::string_view name, std::string_view base_url, Annotated<"dict[str, str]"> api_keys) {
+      [](std::string_view name, std::string_view base_url,
+         const Annotated<"dict[str, str]">& api_keys) {
         return std::make_shared<ProviderConfig>(preset_record(name, base_url, api_keys));
       },
       "A preset provider's record, with its models and its key.", arg("name"), arg("base_url"),

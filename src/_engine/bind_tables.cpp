@@ -53,7 +53,7 @@ void bind_fault_tables(nb::module_& module) {
   module.attr("_PATTERNS") = patterns();
 }
 
-nb::list list_of(Names names) {
+nb::list list_of(const Names& names) {
   nb::list list;
   for (const char* name : names) list.append(nb::str(name));
   return list;
@@ -89,7 +89,7 @@ void bind_provider_tables(nb::module_& module) {
   module.attr("_PROVIDER_TIMEOUT") = kProviderTimeoutSeconds;
 }
 
-nb::object set_of(Names names) { return nb::steal(PyFrozenSet_New(list_of(names).ptr())); }
+nb::object set_of(const Names& names) { return nb::steal(PyFrozenSet_New(list_of(names).ptr())); }
 
 nb::list bootstrap_rules() {
   nb::list rules;

@@ -41,6 +41,7 @@ void Bulkhead::give_back(const std::shared_ptr<Semaphore>& granting) {
 
 void Bulkhead::renew_after_fork() {
   MutexLock lock(mutex_);
+  fields_.semaphore->renew_after_fork();  // its turn may come later
   fields_.semaphore->take_all();
   fields_.semaphore = std::make_shared<Semaphore>(fields_.max_concurrent);
   fields_.active = 0;

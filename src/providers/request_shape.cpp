@@ -58,6 +58,25 @@ bool holds_key(std::string_view text, std::string_view api_key) {
   return false;
 }
 
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  const char lowered = static_cast<char>(c | 0x20);
+  return lowered >= 'a' && lowered <= 'f' ? lowered - 'a' + 10 : -1;
+}
+
+// A text in which URLs are spelled out: "%2B" is "+".
+std::string percent_decoded(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool escape = text[i] == '%' && i + 2 < text.size() && hex_digit(text[i + 1]) >= 0 &&
+                        hex_digit(text[i + 2]) >= 0;
+    decoded +=
+        escape ? static_cast<char>(hex_digit(text[i + 1]) * 16 + hex_digit(text[i + 2])) : text[i];
+    if (escape) i += 2;
+  }
+  return decoded;
+}
+
 }  // namespace
 
 RequestKind request_kind(std::string_view api_type) {
@@ -98,7 +117,10 @@ Headers request_headers(const Endpoint& endpoint) {
 
 std::string shown_failure(std::string_view failure_text, const Endpoint& endpoint) {
   const std::string_view shown = text::first(failure_text, kShownFailure);
-  const auto holds = [&](const auto& entry) { return holds_key(failure_text, entry.second); };
+  const std::string decoded = percent_decoded(failure_text);
+  const auto holds = [&](const auto& entry) {
+    return holds_key(failure_text, entry.second) || holds_key(decoded, entry.second);
+  };
   const bool secret = speaks_of_credentials(shown) || holds_key(failure_text, endpoint.api_key) ||
                       std::ranges::any_of(endpoint.extra_headers, holds) ||
                       std::ranges::any_of(endpoint.extra_query, holds);

@@ -9,7 +9,7 @@ from typing import Any
 import httpx
 import pytest
 
-from support import engine_on, run_child
+from support import engine_on, engine_with, run_child, tireless
 from tarvomeldric.simulator import ProviderSimulator
 
 
@@ -82,3 +82,16 @@ def test_closing_ends_clients_and_leaves_the_engine_usable(simulator: ProviderSi
     assert placed.is_closed
     for _ in range(2):
         assert [client.is_closed for client in asyncio.run(one_life())] == [True] * 4
+
+
+def test_every_loop_has_clients_of_its_own_for_every_provider() -> None:
+    with ProviderSimulator(default="answer") as simulator:
+        records = [tireless(base_url=simulator.base_url, name=name) for name in ("x", "y")]
+        engine = engine_with(*records)
+
+        async def ask_both() -> list[str]:
+            return [await engine._execute(record, "Hi", "m") for record in records]
+
+        for _ in range(3):
+            assert asyncio.run(ask_both()) == ["answer", "answer"]
+        engine.close_sync()

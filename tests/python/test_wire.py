@@ -411,7 +411,7 @@ def end(*_):
     start = time.monotonic()
     engine.close_sync()
     assert time.monotonic() - start < 1
-    signal.setitimer(signal.ITIMER_REAL, 0.05)  # an exit may be lost where Python cannot raise it
+    signal.setitimer(signal.ITIMER_REAL, 1.0)  # an exit may be lost where Python cannot raise it
     sys.exit()
 signal.signal(signal.SIGALRM, end)
 def use():
@@ -422,7 +422,10 @@ async def call():
         with contextlib.suppress(Exception): await engine.call("Hi")
 signal.setitimer(signal.ITIMER_REAL, float(sys.argv[3]))
 for work in (use, use, lambda: asyncio.run(call())): threading.Thread(target=work, daemon=True).start()
-use() if sys.argv[2] == "blocking" else asyncio.run(call())
+try:
+    use() if sys.argv[2] == "blocking" else asyncio.run(call())
+finally:
+    signal.setitimer(signal.ITIMER_REAL, 0)
 """
 
 

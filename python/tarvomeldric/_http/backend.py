@@ -18,6 +18,7 @@ from tarvomeldric._http.attempt import left
 
 # A blocking write is renewed by every byte that the peer takes; one of this size goes out at once.
 _SLICE = 16 * 1024
+_NUMERIC = socket.NI_NUMERICHOST | socket.NI_NUMERICSERV
 
 
 def _left(timeout: float | None, error: type[Exception]) -> float | None:
@@ -95,7 +96,7 @@ class Backend(httpcore.NetworkBackend):
         for untried in range(len(found), 0, -1):
             seconds = _left(timeout, httpcore.ConnectTimeout)
             share = seconds if seconds is None else seconds / untried
-            address = str(found[-untried][4][0])
+            address = socket.getnameinfo(found[-untried][4], _NUMERIC)[0]  # with its scope
             try:
                 return Stream(self._inner.connect_tcp(address, port, share, *more, **options))
             except (httpcore.ConnectError, httpcore.ConnectTimeout):

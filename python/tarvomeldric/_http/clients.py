@@ -20,7 +20,10 @@ if TYPE_CHECKING:
 
     import httpx
 
-# Every client that was made here and is not closed, by its identity.
+# Every client that was made here, for as long as somebody holds it.
+_made: weakref.WeakSet[Any] = weakref.WeakSet()
+
+# Those of them that are not closed, by their identity.
 _owns: weakref.WeakValueDictionary[int, Own] = weakref.WeakValueDictionary()
 
 
@@ -68,8 +71,8 @@ class Own:
 
         The client itself stays open: another thread may have got it a moment before it was spoilt.
         """
-        if not self.fit and not self.under_way and self._taken():
-            self._internals.close_idle(self.client)
+        if not self.fit and not self.under_way and self._internals.close_idle(self.client):
+            self._taken()
 
     def end(self) -> None:
         """Closes the client, once."""
@@ -123,8 +126,10 @@ class OwnAwaited(Own):
         self._transports: list[Any] = []
 
     def end_if_unused(self) -> None:
+        """The same, when the loop runs again: this may be in the midst of a coroutine's end."""
         if not self.fit and not self.under_way:
-            self.end()
+            with contextlib.suppress(RuntimeError):
+                self.loop.call_soon_threadsafe(self._start_closing)
 
     async def aclose(self) -> None:
         await self.client.aclose()
@@ -201,7 +206,7 @@ class HttpClients:
         """The pooled blocking client, made when there is none that is fit for use."""
         pooled = pool.get(name)
         own = own_of(pooled)
-        if pooled is not None and (own is None or own.fit):
+        if pooled is not None and (own.fit if own else pooled not in _made):
             return pooled
         made = Own(self._make(awaited=False), self._open, pool)
         if pooled is not None and pool.get(name) is pooled:
@@ -214,7 +219,7 @@ class HttpClients:
     def find(self, pool: dict[str, Any], name: str) -> Any:
         """The client for the running loop, or None when one has to be made."""
         pooled = pool.get(name)
-        if pooled is None or own_of(pooled) is None:
+        if pooled is None or pooled not in _made:
             return pooled
         loop = asyncio.get_running_loop()
         own = self._on_loop.get((id(loop), name))
@@ -256,6 +261,7 @@ class HttpClients:
             event_hooks={"response": [lead_nowhere]},
         )
         internals.fit(client)
+        _made.add(client)
         return client
 
     def _drop_closed_loops(self) -> None:
@@ -344,7 +350,7 @@ def _placed(pool: dict[str, Any]) -> Iterator[Any]:
     """Empties a pool; those of its clients that the caller put there, one by one."""
     for name in list(pool):
         client = pool.pop(name, None)
-        if client is not None and own_of(client) is None:
+        if client is not None and client not in _made:
             yield client
 
 

@@ -77,13 +77,16 @@ def retire(client: Any) -> None:
         pool._max_keepalive_connections = 0
 
 
-def close_idle(client: httpx.Client) -> None:
-    """Closes those connections of a retired client that serve nobody."""
-    for pool in _pools(client):
-        if type(pool) in _OURS.values():
-            with pool._optional_thread_lock:
-                closing = pool._assign_requests_to_connections()
-            pool._close_connections(closing)
+def close_idle(client: httpx.Client) -> bool:
+    """Closes those connections of a retired client that serve nobody; whether it could."""
+    pools = list(_pools(client))
+    if not all(type(pool) in _OURS.values() for pool in pools):
+        return False
+    for pool in pools:
+        with pool._optional_thread_lock:
+            closing = pool._assign_requests_to_connections()
+        pool._close_connections(closing)
+    return True
 
 
 def open_transports(client: Any) -> list[Any]:

@@ -30,7 +30,7 @@ std::optional<std::int64_t> status_of(nb::handle error) {
 }  // namespace
 
 Surroundings CallState::surroundings() {
-  parts = native();
+  parts = static_cast<const Parts&>(native());
   registry.emplace(parts.providers);
   return parts.surroundings(*registry, native().counters);
 }

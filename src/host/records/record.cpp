@@ -92,11 +92,13 @@ nb::object RecordTable::reduce(PyObject* self) const {
   }
   const nb::handle object(self);
   nb::object state = attribute_or(object, "__dict__", nb::none());
-  if (!beside.empty()) {
-    nb::dict kept;
-    for (const Field& field : beside) put(kept, field.name, field.plain(locate(self)));
-    state = nb::make_tuple(state, kept);  // attributes of the instance, then what is set by name
+  nb::dict kept;
+  for (const Field& field : beside) {
+    const nb::object value = field.plain(locate(self));
+    if (is_true(value)) put(kept, field.name, value);
   }
+  // Attributes of the instance, then what is set by name.
+  if (nb::len(kept) != 0) state = nb::make_tuple(state, kept);
   return nb::make_tuple(object.type(), nb::tuple(values), state);
 }
 

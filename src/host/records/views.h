@@ -17,9 +17,10 @@ namespace tarvomeldric::host {
 // Python's own containers when they are copied.
 //
 // A view keeps the record that owns the container alive. Like every access from Python it relies on
-// the interpreter lock alone, so it can be used by code that holds the record's own lock. Looking
-// up, storing, appending and removing one element go straight to the container; what Python's own
-// containers can do beside that is done by one of them, on a copy that is written back.
+// the interpreter lock alone, so it can be used by code that holds the record's own lock. Asking
+// for one element, appending, and removing one by its place or key go straight to the container;
+// what Python's own containers can do beside that is done by one of them, on a copy that is written
+// back.
 template <class C>
 struct View {
   nb::object owner;

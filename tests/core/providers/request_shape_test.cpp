@@ -20,6 +20,10 @@ TEST(Models, AreResolvedByProviderDowngradedAlongItsChainAndHintAtAFamily) {
 TEST(RequestShape, FailureTextShowsNoCredential) {
   EXPECT_EQ(shown_failure("?KEY=1", Endpoint{.api_key = "sk-12345"}), "[REDACTED]");
   EXPECT_EQ(shown_failure("a bearer", Endpoint{.api_key = "sk-12345"}), "a bearer");
+  Endpoint gated;
+  gated.extra_query["code"] = "abc/d+efg=";
+  EXPECT_EQ(shown_failure("no way to http://h/?code=abc%2Fd%2befg%3D", gated), "[REDACTED]");
+  EXPECT_EQ(shown_failure("100%", gated), "100%");
   EXPECT_EQ(shown_failure("a word", Endpoint{.api_key = "word"}),
             "a word");  // too short to be a key
 }
