@@ -109,18 +109,20 @@ from tarvomeldric import serve_dashboard
 warnings.simplefilter("ignore")  # newer Pythons warn of a fork beside threads
 def serve(port):
     return serve_dashboard(made_up(), "127.0.0.1", port, False, False, False)
-server, (ours, theirs) = serve(0), os.pipe()
+server, (ours, theirs), (heard, tell) = serve(0), os.pipe(), os.pipe()
 idle = connect(server)
 child = os.fork()
 if child == 0:
     signal.alarm(20)
     os.close(theirs)
+    os.write(tell, b"!")  # the port is let go
     for mine in server, serve(0):
         mine.shutdown()
         mine.server_close()
     os.read(ours, 1)
     os._exit(7)
 idle.close()
+os.read(heard, 1)
 server.server_close()
 server = serve(server.server_port)
 os.close(theirs)
