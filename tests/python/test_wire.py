@@ -312,6 +312,38 @@ def test_a_burst_opens_no_more_connections_than_it_has_calls_at_once(awaited: bo
         assert idle == [True] * (20 if awaited else 10)
 
 
+@both
+def test_a_call_waits_for_a_full_pool_no_longer_than_its_timeout(awaited: bool) -> None:
+    def held(connection: socket.socket) -> Any:
+        opened.wait(20)
+        return good(connection)
+
+    async def main() -> Any:
+        holder = asyncio.ensure_future(
+            caller.engine._execute(caller.engine._providers["mine"], "Hi", "m")
+        )
+        await asyncio.sleep(0.05)
+        with pytest.raises(APIError, match=LATE):
+            await caller.engine._execute(
+                caller.engine._providers["mine"], "Hi", "m", timeout=TIMEOUT
+            )
+        opened.set()
+        return await holder
+
+    opened = threading.Event()
+    with Server(held) as server, Caller(server.url, awaited) as caller:
+        caller.client._transport._pool._max_connections = 1
+        if awaited:
+            assert caller.run(main()) == "answer"
+        else:
+            with ThreadPoolExecutor(1) as thread:
+                holder = thread.submit(caller.ask, timeout=9)
+                until(lambda: server.connections == 1)
+                assert caller.failure() == (LATE, 408)
+                opened.set()
+                assert holder.result() == "answer"
+
+
 def test_cancelled_exchanges_leave_no_connection_behind() -> None:
     async def main() -> None:
         record = caller.engine._providers["mine"]
