@@ -3,14 +3,15 @@
 from __future__ import annotations
 
 import asyncio
-import os
 import weakref
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
+from tarvomeldric import _fork
+
 # One thread a learner, so that what is recorded is published in order.
 _workers: weakref.WeakKeyDictionary[Any, ThreadPoolExecutor] = weakref.WeakKeyDictionary()
-os.register_at_fork(after_in_child=lambda: _workers.clear())
+_fork.renew(_workers.clear)
 
 
 class _Turn:

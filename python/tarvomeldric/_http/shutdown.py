@@ -4,9 +4,10 @@ from __future__ import annotations
 
 import atexit
 import contextlib
-import os
 import threading
 from collections.abc import Iterator
+
+from tarvomeldric import _fork
 
 
 class _Gate:
@@ -46,4 +47,4 @@ gate = _Gate()
 
 
 atexit.register(gate.shut)
-os.register_at_fork(after_in_child=gate.open)
+_fork.renew(gate.open)
