@@ -14,12 +14,20 @@ from time import process_time
 from typing import Any
 
 import httpx
-from calls import PROVIDER, wide_open
 from measuring import rounds_of
 from table import Row
 
-from tarvomeldric import APIError, SelfHealingEngine
+from tarvomeldric import APIError, Bulkhead, ProviderConfig, RateLimiter, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator, Reply
+
+PROVIDER = "openai"
+
+
+def _wide_open(url: str) -> ProviderConfig:
+    """A provider that takes all requests that come; this also runs where nothing else is at hand."""
+    limiter = RateLimiter(max_tokens=10**9, refill_rate=1e9, _tokens=1e9)
+    return ProviderConfig(PROVIDER, url, "bench-key", rate_limiter=limiter, bulkhead=Bulkhead(1000))
+
 
 FORMS = (
     # blocking or awaited, at once, calls a round, the most CPU time as a ratio to bare httpx's
@@ -130,7 +138,7 @@ def serve(name: str, url: str) -> None:
 
 
 def engine_at(url: str) -> Any:
-    engine = SelfHealingEngine({PROVIDER: wide_open(PROVIDER, url)})
+    engine = SelfHealingEngine({PROVIDER: _wide_open(url)})
     request = {"prompt": "Why is the sky blue?", "model": "gpt-4o-mini"}
     return lambda: engine.call_sync(**request), lambda: engine.call(**request)
 
