@@ -4,82 +4,25 @@ from __future__ import annotations
 
 import asyncio
 import gc
-import signal
-import time
 import weakref
 from typing import Any
 
 import pytest
 
-from support import KEY, NOWHERE, engine_with, provider, run_child, start_child, state_of, until
+from support import KEY, NOWHERE, engine_with, provider, run_child, state_of
+from support.exits import end_under_daemon_threads, interrupt
 from tarvomeldric import APIError, CircuitBreaker, FlywheelLearner, LearnedRule, ProviderConfig
-from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
-
-DAEMONS = """
-import asyncio, contextlib, sys, threading, time
-from support import engine_with, provider
-engine = engine_with(provider(sys.argv[1], slots=4))
-def use():
-    while True:
-        with contextlib.suppress(Exception): engine.call_sync("Hi", bulkhead_timeout=5)
-async def call():
-    while True:
-        await asyncio.gather(*(engine.call("Hi") for _ in range(4)), return_exceptions=True)
-def learn():
-    while True: engine._learner.record("p", "a", True)
-# Some are in the exchange when the program ends, some in the line, some in between.
-for work in (*[use] * 8, learn, lambda: asyncio.run(call())):
-    threading.Thread(target=work, daemon=True).start()
-time.sleep(float(sys.argv[2]))
-"""
-
-
-def end_under_daemon_threads() -> None:
-    with ProviderSimulator(default=Reply(delay=0.01), process=True) as simulator:
-        for number in range(10):
-            run_child(DAEMONS, simulator.base_url, str(0.3 + number * 0.007), strict=False)
 
 
 @pytest.mark.once
 def test_a_program_ends_quietly_under_its_daemon_threads() -> None:
-    end_under_daemon_threads()
-
-
-WAITING = """
-import asyncio, sys
-from support import engine_with, provider, state_of
-from tarvomeldric import RateLimiter
-record = provider(sys.argv[1], slots=1, rate_limiter=RateLimiter(60, 0.0))
-engine, waits = engine_with(record), {"bulkhead_timeout": 60, "timeout": 60}
-taken = sys.argv[2] == "slot" and record.can_accept()
-tokens = record.rate_limiter._tokens
-print("ready", flush=True)
-try:
-    asyncio.run(engine.call("Hi", **waits)) if sys.argv[3] == "call" else engine.call_sync("Hi", **waits)
-except KeyboardInterrupt:
-    print("interrupted")
-if taken:
-    assert record.rate_limiter._tokens == tokens  # it was never used
-    record.release_slot()
-print(state_of(record), record.fail_count, engine.call_sync("Hi").text)
-"""
+    end_under_daemon_threads(10)
 
 
 @pytest.mark.parametrize("form", ["call_sync", "call"])
 @pytest.mark.parametrize("stage", ["slot", "answer"])
 def test_ctrl_c_ends_the_wait_and_gives_everything_back(stage: str, form: str) -> None:
-    with ProviderSimulator(default="answer") as simulator:
-        simulator.script(*[Fault.STALL] * (stage == "answer"))
-        child = start_child(WAITING, simulator.base_url, stage, form, strict=False)
-        assert child.stdout is not None
-        assert child.stdout.readline() == "ready\n"
-        until(lambda: simulator.request_count == (stage == "answer"))
-        # At rest: before Python 3.11 an interrupt that strikes in the loop's own bookkeeping is lost.
-        time.sleep(0.3)
-        child.send_signal(signal.SIGINT)
-        out, err = child.communicate(timeout=20)
-    assert err == ""
-    assert out.split("\n") == ["interrupted", "(1, 0, 0) 0 answer", ""]
+    interrupt(stage, form)
 
 
 NOT_YET = """
