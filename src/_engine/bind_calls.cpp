@@ -1,31 +1,22 @@
 #include "_engine/engine_class.h"
 #include "host/calls/call_io.h"
-#include "host/calls/engine_call.h"
+#include "host/calls/operation.h"
 
-// These leave the conversion of their arguments to the calls themselves, so their signatures are
-// written by hand.
 namespace tarvomeldric::host {
 namespace {
 
-constexpr const char* kCallArguments =
-    "self, prompt: str, model: str | None = None, task_type: str = '', has_schema: bool = False, "
-    "semantic_domain: SemanticDomain | None = None, contract: Contract | None = None, "
-    "api_type: str = 'chat', **options: typing.Any";
-constexpr const char* kFailoverArguments =
-    "self, prompt: str, model: str | None, failed_provider: str, diag: Diagnosis, "
-    "sem_class: SemanticClassification, original_provider: str, original_model: str, "
-    "request_id: str, contract: Contract | None = None, trace: MapeKTrace | None = None, "
-    "call_start: float | None = None, **options: typing.Any";
-constexpr const char* kExecuteArguments =
-    "self, cfg: ProviderConfig, prompt: str, model: str, api_type: str = 'chat', "
-    "**extra: typing.Any";
+using Self = nb::pointer_and_handle<Engine>;
 
-std::string signature(const char* name, const char* arguments, const std::string& result) {
-  return "def " + std::string(name) + "(" + arguments + ") -> " + result;
-}
-std::string awaitable(const char* result) {
-  return std::string("collections.abc.Coroutine[typing.Any, typing.Any, ") + result + "]";
-}
+// The two forms of an operation.
+template <auto Make, Literal Name, class Result>
+struct Forms;
+template <class... P, OperationPtr (*Make)(nb::handle, P...), Literal Name, class Result>
+struct Forms<Make, Name, Result> {
+  static Result blocking(Self self, P... given) { return Make(self.h, given...)->run_blocking(); }
+  static Awaitable<Result> awaited(Self self, P... given) {
+    return make_coroutine(Make(self.h, given...), Name.value);
+  }
+};
 
 constexpr const char* kCallDoc =
     "Sends a prompt through one pass of the loop and returns its CallResult.\n\n"
@@ -67,84 +58,51 @@ constexpr const char* kStreamDoc =
     "Raises:\n"
     "    TypeError: an argument of the wrong type, when called.";
 
-template <class F>
-void bind_call(EngineClass& cls, const char* name, const std::string& sig, F function,
-               const char* doc) {
-  cls.def(
-      name,
-      [function](nb::pointer_and_handle<Engine> self, nb::handle prompt, nb::handle model,
-                 nb::handle task_type, nb::handle has_schema, nb::handle semantic_domain,
-                 nb::handle contract, nb::handle api_type, nb::kwargs options) {
-        const CallArguments arguments{prompt,          model,    task_type, has_schema,
-                                      semantic_domain, contract, api_type,  std::move(options)};
-        return function(self.h, arguments);
-      },
-      arg("prompt"), arg("model") = nb::none(), arg("task_type") = "", arg("has_schema") = false,
-      arg("semantic_domain") = nb::none(), arg("contract") = nb::none(), arg("api_type") = "chat",
-      arg("options"), nb::sig(sig.c_str()), doc);
-}
-
-template <class F>
-void bind_execute(EngineClass& cls, const char* name, const std::string& sig, F function,
-                  const char* doc) {
-  cls.def(
-      name,
-      [function](nb::pointer_and_handle<Engine> self, nb::handle cfg, nb::handle prompt,
-                 nb::handle model, nb::handle api_type, nb::kwargs extra) {
-        const ExecuteArguments arguments{cfg, prompt, model, api_type, std::move(extra)};
-        return function(self.h, arguments);
-      },
-      arg("cfg"), arg("prompt"), arg("model"), arg("api_type") = "chat", arg("extra"),
-      nb::sig(sig.c_str()), doc);
-}
-
-template <class F>
-void bind_failover(EngineClass& cls, const char* name, const std::string& sig, F function,
-                   const char* doc) {
-  cls.def(
-      name,
-      [function](nb::pointer_and_handle<Engine> self, nb::handle prompt, nb::handle model,
-                 nb::handle failed_provider, nb::handle diag, nb::handle sem_class,
-                 nb::handle original_provider, nb::handle original_model, nb::handle request_id,
-                 nb::handle contract, nb::handle trace, nb::handle call_start, nb::kwargs options) {
-        const FailoverArguments arguments{
-            prompt,         model,      failed_provider, diag,  sem_class,  original_provider,
-            original_model, request_id, contract,        trace, call_start, std::move(options)};
-        return function(self.h, arguments);
-      },
-      arg("prompt"), arg("model"), arg("failed_provider"), arg("diag"), arg("sem_class"),
-      arg("original_provider"), arg("original_model"), arg("request_id"),
-      arg("contract") = nb::none(), arg("trace") = nb::none(), arg("call_start") = nb::none(),
-      arg("options"), nb::sig(sig.c_str()), doc);
+Annotated<"collections.abc.AsyncGenerator[typing.Any, None]"> stream(
+    Self self, const Instance<ProviderConfig>& cfg, const Text& prompt, const Text& model,
+    const Text& api_type, const nb::kwargs& extra) {
+  return execute_stream(self.h, cfg, prompt, model, api_type, extra);
 }
 
 }  // namespace
 
 void bind_calls(EngineClass& cls) {
-  bind_call(cls, "call_sync", signature("call_sync", kCallArguments, "CallResult"), call_blocking,
-            kCallDoc);
-  bind_call(
-      cls, "call", signature("call", kCallArguments, awaitable("CallResult")), call_coroutine,
-      "The same as `call_sync`, to be awaited.\n\nThe event loop goes on while the call waits "
-      "for a slot, a pause or the provider.");
-  bind_execute(cls, "_execute_sync", signature("_execute_sync", kExecuteArguments, "str | None"),
-               execute_blocking,
+  const auto none = nb::none();
+  const auto bind_call = [&](const char* name, auto form, const char* doc) {
+    def(cls, name, form, doc, arg("prompt"), arg("model") = none, arg("task_type") = "",
+        arg("has_schema") = false, arg("semantic_domain") = none, arg("contract") = none,
+        arg("api_type") = "chat", arg("options"));
+  };
+  using Call = Forms<call_operation, "SelfHealingEngine.call", Annotated<"CallResult">>;
+  bind_call("call_sync", Call::blocking, kCallDoc);
+  bind_call("call", Call::awaited,
+            "The same as `call_sync`, to be awaited.\n\nThe event loop goes on while the call "
+            "waits for a slot, a pause or the provider.");
+
+  const auto bind_execute = [&](const char* name, auto form, const char* doc) {
+    def(cls, name, form, doc, arg("cfg"), arg("prompt"), arg("model"), arg("api_type") = "chat",
+        arg("extra"));
+  };
+  using Execute = Forms<execute_operation, "SelfHealingEngine._execute", Annotated<"str | None">>;
+  bind_execute("_execute_sync", Execute::blocking,
                "Sends one request to one provider; returns the answer's text.\n\n"
                "May be replaced in a subclass or on an instance. Raises APIError.");
-  bind_execute(cls, "_execute", signature("_execute", kExecuteArguments, awaitable("str | None")),
-               execute_coroutine, "The same as `_execute_sync`, to be awaited.");
-  bind_execute(cls, "_execute_stream",
-               signature("_execute_stream", kExecuteArguments,
-                         "collections.abc.AsyncGenerator[typing.Any, None]"),
-               execute_stream, kStreamDoc);
-  bind_failover(cls, "_failover_sync",
-                signature("_failover_sync", kFailoverArguments, "CallResult"), failover_blocking,
+  bind_execute("_execute", Execute::awaited, "The same as `_execute_sync`, to be awaited.");
+  bind_execute("_execute_stream", stream, kStreamDoc);
+
+  const auto bind_failover = [&](const char* name, auto form, const char* doc) {
+    def(cls, name, form, doc, arg("prompt"), arg("model"), arg("failed_provider"), arg("diag"),
+        arg("sem_class"), arg("original_provider"), arg("original_model"), arg("request_id"),
+        arg("contract") = none, arg("trace") = none, arg("call_start") = none, arg("options"));
+  };
+  using Failover =
+      Forms<failover_operation, "SelfHealingEngine._failover", Annotated<"CallResult">>;
+  bind_failover("_failover_sync", Failover::blocking,
                 "Tries every other available provider, best first, until one answers.\n\n"
                 "Raises the last APIError, RuntimeError when no provider could be tried, or\n"
                 "ContractViolationError.");
-  bind_failover(cls, "_failover",
-                signature("_failover", kFailoverArguments, awaitable("CallResult")),
-                failover_coroutine, "The same as `_failover_sync`, to be awaited.");
+  bind_failover("_failover", Failover::awaited, "The same as `_failover_sync`, to be awaited.");
+
   execute_sync_seam = {"_execute_sync"_key, cls.attr("_execute_sync").inc_ref()};
   execute_seam = {"_execute"_key, cls.attr("_execute").inc_ref()};
 }

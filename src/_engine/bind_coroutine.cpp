@@ -63,10 +63,11 @@ int clear(PyObject* self) {
 }
 
 PyObject* get_name(PyObject* self, void*) {
-  return PyUnicode_FromString(coroutine_of(self).name());
+  const std::string_view name = coroutine_of(self).qualified_name();
+  return from_utf8(name.substr(name.rfind('.') + 1)).release().ptr();
 }
 PyObject* get_qualified_name(PyObject* self, void*) {
-  return PyUnicode_FromString(coroutine_of(self).qualified_name());
+  return from_utf8(coroutine_of(self).qualified_name()).release().ptr();
 }
 PyObject* get_awaiting(PyObject* self, void*) {
   return coroutine_of(self).awaiting().release().ptr();

@@ -5,24 +5,12 @@
 #include "providers/models.h"
 
 namespace tarvomeldric::host {
-namespace {
-
-using OptionalText = std::optional<std::string>;
-using NameList = Annotated<"list[str]">;
-
-}  // namespace
-
 void bind_decisions(EngineClass& cls) {
-  def(
-      cls, "_pick_provider",
-      [](const Engine& self, const OptionalText& model, const NameList& providers) {
-        return self.pick_provider(model, providers);
-      },
+  using OptionalText = std::optional<std::string>;
+  def(cls, "_pick_provider", &Engine::pick_provider,
       "The provider of a first attempt: one that serves the model, else the healthiest.",
       arg("model"), arg("providers"));
-  def(
-      cls, "_pick_fallback",
-      [](const Engine& self, const NameList& providers) { return self.pick_fallback(providers); },
+  def(cls, "_pick_fallback", &Engine::pick_fallback,
       "The healthiest of the providers; among equals the first.", arg("providers"));
   def(cls, "_provider_priority", &Engine::provider_priority,
       "The score by which failover candidates are ordered; higher is better.", arg("provider"),
@@ -58,23 +46,16 @@ void bind_decisions(EngineClass& cls) {
         return Annotated<"dict[str, str]">(dict_of(health_words(registry)));
       },
       "Each provider's state: no_key, circuit_open, degraded, unhealthy or healthy.");
-  def(
-      cls, "get_available_providers",
-      [](const Engine& self) { return Annotated<"list[str]">(self.available_names()); },
+  def(cls, "get_available_providers", &Engine::available_names,
       "The names of the providers that may be called now, in order of registration.");
   def(
-      cls, "get_metrics",
-      [](const Engine& self) { return Annotated<"MetricsCollector">(self.metrics); },
+      cls, "get_metrics", [](const Engine& self) { return self.metrics; },
       "The engine's own collector.");
-  def(
-      cls, "get_stats", [](Engine& self) { return Dict(dict_of(self.stats())); },
+  def(cls, "get_stats", &Engine::stats,
       "Counters, providers, diagnoses, learned rules and metrics, built afresh.");
-  def(
-      cls, "get_mapek_stats", [](Engine& self) { return Dict(dict_of(self.mapek_stats())); },
+  def(cls, "get_mapek_stats", &Engine::mapek_stats,
       "What the loop did: healing by level, contracts, semantic boundaries, rules.");
-  def(
-      cls, "_get_telemetry",
-      [](Engine& self) { return Annotated<"typing.Any">(self.telemetry_collector()); },
+  def(cls, "_get_telemetry", &Engine::telemetry_collector,
       "The telemetry collector, made on first use.");
 }
 

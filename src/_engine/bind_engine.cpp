@@ -7,48 +7,22 @@
 namespace tarvomeldric::host {
 namespace {
 
-using Any = Annotated<"typing.Any">;
-using Names = Annotated<"list[str]">;
-using Keys = Annotated<"dict[str, str] | None">;
-
 void bind_lifecycle(EngineClass& cls) {
-  def(
-      cls, "add_provider",
-      [](Engine& self, const Annotated<"ProviderConfig | str">& config_or_name,
-         const Annotated<"ProviderConfig | None">& config) {
-        self.add_provider(config_or_name, config);
-      },
+  def(cls, "add_provider", &Engine::add_provider,
       "Registers a record under its own name, or under a given one.\n\n"
       "A name that is there already keeps its place. TypeError for anything else.",
       arg("config_or_name"), arg("config") = nb::none());
-  def(
-      cls, "_auto_discover",
-      [](Engine& self, const Keys& api_keys) { self.auto_discover(api_keys); },
+  def(cls, "_auto_discover", &Engine::auto_discover,
       "Registers every preset provider that has a key.", arg("api_keys"));
-  def(
-      cls, "_init_from_list",
-      [](Engine& self, const Names& names, const Keys& api_keys) {
-        self.init_from_list(names, api_keys);
-      },
+  def(cls, "_init_from_list", &Engine::init_from_list,
       "Registers the named preset providers; ValueError for an unknown name.", arg("names"),
       arg("api_keys"));
-  def(
-      cls, "_get_sync_client",
-      [](Engine& self, const std::string& name) { return Any(self.sync_client(name)); },
+  def(cls, "_get_sync_client", &Engine::sync_client,
       "The pooled blocking HTTP client for a provider.", arg("provider_name"));
-  def(
-      cls, "_get_session",
-      [](Engine& self, const std::string& name) {
-        return Annotated<"collections.abc.Coroutine[typing.Any, typing.Any, typing.Any]">(
-            self.session(name));
-      },
+  def(cls, "_get_session", &Engine::session,
       "The pooled asynchronous HTTP client of the running loop, to be awaited.",
       arg("provider_name"));
-  def(
-      cls, "close",
-      [](Engine& self) {
-        return Annotated<"collections.abc.Coroutine[typing.Any, typing.Any, None]">(self.close());
-      },
+  def(cls, "close", &Engine::close,
       "Closes every pooled client, to be awaited. The engine stays usable.");
   def(cls, "close_sync", &Engine::close_sync, "Closes every pooled client, blocking.");
   def(cls, "_after_fork", &Engine::after_fork, "Starts afresh in the child of a fork.");
@@ -73,20 +47,6 @@ void bind_contexts(EngineClass& cls) {
               "collections.abc.Coroutine[typing.Any, typing.Any, None]"));
 }
 
-template <class T>
-void require_member(nb::handle value, const char* name) {
-  require<T>(value, name);
-}
-void require_dictionary(nb::handle value, const char* name) {
-  if (!PyDict_Check(value.ptr())) refuse_argument(name, "dict", value);
-}
-
-// A member in which a call can use one type only.
-template <auto Member, class T>
-void bind_part(EngineClass& cls, const char* name) {
-  bind_object<Member>(cls, name, kPythonName<T>.text, require_member<T>);
-}
-
 void bind_lock(EngineClass& cls, const char* name, Mutex& (*lock)(Engine&)) {
   cls.def_prop_ro(
       name, [lock](Engine& self) -> Mutex& { return lock(self); },
@@ -94,17 +54,15 @@ void bind_lock(EngineClass& cls, const char* name, Mutex& (*lock)(Engine&)) {
 }
 
 void bind_members(EngineClass& cls) {
-  const std::string clients = "dict[str, typing.Any]";
-  bind_object<&Engine::providers>(cls, "_providers", "dict[str, ProviderConfig]",
-                                  require_dictionary);
-  bind_part<&Engine::diagnoser, Diagnoser>(cls, "_diagnoser");
-  bind_part<&Engine::learner, PythonLearner>(cls, "_learner");
-  bind_part<&Engine::metrics, MetricsCollector>(cls, "_metrics");
-  bind_part<&Engine::topology, SemanticTopology>(cls, "_topology");
-  bind_object<&Engine::http_pool>(cls, "_http_pool", clients, require_dictionary);
-  bind_object<&Engine::sync_client_pool>(cls, "_sync_client_pool", clients, require_dictionary);
-  bind_object<&Engine::last_raw_response>(cls, "_last_raw_response", "typing.Any");
-  bind_object<&Engine::telemetry>(cls, "_telemetry", "typing.Any");
+  bind_member<&Engine::providers>(cls, "_providers");
+  bind_member<&Engine::diagnoser>(cls, "_diagnoser");
+  bind_member<&Engine::learner>(cls, "_learner");
+  bind_member<&Engine::metrics>(cls, "_metrics");
+  bind_member<&Engine::topology>(cls, "_topology");
+  bind_member<&Engine::http_pool>(cls, "_http_pool");
+  bind_member<&Engine::sync_client_pool>(cls, "_sync_client_pool");
+  bind_member<&Engine::last_raw_response>(cls, "_last_raw_response");
+  bind_member<&Engine::telemetry>(cls, "_telemetry");
   bind_lock(cls, "_lock", [](Engine& e) -> Mutex& { return e.counters.general_lock(); });
   bind_lock(cls, "_pool_lock", [](Engine& e) -> Mutex& { return e.pool_lock; });
   bind_lock(cls, "_sync_client_lock", [](Engine& e) -> Mutex& { return e.sync_client_lock; });

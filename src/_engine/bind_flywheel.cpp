@@ -92,7 +92,7 @@ void bind_use(LearnerClass& cls) {
       },
       "All rules in table order: a new list of the live rules.");
   def(
-      cls, "get_stats", [](const PythonLearner& self) { return Dict(dict_of(figures_of(self))); },
+      cls, "get_stats", [](const PythonLearner& self) { return figures_of(self); },
       "total_rules, total_records, high_confidence_rules (above 0.8),\n"
       "bootstrap_rules_loaded and sync_mode.");
 }
@@ -113,7 +113,7 @@ void bind_keeping(LearnerClass& cls) {
   cls.def_prop_rw(
       "_persist_path", [](PythonLearner& self) { return self.persist_path(); },
       [](PythonLearner& self, nb::handle path) {
-        self.set_persist_path(require_text(path, "_persist_path"));
+        self.set_persist_path(convert_argument<Text>(path, "_persist_path"));
       },
       nb::for_setter(nb::arg("path").none()));
 }
@@ -137,10 +137,10 @@ void bind_fleet(LearnerClass& cls) {
       },
       "Takes in a published rule that is new or more confident.", arg("key"), arg("rule"));
   def(cls, "_after_fork", &PythonLearner::after_fork, "Starts afresh in the child of a fork.");
-  bind_text<&PythonLearner::redis_url>(cls, "_redis_url");
-  bind_text<&PythonLearner::redis_channel>(cls, "_redis_channel");
-  bind_object<&PythonLearner::redis_client>(cls, "_redis_client", "typing.Any");
-  bind_object<&PythonLearner::redis_sub_thread>(cls, "_redis_sub_thread", "typing.Any");
+  bind_member<&PythonLearner::redis_url>(cls, "_redis_url");
+  bind_member<&PythonLearner::redis_channel>(cls, "_redis_channel");
+  bind_member<&PythonLearner::redis_client>(cls, "_redis_client");
+  bind_member<&PythonLearner::redis_sub_thread>(cls, "_redis_sub_thread");
   cls.def_prop_ro(
       "_link", [](const PythonLearner& self) { return self.link; },
       nb::sig("def _link(self) -> typing.Any"));

@@ -46,7 +46,7 @@ void bind_breaker(nb::module_& module) {
   def(cls, "get_state", &CircuitBreaker::state,
       "The state. An open breaker that cooled down turns half-open.");
   def(
-      cls, "to_dict", [](CircuitBreaker& self) { return Dict(dict_of(figures_of(self))); },
+      cls, "to_dict", [](CircuitBreaker& self) { return figures_of(self); },
       "state, consecutive_fails, trip_count, window_errors and window_total.");
 }
 
@@ -67,7 +67,7 @@ void bind_limiter(nb::module_& module) {
   def(cls, "acquire", &RateLimiter::acquire,
       "Takes tokens if they are there; returns whether it did. Never waits.", arg("tokens") = 1);
   def(
-      cls, "to_dict", [](RateLimiter& self) { return Dict(dict_of(figures_of(self))); },
+      cls, "to_dict", [](RateLimiter& self) { return figures_of(self); },
       "tokens_remaining, max, refill_rate and rejected.");
 }
 
@@ -87,8 +87,7 @@ void bind_bulkhead(nb::module_& module) {
   def(cls, "release", &Bulkhead::release,
       "Gives a slot back. Each one adds a slot: call it once for every granted `acquire`.");
   def(
-      cls, "to_dict", [](Bulkhead& self) { return Dict(dict_of(figures_of(self))); },
-      "active, max and rejected.");
+      cls, "to_dict", [](Bulkhead& self) { return figures_of(self); }, "active, max and rejected.");
 }
 
 }  // namespace

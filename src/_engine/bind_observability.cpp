@@ -19,7 +19,7 @@ void bind_observability(nb::module_& module) {
   def(cls, "get_counter", &MetricsCollector::counter,
       "A counter's value, 0 when it was never incremented.", arg("name"));
   def(
-      cls, "get_all", [](const MetricsCollector& self) { return Dict(dict_of(figures_of(self))); },
+      cls, "get_all", [](const MetricsCollector& self) { return figures_of(self); },
       "A snapshot: counters, gauges, and histograms with count, p50, p95, p99 and avg.");
   def(cls, "prometheus_format", &MetricsCollector::prometheus_format,
       "The metrics in the classic Prometheus text form.");
@@ -30,12 +30,11 @@ void bind_observability(nb::module_& module) {
         if (!attrs.is_none() && !PyMapping_Check(attrs.ptr())) {
           refuse_argument("attrs", "dict or None", attrs);
         }
-        return Dict(span_of(self, name, attrs));
+        return span_of(self, name, attrs);
       },
       "A span record that carries the counters as events.", arg("name"), arg("attrs") = nb::none());
   def(
-      cls, "health_endpoint",
-      [](const MetricsCollector& self) { return Dict(dict_of(health_document(self))); },
+      cls, "health_endpoint", [](const MetricsCollector& self) { return health_document(self); },
       "A health document: status, version, uptime_checks, error_count, metrics_summary.");
   bind_field(cls, field<&MetricsFields::counters>("_counters", "counters by name"));
   bind_field(cls, field<&MetricsFields::gauges>("_gauges", "gauges by name"));

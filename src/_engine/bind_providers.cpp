@@ -72,7 +72,7 @@ void bind_providers(nb::module_& module) {
   def(cls, "get_category_circuit_breaker", &ProviderConfig::category_circuit_breaker,
       "The breaker for one category of faults, made on first use.", arg("category"));
   def(
-      cls, "to_dict", [](ProviderConfig& self) { return Dict(dict_of(figures_of(self))); },
+      cls, "to_dict", [](ProviderConfig& self) { return figures_of(self); },
       "The record for read-outs, without the key.");
 }
 

@@ -23,28 +23,22 @@ constexpr const char* kRunDoc =
 
 void bind_quick_start(nb::module_& module) {
   def(
-      module, "run",
-      [](const Annotated<"dict[str, str] | None">& api_keys,
-         bool verbose) -> Annotated<"SelfHealingEngine"> {
-        return call(Helper::kQuickStart, keys_or_empty(api_keys), verbose);
+      module, "run", [](const Keys& api_keys, bool verbose) -> Annotated<"SelfHealingEngine"> {
+        const nb::object keys = api_keys ? nb::object(*api_keys) : nb::dict();
+        return call(Helper::kQuickStart, keys, verbose);
       },
       kRunDoc, arg("api_keys") = nb::none(), arg("verbose") = true);
   def(
       module, "_check_provider",
-      [](std::string_view name, std::string_view base_url, std::string_view api_key)
-          -> Annotated<"collections.abc.Coroutine[typing.Any, typing.Any, bool]"> {
+      [](std::string_view name, std::string_view base_url,
+         std::string_view api_key) -> Awaitable<bool> {
         return call(Helper::kCheckProvider, from_utf8(name), from_utf8(base_url),
                     from_utf8(api_key));
       },
       "Whether a provider answers a tiny request with this key within 10 seconds.\n\n"
       "To be awaited. No failure is raised: it is False.",
       arg("name"), arg("base_url"), arg("api_key"));
-  def(
-      module, "_preset_record",
-      [](std::string_view name, std::string_view base_url,
-         const Annotated<"dict[str, str]">& api_keys) {
-        return std::make_shared<ProviderConfig>(preset_record(name, base_url, api_keys));
-      },
+  def(module, "_preset_record", preset_record,
       "A preset provider's record, with its models and its key.", arg("name"), arg("base_url"),
       arg("api_keys"));
 }

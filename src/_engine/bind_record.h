@@ -90,29 +90,17 @@ nb::class_<T> bind_record(
   return cls;
 }
 
-// Binds a member that is a Python object. `check`, where there is one, refuses values of a type
-// that the class could not use, by the member's name.
+// Binds a member of a class that is no record; type errors of the setter name it.
 template <auto Member, class T>
-void bind_object(nb::class_<T>& cls, const char* name, const std::string& type,
-                 void (*check)(nb::handle value, const char* name) = nullptr) {
+void bind_member(nb::class_<T>& cls, const char* name) {
+  using M = std::remove_reference_t<decltype(std::declval<T&>().*Member)>;
+  const std::string type = Convert<M>::kName.text;
   const std::string getter = "def " + std::string(name) + "(self) -> " + type;
   const std::string setter = "def " + std::string(name) + "(self, value: " + type + ", /) -> None";
   cls.def_prop_rw(
-      name, [](const T& self) { return self.*Member; },
-      [name, check](T& self, nb::handle value) {
-        if (check) check(value, name);
-        self.*Member = nb::borrow(value);
-      },
+      name, [](const T& self) { return Convert<M>::to(self.*Member); },
+      [name](T& self, nb::handle value) { self.*Member = convert_argument<M>(value, name); },
       nb::for_getter(nb::sig(getter.c_str())), nb::for_setter(nb::sig(setter.c_str())),
-      nb::for_setter(nb::arg("value").none()));
-}
-
-// Binds a member that is a text.
-template <auto Member, class T>
-void bind_text(nb::class_<T>& cls, const char* name) {
-  cls.def_prop_rw(
-      name, [](const T& self) { return from_utf8(self.*Member); },
-      [name](T& self, nb::handle value) { self.*Member = to_utf8(require_text(value, name)); },
       nb::for_setter(nb::arg("value").none()));
 }
 

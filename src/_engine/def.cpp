@@ -7,7 +7,8 @@ std::string signature(const char* name, bool method, std::initializer_list<Param
   std::string text = "def " + std::string(name) + (method ? "(self" : "(");
   const char* separator = method ? ", " : "";
   for (const Parameter& each : parameters) {
-    text += separator + std::string(each.name) + ": " + each.type;
+    text += separator + (each.type ? std::string(each.name) + ": " + each.type
+                                   : "**" + std::string(each.name) + ": typing.Any");
     if (each.value.is_valid()) text += " = " + literal(each.value);
     separator = ", ";
   }

@@ -17,28 +17,13 @@
 //   def(cls, "acquire", &RateLimiter::acquire, "Takes tokens.", arg("tokens") = 1);
 //
 // Types come from the function's own signature, names and defaults from the `arg`s, one for each
-// parameter but `self`, in order.
+// parameter but `self`, in order. Results cross by `Convert` where it knows them. A last parameter
+// of the type nb::kwargs takes the keyword options that are no other parameter's.
 namespace tarvomeldric::host {
 
 // Whatever is given reaches the conversion, None included.
 inline auto arg(const char* name) { return nb::arg(name).none(); }
 
-// Any object, shown in signatures as the text says.
-template <Literal Text>
-struct Annotated : nb::object {
-  static constexpr auto Name = nb::detail::const_name(Text.value);
-  Annotated() = default;
-  Annotated(nb::object any)  // NOLINT(google-explicit-constructor): one is the other, annotated
-      : nb::object(std::move(any)) {}
-};
-template <Literal Text>
-struct Convert<Annotated<Text>> {
-  static constexpr auto kName = Annotated<Text>::Name;
-  static bool from(nb::handle h, Annotated<Text>& out) {
-    out = nb::borrow(h);
-    return true;
-  }
-};
 using Dict = Annotated<"dict[str, typing.Any]">;
 using CountDict = Annotated<"dict[str, int]">;
 
@@ -57,20 +42,45 @@ struct Given {
   Value take(const char* name) const { return convert_argument<Value>(object, name); }
 };
 
+// What the binding library is to pass: keyword options as they are, and everything else
+// unconverted.
+template <class P>
+using Passed =
+    std::conditional_t<std::is_same_v<std::decay_t<P>, nb::kwargs>, nb::kwargs, Given<P>>;
+template <class P>
+auto taken(const Given<P>& given, const char* name) {
+  return given.take(name);
+}
+inline nb::kwargs taken(nb::kwargs& options, const char*) { return std::move(options); }
+
+// The type of a parameter in signatures, null for keyword options.
+template <class P>
+constexpr const char* parameter_type() {
+  if constexpr (std::is_same_v<Passed<P>, nb::kwargs>) {
+    return nullptr;
+  } else {
+    return Given<P>::kType;
+  }
+}
+
+template <class R>
+concept Convertible = requires(const R& result) {
+  Convert<R>::to(result);
+};
 template <class R>
 constexpr const char* result_type() {
   if constexpr (std::is_void_v<R>) {
     return "None";
+  } else if constexpr (Convertible<R>) {
+    return Convert<R>::kName.text;
   } else if constexpr (requires { python_name(Named<R>{}); }) {
     return kPythonName<R>.text;
-  } else if constexpr (requires { Convert<R>::kName; }) {
-    return Convert<R>::kName.text;
   } else {
     return nb::detail::make_caster<R>::Name.text;
   }
 }
 
-// A parameter as an `arg` describes it; no default is null.
+// A parameter as an `arg` describes it; no default is null, no type stands for keyword options.
 struct Parameter {
   const char* type;
   const char* name;
@@ -100,17 +110,22 @@ struct Binder {
   template <class R, class... P, class F, class... A>
   static auto bind(const char* name, F function, const A&... args) {
     const std::array<const char*, sizeof...(P)> names{args.name_...};
-    auto converting = [function, names](Before... before, Given<P>... given) -> decltype(auto) {
-      return [&]<std::size_t... I>(std::index_sequence<I...>)->decltype(auto) {
+    auto converting = [function, names](Before... before, Passed<P>... given) -> decltype(auto) {
+      const auto invoked = [&]<std::size_t... I>(std::index_sequence<I...>)->decltype(auto) {
         // In braces, so that arguments are converted from left to right.
-        std::tuple<typename Given<P>::Value...> values{given.take(names[I])...};
+        std::tuple<decltype(taken(given, ""))...> values{taken(given, names[I])...};
         return std::invoke(function, std::forward<Before>(before)..., std::get<I>(values)...);
+      };
+      if constexpr (Convertible<std::decay_t<R>>) {
+        return Convert<std::decay_t<R>>::to(invoked(std::index_sequence_for<P...>()));
+      } else {
+        return invoked(std::index_sequence_for<P...>());
       }
-      (std::index_sequence_for<P...>());
     };
     return Binding<decltype(converting)>{
-        converting, signature(name, sizeof...(Before) != 0, {parameter(Given<P>::kType, args)...},
-                              result_type<std::decay_t<R>>())};
+        converting,
+        signature(name, sizeof...(Before) != 0, {parameter(parameter_type<P>(), args)...},
+                  result_type<std::decay_t<R>>())};
   }
 };
 

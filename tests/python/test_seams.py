@@ -162,7 +162,7 @@ def test_providers_come_from_keys_lists_and_maps(monkeypatch: pytest.MonkeyPatch
     with pytest.raises(TypeError, match="got str"):
         SelfHealingEngine("openai")  # type: ignore[arg-type]
     for discover in (found._auto_discover, lambda keys: found._init_from_list(["openai"], keys)):
-        with pytest.raises(TypeError, match="api_keys must be dict or None, not int"):
+        with pytest.raises(TypeError, match=r"api_keys must be dict\[str, str\] . None, not int"):
             discover(5)
 
 

@@ -1,7 +1,6 @@
 #include "host/calls/call_io.h"
 
-#include <array>
-
+#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/argument.h"
@@ -9,10 +8,9 @@
 namespace tarvomeldric::host {
 namespace {
 
-constexpr std::array kHeldObjects{
-    &CallState::engine,  &CallState::prompt, &CallState::model,        &CallState::contract,
-    &CallState::options, &CallState::answer, &CallState::raw_response, &CallState::error,
-    &CallState::verdict, &CallState::fault,  &CallState::trace};
+using Objects = Held<&CallState::engine, &CallState::prompt, &CallState::contract,
+                     &CallState::options, &CallState::answer, &CallState::raw_response,
+                     &CallState::error, &CallState::verdict, &CallState::fault, &CallState::trace>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
@@ -36,13 +34,13 @@ Surroundings CallState::surroundings() {
 }
 
 int CallState::traverse(visitproc visit, void* arg) {
-  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
+  if (const int stop = Objects::traverse(*this, visit, arg)) return stop;
   if (const int stop = parts.traverse(visit, arg)) return stop;
   return exchange.traverse(visit, arg);
 }
 
 void CallState::clear() {
-  for (auto held : kHeldObjects) drop(this->*held);
+  Objects::clear(*this);
   parts.clear();
   exchange.clear();
 }

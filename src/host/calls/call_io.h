@@ -20,10 +20,8 @@ namespace tarvomeldric::host {
 struct CallState {
   nb::object engine;
   nb::object prompt;
-  nb::object model;
   nb::object contract;
   nb::object options;  // of every execution, `api_type` included
-  CallRequest request;
 
   Parts parts;
   std::optional<PythonRegistry> registry;

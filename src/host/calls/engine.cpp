@@ -1,8 +1,6 @@
 #include "host/calls/engine.h"
 
-#include <array>
-#include <cstdlib>
-
+#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/argument.h"
 #include "host/records/records.h"
@@ -11,32 +9,25 @@
 namespace tarvomeldric::host {
 namespace {
 
-constexpr std::array kParts{&Parts::providers, &Parts::diagnoser, &Parts::learner, &Parts::metrics,
-                            &Parts::topology};
-constexpr std::array kHeldObjects{&Engine::http_pool, &Engine::sync_client_pool,
-                                  &Engine::last_raw_response, &Engine::telemetry};
+using HeldParts =
+    Held<&Parts::providers, &Parts::diagnoser, &Parts::learner, &Parts::metrics, &Parts::topology>;
 
 template <class T>
-nb::object made() {
-  return call(nb::type<T>());
+Instance<T> made() {
+  return Instance<T>(call(nb::type<T>()));
 }
 
 // The given key, else the one in the environment, else empty.
-std::string key_for(std::string_view provider, nb::handle api_keys) {
-  if (PyObject* given = PyDict_GetItem(api_keys.ptr(), from_utf8(provider).ptr())) {
-    if (given != Py_None && !PyUnicode_Check(given)) {
-      refuse_argument("api_keys['" + std::string(provider) + "']", "str", given);
-    }
-    if (is_true(given)) return to_utf8(given);
+std::string key_for(std::string_view provider, const Keys& api_keys) {
+  if (const nb::handle given = api_keys ? entry(*api_keys, from_utf8(provider)) : nb::handle()) {
+    const std::string name = "api_keys['" + std::string(provider) + "']";
+    const auto key = convert_argument<std::optional<std::string>>(given, name);
+    if (key && !key->empty()) return *key;
   }
   const std::string_view variable = preset(provider).key_variable;
   if (variable.empty()) return {};
   // Python's own view of the environment, which the program may have changed.
   return to_utf8(call(import("os").attr("environ").attr("get"), from_utf8(variable), ""));
-}
-
-nb::object make_record(ProviderFields fields) {
-  return nb::cast(std::make_shared<ProviderConfig>(std::move(fields)));
 }
 
 std::string unknown_provider(const std::string& name) {
@@ -52,33 +43,29 @@ std::string unknown_provider(const std::string& name) {
 
 }  // namespace
 
-nb::object keys_or_empty(nb::handle api_keys) {
-  if (api_keys.is_none()) return nb::dict();
-  if (!PyDict_Check(api_keys.ptr())) refuse_argument("api_keys", "dict or None", api_keys);
-  return nb::borrow(api_keys);
-}
+struct Engine::HeldObjects
+    : Held<&Engine::http_pool, &Engine::sync_client_pool, &Engine::last_raw_response,
+           &Engine::telemetry, &Engine::clients_> {};
 
-ProviderFields preset_record(std::string_view name, std::string_view base_url,
-                             nb::handle api_keys) {
+ProviderPtr preset_record(std::string_view name, std::string_view base_url, const Keys& api_keys) {
   ProviderFields fields;
   fields.name = name;
   fields.base_url = base_url;
   fields.api_key = key_for(name, api_keys);
   const Names models = preset(name).models;
   fields.models = {models.begin(), models.end()};
-  return fields;
+  return std::make_shared<ProviderConfig>(std::move(fields));
 }
 
-Engine::Engine(nb::handle given_providers, nb::handle api_keys)
+Engine::Engine(nb::handle given_providers, const Keys& api_keys)
     : Parts{nb::dict(), made<Diagnoser>(), made<PythonLearner>(), made<MetricsCollector>(),
             made<SemanticTopology>()},
       http_pool(nb::dict()),
       sync_client_pool(nb::dict()) {
-  keys_or_empty(api_keys);
   if (given_providers.is_none()) {
     auto_discover(api_keys);
   } else if (PyList_Check(given_providers.ptr())) {
-    init_from_list(given_providers, api_keys);
+    init_from_list(nb::borrow(given_providers), api_keys);
   } else if (PyDict_Check(given_providers.ptr())) {
     providers = nb::borrow(given_providers);
   } else {
@@ -88,27 +75,25 @@ Engine::Engine(nb::handle given_providers, nb::handle api_keys)
   }
 }
 
-void Engine::auto_discover(nb::handle given_keys) {
-  const nb::object api_keys = keys_or_empty(given_keys);
+void Engine::auto_discover(const Keys& api_keys) {
   for (const Preset& row : kPresets) {
     if (*row.base_url == '\0') continue;
-    ProviderFields fields = preset_record(row.name, row.base_url, api_keys);
-    if (!fields.api_key.empty()) providers[row.name] = make_record(std::move(fields));
+    const ProviderPtr record = preset_record(row.name, row.base_url, api_keys);
+    if (!record->endpoint().api_key.empty()) providers[row.name] = record;
   }
 }
 
-void Engine::init_from_list(nb::handle names, nb::handle given_keys) {
-  const nb::object api_keys = keys_or_empty(given_keys);
-  if (!PyList_Check(names.ptr())) refuse_argument("names", "list", names);
+void Engine::init_from_list(const TextList& names, const Keys& api_keys) {
   for (nb::handle item : names) {
     const auto name = convert_argument<std::string>(item, "providers: a name");
     const std::string_view url = preset(name).base_url;
     if (url.empty()) throw nb::value_error(unknown_provider(name).c_str());
-    providers[item] = make_record(preset_record(name, url, api_keys));
+    providers[item] = preset_record(name, url, api_keys);
   }
 }
 
-void Engine::add_provider(nb::handle config_or_name, nb::handle config) {
+void Engine::add_provider(const Annotated<"ProviderConfig | str">& config_or_name,
+                          const Annotated<"ProviderConfig | None">& config) {
   if (PyUnicode_Check(config_or_name.ptr()) && !config.is_none()) {
     providers[config_or_name] = config;
   } else if (is_made<ProviderConfig>(config_or_name)) {
@@ -119,40 +104,26 @@ void Engine::add_provider(nb::handle config_or_name, nb::handle config) {
   }
 }
 
-nb::object Engine::telemetry_collector() {
-  if (telemetry.is_none()) {
-    telemetry = call(Helper::kTelemetryCollector);
-  }
+Any Engine::telemetry_collector() {
+  if (telemetry.is_none()) telemetry = call(Helper::kTelemetryCollector);
   return telemetry;
 }
 
 Surroundings Parts::surroundings(const Registry& registry, EngineCounters& counters) const {
-  return {registry,
-          require<SemanticTopology>(topology, "_topology"),
-          require<Diagnoser>(diagnoser, "_diagnoser"),
-          require<PythonLearner>(learner, "_learner"),
-          require<MetricsCollector>(metrics, "_metrics"),
-          counters};
+  return {registry, *topology, *diagnoser, *learner, *metrics, counters};
 }
 
-int Parts::traverse(visitproc visit, void* arg) {
-  for (auto held : kParts) Py_VISIT((this->*held).ptr());
-  return 0;
-}
+int Parts::traverse(visitproc visit, void* arg) { return HeldParts::traverse(*this, visit, arg); }
 
-void Parts::clear() {
-  for (auto held : kParts) drop(this->*held);
-}
+void Parts::clear() { HeldParts::clear(*this); }
 
 int Engine::traverse(visitproc visit, void* arg) {
-  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
-  Py_VISIT(clients_.ptr());
-  return Parts::traverse(visit, arg);
+  if (const int stop = Parts::traverse(visit, arg)) return stop;
+  return HeldObjects::traverse(*this, visit, arg);
 }
 
 void Engine::clear() {
-  for (auto held : kHeldObjects) drop(this->*held);
-  drop(clients_);
+  HeldObjects::clear(*this);
   Parts::clear();
 }
 

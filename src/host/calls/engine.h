@@ -8,11 +8,14 @@
 #include "engine/call.h"
 #include "host/calls/learner.h"
 #include "host/interpreter/python.h"
+#include "host/records/records.h"
 #include "providers/engine_counters.h"
 #include "providers/registry.h"
 #include "support/figures.h"
 
 namespace tarvomeldric::host {
+
+using NameList = Annotated<"list[str]">;
 
 // The registry of an engine: a Python dictionary, whose entries any code may set.
 class PythonRegistry final : public Registry {
@@ -27,13 +30,13 @@ class PythonRegistry final : public Registry {
 // The members of an engine that a call works with. They are Python objects, so that Python code can
 // read and replace them; a call keeps hold of those it finds when it starts.
 struct Parts {
-  nb::object providers;
-  nb::object diagnoser;
-  nb::object learner;
-  nb::object metrics;
-  nb::object topology;
+  DictOf<"dict[str, ProviderConfig]"> providers;
+  Instance<Diagnoser> diagnoser;
+  Instance<PythonLearner> learner;
+  Instance<MetricsCollector> metrics;
+  Instance<SemanticTopology> topology;
 
-  // The core's view of them; type errors name a member of the wrong type.
+  // The core's view of them.
   Surroundings surroundings(const Registry& registry, EngineCounters& counters) const;
   int traverse(visitproc visit, void* arg);
   void clear();
@@ -43,19 +46,20 @@ struct Parts {
 // is decided by the core; this class finds the core's parts behind its members.
 class Engine : public Parts {
  public:
-  // `providers`: None, a list of preset names, or a dictionary of records; `api_keys`: None or a
-  // dictionary from provider name to key. Throws a type or value error for anything else.
-  Engine(nb::handle providers, nb::handle api_keys);
+  // `providers`: None, a list of preset names, or a dictionary of records; a type or value error
+  // for anything else.
+  Engine(nb::handle providers, const Keys& api_keys);
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  void auto_discover(nb::handle api_keys);
-  void init_from_list(nb::handle names, nb::handle api_keys);
-  void add_provider(nb::handle config_or_name, nb::handle config);
+  void auto_discover(const Keys& api_keys);
+  void init_from_list(const TextList& names, const Keys& api_keys);
+  void add_provider(const Annotated<"ProviderConfig | str">& config_or_name,
+                    const Annotated<"ProviderConfig | None">& config);
 
   // The decisions of a call, by the names of registered providers; KeyError for one that is not.
-  std::string pick_provider(const std::optional<std::string>& model, nb::handle names) const;
-  std::string pick_fallback(nb::handle names) const;
+  std::string pick_provider(const std::optional<std::string>& model, const NameList& names) const;
+  std::string pick_fallback(const NameList& names) const;
   double provider_priority(const std::string& provider, const std::string& fault_pattern,
                            const std::string& sub_category) const;
   // Counted as a refusal out of bounds.
@@ -64,47 +68,47 @@ class Engine : public Parts {
                                               SemanticDomain domain) const;
 
   // The pooled blocking client for a provider, made on first use.
-  nb::object sync_client(const std::string& provider_name);
+  Any sync_client(const std::string& provider_name);
   // The pooled client for the running loop: at once if there is one (else None), or awaited.
   nb::object find_session(const std::string& provider_name);
-  nb::object session(const std::string& provider_name);
+  Awaitable<Any> session(const std::string& provider_name);
   // The awaitable that closes every pooled client, and the blocking form. The engine stays usable:
   // the next request makes fresh clients.
-  nb::object close();
+  Awaitable<void> close();
   void close_sync();
   void close_sync_clients();
   // In the child of a fork: clients of its own. The parent's stay as they are.
   void after_fork();
 
-  nb::object telemetry_collector();
+  Any telemetry_collector();
 
   // Adds to a counter of the engine, or to an attribute of the caller's own.
   void inc_counter(const std::string& name, std::int64_t value);
   Figures stats();
   Figures mapek_stats();
-  nb::list available_names() const;
+  NameList available_names() const;
 
   int traverse(visitproc visit, void* arg);
   void clear();
 
-  nb::object http_pool;
-  nb::object sync_client_pool;
-  nb::object last_raw_response = nb::none();
-  nb::object telemetry = nb::none();
+  DictOf<"dict[str, typing.Any]"> http_pool;
+  DictOf<"dict[str, typing.Any]"> sync_client_pool;
+  Any last_raw_response = nb::none();
+  Any telemetry = nb::none();
   EngineCounters counters;
   Mutex pool_lock;
   Mutex sync_client_lock;
 
  private:
+  struct HeldObjects;
+
   nb::handle clients();
   nb::object lock_object(Mutex& lock);
   nb::object clients_;  // the package's HttpClients, made on first use
 };
 
-// `api_keys` as a dictionary; a type error for what is neither that nor None.
-nb::object keys_or_empty(nb::handle api_keys);
 // A preset provider's record with its models, and with its key from `api_keys`, else from the
 // environment, else an empty one.
-ProviderFields preset_record(std::string_view name, std::string_view base_url, nb::handle api_keys);
+ProviderPtr preset_record(std::string_view name, std::string_view base_url, const Keys& api_keys);
 
 }  // namespace tarvomeldric::host

@@ -20,7 +20,7 @@ nb::object Engine::lock_object(Mutex& lock) {
   return nb::cast(&lock, nb::rv_policy::reference_internal, nb::find(this));
 }
 
-nb::object Engine::sync_client(const std::string& provider_name) {
+Any Engine::sync_client(const std::string& provider_name) {
   const nb::str name = from_utf8(provider_name);
   if (const nb::handle pooled = entry(sync_client_pool, name)) return nb::borrow(pooled);
   return call(clients().attr("blocking"), sync_client_pool, lock_object(sync_client_lock), name);
@@ -30,7 +30,7 @@ nb::object Engine::find_session(const std::string& provider_name) {
   return call(clients().attr("find"), http_pool, from_utf8(provider_name));
 }
 
-nb::object Engine::session(const std::string& provider_name) {
+Awaitable<Any> Engine::session(const std::string& provider_name) {
   return call(clients().attr("session"), http_pool, lock_object(pool_lock),
               from_utf8(provider_name));
 }
@@ -48,7 +48,7 @@ void Engine::close_sync() {
   close_sync_clients();
 }
 
-nb::object Engine::close() {
+Awaitable<void> Engine::close() {
   const nb::object self = nb::find(this);
   return call(clients().attr("close"), http_pool, lock_object(pool_lock),
               self.attr("_close_sync_clients"));

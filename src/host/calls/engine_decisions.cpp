@@ -26,11 +26,12 @@ std::vector<NamedProvider> named(const Engine& engine, nb::handle names) {
 
 }  // namespace
 
-std::string Engine::pick_provider(const std::optional<std::string>& model, nb::handle names) const {
+std::string Engine::pick_provider(const std::optional<std::string>& model,
+                                  const NameList& names) const {
   return tarvomeldric::pick_provider(model.value_or(""), named(*this, names)).name;
 }
 
-std::string Engine::pick_fallback(nb::handle names) const {
+std::string Engine::pick_fallback(const NameList& names) const {
   return tarvomeldric::pick_fallback(named(*this, names)).name;
 }
 
@@ -38,8 +39,7 @@ double Engine::provider_priority(const std::string& provider, const std::string&
                                  const std::string& sub_category) const {
   const nb::list names(nb::make_tuple(from_utf8(provider)));
   const std::string& pattern = sub_category.empty() ? fault_pattern : sub_category;
-  return tarvomeldric::provider_priority(
-      named(*this, names).front(), require<PythonLearner>(learner, "_learner").advise(pattern));
+  return tarvomeldric::provider_priority(named(*this, names).front(), learner->advise(pattern));
 }
 
 std::optional<std::string> Engine::downgraded_model(const std::string& provider,
@@ -48,7 +48,7 @@ std::optional<std::string> Engine::downgraded_model(const std::string& provider,
   if (domain != SemanticDomain::kOutOfBounds) {
     return tarvomeldric::downgraded_model(provider, current_model);
   }
-  require<MetricsCollector>(metrics, "_metrics").inc(metric::kDowngradeOutOfBounds);
+  metrics->inc(metric::kDowngradeOutOfBounds);
   return std::nullopt;
 }
 
@@ -66,7 +66,7 @@ void Engine::inc_counter(const std::string& name, std::int64_t value) {
   host_call([&] { nb::setattr(self, key, sum + nb::int_(value)); });
 }
 
-nb::list Engine::available_names() const {
+NameList Engine::available_names() const {
   nb::list names;
   for (const auto& entry : available_providers(PythonRegistry(providers))) {
     names.append(from_utf8(entry.name));

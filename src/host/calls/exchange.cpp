@@ -1,8 +1,7 @@
 #include "host/calls/exchange.h"
 
-#include <array>
-
 #include "host/calls/engine.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/views.h"
@@ -15,8 +14,8 @@ namespace {
 constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
 
-constexpr std::array kHeldObjects{&Exchange::client, &Exchange::url,     &Exchange::headers,
-                                  &Exchange::body,   &Exchange::timeout, &Exchange::decoded};
+using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
+                     &Exchange::timeout, &Exchange::decoded>;
 
 nb::dict header_dict(const Endpoint& endpoint) {
   nb::dict headers;
@@ -117,14 +116,9 @@ Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model
   timeout = given ? nb::borrow(given) : number(kProviderTimeoutSeconds);
 }
 
-int Exchange::traverse(visitproc visit, void* arg) {
-  for (auto held : kHeldObjects) Py_VISIT((this->*held).ptr());
-  return 0;
-}
+int Exchange::traverse(visitproc visit, void* arg) { return Objects::traverse(*this, visit, arg); }
 
-void Exchange::clear() {
-  for (auto held : kHeldObjects) drop(this->*held);
-}
+void Exchange::clear() { Objects::clear(*this); }
 
 nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
   try {

@@ -50,8 +50,6 @@ class PythonLearner final : public FlywheelLearner, private RulePublisher {
   void publish(const std::string& key, const LearnedRule& rule) override;
 };
 
-constexpr auto python_name(Named<PythonLearner>) {
-  return nb::detail::const_name("FlywheelLearner");
-}
+constexpr auto python_name(Named<PythonLearner>) { return const_name("FlywheelLearner"); }
 
 }  // namespace tarvomeldric::host

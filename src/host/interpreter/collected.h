@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 
 #include "host/interpreter/python.h"
 #include "support/ordered_map.h"
@@ -9,7 +10,7 @@ namespace tarvomeldric::host {
 
 // Shows the garbage collector the Python objects that a member keeps alive.
 template <class T>
-int visit_python(const T&, visitproc, void*) {
+requires(!std::is_base_of_v<nb::object, T>) int visit_python(const T&, visitproc, void*) {
   return 0;
 }
 inline int visit_python(const nb::object& held, visitproc visit, void* arg) {
@@ -32,6 +33,21 @@ int visit_python(const OrderedMap<V>& map, visitproc visit, void* arg) {
   }
   return 0;
 }
+
+// The members of a class that are Python objects: what it shows the garbage collector, and lets go.
+template <auto... Members>
+struct Held {
+  template <class T>
+  static int traverse(const T& holder, visitproc visit, void* arg) {
+    int stop = 0;
+    (void)((stop = visit_python(holder.*Members, visit, arg)) || ...);
+    return stop;
+  }
+  template <class T>
+  static void clear(T& holder) {
+    (drop(holder.*Members), ...);
+  }
+};
 
 // The garbage collector's slots of a bound class that takes attributes and whose own Python objects
 // are shown by `traverse` and let go by `clear`.

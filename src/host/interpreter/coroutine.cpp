@@ -80,8 +80,9 @@ Coroutine::~Coroutine() {
   if (!nb::is_alive()) return;
   error_scope keep;
   if (stage_ == Stage::kNew) {
-    if (PyErr_WarnFormat(PyExc_RuntimeWarning, 1, "coroutine '%s' was never awaited",
-                         qualified_name_) < 0) {
+    const std::string warning =
+        "coroutine '" + std::string(qualified_name_) + "' was never awaited";
+    if (PyErr_WarnEx(PyExc_RuntimeWarning, warning.c_str(), 1) < 0) {
       PyErr_WriteUnraisable(nullptr);
     }
   }
@@ -239,8 +240,8 @@ int Coroutine::traverse(visitproc visit, void* arg) {
   return work_ ? work_->traverse(visit, arg) : 0;
 }
 
-nb::object make_coroutine(std::unique_ptr<CoroutineWork> work) {
-  return nb::cast(new Coroutine(std::move(work)), nb::rv_policy::take_ownership);
+nb::object make_coroutine(std::unique_ptr<CoroutineWork> work, std::string_view qualified_name) {
+  return nb::cast(new Coroutine(std::move(work), qualified_name), nb::rv_policy::take_ownership);
 }
 
 nb::object Coroutine::awaiting() const {

@@ -3,6 +3,7 @@
 #include <coroutine>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "host/interpreter/python.h"
 #include "support/task.h"
@@ -35,8 +36,6 @@ class PythonAwait {
 class CoroutineWork {
  public:
   virtual ~CoroutineWork() = default;
-  virtual const char* name() const = 0;
-  virtual const char* qualified_name() const = 0;
   virtual Task<nb::object> run(Suspension& suspension) = 0;
   virtual int traverse(visitproc visit, void* arg) = 0;
   virtual void clear() = 0;
@@ -47,7 +46,8 @@ class CoroutineWork {
 // which gives back what its locals own.
 class Coroutine {
  public:
-  explicit Coroutine(std::unique_ptr<CoroutineWork> work) : work_(std::move(work)) {}
+  Coroutine(std::unique_ptr<CoroutineWork> work, std::string_view qualified_name)
+      : work_(std::move(work)), qualified_name_(qualified_name) {}
   ~Coroutine();
   Coroutine(const Coroutine&) = delete;
   Coroutine& operator=(const Coroutine&) = delete;
@@ -59,8 +59,7 @@ class Coroutine {
 
   nb::object awaiting() const;
   bool running() const { return running_; }
-  const char* name() const { return name_; }
-  const char* qualified_name() const { return qualified_name_; }
+  std::string_view qualified_name() const { return qualified_name_; }
 
   int traverse(visitproc visit, void* arg);
   void clear();
@@ -77,15 +76,14 @@ class Coroutine {
   void finish();
 
   std::unique_ptr<CoroutineWork> work_;
-  const char* name_ = work_->name();
-  const char* qualified_name_ = work_->qualified_name();
+  std::string_view qualified_name_;
   Suspension suspension_;
   std::optional<Task<nb::object>> task_;
   Stage stage_ = Stage::kNew;
   bool running_ = false;
 };
 
-// A new coroutine object of Python.
-nb::object make_coroutine(std::unique_ptr<CoroutineWork> work);
+// A new coroutine object of Python. The name, such as "SelfHealingEngine.call", outlives it.
+nb::object make_coroutine(std::unique_ptr<CoroutineWork> work, std::string_view qualified_name);
 
 }  // namespace tarvomeldric::host

@@ -25,7 +25,7 @@ struct Status {
 
 template <>
 struct Convert<Status> {
-  static constexpr auto kName = nb::detail::const_name("float | None");
+  static constexpr auto kName = const_name("float | None");
   static bool from(nb::handle h, Status& out) {
     const auto* slots = Py_TYPE(h.ptr())->tp_as_number;
     if (!h.is_none() && !(slots && (slots->nb_index || slots->nb_int))) {
@@ -45,15 +45,6 @@ T convert_argument(nb::handle given, const std::string& name) {
   return value;
 }
 
-inline nb::object require_text(nb::handle given, const char* name) {
-  if (!PyUnicode_Check(given.ptr())) refuse_argument(name, "str", given);
-  return nb::borrow(given);
-}
-
-inline nb::object require_text_or_none(nb::handle given, const char* name) {
-  return given.is_none() ? nb::none() : require_text(given, name);
-}
-
 // The T behind a Python object, or a type error that names the argument.
 template <class T>
 T& require(nb::handle given, const char* name) {
@@ -62,9 +53,8 @@ T& require(nb::handle given, const char* name) {
 }
 
 template <class T>
-nb::object require_or_none(nb::handle given, const char* name) {
-  if (!given.is_none()) require<T>(given, name);
-  return nb::borrow(given);
+nb::object object_or_none(const std::optional<T>& given) {
+  return given ? nb::object(*given) : nb::none();
 }
 
 inline std::size_t text_length(nb::handle text) {

@@ -18,7 +18,7 @@ struct Convert;
 
 template <>
 struct Convert<std::string> {
-  static constexpr auto kName = nb::detail::const_name("str");
+  static constexpr auto kName = const_name("str");
   static bool from(nb::handle h, std::string& out) {
     if (!PyUnicode_Check(h.ptr())) return false;
     out = to_utf8(h);
@@ -29,7 +29,7 @@ struct Convert<std::string> {
 
 template <>
 struct Convert<bool> {
-  static constexpr auto kName = nb::detail::const_name("bool");
+  static constexpr auto kName = const_name("bool");
   static bool from(nb::handle h, bool& out) {
     out = is_true(h);
     return true;
@@ -39,7 +39,7 @@ struct Convert<bool> {
 
 template <>
 struct Convert<std::int64_t> {
-  static constexpr auto kName = nb::detail::const_name("int");
+  static constexpr auto kName = const_name("int");
   static bool from(nb::handle h, std::int64_t& out) {
     if (!PyIndex_Check(h.ptr())) return false;
     const auto index = nb::steal(PyNumber_Index(h.ptr()));
@@ -53,7 +53,7 @@ struct Convert<std::int64_t> {
 
 template <>
 struct Convert<double> {
-  static constexpr auto kName = nb::detail::const_name("float");
+  static constexpr auto kName = const_name("float");
   static bool from(nb::handle h, double& out) {
     const auto* slots = Py_TYPE(h.ptr())->tp_as_number;
     if (!PyFloat_Check(h.ptr()) && !(slots && (slots->nb_float || slots->nb_index))) return false;
@@ -70,12 +70,77 @@ struct Named {};
 template <class T>
 inline constexpr auto kPythonName = python_name(Named<T>{});
 
-// Any Python object, kept by reference.
+// A Python object kept by reference, of which signatures say `Type`; `Check`, where there is one,
+// refuses what is of another type.
+template <Literal Type, int (*Check)(PyObject*) = nullptr>
+struct Annotated : nb::object {
+  Annotated() = default;
+  Annotated(nb::object any)  // NOLINT(google-explicit-constructor): one is the other, annotated
+      : nb::object(std::move(any)) {}
+};
+template <Literal Type, int (*Check)(PyObject*)>
+struct Convert<Annotated<Type, Check>> {
+  static constexpr auto kName = const_name(Type.value);
+  static bool from(nb::handle h, Annotated<Type, Check>& out) {
+    if constexpr (Check != nullptr) {
+      if (!Check(h.ptr())) return false;
+    }
+    out = nb::borrow(h);
+    return true;
+  }
+  static nb::object to(const nb::object& value) { return value; }
+};
+
+inline int is_text(PyObject* object) { return PyUnicode_Check(object); }
+inline int is_dict(PyObject* object) { return PyDict_Check(object); }
+inline int is_list(PyObject* object) { return PyList_Check(object); }
+
+using Any = Annotated<"typing.Any">;
+using Text = Annotated<"str", is_text>;
+using TextList = Annotated<"list[str]", is_list>;
+template <Literal Type>
+using DictOf = Annotated<Type, is_dict>;
+using Keys = std::optional<DictOf<"dict[str, str]">>;
+
+// What is to be awaited for an R.
+template <class R>
+struct Awaitable : nb::object {
+  Awaitable(nb::object any)  // NOLINT(google-explicit-constructor): one is the other, annotated
+      : nb::object(std::move(any)) {}
+};
 template <>
-struct Convert<nb::object> {
-  static constexpr auto kName = nb::detail::const_name("typing.Any");
+struct Convert<void> {
+  static constexpr auto kName = const_name("None");
+};
+template <class R>
+struct Convert<Awaitable<R>> {
+  static constexpr auto kName = const_name("collections.abc.Coroutine[typing.Any, typing.Any, ") +
+                                Convert<R>::kName + const_name("]");
+  static nb::object to(const nb::object& value) { return value; }
+};
+
+template <>
+struct Convert<nb::object> : Convert<Any> {
   static bool from(nb::handle h, nb::object& out) {
     out = nb::borrow(h);
+    return true;
+  }
+};
+
+// A bound T as the Python object that it is, of a subclass maybe.
+template <class T>
+struct Instance : nb::object {
+  Instance() = default;
+  explicit Instance(nb::object made) : nb::object(std::move(made)) {}
+  T& operator*() const { return *nb::inst_ptr<T>(*this); }
+  T* operator->() const { return nb::inst_ptr<T>(*this); }
+};
+template <class T>
+struct Convert<Instance<T>> {
+  static constexpr auto kName = kPythonName<T>;
+  static bool from(nb::handle h, Instance<T>& out) {
+    if (!is_made<T>(h)) return false;
+    out = Instance<T>(nb::borrow(h));
     return true;
   }
   static nb::object to(const nb::object& value) { return value; }
@@ -83,7 +148,7 @@ struct Convert<nb::object> {
 
 template <class T>
 struct Convert<std::optional<T>> {
-  static constexpr auto kName = Convert<T>::kName + nb::detail::const_name(" | None");
+  static constexpr auto kName = Convert<T>::kName + const_name(" | None");
   static bool from(nb::handle h, std::optional<T>& out) {
     out.reset();
     return h.is_none() || Convert<T>::from(h, out.emplace());
@@ -116,12 +181,3 @@ struct Convert<std::shared_ptr<T>> {
 };
 
 }  // namespace tarvomeldric::host
-
-template <>
-struct nanobind::detail::type_caster<tarvomeldric::CircuitState> {
-  NB_TYPE_CASTER(tarvomeldric::CircuitState,
-                 tarvomeldric::host::Convert<tarvomeldric::CircuitState>::kName)
-  static handle from_cpp(tarvomeldric::CircuitState state, rv_policy, cleanup_list*) {
-    return tarvomeldric::host::Convert<tarvomeldric::CircuitState>::to(state).release();
-  }
-};

@@ -24,7 +24,8 @@ nb::dict dict_of(const Figures& figures) {
   return dict;
 }
 
-nb::dict span_of(const MetricsCollector& metrics, std::string_view name, nb::handle attrs) {
+Annotated<"dict[str, typing.Any]"> span_of(const MetricsCollector& metrics, std::string_view name,
+                                           nb::handle attrs) {
   auto counters = metrics.counters();
   std::ranges::sort(counters);
   nb::list events;

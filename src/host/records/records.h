@@ -85,41 +85,29 @@ struct ContractResult {
 };
 
 // Every bound class by its name in Python.
-constexpr auto python_name(Named<ContractCheck>) { return nb::detail::const_name("ContractCheck"); }
-constexpr auto python_name(Named<ContractResult>) {
-  return nb::detail::const_name("ContractResult");
-}
-constexpr auto python_name(Named<Semaphore>) { return nb::detail::const_name("Semaphore"); }
-constexpr auto python_name(Named<Diagnoser>) { return nb::detail::const_name("Diagnoser"); }
-constexpr auto python_name(Named<SemanticTopology>) {
-  return nb::detail::const_name("SemanticTopology");
-}
-constexpr auto python_name(Named<MetricsCollector>) {
-  return nb::detail::const_name("MetricsCollector");
-}
-constexpr auto python_name(Named<CircuitBreaker>) {
-  return nb::detail::const_name("CircuitBreaker");
-}
-constexpr auto python_name(Named<RateLimiter>) { return nb::detail::const_name("RateLimiter"); }
-constexpr auto python_name(Named<Bulkhead>) { return nb::detail::const_name("Bulkhead"); }
-constexpr auto python_name(Named<ProviderConfig>) {
-  return nb::detail::const_name("ProviderConfig");
-}
-constexpr auto python_name(Named<Diagnosis>) { return nb::detail::const_name("Diagnosis"); }
+constexpr auto python_name(Named<ContractCheck>) { return const_name("ContractCheck"); }
+constexpr auto python_name(Named<ContractResult>) { return const_name("ContractResult"); }
+constexpr auto python_name(Named<Semaphore>) { return const_name("Semaphore"); }
+constexpr auto python_name(Named<Diagnoser>) { return const_name("Diagnoser"); }
+constexpr auto python_name(Named<SemanticTopology>) { return const_name("SemanticTopology"); }
+constexpr auto python_name(Named<MetricsCollector>) { return const_name("MetricsCollector"); }
+constexpr auto python_name(Named<CircuitBreaker>) { return const_name("CircuitBreaker"); }
+constexpr auto python_name(Named<RateLimiter>) { return const_name("RateLimiter"); }
+constexpr auto python_name(Named<Bulkhead>) { return const_name("Bulkhead"); }
+constexpr auto python_name(Named<ProviderConfig>) { return const_name("ProviderConfig"); }
+constexpr auto python_name(Named<Diagnosis>) { return const_name("Diagnosis"); }
 constexpr auto python_name(Named<SemanticClassification>) {
-  return nb::detail::const_name("SemanticClassification");
+  return const_name("SemanticClassification");
 }
-constexpr auto python_name(Named<LearnedRule>) { return nb::detail::const_name("LearnedRule"); }
-constexpr auto python_name(Named<MapeKTrace>) { return nb::detail::const_name("MapeKTrace"); }
-constexpr auto python_name(Named<CallResult>) { return nb::detail::const_name("CallResult"); }
-constexpr auto python_name(Named<RecoveryAction>) {
-  return nb::detail::const_name("RecoveryAction");
-}
-constexpr auto python_name(Named<Contract>) { return nb::detail::const_name("Contract"); }
+constexpr auto python_name(Named<LearnedRule>) { return const_name("LearnedRule"); }
+constexpr auto python_name(Named<MapeKTrace>) { return const_name("MapeKTrace"); }
+constexpr auto python_name(Named<CallResult>) { return const_name("CallResult"); }
+constexpr auto python_name(Named<RecoveryAction>) { return const_name("RecoveryAction"); }
+constexpr auto python_name(Named<Contract>) { return const_name("Contract"); }
 
 template <>
 struct Convert<ResultTrace> {
-  static constexpr auto kName = nb::detail::const_name("dict[str, typing.Any] | typing.Any");
+  static constexpr auto kName = const_name("dict[str, typing.Any] | typing.Any");
   static bool from(nb::handle h, ResultTrace& out) {
     out = ResultTrace(nb::borrow(h));
     return true;
@@ -130,7 +118,7 @@ struct Convert<ResultTrace> {
 // A category that is one of ours shows as its member, any other as the text it is.
 template <>
 struct Convert<CategoryOrText> {
-  static constexpr auto kName = nb::detail::const_name("FaultCategory | str");
+  static constexpr auto kName = const_name("FaultCategory | str");
   static bool from(nb::handle h, CategoryOrText& out) {
     if (const auto known = PythonEnum<FaultCategory>::find(h)) {
       out = *known;

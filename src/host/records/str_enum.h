@@ -11,6 +11,8 @@
 
 namespace tarvomeldric::host {
 
+using nb::detail::const_name;
+
 // A core enumeration as a string enumeration of Python. Its members are made once, when the module
 // loads, and live as long as the interpreter.
 template <class E>
@@ -32,19 +34,19 @@ struct PythonEnumOf {
 
 template <>
 struct PythonEnum<FaultCategory> : PythonEnumOf<FaultCategory, kFaultCategories> {
-  static constexpr auto kName = nb::detail::const_name("FaultCategory");
+  static constexpr auto kName = const_name("FaultCategory");
 };
 template <>
 struct PythonEnum<CircuitState> : PythonEnumOf<CircuitState, kCircuitStates> {
-  static constexpr auto kName = nb::detail::const_name("CircuitState");
+  static constexpr auto kName = const_name("CircuitState");
 };
 template <>
 struct PythonEnum<SemanticDomain> : PythonEnumOf<SemanticDomain, kSemanticDomains> {
-  static constexpr auto kName = nb::detail::const_name("SemanticDomain");
+  static constexpr auto kName = const_name("SemanticDomain");
 };
 template <>
 struct PythonEnum<MapeKPhase> : PythonEnumOf<MapeKPhase, kMapeKPhases> {
-  static constexpr auto kName = nb::detail::const_name("MapeKPhase");
+  static constexpr auto kName = const_name("MapeKPhase");
 };
 
 template <class E>

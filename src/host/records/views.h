@@ -101,8 +101,8 @@ bool assign_sequence(C& container, nb::handle values) {
 
 template <class T>
 struct Convert<std::vector<T>> {
-  static constexpr auto kName = nb::detail::const_name("collections.abc.MutableSequence[") +
-                                Convert<T>::kName + nb::detail::const_name("]");
+  static constexpr auto kName =
+      const_name("collections.abc.MutableSequence[") + Convert<T>::kName + const_name("]");
   static bool from(nb::handle h, std::vector<T>& out) { return assign_sequence(out, h); }
   static nb::object to(const std::vector<T>& values) { return list_of(values); }
 };
@@ -118,8 +118,8 @@ struct Convert<BoundedQueue<T, N>> {
 
 template <class V>
 struct Convert<OrderedMap<V>> {
-  static constexpr auto kName = nb::detail::const_name("collections.abc.MutableMapping[str, ") +
-                                Convert<V>::kName + nb::detail::const_name("]");
+  static constexpr auto kName =
+      const_name("collections.abc.MutableMapping[str, ") + Convert<V>::kName + const_name("]");
   static bool from(nb::handle h, OrderedMap<V>& out) { return assign(out, h); }
   static nb::object to(const OrderedMap<V>& map) { return dict_of(map); }
 };
@@ -144,7 +144,7 @@ struct Convert<std::shared_ptr<std::vector<double>>> {
 
 template <>
 struct Convert<PhaseEntry> {
-  static constexpr auto kName = nb::detail::const_name("tuple[str, float]");
+  static constexpr auto kName = const_name("tuple[str, float]");
   static bool from(nb::handle h, PhaseEntry& out) {
     if (!PyTuple_Check(h.ptr()) || PyTuple_GET_SIZE(h.ptr()) != 2) return false;
     return Convert<std::string>::from(PyTuple_GET_ITEM(h.ptr(), 0), out.first) &&

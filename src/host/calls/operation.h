@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "diagnosis/diagnoser.h"
+#include "engine/trace.h"
+#include "host/calls/engine.h"
+#include "host/interpreter/coroutine.h"
+#include "host/records/records.h"
+
+namespace tarvomeldric::host {
+
+// What an application asks of an engine, with its arguments: made when they are checked, and run
+// once, blocking or as the work of a coroutine. Nothing has happened before it runs.
+class Operation : public CoroutineWork {
+ public:
+  virtual nb::object run_blocking() = 0;
+};
+using OperationPtr = std::unique_ptr<Operation>;
+
+// One pass of the loop: a CallResult.
+OperationPtr call_operation(nb::handle engine, const Text& prompt, const std::optional<Text>& model,
+                            const Text& task_type, bool has_schema,
+                            std::optional<SemanticDomain> semantic_domain,
+                            const std::optional<Instance<Contract>>& contract, const Text& api_type,
+                            const nb::kwargs& options);
+
+// One request to one provider, without a call around it: the answer's text, or None.
+OperationPtr execute_operation(nb::handle engine, const Instance<ProviderConfig>& cfg,
+                               const Text& prompt, const Text& model, const Text& api_type,
+                               const nb::kwargs& extra);
+
+// A failover that Python code starts by hand: a CallResult.
+OperationPtr failover_operation(nb::handle engine, const Text& prompt,
+                                const std::optional<Text>& model,
+                                const std::string& failed_provider, const Instance<Diagnosis>& diag,
+                                const Instance<SemanticClassification>& sem_class,
+                                const std::string& original_provider,
+                                const std::string& original_model, const Text& request_id,
+                                const std::optional<Instance<Contract>>& contract,
+                                const std::optional<Instance<MapeKTrace>>& trace,
+                                std::optional<double> call_start, const nb::kwargs& options);
+
+// The asynchronous generator of the events of one provider's streamed answer.
+nb::object execute_stream(nb::handle engine, const Instance<ProviderConfig>& cfg,
+                          const Text& prompt, const Text& model, const Text& api_type,
+                          const nb::kwargs& extra);
+
+}  // namespace tarvomeldric::host
