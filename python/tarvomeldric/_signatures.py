@@ -1,8 +1,9 @@
-"""What `inspect.signature` says of the engine's functions: parsed from what the binding library kept of them."""
+"""What `inspect` says of the engine's functions: read in what the binding library kept of them."""
 
 from __future__ import annotations
 
 import ast
+import asyncio
 import collections.abc
 import inspect
 import re
@@ -35,6 +36,22 @@ def of_class(cls: type) -> inspect.Signature:
     if not hasattr(constructor, "__nb_signature__") and not inspect.isfunction(constructor):
         raise AttributeError("__signature__")
     return _without_self(inspect.signature(constructor))
+
+
+def asyncio_mark(function: Any) -> object:
+    """What `asyncio.iscoroutinefunction`, and with it `unittest.mock`, looks for."""
+    return _mark(function, asyncio.coroutines, "_is_coroutine")
+
+
+def inspect_mark(function: Any) -> object:
+    """What `inspect.iscoroutinefunction` looks for since Python 3.12."""
+    return _mark(function, inspect, "_is_coroutine_mark")
+
+
+def _mark(function: Any, module: Any, name: str) -> object:
+    if "-> collections.abc.Coroutine[" not in function.__nb_signature__[0][0]:
+        raise AttributeError(name)
+    return getattr(module, name)
 
 
 def _without_self(signature: inspect.Signature) -> inspect.Signature:

@@ -1,6 +1,7 @@
 #include "_engine/engine_class.h"
 #include "host/calls/call_io.h"
 #include "host/calls/operation.h"
+#include "host/interpreter/recursion.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -12,7 +13,10 @@ template <auto Make, Literal Name, class Result>
 struct Forms;
 template <class... P, OperationPtr (*Make)(nb::handle, P...), Literal Name, class Result>
 struct Forms<Make, Name, Result> {
-  static Result blocking(Self self, P... given) { return Make(self.h, given...)->run_blocking(); }
+  static Result blocking(Self self, P... given) {
+    const RecursionScope scope;
+    return Make(self.h, given...)->run_blocking();
+  }
   static Awaitable<Result> awaited(Self self, P... given) {
     return make_coroutine(Make(self.h, given...), Name.value);
   }

@@ -92,11 +92,6 @@ PyObject* refuse_new(PyTypeObject* type, PyObject*, PyObject*) {
   return nullptr;
 }
 
-nb::object checked(PyObject* answered) {
-  if (!answered) throw nb::python_error();
-  return nb::steal(answered);
-}
-
 }  // namespace
 
 void bind_coroutine(nb::module_& module) {
@@ -116,7 +111,7 @@ void bind_coroutine(nb::module_& module) {
           [](nb::handle_t<Coroutine> self, nb::handle value) {
             PyObject* out = nullptr;
             const PySendResult reply = coroutine_of(self.ptr()).send(value.ptr(), &out);
-            return checked(answer(reply, out));
+            return made(answer(reply, out));
           },
           nb::arg("value").none(), "Resumes the coroutine; see Python's own coroutines.")
       .def(
@@ -126,7 +121,7 @@ void bind_coroutine(nb::module_& module) {
             PyObject* out = nullptr;
             const PySendResult reply =
                 coroutine_of(self.ptr()).throw_in(type, value, traceback, &out);
-            return checked(answer(reply, out));
+            return made(answer(reply, out));
           },
           nb::arg("typ").none(), nb::arg("val").none() = nb::none(),
           nb::arg("tb").none() = nb::none(), "Raises an exception where the coroutine waits.")

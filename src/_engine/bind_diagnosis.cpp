@@ -41,7 +41,9 @@ void bind_diagnosis(nb::module_& module) {
   def(
       cls, "diagnose",
       [](Diagnoser& self, const Annotated<"object">& error, const Status& status) {
-        return self.diagnose(text_form(error), status.code());
+        const double start_s = system_clock().monotonic();
+        const std::string text = text_form(error);
+        return self.diagnose(text, status.code(), system_clock().monotonic() - start_s);
       },
       "Labels a failure by its text form and, when known, its HTTP status.\n\n"
       "Returns a new Diagnosis; an unknown text is labelled UNKNOWN. TypeError when\n"

@@ -55,7 +55,7 @@ void bind_rule(nb::module_& module) {
                        nb::sig("def from_dict(cls, d: dict[str, typing.Any]) -> LearnedRule"),
                        "Makes a rule from a dictionary; keys that are no fields are ignored.\n\n"
                        "TypeError without \"pattern\" or \"action\".");
-  cls.attr("from_dict") = nb::steal(PyClassMethod_New(from_dict.ptr()));
+  cls.attr("from_dict") = made(PyClassMethod_New(from_dict.ptr()));
 }
 
 void bind_use(LearnerClass& cls) {

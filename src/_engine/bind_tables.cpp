@@ -16,7 +16,7 @@ nb::object category(FaultCategory value) { return PythonEnum<FaultCategory>::mem
 nb::tuple pattern_row(nb::handle pattern, const FaultPattern& row) {
   const Decision decision = decision_of(row.category);
   return nb::make_tuple(pattern, category(row.category), row.confidence, decision.should_retry,
-                        decision.skip_to_failover, nb::str(row.label));
+                        decision.skip_to_failover, from_utf8(row.label));
 }
 
 nb::list patterns() {
@@ -55,7 +55,7 @@ void bind_fault_tables(nb::module_& module) {
 
 nb::list list_of(const Names& names) {
   nb::list list;
-  for (const char* name : names) list.append(nb::str(name));
+  for (const char* name : names) list.append(from_utf8(name));
   return list;
 }
 
@@ -89,13 +89,13 @@ void bind_provider_tables(nb::module_& module) {
   module.attr("_PROVIDER_TIMEOUT") = kProviderTimeoutSeconds;
 }
 
-nb::object set_of(const Names& names) { return nb::steal(PyFrozenSet_New(list_of(names).ptr())); }
+nb::object set_of(const Names& names) { return made(PyFrozenSet_New(list_of(names).ptr())); }
 
 nb::list bootstrap_rules() {
   nb::list rules;
   for (const BootstrapRule& row : kBootstrapRules) {
-    rules.append(make_dict({{"pattern", nb::str(row.pattern)},
-                            {"action", nb::str(row.action)},
+    rules.append(make_dict({{"pattern", from_utf8(row.pattern)},
+                            {"action", from_utf8(row.action)},
                             {"success_count", nb::int_(row.success_count)},
                             {"fail_count", nb::int_(row.fail_count)},
                             {"confidence", number(row.confidence)}}));

@@ -35,10 +35,8 @@ void bind_readers(nb::class_<View<C>>& cls, Methods names) {
 template <class C>
 nb::object change(View<C>& view, const char* name, nb::handle args, nb::handle kwargs) {
   nb::object copy = Convert<C>::to(*view.container);
-  nb::object result = host_call([&]() -> nb::object {
-    return nb::steal(PyObject_Call(copy.attr(name).ptr(), args.ptr(), kwargs.ptr()));
-  });
-  if (!result.is_valid()) throw nb::python_error();
+  nb::object result = host_call(
+      [&] { return made(PyObject_Call(copy.attr(name).ptr(), args.ptr(), kwargs.ptr())); });
   if (!assign(*view.container, copy)) {
     throw nb::type_error((std::string(name) + ": an element is of the wrong type").c_str());
   }
@@ -93,8 +91,7 @@ nb::class_<View<C>> bind_elements(nb::module_& module, const char* name, const c
       "__contains__",
       [](const View<C>& self, nb::handle value) { return holds(*self.container, value); },
       nb::arg("value").none());
-  cls.def("__iter__",
-          [](nb::handle_t<View<C>> self) { return nb::steal(PySeqIter_New(self.ptr())); });
+  cls.def("__iter__", [](nb::handle_t<View<C>> self) { return made(PySeqIter_New(self.ptr())); });
   def(
       cls, "append",
       [](View<C>& self, const Element& value) { append(*self.container, Element(value)); }, "",

@@ -46,13 +46,14 @@ Diagnosis classify(std::string_view lowered, std::optional<std::int64_t> status)
 
 }  // namespace
 
-Diagnosis Diagnoser::diagnose(std::string_view error_text, std::optional<std::int64_t> status) {
+Diagnosis Diagnoser::diagnose(std::string_view error_text, std::optional<std::int64_t> status,
+                              double reading_s) {
   const double start_s = clock_.monotonic();
   std::string lowered = text::lower(error_text);
   Diagnosis diagnosis = classify(lowered, status);
   lowered.resize(text::first(lowered, kRawErrorCharacters).size());
   diagnosis.raw_error = std::move(lowered);
-  count(diagnosis, (clock_.monotonic() - start_s) * 1e6);
+  count(diagnosis, (clock_.monotonic() - start_s + reading_s) * 1e6);
   return diagnosis;
 }
 

@@ -55,7 +55,9 @@ class Diagnoser : public GuardedRecord<DiagnoserFields> {
  public:
   explicit Diagnoser(const Clock& clock = system_clock()) : clock_(clock) {}
 
-  Diagnosis diagnose(std::string_view error_text, std::optional<std::int64_t> status = {});
+  // `reading_s` is how long it took to read the error's text: a part of the diagnosis' latency.
+  Diagnosis diagnose(std::string_view error_text, std::optional<std::int64_t> status = {},
+                     double reading_s = 0.0);
 
   // Over the newest 5,001 to 10,000 diagnoses, microseconds; nothing before the first one.
   std::optional<LatencyStats> latency_stats() const;

@@ -90,7 +90,7 @@ Task<CallOutcome> Cascade::run() {
 }
 
 void Cascade::analyze() {
-  first_ = engine_.diagnoser.diagnose(failure_.text, failure_.status);
+  first_ = engine_.diagnoser.diagnose(failure_.text, failure_.status, failure_.reading_s);
   last_ = first_;
   const std::string category(value_of(first_.category));
   trace_.monitor_result = category;
@@ -135,7 +135,8 @@ Task<Cascade::Healed> Cascade::retry() {
       co_return co_await heal(level, first_, action, latency_ms);
     }
     co_await fail(*tried.failure, category, label, action);
-    last_ = engine_.diagnoser.diagnose(tried.failure->text, tried.failure->status);
+    last_ = engine_.diagnoser.diagnose(tried.failure->text, tried.failure->status,
+                                       tried.failure->reading_s);
   }
   co_return std::nullopt;
 }

@@ -16,6 +16,7 @@ namespace tarvomeldric {
 struct ApiFailure {
   std::string text;
   std::optional<std::int64_t> status;
+  double reading_s = 0.0;  // how long it took to read the text
 };
 
 // What became of one attempt. An attempt that ended in anything but an answer or a provider's

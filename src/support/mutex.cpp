@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <stdexcept>
 
 #include "support/blocking.h"
 #include "support/clock.h"
@@ -14,10 +15,22 @@ bool Mutex::try_lock_for(double seconds) {
 }
 
 void Mutex::unlock() {
+  scope_.store({}, std::memory_order_relaxed);
   held_.store(false);
   if (waiters_.load() == 0) return;
   std::lock_guard parked(parking_);
   released_.notify_one();
+}
+
+void Mutex::lock(Interrupts interrupts) {
+  const auto self = std::this_thread::get_id();
+  if (!try_lock()) {
+    if (interrupts == Interrupts::kHeeded && scope_.load(std::memory_order_relaxed) == self) {
+      throw std::runtime_error("the lock that this would wait for is held by this thread");
+    }
+    wait(std::nullopt, interrupts);
+  }
+  scope_.store(self, std::memory_order_relaxed);
 }
 
 bool Mutex::wait(Deadline deadline, Interrupts interrupts) {
@@ -45,6 +58,7 @@ bool Mutex::wait_slice(Deadline deadline) {
 // waited are not there to stop.
 void Mutex::renew_after_fork() {
   held_.store(false);
+  scope_.store({});
   waiters_.store(0);
   new (&parking_) std::mutex;
   new (&released_) std::condition_variable;

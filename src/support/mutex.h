@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "support/fork.h"
 #include "support/thread_annotations.h"
@@ -21,14 +22,12 @@ class CAPABILITY("mutex") Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  // Waits as long as it takes. Throws what the host raises when it interrupts the wait.
-  void lock() ACQUIRE() {
-    if (!try_lock()) wait(std::nullopt, Interrupts::kHeeded);
-  }
-  // The same for clean-up, which has to happen whatever the host asks for.
-  void lock_uninterrupted() ACQUIRE() {
-    if (!try_lock()) wait(std::nullopt, Interrupts::kIgnored);
-  }
+  // What scopes do: wait as long as it takes, and remember the thread. Throws what Python raises
+  // when it interrupts the wait, and std::runtime_error instead of waiting for a scope of this very
+  // thread: a signal handler or a finalizer runs in the middle of one, and may ask for anything.
+  void lock() ACQUIRE() { lock(Interrupts::kHeeded); }
+  // The same for clean-up, which has to happen whatever Python asks for.
+  void lock_uninterrupted() ACQUIRE() { lock(Interrupts::kIgnored); }
   bool try_lock() TRY_ACQUIRE(true) { return !held_.exchange(true); }
   // Waits at most `seconds`; returns whether the lock was taken.
   bool try_lock_for(double seconds) TRY_ACQUIRE(true);
@@ -41,24 +40,26 @@ class CAPABILITY("mutex") Mutex {
   using Deadline = std::optional<std::chrono::steady_clock::time_point>;
   enum class Interrupts { kHeeded, kIgnored };
 
+  void lock(Interrupts interrupts) ACQUIRE();
   bool wait(Deadline deadline, Interrupts interrupts);
   bool wait_slice(Deadline deadline);
 
   std::atomic<bool> held_{false};
+  std::atomic<std::thread::id> scope_{};  // the thread whose scope holds it
   std::atomic<int> waiters_{0};
   std::mutex parking_;
   std::condition_variable released_;
   const ForkMember member_{*this};
 };
 
-// How a scoped lock waits: clean-up has to happen whatever the host asks for, so it is not
-// interrupted, and cannot throw.
+// How a scoped lock waits: clean-up has to happen whatever Python asks for, so it is not
+// interrupted, and cannot throw. Its scopes run no code of Python.
 struct Uninterrupted {};
 inline constexpr Uninterrupted kUninterrupted;
 
-// Holds a lock for a scope.
+// Holds a lock for a scope. Throws std::runtime_error when a scope of the same thread holds it.
 //
-//   MutexLock lock(mutex_);                   // may throw the host's interrupt while it waits
+//   MutexLock lock(mutex_);                   // may throw Python's interrupt while it waits
 //   MutexLock lock(mutex_, kUninterrupted);   // in destructors and clean-up
 template <class M>
 class SCOPED_CAPABILITY MutexLock {

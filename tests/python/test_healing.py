@@ -178,6 +178,8 @@ def test_how_a_call_ends(day: Any, way: str, slept: list[float]) -> None:
         assert told == vars(day.end)
         assert raised.value.args == day.end.args
         assert raised.value.__context__ is None
+        is_own = isinstance(day.end, APIError)
+        assert str(raised.value.__cause__) == ("None" if is_own else f"HTTP {day.outcomes[-1]}")
     assert engine.road == day.road
     assert slept == day.slept
     assert engine._read_counters()["heal_count"] == (day.end in (L1, L2, L3))

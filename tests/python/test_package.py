@@ -2,12 +2,15 @@
 
 from __future__ import annotations
 
+import asyncio
 import importlib.metadata
 import inspect
 import subprocess
-from collections.abc import Iterator
+import sys
+from collections.abc import Coroutine, Iterator
 from enum import Enum
 from typing import Any
+from unittest.mock import create_autospec
 
 import pytest
 
@@ -15,6 +18,7 @@ import tarvomeldric
 import tarvomeldric.simulator
 import tarvomeldric.telemetry
 import tarvomeldric.types
+from support import engine_with
 from tarvomeldric import LearnedRule, SelfHealingEngine, _engine
 
 MODULES: dict[Any, list[str]] = {
@@ -74,3 +78,13 @@ def test_a_class_tells_what_its_constructor_takes(cls: type) -> None:
 @pytest.mark.parametrize("function", [SelfHealingEngine.call, LearnedRule.from_dict])
 def test_an_operation_tells_its_signature(function: Any) -> None:
     assert inspect.signature(function).parameters
+
+
+def test_python_knows_what_is_to_be_awaited() -> None:
+    engine = create_autospec(SelfHealingEngine, instance=True)
+    engine.call.return_value = "answer"
+    assert asyncio.run(engine.call("Hi")) == "answer"
+    assert not isinstance(engine.call_sync("Hi"), Coroutine)
+    awaited = SelfHealingEngine.call, engine_with().call, SelfHealingEngine._execute
+    assert all(map(inspect.iscoroutinefunction, awaited)) == (sys.version_info >= (3, 12))
+    assert not inspect.iscoroutinefunction(SelfHealingEngine.call_sync)

@@ -54,7 +54,10 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
   } catch (nb::python_error& failure) {
     if (!failure.matches(error_types.api)) throw;
     state_.error = nb::borrow(failure.value());
-    attempt.failure = ApiFailure{text_form(state_.error), status_of(state_.error)};
+    const double start_s = system_clock().monotonic();
+    std::string text = text_form(state_.error);
+    const double reading_s = system_clock().monotonic() - start_s;
+    attempt.failure = ApiFailure{std::move(text), status_of(state_.error), reading_s};
   }
   co_return attempt;
 }
@@ -65,7 +68,7 @@ bool CallIo::contract_has_schema() const {
 
 // A null answer is held against the contract as an empty one.
 bool CallIo::validate() {
-  const nb::object output = state_.answer.is_none() ? nb::str("") : state_.answer;
+  const nb::object output = state_.answer.is_none() ? from_utf8("") : state_.answer;
   state_.verdict = call(state_.contract.attr("validate"), output);
   return is_true(state_.verdict.attr("passed"));
 }
@@ -84,7 +87,7 @@ void CallIo::report(const Recovery& recovery) {
 // The type's attribute counts as well as the instance's: either may have been replaced.
 nb::object CallIo::replacement() const {
   const nb::handle engine = state_.engine;
-  const nb::object members = nb::steal(PyObject_GenericGetDict(engine.ptr(), nullptr));
+  const nb::object members = made(PyObject_GenericGetDict(engine.ptr(), nullptr));
   const bool on_instance = entry(members, seam_.name).is_valid();
   if (!on_instance && nb::getattr(engine.type(), seam_.name).is(seam_.native)) return {};
   return nb::getattr(engine, seam_.name);

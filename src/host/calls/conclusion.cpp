@@ -32,25 +32,33 @@ nb::object result_of(CallState& state, CallAnswered& answered) {
   return nb::cast(std::move(result));
 }
 
-[[noreturn]] void raise_failure(const CallState& state, const CallFailed& failed) {
+// A fresh error for a call that ended in something else than a provider's own error.
+nb::object error_of(const CallState& state, const CallFailed& failed) {
+  const nb::str message = from_utf8(failed.message);
   switch (failed.kind) {
-    case CallFailed::Kind::kProviderError:
-      raise_object(state.error);
     case CallFailed::Kind::kOutOfBounds:
-      raise_object(call(error_types.boundary_violation, from_utf8(failed.message),
-                        "domain"_a = from_utf8(failed.domain),
-                        "reason"_a = from_utf8(failed.reason)));
+      return call(error_types.boundary_violation, message, "domain"_a = from_utf8(failed.domain),
+                  "reason"_a = from_utf8(failed.reason));
     case CallFailed::Kind::kContract: {
       const std::string verdict = text_form(call(state.verdict.attr("to_dict")));
-      raise_object(call(error_types.contract_violation, from_utf8(failed.message + verdict),
-                        "contract_result"_a = state.verdict));
+      return call(error_types.contract_violation, from_utf8(failed.message + verdict),
+                  "contract_result"_a = state.verdict);
     }
     case CallFailed::Kind::kDrift:
-      raise_object(call(error_types.contract_violation, from_utf8(failed.message)));
-    case CallFailed::Kind::kRefused:
-      break;
+      return call(error_types.contract_violation, message);
+    default:
+      return call(PyExc_RuntimeError, message);
   }
-  throw std::runtime_error(failed.message);
+}
+
+// What was made here names the newest provider's error as its cause; that one is raised as it is.
+[[noreturn]] void raise_failure(const CallState& state, const CallFailed& failed) {
+  if (failed.kind == CallFailed::Kind::kProviderError) raise_object(state.error);
+  const nb::object error = error_of(state, failed);
+  if (state.error.is_valid()) {
+    PyException_SetCause(error.ptr(), nb::object(state.error).release().ptr());
+  }
+  raise_object(error);
 }
 
 }  // namespace

@@ -68,7 +68,7 @@ ContractCheck keys_check(nb::handle object, nb::handle required, const char* com
 nb::object lowered(nb::handle text) { return call(text.attr("lower")); }
 
 nb::object words_of(nb::handle text) {
-  return nb::steal(PySet_New(call(lowered(text).attr("split")).ptr()));
+  return made(PySet_New(call(lowered(text).attr("split")).ptr()));
 }
 
 }  // namespace
@@ -93,7 +93,7 @@ ContractCheck validate_determinism(const Contract& contract, nb::handle output) 
   const nb::object digest =
       call(call(import("hashlib").attr("sha256"), nb::bytes(utf8.data(), utf8.size()))
                .attr("hexdigest"));
-  const auto prefix = nb::steal(PyUnicode_Substring(digest.ptr(), 0, kHashDigits));
+  const auto prefix = made(PyUnicode_Substring(digest.ptr(), 0, kHashDigits));
   const bool match = prefix.equal(contract.determinism_hash);
   return check("determinism", match, match ? "hash_match=True" : "hash_match=False");
 }

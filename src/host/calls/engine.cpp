@@ -13,7 +13,7 @@ using HeldParts =
     Held<&Parts::providers, &Parts::diagnoser, &Parts::learner, &Parts::metrics, &Parts::topology>;
 
 template <class T>
-Instance<T> made() {
+Instance<T> fresh_part() {
   return Instance<T>(call(nb::type<T>()));
 }
 
@@ -58,8 +58,8 @@ ProviderPtr preset_record(std::string_view name, std::string_view base_url, cons
 }
 
 Engine::Engine(nb::handle given_providers, const Keys& api_keys)
-    : Parts{nb::dict(), made<Diagnoser>(), made<PythonLearner>(), made<MetricsCollector>(),
-            made<SemanticTopology>()},
+    : Parts{nb::dict(), fresh_part<Diagnoser>(), fresh_part<PythonLearner>(),
+            fresh_part<MetricsCollector>(), fresh_part<SemanticTopology>()},
       http_pool(nb::dict()),
       sync_client_pool(nb::dict()) {
   if (given_providers.is_none()) {
@@ -70,8 +70,7 @@ Engine::Engine(nb::handle given_providers, const Keys& api_keys)
     providers = nb::borrow(given_providers);
   } else {
     throw nb::type_error(
-        ("providers must be list, dict, or None, got " + std::string(class_name(given_providers)))
-            .c_str());
+        ("providers must be list, dict, or None, got " + class_name(given_providers)).c_str());
   }
 }
 

@@ -59,7 +59,8 @@ void Engine::inc_counter(const std::string& name, std::int64_t value) {
       return;
     }
   }
-  MutexLock lock(counters.counter_lock());
+  // An attribute of the caller's own may run code of theirs, which no lock of ours waits for; a
+  // plain one is changed without giving the interpreter up.
   const nb::object self = nb::find(this);
   const nb::str key = from_utf8(name);
   const nb::object sum = attribute_or(self, key, nb::int_(0));

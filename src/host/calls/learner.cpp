@@ -17,8 +17,7 @@ std::string or_environment(std::string given, const char* variable) {
 
 // As the operating system takes it: a path may hold bytes that are no text.
 std::string system_path(nb::handle path) {
-  const auto bytes = nb::steal(PyUnicode_EncodeFSDefault(path.ptr()));
-  if (!bytes.is_valid()) throw nb::python_error();
+  const auto bytes = made(PyUnicode_EncodeFSDefault(path.ptr()));
   return std::string(PyBytes_AS_STRING(bytes.ptr()),
                      static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
 }
@@ -46,8 +45,7 @@ void PythonLearner::start() {
 
 nb::object PythonLearner::persist_path() {
   const std::string& path = file().path();
-  return nb::steal(
-      PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size())));
+  return made(PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size())));
 }
 
 void PythonLearner::set_persist_path(nb::handle path) {

@@ -1,5 +1,6 @@
 #include "host/calls/locks.h"
 
+#include <limits>
 #include <stdexcept>
 
 namespace tarvomeldric::host {
@@ -7,9 +8,7 @@ namespace tarvomeldric::host {
 // These leave the analysis of locks: what is taken in one call from Python is freed in another.
 bool acquire_lock(Mutex& mutex, bool blocking, double timeout_s) NO_THREAD_SAFETY_ANALYSIS {
   if (!blocking) return mutex.try_lock();
-  if (timeout_s >= 0) return mutex.try_lock_for(timeout_s);
-  mutex.lock();
-  return true;
+  return mutex.try_lock_for(timeout_s >= 0 ? timeout_s : std::numeric_limits<double>::infinity());
 }
 
 void release_lock(Mutex& mutex) NO_THREAD_SAFETY_ANALYSIS {

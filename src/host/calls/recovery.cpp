@@ -28,7 +28,7 @@ RecoveryAction suggest_recovery(nb::handle diagnosis, const std::optional<std::s
   const RecoverySuggestion& suggestion = recovery_for(category);
   nb::dict metadata;
   put(metadata, "category", from_utf8(category));
-  put(metadata, "sub_category", attribute_or(diagnosis, "sub_category", nb::str("")));
+  put(metadata, "sub_category", attribute_or(diagnosis, "sub_category", from_utf8("")));
   RecoveryAction action;
   action.level = levels.attr(suggestion.level);
   action.action = suggestion.action;

@@ -1,8 +1,10 @@
 #include "host/interpreter/coroutine.h"
 
 #include <utility>
+#include <vector>
 
 #include "host/interpreter/errors.h"
+#include "host/interpreter/recursion.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -13,8 +15,7 @@ nb::object iterator_of(nb::handle awaitable) {
   const nb::handle type = awaitable.type();
   if (!nb::hasattr(type, "__await__")) {
     throw nb::type_error(
-        (std::string("object ") + class_name(awaitable) + " can't be used in 'await' expression")
-            .c_str());
+        ("object " + class_name(awaitable) + " can't be used in 'await' expression").c_str());
   }
   return call(awaitable.attr("__await__"));
 }
@@ -104,6 +105,13 @@ bool Coroutine::may_run() {
 PySendResult Coroutine::send(PyObject* value, PyObject** out) {
   *out = nullptr;
   if (!may_run()) return PYGEN_ERROR;
+  std::optional<RecursionScope> scope;
+  try {
+    scope.emplace();
+  } catch (...) {
+    if (stage_ == Stage::kNew) finish();
+    throw;
+  }
   const Running running(*this);
   if (stage_ == Stage::kNew) {
     if (value != Py_None) {
@@ -125,6 +133,7 @@ PySendResult Coroutine::throw_in(nb::handle type, nb::handle value, nb::handle t
                                  PyObject** out) {
   *out = nullptr;
   if (!may_run()) return PYGEN_ERROR;
+  const RecursionScope scope;
   const Running running(*this);
   const nb::object exception = exception_of(type, value, traceback);
   if (stage_ == Stage::kNew) {
@@ -227,11 +236,31 @@ void Coroutine::finish() {
 // Also the garbage collector's way: what it has cleared cannot go on.
 void Coroutine::clear() {
   if (stage_ == Stage::kStarted) stage_ = Stage::kFinished;
-  drop(suspension_.awaiting);
-  drop(suspension_.value);
   suspension_.waiter = {};
-  task_.reset();
-  if (work_) work_->clear();
+  end({std::move(work_), std::exchange(task_, std::nullopt), std::move(suspension_.awaiting),
+       std::move(suspension_.value)});
+}
+
+// One that awaited another ends the other, and so on down the chain. Where the stack is low the
+// rest waits until the first one of the chain is done with its own.
+void Coroutine::end(Holdings holdings) {
+  static thread_local std::vector<Holdings> rest;
+  static thread_local bool ending = false;
+  if (ending && stack_is_low()) {
+    rest.push_back(std::move(holdings));
+    return;
+  }
+  const bool first = !std::exchange(ending, true);
+  for (;;) {
+    drop(holdings.awaiting);
+    drop(holdings.value);
+    holdings.task.reset();
+    holdings.work.reset();
+    if (!first || rest.empty()) break;
+    holdings = std::move(rest.back());
+    rest.pop_back();
+  }
+  if (first) ending = false;
 }
 
 int Coroutine::traverse(visitproc visit, void* arg) {

@@ -65,6 +65,14 @@ class Coroutine {
   void clear();
 
  private:
+  // What an unfinished coroutine holds, in the order in which it ends: the task's frame refers to
+  // the work.
+  struct Holdings {
+    std::unique_ptr<CoroutineWork> work;
+    std::optional<Task<nb::object>> task;
+    nb::object awaiting;
+    nb::object value;
+  };
   enum class Stage { kNew, kStarted, kFinished };
   class Running;
 
@@ -74,6 +82,7 @@ class Coroutine {
   PySendResult throw_into_awaited(nb::handle exception, PyObject** out);
   void resume();
   void finish();
+  static void end(Holdings holdings);
 
   std::unique_ptr<CoroutineWork> work_;
   std::string_view qualified_name_;

@@ -35,6 +35,8 @@ constexpr std::array kPlaces{
     Place{"tarvomeldric._signatures", "of_function"},
     Place{"tarvomeldric._signatures", "of_bound_method"},
     Place{"tarvomeldric._signatures", "of_class"},
+    Place{"tarvomeldric._signatures", "asyncio_mark"},
+    Place{"tarvomeldric._signatures", "inspect_mark"},
     Place{"tarvomeldric.telemetry", "TelemetryCollector"},
     Place{"tarvomeldric.types", "RecoveryLevel"},
 };

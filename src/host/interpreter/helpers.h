@@ -32,6 +32,8 @@ enum class Helper : std::uint8_t {
   kFunctionSignature,
   kMethodSignature,
   kClassSignature,
+  kAsyncioMark,
+  kInspectMark,
   kTelemetryCollector,
   kRecoveryLevel,
 };

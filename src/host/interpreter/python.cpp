@@ -31,8 +31,7 @@ void check_interrupt() {
 }
 
 std::string lower(std::string_view utf8) {
-  static PyObject* name = PyUnicode_InternFromString("lower");
-  return to_utf8(nb::steal(PyObject_CallMethodNoArgs(from_utf8(utf8).ptr(), name)));
+  return to_utf8(made(PyObject_CallMethodNoArgs(from_utf8(utf8).ptr(), "lower"_key.ptr())));
 }
 
 }  // namespace
@@ -44,17 +43,14 @@ std::string to_utf8(nb::handle text) {
   }
   if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw nb::python_error();
   PyErr_Clear();
-  const auto bytes = nb::steal(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
-  if (!bytes.is_valid()) throw nb::python_error();
+  const auto bytes = made(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
   return std::string(PyBytes_AS_STRING(bytes.ptr()),
                      static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
 }
 
 nb::str from_utf8(std::string_view utf8) {
-  PyObject* text =
-      PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "surrogatepass");
-  if (!text) throw nb::python_error();
-  return nb::steal<nb::str>(text);
+  const auto size = static_cast<Py_ssize_t>(utf8.size());
+  return nb::borrow<nb::str>(made(PyUnicode_DecodeUTF8(utf8.data(), size, "surrogatepass")));
 }
 
 nb::dict make_dict(std::initializer_list<std::pair<const char*, nb::handle>> entries) {
@@ -64,9 +60,17 @@ nb::dict make_dict(std::initializer_list<std::pair<const char*, nb::handle>> ent
 }
 
 nb::object item(nb::handle container, nb::handle key) {
-  auto found = host_call([&] { return nb::steal(PyObject_GetItem(container.ptr(), key.ptr())); });
-  if (!found.is_valid()) throw nb::python_error();
-  return found;
+  return host_call([&] { return made(PyObject_GetItem(container.ptr(), key.ptr())); });
+}
+
+// `tp_name` says the module as well where the type was made in C, and is not kept up to date.
+std::string class_name(nb::handle object) {
+  const PyTypeObject* type = Py_TYPE(object.ptr());
+  if (PyType_HasFeature(Py_TYPE(object.ptr()), Py_TPFLAGS_HEAPTYPE) != 0) {
+    return to_utf8(reinterpret_cast<const PyHeapTypeObject*>(type)->ht_name);
+  }
+  const std::string_view name = type->tp_name;
+  return std::string(name.substr(name.rfind('.') + 1));
 }
 
 std::string text_form(nb::handle object) {
@@ -74,7 +78,7 @@ std::string text_form(nb::handle object) {
   if (text.is_valid()) return to_utf8(text);
   if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
   PyErr_Clear();
-  return std::string("<unprintable ") + class_name(object) + " object>";
+  return "<unprintable " + class_name(object) + " object>";
 }
 
 std::string literal(nb::handle value) {

@@ -32,10 +32,21 @@ __attribute__((no_sanitize("null", "alignment"))) decltype(auto) host_call(F&& f
   }
 }
 
-// Calls a host callable.
+// What the interpreter made, or its error thrown where it made nothing.
+inline nb::object made(PyObject* fresh) {
+  if (!fresh) throw nb::python_error();
+  return nb::steal(fresh);
+}
+
+// Calls what Python can call.
 template <class... Args>
 nb::object call(nb::handle callable, Args&&... args) {
   return host_call([&]() -> nb::object { return callable(std::forward<Args>(args)...); });
+}
+// A method, called by its name: no object is made that binds it.
+template <class Attribute, class... Args>
+nb::object call(const nb::detail::accessor<Attribute>& method, Args&&... args) {
+  return host_call([&]() -> nb::object { return method(std::forward<Args>(args)...); });
 }
 
 // Texts cross as UTF-8, a lone surrogate in its three-byte form.
@@ -53,7 +64,7 @@ nb::object import(const char* module);
 // What Python writes as container[key]; a missing one is a KeyError or an IndexError.
 nb::object item(nb::handle container, nb::handle key);
 inline nb::object item(nb::handle container, const char* key) {
-  return item(container, nb::str(key));
+  return item(container, from_utf8(key));
 }
 
 // A string literal as a template argument.
@@ -68,7 +79,7 @@ struct Literal {
 // call path it spares making a text and hashing it.
 template <Literal Name>
 nb::handle operator""_key() {
-  static PyObject* const text = PyUnicode_InternFromString(Name.value);
+  static PyObject* const text = made(PyUnicode_InternFromString(Name.value)).release().ptr();
   return text;
 }
 
@@ -88,15 +99,16 @@ inline nb::handle entry(nb::handle dict, nb::handle key) {
   return PyDict_GetItem(dict.ptr(), key.ptr());
 }
 
-inline nb::object number(double value) { return nb::steal(PyFloat_FromDouble(value)); }
-inline nb::object number(std::int64_t value) { return nb::steal(PyLong_FromLongLong(value)); }
+inline nb::object number(double value) { return made(PyFloat_FromDouble(value)); }
+inline nb::object number(std::int64_t value) { return made(PyLong_FromLongLong(value)); }
 inline nb::object truth(bool value) { return nb::borrow(value ? Py_True : Py_False); }
 inline bool is_true(nb::handle object) {
   const int truthy = host_call([&] { return PyObject_IsTrue(object.ptr()); });
   if (truthy < 0) throw nb::python_error();
   return truthy != 0;
 }
-inline const char* class_name(nb::handle object) { return Py_TYPE(object.ptr())->tp_name; }
+// What `type(object).__name__` says.
+std::string class_name(nb::handle object);
 
 // Lets go of an object. The place is empty before the object's end runs, which may look there
 // again; the binding library's `reset` leaves it dangling meanwhile.
@@ -106,7 +118,7 @@ inline void drop(nb::object& place) { const nb::object gone = std::move(place); 
 // Python's own `getattr`; the binding library's would swallow it.
 nb::object attribute_or(nb::handle object, nb::handle name, nb::handle fallback);
 inline nb::object attribute_or(nb::handle object, const char* name, nb::handle fallback) {
-  return attribute_or(object, nb::str(name), fallback);
+  return attribute_or(object, from_utf8(name), fallback);
 }
 
 // Whether the object is a T. Throws a type error for one that a subclass left without constructing
@@ -115,7 +127,7 @@ template <class T>
 bool is_made(nb::handle object) {
   if (!nb::isinstance<T>(object)) return false;
   if (nb::inst_ready(object)) return true;
-  throw nb::type_error((std::string(class_name(object)) + ".__init__() was not called").c_str());
+  throw nb::type_error((class_name(object) + ".__init__() was not called").c_str());
 }
 
 // Keeps an error that is already set out of the way of what a destructor does.

@@ -31,8 +31,7 @@ struct Convert<Status> {
     if (!h.is_none() && !(slots && (slots->nb_index || slots->nb_int))) {
       refuse_argument("status_code", "int or None", h);
     }
-    out.whole = h.is_none() ? nb::none() : nb::steal(PyNumber_Long(h.ptr()));
-    if (!out.whole.is_valid()) throw nb::python_error();
+    out.whole = h.is_none() ? nb::none() : made(PyNumber_Long(h.ptr()));
     return true;
   }
 };

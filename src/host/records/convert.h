@@ -42,8 +42,7 @@ struct Convert<std::int64_t> {
   static constexpr auto kName = const_name("int");
   static bool from(nb::handle h, std::int64_t& out) {
     if (!PyIndex_Check(h.ptr())) return false;
-    const auto index = nb::steal(PyNumber_Index(h.ptr()));
-    if (!index.is_valid()) throw nb::python_error();
+    const auto index = made(PyNumber_Index(h.ptr()));
     out = PyLong_AsLongLong(index.ptr());
     if (out == -1 && PyErr_Occurred()) throw nb::python_error();
     return true;

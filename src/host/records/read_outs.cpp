@@ -34,7 +34,7 @@ Annotated<"dict[str, typing.Any]"> span_of(const MetricsCollector& metrics, std:
                              {"attributes", make_dict({{"value", number(value)}})}}));
   }
   const nb::dict service = make_dict(
-      {{"service.name", nb::str("tarvomeldric")}, {"service.version", nb::str(kVersion)}});
+      {{"service.name", from_utf8("tarvomeldric")}, {"service.version", from_utf8(kVersion)}});
   const bool given = !attrs.is_none() && nb::len(attrs) != 0;
   return make_dict({{"name", from_utf8(name)},
                     {"kind", nb::int_(1)},

@@ -10,7 +10,7 @@ namespace {
 nb::object shown_value(const Field& field, void* fields) {
   if (!field.secret) return field.plain(fields);
   const nb::object value = field.plain(fields);
-  return nb::len(value) == 0 ? value : nb::object(nb::str("********"));
+  return nb::len(value) == 0 ? value : nb::object(from_utf8("********"));
 }
 
 std::string repr_of(nb::handle object) {
@@ -115,7 +115,7 @@ nb::object RecordTable::from_dict(nb::handle cls, nb::handle entries) const {
   nb::dict known;
   for (const Field& field : fields) {
     if (PyObject* value = PyDict_GetItemString(entries.ptr(), field.name)) {
-      known[nb::str(field.name)] = nb::handle(value);
+      known[from_utf8(field.name)] = nb::handle(value);
     }
   }
   return host_call([&]() -> nb::object { return cls(**known); });
@@ -162,7 +162,7 @@ std::string RecordTable::manual(void* defaults) const {
 
 nb::tuple RecordTable::match_args() const {
   nb::list names;
-  for (const Field& field : fields) names.append(nb::str(field.name));
+  for (const Field& field : fields) names.append(from_utf8(field.name));
   return nb::tuple(names);
 }
 

@@ -9,7 +9,7 @@ constexpr Py_ssize_t kShownCharacters = 80;
 
 std::string shown_text(const nb::object& text) {
   const nb::object cut = PyUnicode_Check(text.ptr())
-                             ? nb::steal(PyUnicode_Substring(text.ptr(), 0, kShownCharacters))
+                             ? made(PyUnicode_Substring(text.ptr(), 0, kShownCharacters))
                              : text;
   return to_utf8(host_call([&]() -> nb::object { return nb::repr(cut); }));
 }
