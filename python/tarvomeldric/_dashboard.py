@@ -11,18 +11,20 @@ import socket
 import socketserver
 import threading
 import time
+from collections.abc import Sequence
 from http.server import BaseHTTPRequestHandler, HTTPServer
 from typing import Any
 
 from tarvomeldric import _fork
 from tarvomeldric._engine import _build_dashboard
+from tarvomeldric._host_names import HostNames, is_loopback, require_names
 
 _PATIENCE = 3.0  # seconds that a client may take for the head of its request, and for the reply
 _LONGEST = 65536  # bytes of a head; the library's own bound for its first line
 _ROOM = 100  # connections that wait at a time: the host's descriptors are not ours to use up
 
-# What a request's target may have around its path; a proxy's client names the server, too.
-_AROUND_PATH = re.compile("^https?://[^/?#]*|[?#].*")
+# A request's target: what stands before the path (a proxy's client names the server), and the path.
+_TARGET = re.compile("(?:https?://([^/?#]*))?([^?#]*)")
 
 
 def serve(
@@ -32,8 +34,10 @@ def serve(
     with_prometheus: bool,
     with_health: bool,
     with_dashboard: bool,
+    allowed_hosts: Sequence[str] | None,
 ) -> HTTPServer:
     """Starts a server for one engine on a daemon thread and prints where it is."""
+    allowed = None if allowed_hosts is None else require_names(allowed_hosts, "allowed_hosts")
 
     class _Handler(_PromptHandler):
         def log_message(self, format: str, *args: Any) -> None:
@@ -49,8 +53,10 @@ def serve(
             self._send(200, content_type, text)
 
         def do_GET(self) -> None:
-            path = _AROUND_PATH.sub("", self.path)
-            if path == "/metrics" and with_prometheus:
+            authority, path = _TARGET.findall(self.path)[0]
+            if server.names and (refusal := self._refusal(authority, server.names)):
+                self.send_error(*refusal)
+            elif path == "/metrics" and with_prometheus:
                 self._send_text(engine.get_metrics().prometheus_format())
             elif path == "/health" and with_health:
                 self._send_json(engine.get_metrics().health_endpoint())
@@ -68,6 +74,8 @@ def serve(
     }
     shown = f"[{host}]" if ":" in host else host
     server = _Server((host, port), _Handler)
+    if allowed is not None or is_loopback(server.server_name):
+        server.names = HostNames(host, allowed or ())
     try:
         server.start()
         for label, path in pages.items():
@@ -92,6 +100,15 @@ class _PromptHandler(BaseHTTPRequestHandler):
         with contextlib.suppress(OSError):  # a client that goes away is nobody's error
             self.connection.settimeout(_PATIENCE)  # for all of it
             self.connection.sendall(self._reply.getvalue())
+
+    def _refusal(self, authority: str, names: HostNames) -> tuple[int, str] | None:
+        """Why a request that names another server, not just none, is not answered."""
+        hosts = self.headers.get_all("Host", [])
+        if len(hosts) > 1:
+            return 400, "Several Host headers"
+        if all(name in names for name in ([authority] if authority else hosts)):
+            return None
+        return 421, "Not a name of this server: see allowed_hosts of serve_dashboard"
 
     def _send(self, status: int, content_type: str, text: str) -> None:
         body = text.encode("utf-8", "replace")  # names are free text, half characters included
@@ -132,6 +149,7 @@ class _Server(HTTPServer):
     """
 
     request_queue_size = _ROOM
+    names: HostNames | None = None  # None: whatever a request calls us
     _serving = False
 
     def __init__(self, address: tuple[str, int], handler: type[BaseHTTPRequestHandler]) -> None:

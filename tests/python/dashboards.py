@@ -45,8 +45,8 @@ def left(connection: socket.socket) -> bytes:
 
 
 @contextlib.contextmanager
-def served(engine: Any, **options: Any) -> Iterator[Any]:
-    server = serve_dashboard(engine, LOOPBACK, 0, **options)
+def served(engine: Any, host: str = LOOPBACK, **options: Any) -> Iterator[Any]:
+    server = serve_dashboard(engine, host, 0, **options)
     try:
         yield server
     finally:

@@ -16,6 +16,7 @@ from prometheus_client.parser import text_string_to_metric_families
 from support import engine_with, get
 from tarvomeldric import serve_dashboard
 from tarvomeldric._engine import _build_dashboard
+from tarvomeldric._host_names import HostNames
 
 pytestmark = pytest.mark.usefixtures("silent")
 
@@ -144,3 +145,49 @@ def test_a_scraper_understands_the_figures_of_a_real_engine() -> None:
     expected = {f"tm_{name}_total": count for name, count in figures["counters"].items()}
     expected |= {f"tm_{name}": value for name, value in figures["gauges"].items()}
     assert expected.items() <= {one.name: one.value for one in samples}.items()
+
+
+OURS = ["localhost", "LOCALHOST.:1", "127.0.0.1", "127.9.9.9:80", "[::1]", "[0:0::1]:9"]
+ADDED = ["Bound:", "bound.", "A.example:80", "[fd00::1]"]
+THEIRS = ["", ".", "evil.example", "localhost.evil.example", "127.0.0.1.evil.example", "128.0.0.1"]
+ODD = ["[::2]", "[]", "[bound]", "me@localhost", "localhost,evil.example", "localhost:80:80"]
+
+
+def test_the_names_of_a_server() -> None:
+    names = HostNames("bOUND.", ["a.example", "[FD00::1]"])
+    assert [name for name in OURS + ADDED if name not in names] == []
+    assert [name for name in THEIRS + ODD if name in names] == []
+    assert [name for name in ADDED + THEIRS + ODD if name in HostNames("")] == []
+
+
+def status(server: Any, *hosts: str, target: str = "/stats", method: str = "GET") -> int:
+    head = "".join(f"Host: {host}\r\n" for host in hosts)
+    reply = left(connect(server, f"{method} {target} HTTP/1.1\r\n{head}\r\n".encode()))
+    assert (b"call_count" in reply) == (b" 200 " in reply[:15])
+    return int(reply.split()[1])
+
+
+def test_a_page_from_elsewhere_cannot_read_what_the_loopback_serves() -> None:
+    with served(made_up()) as server:
+        assert status(server, "localhost:1") == status(server) == 200
+        assert status(server, "evil.example") == status(server, "evil.example", target="/x") == 421
+        assert status(server, "localhost", "localhost") == 400
+        assert status(server, "evil.example", method="HEAD") == 501
+        # The target's own host counts, where it has one.
+        assert status(server, "evil.example", target="http://localhost/stats") == 200
+        assert status(server, "localhost", target="http://evil.example/stats") == 421
+    with served(made_up(), "0.0.0.0") as server:
+        assert status(server, "a.example") == status(server, "a", "b") == 200
+    for host in (LOOPBACK, "0.0.0.0"):
+        with served(made_up(), host, allowed_hosts=("a.example",)) as server:
+            assert status(server, "a.example:80") == status(server, "localhost") == 200
+            assert status(server, "b.example") == 421
+            assert status(server, "a.example", "a.example") == 400
+    with served(made_up(), "0.0.0.0", allowed_hosts=[]) as server:
+        assert status(server, "a.example") == 421
+
+
+@pytest.mark.parametrize("wrong", ["localhost", {"a"}, [7], ["a:80"], ["*"], [""]])
+def test_allowed_hosts_are_refused_by_name(wrong: Any) -> None:
+    with pytest.raises((TypeError, ValueError), match="allowed_hosts must "):
+        serve_dashboard(made_up(), LOOPBACK, 0, allowed_hosts=wrong)
