@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import json
+import os
+import shutil
+import subprocess
 import threading
 from http.client import RemoteDisconnected
 from pathlib import Path
@@ -13,8 +16,8 @@ import pytest
 from dashboards import FIGURES, LOOPBACK, connect, left, made_up, served
 from prometheus_client.parser import text_string_to_metric_families
 
-from support import engine_with, get
-from tarvomeldric import serve_dashboard
+from support import engine_with, get, provider
+from tarvomeldric import APIError, serve_dashboard
 from tarvomeldric._engine import _build_dashboard
 from tarvomeldric._host_names import HostNames
 
@@ -145,6 +148,34 @@ def test_a_scraper_understands_the_figures_of_a_real_engine() -> None:
     expected = {f"tm_{name}_total": count for name, count in figures["counters"].items()}
     expected |= {f"tm_{name}": value for name, value in figures["gauges"].items()}
     assert expected.items() <= {one.name: one.value for one in samples}.items()
+
+
+UNITS = " metric names should not contain abbreviated units"
+FIXED_NAMES = {
+    f"tm_{name}{part}{UNITS}"
+    for name in ("fault_latency_us", "latency_primary_ms", "latency_failover_ms")
+    for part in ("", "_count", "_sum")
+}
+
+
+def test_promtool_finds_nothing_but_the_fixed_names() -> None:
+    engine = engine_with(provider(name="one"), provider(name="other"))
+    results = [APIError("bad key", 401), "answer", "answer"]
+    with engine, patch.object(engine, "_execute_sync", side_effect=results):
+        assert engine.call_sync("a").heal_level == "l3_failover"
+        engine.call_sync("b")
+        with served(engine) as server:
+            metrics = get(server, "/metrics").body
+    path = f"{os.environ['PATH']}:{Path(__file__).parents[2]}/build/tools"
+    tool = shutil.which("promtool", path=path) or "promtool"
+    checked = subprocess.run(
+        [tool, "check", "metrics"],
+        input=metrics + b"\n",  # scrapers add it, too
+        capture_output=True,
+        env={},  # nothing of a sanitizer's
+    )
+    complaints = checked.stderr.decode().splitlines()
+    assert {line for line in complaints if not line.endswith(" no help text")} == FIXED_NAMES
 
 
 OURS = ["localhost", "LOCALHOST.:1", "127.0.0.1", "127.9.9.9:80", "[::1]", "[0:0::1]:9"]
