@@ -10,7 +10,7 @@ from unittest import mock
 
 @contextmanager
 def providers_at(base_url: str) -> Iterator[None]:
-    """Every request goes to this simulator, whatever provider it is meant for; "Host" still tells."""
+    """Every request that would leave the machine goes to this simulator; "Host" still tells where to."""
     import httpx
 
     port = httpx.URL(base_url).port
@@ -18,6 +18,8 @@ def providers_at(base_url: str) -> Iterator[None]:
     awaited = httpx.AsyncHTTPTransport.handle_async_request
 
     def moved(request: httpx.Request) -> httpx.Request:
+        if request.url.host == "127.0.0.1":
+            return request
         request.url = request.url.copy_with(scheme="http", host="127.0.0.1", port=port)
         return request
 
