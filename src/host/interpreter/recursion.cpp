@@ -10,7 +10,7 @@
 namespace tarvomeldric::host {
 namespace {
 
-constexpr std::size_t kReserveBytes = 96 * 1024;
+constexpr std::size_t kReserveBytes = std::size_t{96} * 1024;
 
 // The address below which this thread's stack is low, 0 where the system does not say.
 std::uintptr_t low_mark() {
