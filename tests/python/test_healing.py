@@ -266,3 +266,15 @@ def test_a_failover_by_hand(way: str) -> None:
     for wrong in ({"call_start": "now"}, {"trace": {}}, {"contract": {}}):
         with pytest.raises(TypeError, match=next(iter(wrong))):
             ask(engine, way, *given, name="_failover", **wrong)
+
+
+def test_the_latency_of_a_diagnosis_covers_reading_the_text(way: str) -> None:
+    class Slow(APIError):
+        def __str__(self) -> str:
+            time.sleep(0.02)
+            return "invalid key"
+
+    engine = Played(Slow("", 401))
+    ask(engine, way, "Hi", GPT)
+    engine._diagnoser.diagnose(Slow(""))
+    assert min(engine._diagnoser._latencies) > 20_000

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <stdexcept>
 #include <thread>
 
 #include "guards/semaphore.h"
@@ -23,13 +24,31 @@ TEST(Mutex, IsWaitedForNoLongerThanAskedAndOpenedByAnyThread) {
   EXPECT_FALSE(mutex.locked());
 }
 
+TEST(Mutex, ScopeThrowsInsteadOfWaitingForOneOfItsOwnThread) {
+  Mutex mutex;
+  lock(mutex);
+  EXPECT_THROW(lock(mutex), std::runtime_error);
+  EXPECT_FALSE(mutex.try_lock_for(0.01));
+  std::jthread other([&] {
+    lock(mutex);
+    unlock(mutex);
+  });
+  unlock(mutex);
+  other.join();
+  lock(mutex);
+  unlock(mutex);
+  ASSERT_TRUE(mutex.try_lock());
+  std::jthread([&] { unlock(mutex); }).join();
+  EXPECT_FALSE(mutex.locked());
+}
+
 TEST(Blocking, HostThatInterruptsAWaitGetsItselfBackAndNothingIsTaken) {
   static bool held = true;
   install_blocking_hooks({.release = [] { return static_cast<void*>((held = false, &held)); },
                           .reacquire = [](void*) { held = true; },
                           .check_interrupt = [] { throw held; }});
   Mutex mutex;
-  lock(mutex);
+  ASSERT_TRUE(mutex.try_lock());
   EXPECT_FALSE(mutex.try_lock_for(0.01));
   EXPECT_TRUE(held);
   EXPECT_THROW(lock(mutex), bool);
