@@ -269,12 +269,12 @@ def test_a_failover_by_hand(way: str) -> None:
 
 
 def test_the_latency_of_a_diagnosis_covers_reading_the_text(way: str) -> None:
-    class Slow(APIError):
+    class SlowError(APIError):
         def __str__(self) -> str:
             time.sleep(0.02)
             return "invalid key"
 
-    engine = Played(Slow("", 401))
+    engine = Played(SlowError("", 401))
     ask(engine, way, "Hi", GPT)
-    engine._diagnoser.diagnose(Slow(""))
+    engine._diagnoser.diagnose(SlowError(""))
     assert min(engine._diagnoser._latencies) > 20_000
