@@ -95,6 +95,9 @@ void bind_use(LearnerClass& cls) {
       cls, "get_stats", [](const PythonLearner& self) { return figures_of(self); },
       "total_rules, total_records, high_confidence_rules (above 0.8),\n"
       "bootstrap_rules_loaded and sync_mode.");
+  cls.def_prop_ro(
+      "rules_passed_over", &PythonLearner::rules_passed_over,
+      "How many rules of the fleet were not taken in: new ones, while the table held 10,000.");
 }
 
 void bind_keeping(LearnerClass& cls) {
@@ -135,7 +138,15 @@ void bind_fleet(LearnerClass& cls) {
       [](PythonLearner& self, const std::string& key, const RuleDict& rule) {
         self.merge(key, rule_of(rule));
       },
-      "Takes in a published rule that is new or more confident.", arg("key"), arg("rule"));
+      "Takes in a published rule that is new or more confident, while there is room.", arg("key"),
+      arg("rule"));
+  def(
+      cls, "_take_over",
+      [](PythonLearner& self, const std::string& key, const RuleDict& rule) {
+        self.take_over(key, rule_of(rule));
+      },
+      "Puts a rule of the shared hash into the table, while there is room.", arg("key"),
+      arg("rule"));
   def(cls, "_after_fork", &PythonLearner::after_fork, "Starts afresh in the child of a fork.");
   bind_member<&PythonLearner::redis_url>(cls, "_redis_url");
   bind_member<&PythonLearner::redis_channel>(cls, "_redis_channel");

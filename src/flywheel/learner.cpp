@@ -57,10 +57,27 @@ void FlywheelLearner::store(const std::string& key, RulePtr rule) {
   fields_.rules[key] = std::move(rule);
 }
 
+void FlywheelLearner::take_over(const std::string& key, RulePtr rule) {
+  MutexLock lock(mutex_);
+  if (RulePtr* place = place_for(key)) *place = std::move(rule);
+}
+
 void FlywheelLearner::merge(const std::string& key, const RulePtr& rule) {
   MutexLock lock(mutex_);
-  RulePtr& known = fields_.rules[key];
-  if (!known || rule->confidence > known->confidence) known = rule;
+  RulePtr* place = place_for(key);
+  if (place && (!*place || rule->confidence > (*place)->confidence)) *place = rule;
+}
+
+RulePtr* FlywheelLearner::place_for(const std::string& key) {
+  if (RulePtr* known = fields_.rules.find(key)) return known;
+  if (fields_.rules.size() < kMostSharedRules) return &fields_.rules[key];
+  ++rules_passed_over_;
+  return nullptr;
+}
+
+std::int64_t FlywheelLearner::rules_passed_over() const {
+  MutexLock lock(mutex_);
+  return rules_passed_over_;
 }
 
 void FlywheelLearner::record(const Outcome& outcome) {

@@ -64,6 +64,8 @@ class RulePublisher {
 // the lock for its whole duration, `record` also while it writes the file and tells the publisher.
 class FlywheelLearner : public GuardedRecord<LearnerFields> {
  public:
+  static constexpr std::size_t kMostSharedRules = 10'000;
+
   // An empty table, kept in memory alone while the path is empty; `seed` or `store` fill it.
   explicit FlywheelLearner(std::string persist_path = "", const Clock& clock = system_clock());
 
@@ -82,9 +84,14 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   void seed();
   // Puts a rule into the table, in place of one with the same key.
   void store(const std::string& key, RulePtr rule);
+  // The same for a rule from the fleet, which has room here as long as it is not new to a table of
+  // kMostSharedRules.
+  void take_over(const std::string& key, RulePtr rule);
   // The same for a rule that another learner published: only when it is new here, or more
   // confident.
   void merge(const std::string& key, const RulePtr& rule);
+  // How many rules of the fleet found no room. Nothing is ever removed to make it.
+  std::int64_t rules_passed_over() const;
 
   // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.
   void persist();
@@ -101,10 +108,13 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
 
  private:
   RulePtr match_locked(std::string_view error_pattern) REQUIRES(mutex_);
+  // Where a rule from the fleet goes; null, and counted, when there is no room.
+  RulePtr* place_for(const std::string& key) REQUIRES(mutex_);
 
   const Clock& clock_;
   RulesFile file_;
   RulePublisher* publisher_ = nullptr;
+  std::int64_t rules_passed_over_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tarvomeldric

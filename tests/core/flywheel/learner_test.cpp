@@ -113,6 +113,26 @@ TEST_F(LearnerTest, TellsAFleetAndTakesFromItOnlyWhatIsMoreConfident) {
   EXPECT_EQ(learner.rules().back(), offered);
 }
 
+RulePtr rule_of_confidence(double confidence) {
+  return std::make_shared<LearnedRule>(LearnedRule{.confidence = confidence});
+}
+
+TEST(SharedRules, NewOnesFillTheTableUpToTenThousandAndKnownOnesGoOn) {
+  FlywheelLearner learner;
+  for (int i = 0; i < 10'001; ++i) learner.merge(std::to_string(i), rule_of_confidence(0.5));
+  learner.take_over("new", rule_of_confidence(0.5));
+  EXPECT_EQ(learner.stats().total_rules, 10'000);
+  EXPECT_EQ(learner.rules_passed_over(), 2);
+  learner.merge("0", rule_of_confidence(0.7));
+  learner.take_over("1", rule_of_confidence(0.2));
+  EXPECT_EQ(learner.rules()[0]->confidence, 0.7);
+  EXPECT_EQ(learner.rules()[1]->confidence, 0.2);
+  learner.store("from the file", rule_of_confidence(0.5));
+  learner.record({"odd", "recorded here", true, 1.0});
+  EXPECT_EQ(learner.stats().total_rules, 10'002);
+  EXPECT_EQ(learner.rules_passed_over(), 2);
+}
+
 TEST(LearnerFile, IsWrittenAtTheStartAndAtEveryTwentiethRecord) {
   const std::filesystem::path path = ::testing::TempDir() + "learner_test.json";
   FlywheelLearner learner(path.string());
