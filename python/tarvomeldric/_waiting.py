@@ -3,15 +3,16 @@
 from __future__ import annotations
 
 import asyncio
+import threading
 import weakref
-from concurrent.futures import ThreadPoolExecutor
+from collections.abc import Callable
+from concurrent.futures import Future
+from queue import SimpleQueue
 from typing import Any
 
 from tarvomeldric import _fork
 
-# One thread a learner, so that what is recorded is published in order.
-_workers: weakref.WeakKeyDictionary[Any, ThreadPoolExecutor] = weakref.WeakKeyDictionary()
-_fork.renew(_workers.clear)
+_Job = Callable[[], None]
 
 
 class _Turn:
@@ -68,11 +69,48 @@ async def wait_for_permit(semaphore: Any, timeout: float) -> bool:
             semaphore._leave(place)
 
 
+class _Worker:
+    """A thread that does one thing after another, until nobody refers to it.
+
+    Unlike the threads of an executor it is a daemon: the end of the program does not wait for it.
+    """
+
+    def __init__(self) -> None:
+        self._jobs: SimpleQueue[_Job | None] = SimpleQueue()
+        threading.Thread(target=_work, args=(self._jobs,), daemon=True, name="learner").start()
+        weakref.finalize(self, self._jobs.put, None).atexit = False
+
+    def submit(self, function: Callable[..., Any], *arguments: Any) -> Future[Any]:
+        future: Future[Any] = Future()
+
+        def job() -> None:
+            if not future.set_running_or_notify_cancel():
+                return
+            try:
+                result = function(*arguments)
+            except BaseException as error:
+                future.set_exception(error)
+            else:
+                future.set_result(result)
+
+        self._jobs.put(job)
+        return future
+
+
+def _work(jobs: SimpleQueue[_Job | None]) -> None:
+    while job := jobs.get():
+        job()
+        del job  # with what it refers to
+
+
+# One a learner, so that what is recorded is published in order.
+_workers: weakref.WeakKeyDictionary[Any, _Worker] = weakref.WeakKeyDictionary()
+_fork.renew(_workers.clear)
+
+
 async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
     """Runs a method of the learner on the learner's own worker thread."""
     worker = _workers.get(learner)
     if worker is None:
-        worker = _workers.setdefault(learner, ThreadPoolExecutor(1, thread_name_prefix="learner"))
-    return await asyncio.get_running_loop().run_in_executor(
-        worker, getattr(learner, method), *arguments
-    )
+        worker = _workers.setdefault(learner, _Worker())
+    return await asyncio.wrap_future(worker.submit(getattr(learner, method), *arguments))
