@@ -1,14 +1,13 @@
 """How learned rules travel between the members of a fleet: a Redis hash and a channel.
 
-Nothing here ever fails a caller. The publishing connection waits half a second at most; after it
-did not get through, the next tries are spaced out, and what was recorded meanwhile is sent in its
-latest state with the first publication that succeeds.
+Nothing here ever fails a caller. A publication takes half a second at most; after one that did not
+get through, the next tries are spaced out, and what was recorded meanwhile is sent in its latest
+state with the first publication that succeeds.
 """
 
 from __future__ import annotations
 
 import contextlib
-import inspect
 import json
 import os
 import socket
@@ -17,33 +16,13 @@ import time
 import weakref
 from typing import Any
 
-_TIMEOUT = 0.5  # seconds
+from tarvomeldric import _redis
+
+_TIMEOUT = 0.5  # seconds for an exchange, connecting included
+_LOADING_TIMEOUT = 3.0  # seconds
 _FIRST_PAUSE = 1.0  # seconds
 _LONGEST_PAUSE = 30.0  # seconds
-
-
-def _connect(url: str, **options: Any) -> Any:
-    import redis
-    from redis.backoff import NoBackoff
-    from redis.retry import Retry
-
-    return redis.Redis.from_url(
-        url,
-        decode_responses=True,
-        encoding_errors="replace",
-        socket_connect_timeout=_TIMEOUT,
-        retry=Retry(NoBackoff(), 0),
-        **_without_greetings(redis.Redis),
-        **options,
-    )
-
-
-def _without_greetings(client: Any) -> dict[str, Any]:
-    """Options, where they exist, that save a new connection its round trips of introduction."""
-    known = inspect.signature(client).parameters
-    names = ["driver_info"] if "driver_info" in known else ["lib_name", "lib_version"]
-    options = {"protocol": 2, **dict.fromkeys(names)}
-    return {name: value for name, value in options.items() if name in known}
+_LARGEST_RULE = 4096  # characters of its key and its JSON text: labels and names are short
 
 
 class Link:
@@ -57,8 +36,13 @@ class Link:
         self._next_try = 0.0
 
     def connect(self) -> Any:
-        """Opens the connection for the hash and for publishing."""
-        return _connect(self._url, socket_timeout=_TIMEOUT)
+        """The client for the hash and for publishing."""
+        return _redis.connect(self._url)
+
+    def ping(self, client: Any) -> None:
+        """Fails when there is nobody to share rules with."""
+        with _redis.exchange(_TIMEOUT):
+            client.ping()
 
     def source(self) -> str:
         """The name under which this instance publishes."""
@@ -66,7 +50,8 @@ class Link:
 
     def rules(self, client: Any) -> dict[str, str]:
         """The shared hash: a rule's JSON text for each key."""
-        return dict(client.hgetall(f"{self._channel}:rules"))
+        with _redis.exchange(_LOADING_TIMEOUT):
+            return dict(client.hgetall(f"{self._channel}:rules"))
 
     def publish(self, client: Any, key: str, rule: str, message: str) -> None:
         """Shares the latest state of a rule, and of those that could not be shared before."""
@@ -79,7 +64,8 @@ class Link:
             for name, (rule, message) in sent.items():
                 batch.hset(f"{self._channel}:rules", name, rule)
                 batch.publish(self._channel, message)
-            batch.execute()
+            with _redis.exchange(_TIMEOUT):
+                batch.execute()
         except Exception:
             self._pause = min(max(2 * self._pause, _FIRST_PAUSE), _LONGEST_PAUSE)
             self._next_try = time.monotonic() + self._pause
@@ -91,8 +77,9 @@ class Link:
 
     def subscription(self) -> Any:
         """A connection of its own that is subscribed to the channel; reading it waits for ever."""
-        subscription = _connect(self._url, socket_timeout=None).pubsub()
-        subscription.subscribe(self._channel)
+        subscription = _redis.connect(self._url).pubsub()
+        with _redis.exchange(_TIMEOUT):
+            subscription.subscribe(self._channel)
         return subscription
 
 
@@ -143,6 +130,8 @@ def _shut(subscription: Any) -> None:
 def merge(learner: Any, payload: Any) -> None:
     """Takes in one published rule; what is not one is passed over."""
     with contextlib.suppress(Exception):
+        if len(payload) > _LARGEST_RULE:
+            return
         message = json.loads(payload)
         key, rule = message.get("key", ""), message.get("rule", {})
         if key and rule:
@@ -157,6 +146,7 @@ def load_rules(learner: Any) -> None:
     shared = learner._link.rules(learner._redis_client)
     for key, payload in shared.items():
         with contextlib.suppress(Exception):
-            learner._store(key, json.loads(payload))
+            if len(key) + len(payload) <= _LARGEST_RULE:
+                learner._take_over(key, json.loads(payload))
     if shared:
         learner._bootstrap_loaded = False

@@ -64,7 +64,7 @@ void PythonLearner::init_redis() {
   const bool started = quietly([&] {
     link = new_link();
     redis_client = call(link.attr("connect"));
-    call(redis_client.attr("ping"));
+    call(link.attr("ping"), redis_client);
     redis_sub_thread = call(Helper::kStartSubscriber, self());
     load_shared_rules();
   });
