@@ -18,7 +18,8 @@ from typing import Any
 
 from tarvomeldric import _redis
 
-_TIMEOUT = 0.5  # seconds for an exchange, connecting included
+_TIMEOUT = 0.5  # seconds for a publication, connecting again included
+_JOINING_TIMEOUT = 1.0  # seconds to connect and be answered
 _LOADING_TIMEOUT = 3.0  # seconds
 _FIRST_PAUSE = 1.0  # seconds
 _LONGEST_PAUSE = 30.0  # seconds
@@ -41,7 +42,7 @@ class Link:
 
     def ping(self, client: Any) -> None:
         """Fails when there is nobody to share rules with."""
-        with _redis.exchange(_TIMEOUT):
+        with _redis.exchange(_JOINING_TIMEOUT):
             client.ping()
 
     def source(self) -> str:
@@ -78,7 +79,7 @@ class Link:
     def subscription(self) -> Any:
         """A connection of its own that is subscribed to the channel; reading it waits for ever."""
         subscription = _redis.connect(self._url).pubsub()
-        with _redis.exchange(_TIMEOUT):
+        with _redis.exchange(_JOINING_TIMEOUT):
             subscription.subscribe(self._channel)
         return subscription
 
