@@ -1,9 +1,5 @@
 # The core: plain C++ that knows nothing of Python. A new file in a room is found by itself.
 
-find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
-pkg_check_modules(RE2 REQUIRED IMPORTED_TARGET re2)  # Debian's file states no usable version
-
 set(sources)
 foreach(room support diagnosis guards semantic flywheel observability providers engine)
   file(GLOB found CONFIGURE_DEPENDS src/${room}/*.cpp)

@@ -1,6 +1,5 @@
 # The extension module tarvomeldric._engine, its type stubs, and what travels with it in a wheel.
 
-find_package(Python 3.10 REQUIRED COMPONENTS Interpreter Development.Module)
 if(NOT nanobind_DIR)
   execute_process(COMMAND ${Python_EXECUTABLE} -m nanobind --cmake_dir
     OUTPUT_VARIABLE nanobind_DIR OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
