@@ -10,6 +10,7 @@
 #   make lint     format, static analysis, types
 #   make format   rewrites the sources in the project's format
 #   make build    compiles and installs into .venv
+#   make wheels   fills dist/ with what users install: the source distribution, and a wheel for each Python here
 #   make clean    removes everything that the other verbs made
 
 SHELL := /bin/bash
@@ -24,7 +25,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test sanitize bench fuzz soak mutate lint format build clean packages
+.PHONY: demo test sanitize bench fuzz soak mutate lint format build wheels clean packages
 
 demo: build
 	@$(python) examples/demo.py
@@ -59,8 +60,11 @@ format: $(venv)/ready
 
 build: $(venv)/installed
 
+wheels: $(venv)/ready
+	@tools/wheels.sh
+
 clean:
-	rm -rf build .venv .venv-* .mypy_cache .ruff_cache .pytest_cache
+	rm -rf build dist .venv .venv-* .mypy_cache .ruff_cache .pytest_cache
 
 $(venv)/installed: $(sources) $(venv)/ready
 	@echo "$(venv): compiling and installing"

@@ -22,7 +22,7 @@ set(package ${CMAKE_BINARY_DIR}/package/tarvomeldric)
 file(MAKE_DIRECTORY ${package})
 file(TOUCH ${package}/__init__.py)
 set_target_properties(_engine PROPERTIES
-  LIBRARY_OUTPUT_DIRECTORY ${package} BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH $ORIGIN)
+  LIBRARY_OUTPUT_DIRECTORY ${package} INSTALL_RPATH_USE_LINK_PATH ON)  # RE2 may be in a place of its own
 
 file(GLOB stub_patterns CONFIGURE_DEPENDS src/_engine/stubs.txt)
 if(stub_patterns)
@@ -32,12 +32,5 @@ nanobind_add_stub(_engine_stub MODULE tarvomeldric._engine INCLUDE_PRIVATE ${stu
   PYTHON_PATH ${CMAKE_BINARY_DIR}/package DEPENDS _engine
   OUTPUT ${package}/_engine.pyi MARKER_FILE ${package}/py.typed)
 
-# Debian's static RE2 is not position independent, so the shared one comes along, under the name the module asks for.
-find_library(RE2_FILE re2 HINTS ${RE2_LIBRARY_DIRS} REQUIRED)
-execute_process(COMMAND ${CMAKE_OBJDUMP} -p ${RE2_FILE} OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX MATCH "SONAME +([^ \n]+)" found "${headers}")
-file(REAL_PATH ${RE2_FILE} RE2_REAL_FILE)
-
 install(TARGETS _engine LIBRARY DESTINATION tarvomeldric)
-install(FILES ${RE2_REAL_FILE} RENAME ${CMAKE_MATCH_1} DESTINATION tarvomeldric)
 install(FILES ${package}/_engine.pyi ${package}/py.typed DESTINATION tarvomeldric)

@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
 # Prints the Python to build for: 3.10 if there is one, else the newest.
-# With --other VERSION: the newest that is not VERSION. Exits with 1 when there is none.
+# With VERSION, such as 3.12: one of that version. With --other VERSION: the newest that is not VERSION.
+# Exits with 1 when there is none.
 set -euo pipefail
-
-other=
-[[ ${1-} != --other ]] || other=$2
 
 # A name on the PATH proves little: version managers put a stub there for every version they know of.
 # Extension modules need a released CPython with its headers; a virtual environment needs ensurepip.
@@ -31,9 +29,10 @@ candidates() {
 }
 
 found=$(candidates | while read -r python; do "$python" -c "$probe" 2>/dev/null || true; done | sort -Vu)
-if [[ -n $other ]]; then
-    chosen=$(grep -v "^$other " <<<"$found" | tail -1) || true
-else
-    chosen=$(grep -m1 '^3\.10 ' <<<"$found" || tail -1 <<<"$found")
-fi
+of_version() { grep "^$1 " <<<"$found" | tail -1; }
+case ${1-} in
+    '') chosen=$(of_version 3.10 || tail -1 <<<"$found") ;;
+    --other) chosen=$(grep -v "^$2 " <<<"$found" | tail -1) || true ;;
+    *) chosen=$(of_version "$1") || true ;;
+esac
 [[ -n $chosen ]] && echo "${chosen#* }"

@@ -51,7 +51,8 @@ def python_tests(venv: str, interpreter: str | None, *options: str) -> Counts:
 
 
 def wheel_check() -> Counts:
-    return Counts(passed=1) if run("tools/check_wheel.sh") else Counts(failed=1)
+    made = run("tools/wheel.sh", ".", ".venv/bin/python", "build/wheel", "--no-build-isolation")
+    return Counts(passed=1) if made else Counts(failed=1)
 
 
 def other_python() -> tuple[str, str] | None:
