@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 rm -rf dist
-.venv/bin/python -m build --sdist --no-isolation --outdir dist . >/dev/null
+.venv/bin/python -m build --quiet --sdist --no-isolation --outdir dist .
 for version in 3.10 3.11 3.12 3.13 3.14; do
     if python=$(tools/find_python.sh "$version"); then
         echo "wheels: building for $("$python" --version)"
