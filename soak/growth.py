@@ -1,6 +1,5 @@
 """What the process holds when nobody calls: it must not become more over time."""
 
-import ctypes
 import gc
 import os
 import sys
@@ -11,14 +10,16 @@ from contextlib import suppress
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from support import allocated, resident, until
+from support import allocated, give_back_free, resident, until
 
-WARM_UP = 2  # rounds, in which caches fill
+_LEAST_WARM_UP = 2  # rounds
+_WARM_UP = 1 / 6  # of the rounds: ten minutes of an hour
 _BLOCKS_A_CALL = 0.02  # of Python's memory
 _BYTES_A_CALL = 2  # of C's and C++'s
 _SPARE_OBJECTS = 30  # of a type: guards have a breaker for each category of faults they met
 _SPARE_BLOCKS = 3_000
 _SPARE_BYTES = 300_000
+_SPARE_RESIDENT = 2 << 20
 _PATIENCE = 20.0  # seconds
 _OWN = {"tarvomeldric", "arguments", "httpx", "httpcore", "redis", "asyncio", "_asyncio", "uvloop"}
 
@@ -57,10 +58,15 @@ class Snapshot:
     calls: int
     descriptors: Counter[str] = field(default_factory=_descriptors)
     threads: int = field(default_factory=threading.active_count)
+    resident: int = field(default_factory=resident)  # before the objects take room to be counted
     objects: Counter[str] = field(default_factory=_objects)
     blocks: int = field(default_factory=sys.getallocatedblocks)
     allocated: int = field(default_factory=allocated)
-    resident: int = field(default_factory=resident)
+
+
+def warm_up(rounds: int) -> int:
+    """The first of so many rounds, in which caches fill."""
+    return max(_LEAST_WARM_UP, round(_WARM_UP * rounds))
 
 
 def settle(threads: int) -> None:
@@ -70,11 +76,11 @@ def settle(threads: int) -> None:
     with suppress(TimeoutError):  # the snapshot will show it
         until(lambda: threading.active_count() <= threads, _PATIENCE)
     gc.collect()
-    ctypes.CDLL(None).malloc_trim(0)
+    give_back_free()
 
 
 def increases(snapshots: list[Snapshot]) -> Iterator[str]:
-    """What became more from the first snapshot to the last one."""
+    """What became more: of things since the first round, of memory since the warm-up."""
     first, last = snapshots[0], snapshots[-1]
     if more := last.descriptors - first.descriptors:
         yield f"more open files than after the first round: {dict(more)}"
@@ -84,15 +90,18 @@ def increases(snapshots: list[Snapshot]) -> Iterator[str]:
     if last.threads > first.threads:
         names = [thread.name for thread in threading.enumerate()]
         yield f"{last.threads} threads, {first.threads} after the first round: {names}"
-    if len(snapshots) <= WARM_UP:
+    if len(snapshots) < 3:  # something was not right before the caches were full
         return
-    first = snapshots[WARM_UP - 1]
-    calls = last.calls - first.calls
-    blocks, allocated = last.blocks - first.blocks, last.allocated - first.allocated
+    warm = snapshots[1]
+    calls = last.calls - warm.calls
+    blocks, allocated = last.blocks - warm.blocks, last.allocated - warm.allocated
+    resident = last.resident - warm.resident
     if blocks > _SPARE_BLOCKS + _BLOCKS_A_CALL * calls:
         yield f"{blocks} more blocks of Python's memory after {calls} calls"
     if allocated > _SPARE_BYTES + _BYTES_A_CALL * calls:
         yield f"{allocated} more bytes allocated after {calls} calls"
+    if resident > _SPARE_RESIDENT:
+        yield f"{resident} more bytes resident after {calls} calls, what was free given back"
 
 
 def leftovers(start: Snapshot) -> Iterator[str]:

@@ -15,20 +15,20 @@ def progress(number: int, count: int, now: Snapshot, tally: Tally) -> None:
     print(
         f"round {number}/{count}: {now.calls:,} calls, {seen} of {len(CALLS)} outcomes; then"
         f" {now.threads} threads, {sum(now.descriptors.values())} files, {now.blocks:,} blocks,"
-        f" {now.allocated / _MIB:.2f} MiB allocated, {now.resident / _MIB:.1f} MiB resident",
+        f" {now.allocated / _MIB:.2f} MiB allocated, {now.resident / _MIB:.2f} MiB resident",
         flush=True,
     )
 
 
-def table(engine: Any, tally: Tally, snapshots: dict[str, Snapshot]) -> None:
+def table(engine: Any, tally: Tally, snapshots: list[Snapshot]) -> None:
     metric = engine.get_metrics().get_counter
     for title, names in KINDS.items():
         _section(title, {name: tally.counts[name] for name in names})
     pages = {name: tally.counts[name] for name in sorted(tally.counts) if name.startswith("/")}
     _section("pages read", pages)
     _section("counted by the engine", {name: metric(name) for name in COUNTERS})
-    print("\nheld while nobody calls       " + "".join(f"{name:>14}" for name in snapshots))
-    for name, numbers in _held(list(snapshots.values())):
+    print("\nheld while nobody calls")
+    for name, numbers in _held(snapshots):
         print(f"  {name:<29}" + "".join(f"{number:>14,}" for number in numbers))
 
 
@@ -39,6 +39,7 @@ def _section(title: str, counts: dict[str, int]) -> None:
 
 
 def _held(snapshots: list[Snapshot]) -> Iterator[tuple[str, list[int]]]:
+    yield "after so many calls", [each.calls for each in snapshots]
     for kind in sorted({kind for each in snapshots for kind in each.descriptors}):
         yield f"descriptors: {kind}", [each.descriptors[kind] for each in snapshots]
     yield "threads", [each.threads for each in snapshots]
@@ -46,4 +47,4 @@ def _held(snapshots: list[Snapshot]) -> Iterator[tuple[str, list[int]]]:
         yield name, [each.objects[kind] for each in snapshots]
     yield "blocks of Python's memory", [each.blocks for each in snapshots]
     yield "KiB allocated by C and C++", [each.allocated // 1024 for each in snapshots]
-    yield "KiB resident", [each.resident // 1024 for each in snapshots]
+    yield "KiB resident, free given back", [each.resident // 1024 for each in snapshots]

@@ -33,7 +33,7 @@ from outcomes import Tally
 from providers import SimulatedProvider
 from streams import StreamReader
 
-from support import RedisServer, engine_with
+from support import RedisServer, engine_with, use_one_arena
 from tarvomeldric import serve_dashboard
 from tarvomeldric.simulator import rehearsal
 
@@ -49,9 +49,10 @@ class Soak:
     """The engine that is used all along, and what goes on around it."""
 
     def __init__(
-        self, seed: int, redis: RedisServer, providers: Sequence[SimulatedProvider]
+        self, seed: int, redis: RedisServer, providers: Sequence[SimulatedProvider], warm_up: int
     ) -> None:
         self._seed = seed
+        self._warm_up = warm_up
         self._redis = redis
         self._providers = providers
         self._tally, self._tally_of_others = Tally(), Tally()
@@ -60,7 +61,7 @@ class Soak:
         self.engine: Any = engine_with(*self._records)
         self.engine._learner.record("model_request:google", "failover:anthropic", True)
         _fill_histories(self.engine)
-        self.snapshots: list[Snapshot] = []  # of the first rounds and the last one
+        self.snapshots: list[Snapshot] = []  # of the first round, the warm-up's end, the last round
 
     def round(self, seconds: float, last: bool) -> Iterator[str]:
         """Everything at once, then the checks: what was not right."""
@@ -78,7 +79,8 @@ class Soak:
         self.engine.close_sync()
         self.engine._learner._redis_client.close()
         growth.settle(threads=2)  # this one, and the one that publishes what was learned
-        self.snapshots = [*self.snapshots[: growth.WARM_UP], Snapshot(self.tally().calls)]
+        kept = 1 if self._rounds <= self._warm_up else 2
+        self.snapshots = [*self.snapshots[:kept], Snapshot(self.tally().calls)]
         yield from invariants.not_given_back(self._records)
         yield from invariants.disagreements(self.engine, self._tally)
 
@@ -143,8 +145,8 @@ def soak(seconds: float, seed: int, home: Path) -> list[str]:
             stack.callback(provider.stop)
         stack.enter_context(sleeps.shortened())
         connections = stack.enter_context(unclosed.collected())
-        whole = Soak(seed, redis, providers)
         count = max(_FEWEST, round(seconds / _ROUND))
+        whole = Soak(seed, redis, providers, growth.warm_up(count))
         for number in range(1, count + 1):
             complaints += whole.round(seconds / count, last=number == count)
             report.progress(number, count, whole.snapshots[-1], whole.tally())
@@ -155,8 +157,7 @@ def soak(seconds: float, seed: int, home: Path) -> list[str]:
     complaints += [f"never happened: {name}" for name in whole.missing()]
     complaints += growth.increases(snapshots)
     complaints += unclosed.excess(connections, tally.calls)
-    columns = {"start": start, "first round": snapshots[0], "last round": snapshots[-1]}
-    report.table(whole.engine, tally, columns)
+    report.table(whole.engine, tally, [start, *snapshots])
     print(f"\nconnections that the HTTP library lost: {len(connections)}")
     del whole
     complaints += growth.leftovers(start)
@@ -167,6 +168,7 @@ def soak(seconds: float, seed: int, home: Path) -> list[str]:
 
 
 def main() -> int:
+    use_one_arena()
     with rehearsal() as home:
         complaints = soak(float(sys.argv[1]), int(sys.argv[2]), home)
     for complaint in complaints:

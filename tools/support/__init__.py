@@ -4,7 +4,7 @@ Engines on wide-open providers, programs in interpreters of their own, a Redis, 
 """
 
 from .engines import KEY, NOWHERE, engine_on, engine_with, provider, state_of, tireless
-from .memory import allocated, resident
+from .memory import allocated, give_back_free, resident, use_one_arena
 from .pages import Page, get
 from .ports import free_port
 from .programs import run_child, start_child
@@ -21,6 +21,7 @@ __all__ = [
     "engine_with",
     "free_port",
     "get",
+    "give_back_free",
     "provider",
     "resident",
     "run_child",
@@ -28,5 +29,6 @@ __all__ = [
     "state_of",
     "tireless",
     "until",
+    "use_one_arena",
     "worst_pause",
 ]
