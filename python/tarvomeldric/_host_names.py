@@ -41,7 +41,9 @@ def require_names(given: object, argument: str) -> Sequence[str]:
         if not isinstance(name, str):
             raise TypeError(f"{argument} must hold str, not {type(name).__name__}")
         if not re.fullmatch(_NAME, name, re.ASCII | re.IGNORECASE):
-            raise ValueError(f"{argument} must hold host names without a port, not {name!r}")
+            raise ValueError(
+                f"{argument} must hold host names without a port, addresses of IPv6 in brackets, not {name!r}"
+            )
     return given
 
 

@@ -40,18 +40,25 @@ def of_class(cls: type) -> inspect.Signature:
 
 def asyncio_mark(function: Any) -> object:
     """What `asyncio.iscoroutinefunction`, and with it `unittest.mock`, looks for."""
-    return _mark(function, asyncio.coroutines, "_is_coroutine")
+    _require_awaitable(function)
+    library: Any = asyncio.coroutines
+    return library._is_coroutine
 
 
 def inspect_mark(function: Any) -> object:
     """What `inspect.iscoroutinefunction` looks for since Python 3.12."""
-    return _mark(function, inspect, "_is_coroutine_mark")
+    _require_awaitable(function)
+    mark: Any = getattr(inspect, "markcoroutinefunction", lambda unmarked: unmarked)
+
+    def marked() -> None:
+        """A function of Python's own, to see what the mark is."""
+
+    return mark(marked)._is_coroutine_marker
 
 
-def _mark(function: Any, module: Any, name: str) -> object:
+def _require_awaitable(function: Any) -> None:
     if "-> collections.abc.Coroutine[" not in function.__nb_signature__[0][0]:
-        raise AttributeError(name)
-    return getattr(module, name)
+        raise AttributeError("not a coroutine function")
 
 
 def _without_self(signature: inspect.Signature) -> inspect.Signature:

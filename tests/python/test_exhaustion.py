@@ -91,7 +91,7 @@ STARVED = """
 import sys
 import _testcapi
 import support
-from tarvomeldric import Contract, ProviderConfig, SelfHealingEngine
+from tarvomeldric import APIError, Contract, ProviderConfig, SelfHealingEngine
 from tarvomeldric._engine import _build_dashboard
 
 engine = support.engine_with()
@@ -100,7 +100,14 @@ engine._execute_sync = lambda *_, **__: "answer"
 async def execute(*_, **__):
     return "answer"
 engine._execute = execute
-contract = Contract(output_schema={"required": ["a"]}, forbidden_patterns=["x"])
+failing = support.engine_with(support.tireless(), support.tireless(name="other"))
+def fail_first(record, *_, **__):
+    if record.name == "mine":
+        raise APIError("HTTP 401", 401)
+    return "answer"
+failing._execute_sync = fail_first
+def check(holds):
+    assert holds is True or not holds.passed
 
 def drive():
     try:
@@ -118,23 +125,24 @@ operations = {
     "views": lambda: (list(engine._metrics._counters.items()), mine.models.append("x")),
     "call": lambda: engine.call_sync("Hi"),
     "awaited call": drive,
-    "contract": lambda: contract.validate('{"a": 1}'),
+    "contract": lambda: check(Contract(forbidden_patterns=["secret"]).validate("a secret")),
+    "failover": lambda: check(failing.call_sync("Hi").provider == "other"),
     "page": lambda: _build_dashboard(engine),
 }
 locks = [engine._lock, engine._counter_lock, engine._learner._lock, engine._metrics._lock,
          engine._diagnoser._lock, mine.bulkhead._lock, mine.rate_limiter._lock]
 for name, operation in operations.items():
     operation()
-    for failing in range(300):
-        _testcapi.set_nomemory(failing, failing + 1)
+    for nth in range(300):
+        _testcapi.set_nomemory(nth, nth + 1)
         try:
             operation()
         except MemoryError:
             pass
         finally:
             _testcapi.remove_mem_hooks()
-        assert mine.bulkhead._active == 0, (name, failing)
-        assert not any(lock.locked() for lock in locks), (name, failing)
+        assert mine.bulkhead._active == 0, (name, nth)
+        assert not any(lock.locked() for lock in locks), (name, nth)
 print("survived")
 """
 

@@ -18,8 +18,7 @@ std::optional<std::int64_t> status_of(nb::handle error) {
   const auto given =
       host_call([&] { return nb::steal(PyObject_GetAttrString(error.ptr(), "status_code")); });
   if (!given.is_valid()) {
-    if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
-    PyErr_Clear();
+    clear_failure();
     return std::nullopt;
   }
   return PyLong_Check(given.ptr()) ? Status{given}.code() : std::nullopt;

@@ -9,18 +9,20 @@
 namespace tarvomeldric::host {
 namespace {
 
+bool has(nb::handle object, const char* attribute) {
+  return attribute_or(object, attribute, nb::handle()).is_valid();
+}
+
 // A native coroutine is driven as it is; anything else says what to drive.
 nb::object iterator_of(nb::handle awaitable) {
   if (PyCoro_CheckExact(awaitable.ptr())) return nb::borrow(awaitable);
   const nb::handle type = awaitable.type();
-  if (!nb::hasattr(type, "__await__")) {
+  if (!has(type, "__await__")) {
     throw nb::type_error(
         ("object " + class_name(awaitable) + " can't be used in 'await' expression").c_str());
   }
   return call(awaitable.attr("__await__"));
 }
-
-bool has(nb::handle object, const char* attribute) { return nb::hasattr(object, attribute); }
 
 PySendResult raise_error(PyObject* type, const char* message) {
   PyErr_SetString(type, message);

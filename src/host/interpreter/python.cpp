@@ -73,11 +73,17 @@ std::string class_name(nb::handle object) {
   return std::string(name.substr(name.rfind('.') + 1));
 }
 
+void clear_failure() {
+  const bool passes =
+      !PyErr_ExceptionMatches(PyExc_Exception) || PyErr_ExceptionMatches(PyExc_MemoryError);
+  if (passes) throw nb::python_error();
+  PyErr_Clear();
+}
+
 std::string text_form(nb::handle object) {
   const auto text = host_call([&] { return nb::steal(PyObject_Str(object.ptr())); });
   if (text.is_valid()) return to_utf8(text);
-  if (!PyErr_ExceptionMatches(PyExc_Exception)) throw nb::python_error();
-  PyErr_Clear();
+  clear_failure();
   return "<unprintable " + class_name(object) + " object>";
 }
 

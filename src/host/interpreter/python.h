@@ -53,6 +53,10 @@ nb::object call(const nb::detail::accessor<Attribute>& method, Args&&... args) {
 std::string to_utf8(nb::handle text);
 nb::str from_utf8(std::string_view utf8);
 
+// Clears the error of a step that may fail. What is no `Exception`, an interrupt among them, still
+// passes, and so does a failed allocation.
+void clear_failure();
+
 // The host's text form of an object, and a stand-in where the object cannot give one.
 std::string text_form(nb::handle object);
 
@@ -96,8 +100,11 @@ nb::dict make_dict(std::initializer_list<std::pair<const char*, nb::handle>> ent
 
 // The entry of a dictionary, or null.
 inline nb::handle entry(nb::handle dict, nb::handle key) {
-  return PyDict_GetItem(dict.ptr(), key.ptr());
+  PyObject* found = PyDict_GetItemWithError(dict.ptr(), key.ptr());
+  if (!found && PyErr_Occurred()) throw nb::python_error();
+  return found;
 }
+inline nb::handle entry(nb::handle dict, const char* key) { return entry(dict, from_utf8(key)); }
 
 inline nb::object number(double value) { return made(PyFloat_FromDouble(value)); }
 inline nb::object number(std::int64_t value) { return made(PyLong_FromLongLong(value)); }

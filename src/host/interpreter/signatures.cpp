@@ -23,7 +23,7 @@ void bind_attribute(nb::handle type, const char* name, Helper reader) {
 void bind_function_type(nb::handle type, Helper signature_reader) {
   bind_attribute(type, "__signature__", signature_reader);
   bind_attribute(type, "_is_coroutine", Helper::kAsyncioMark);
-  bind_attribute(type, "_is_coroutine_mark", Helper::kInspectMark);
+  bind_attribute(type, "_is_coroutine_marker", Helper::kInspectMark);
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ void RecordTable::fill(void* target, const nb::args& args, const nb::kwargs& kwa
   std::size_t taken = 0;
   for (std::size_t i = 0; i < fields.size(); ++i) {
     const Field& field = fields[i];
-    PyObject* keyword = PyDict_GetItemString(kwargs.ptr(), field.name);
+    const nb::handle keyword = entry(kwargs, field.name);
     if (keyword) ++taken;
     if (keyword && i < given) {
       type_error(std::string(name) + "() got multiple values for argument '" + field.name + "'");
@@ -114,9 +114,7 @@ nb::object RecordTable::from_dict(nb::handle cls, nb::handle entries) const {
   if (!PyDict_Check(entries.ptr())) refuse_argument("d", "dict", entries);
   nb::dict known;
   for (const Field& field : fields) {
-    if (PyObject* value = PyDict_GetItemString(entries.ptr(), field.name)) {
-      known[from_utf8(field.name)] = nb::handle(value);
-    }
+    if (const nb::handle value = entry(entries, field.name)) put(known, field.name, value);
   }
   return host_call([&]() -> nb::object { return cls(**known); });
 }
