@@ -19,7 +19,7 @@ _BYTES_A_CALL = 2  # of C's and C++'s
 _SPARE_OBJECTS = 30  # of a type: guards have a breaker for each category of faults they met
 _SPARE_BLOCKS = 3_000
 _SPARE_BYTES = 300_000
-_SPARE_RESIDENT = 2 << 20
+_SPARE_RESIDENT = 3 << 20
 _PATIENCE = 20.0  # seconds
 _OWN = {"tarvomeldric", "arguments", "httpx", "httpcore", "redis", "asyncio", "_asyncio", "uvloop"}
 
