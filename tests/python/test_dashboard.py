@@ -14,7 +14,6 @@ from unittest.mock import Mock, patch
 
 import pytest
 from dashboards import FIGURES, LOOPBACK, connect, left, made_up, served
-from prometheus_client.parser import text_string_to_metric_families
 
 from support import engine_with, get, provider
 from tarvomeldric import APIError, serve_dashboard
@@ -127,27 +126,6 @@ def test_servers_live_and_end_on_their_own(silent: Any) -> None:
             connect(other)
         assert get(one, "/stats").status == 200
         serve_dashboard(made_up(), LOOPBACK, other.server_port).server_close()
-
-
-def test_a_scraper_understands_the_figures_of_a_real_engine() -> None:
-    with engine_with() as engine, served(engine) as server:
-        engine._call_count, engine._heal_count = 8, 3
-        collector = engine.get_metrics()
-        for number, value in enumerate((2.0, 1e-05, 1e22, float("inf"))):
-            collector.inc(f"fault_{number}", number)
-            collector.observe(f"time_{number}", value)
-            collector.set_gauge(f"gauge_{number}", value)
-        assert engine.get_stats()["heal_rate"] == "37.5%"
-        assert get(server, "/").body.decode() == _build_dashboard(engine)
-        assert json.loads(get(server, "/stats").body) == engine.get_stats()
-        metrics = get(server, "/metrics").body.decode()
-
-    samples = [one for family in text_string_to_metric_families(metrics) for one in family.samples]
-    assert len(samples) == len(metrics.splitlines())
-    figures: Any = collector.get_all()
-    expected = {f"tm_{name}_total": count for name, count in figures["counters"].items()}
-    expected |= {f"tm_{name}": value for name, value in figures["gauges"].items()}
-    assert expected.items() <= {one.name: one.value for one in samples}.items()
 
 
 UNITS = " metric names should not contain abbreviated units"

@@ -10,18 +10,21 @@ import pytest
 
 from support import engine_with, run_child
 
-RECURSIVE = """
-import asyncio, sys, threading
+NESTED = """
+import asyncio, itertools, math, sys, threading
 import support
 from tarvomeldric import SelfHealingEngine
 
+LINKS = 50_000 if sys.version_info < (3, 12) else 2_000  # which limits the depth by itself
+
 class Nested(SelfHealingEngine):
+    depth = math.inf
     async def _execute(self, *_, **__):
-        return (await self.call("deeper")).text
+        if next(links) < self.depth:
+            return (await self.call("deeper")).text
+        await asyncio.Event().wait()
     def _execute_sync(self, *_, **__):
         return self.call_sync("deeper").text
-
-engine = Nested({"mine": support.tireless(slots=10**6)})
 
 def dive():
     for call in lambda: asyncio.run(engine.call("Hi")), lambda: engine.call_sync("Hi"):
@@ -29,36 +32,6 @@ def dive():
             call()
         except RecursionError:
             print("stopped", flush=True)
-
-sys.unraisablehook = lambda _: None  # the innermost call of all was never begun
-for limit in 1000, 10**6:
-    sys.setrecursionlimit(limit)
-    dive()
-    threading.stack_size(256 * 1024)
-    small = threading.Thread(target=dive)
-    small.start()
-    small.join()
-assert support.state_of(engine._providers["mine"]) == (10**6, 0, 0)
-"""
-
-
-def test_calls_within_calls_end_at_the_limit_of_the_interpreter_or_of_the_stack() -> None:
-    assert run_child(RECURSIVE, strict=False).split() == ["stopped"] * 8
-
-
-CHAIN = """
-import asyncio, itertools, sys, threading
-import support
-from tarvomeldric import SelfHealingEngine
-
-LINKS = 50_000 if sys.version_info < (3, 12) else 2_000  # which limits the depth by itself
-links = itertools.count(1)
-
-class Nested(SelfHealingEngine):
-    async def _execute(self, *_, **__):
-        if next(links) < LINKS:
-            return (await self.call("deeper")).text
-        await asyncio.Event().wait()
 
 def hang():
     asyncio._set_running_loop(loop)
@@ -71,22 +44,24 @@ def on_a_stack_of(size, target):
     thread.start()
     thread.join()
 
-held = []
-loop = asyncio.new_event_loop()
-engine = Nested({"mine": support.tireless(slots=LINKS)})
-sys.setrecursionlimit(10**6)
-sys.unraisablehook = lambda _: None  # where the stack is low, a link cannot be told that it ends
+held, links, loop = [], itertools.count(), asyncio.new_event_loop()
+engine = Nested({"mine": support.tireless(slots=10**6)})
+sys.unraisablehook = lambda _: None  # where the stack is low, a call cannot be told that it ends
+for limit in 1000, 10**6:
+    sys.setrecursionlimit(limit)
+    dive()
+    on_a_stack_of(256 * 1024, dive)
+links, engine.depth = itertools.count(1), LINKS
 on_a_stack_of(1 << 30, hang)
-active = engine._providers["mine"].bulkhead._active
+assert engine._providers["mine"].bulkhead._active == LINKS
 on_a_stack_of(256 * 1024, held.clear)
-assert active == LINKS, active
-print("dropped", engine._providers["mine"].bulkhead._active)
+assert support.state_of(engine._providers["mine"]) == (10**6, 0, 0)
 loop.close()
 """
 
 
-def test_a_long_chain_of_suspended_calls_can_be_dropped_on_a_small_stack() -> None:
-    assert run_child(CHAIN, strict=False) == "dropped 0"
+def test_calls_within_calls_end_where_the_stack_does_and_a_long_chain_can_be_dropped() -> None:
+    assert run_child(NESTED, strict=False).split() == ["stopped"] * 8
 
 
 STARVED = """
