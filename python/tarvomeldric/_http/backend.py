@@ -7,6 +7,8 @@ ones do: by what the operating system said.
 
 from __future__ import annotations
 
+import asyncio
+import contextlib
 import os
 import socket
 import ssl
@@ -161,10 +163,20 @@ class AsyncBackend(httpcore.AsyncNetworkBackend):
         self, host: str, port: int, timeout: float | None = None, *more: Any, **options: Any
     ) -> httpcore.AsyncNetworkStream:
         seconds = _left(timeout, httpcore.ConnectTimeout)
+        connecting = asyncio.ensure_future(
+            self._inner.connect_tcp(host, port, seconds, *more, **options)
+        )
         try:
-            return AsyncStream(await self._inner.connect_tcp(host, port, seconds, *more, **options))
+            return AsyncStream(await asyncio.shield(connecting))
         except httpcore.ConnectError as error:
             raise _told(error) from error
+        except asyncio.CancelledError:
+            # On Python 3.10 the library takes a cancellation for its own that comes when a
+            # connection is made; hence a task beside ours, which may go on to its end.
+            connecting.cancel()
+            with contextlib.suppress(asyncio.CancelledError, Exception):
+                await (await connecting).aclose()
+            raise
 
     async def sleep(self, seconds: float) -> None:
         await self._inner.sleep(seconds)
