@@ -16,8 +16,16 @@ from typing import Any
 import httpx
 import pytest
 
-from support import start_child
-from tarvomeldric.simulator import ProviderSimulator, Reply, rehearsal
+from support import engine_on, start_child
+from tarvomeldric.simulator import (
+    Finish,
+    ProviderSimulator,
+    Raw,
+    Reasoning,
+    Reply,
+    ToolCall,
+    rehearsal,
+)
 
 CHAT = "/chat/completions"
 HI = {"model": "m", "messages": [{"role": "user", "content": "Hi"}]}
@@ -76,6 +84,57 @@ def test_a_stream_that_is_asked_for_is_that_of_a_scripted_answer(
     assert json.loads(ending[6:])["choices"][0]["finish_reason"] == "stop"
 
 
+COUNTED = {**HI, "stream": True, "stream_options": {"include_usage": True}}
+STREAMS: dict[str, tuple[Reply, list[Any]]] = {
+    "an answer": (Reply("It is"), ["It", " is", "stop", (1, 2)]),
+    "texts": (Reply(stream=["It ", 0.01, "is"]), ["It ", "is", "stop", (1, 2)]),
+    "an end of its own": (Reply(stream=["It", Finish("length")]), ["It", "length", (1, 1)]),
+    "events of one's own": (Reply(stream=["It", Raw(": x\n\n")]), ["It", (1, 1)]),
+    "no end": (Reply(stream=["It"], done=False), ["It"]),
+}
+
+
+@pytest.mark.parametrize("what", STREAMS)
+def test_a_stream_ends_with_a_reason_and_with_usage_where_that_is_asked_for(
+    what: str, client: httpx.Client, provider: ProviderSimulator
+) -> None:
+    def told(event: Any) -> Any:
+        if "usage" in event:
+            assert event["choices"] == []
+            return event["usage"]["prompt_tokens"], event["usage"]["completion_tokens"]
+        (choice,) = event["choices"]
+        return choice["delta"].get("content") or choice["finish_reason"]
+
+    reply, expected = STREAMS[what]
+    provider.script(reply, reply)
+    for body in COUNTED, {**HI, "stream": True}:
+        text = client.post(provider.base_url + CHAT, json=body).text
+        events = [line[6:] for line in text.split("\n\n") if line.startswith("data: ")]
+        assert (events[-1] == "[DONE]") is reply.done
+        seen = [told(json.loads(event)) for event in events if event != "[DONE]"]
+        assert seen == [each for each in expected if body is COUNTED or isinstance(each, str)]
+
+
+def test_thoughts_tools_and_usage_are_sent_whole_or_in_pieces(provider: ProviderSimulator) -> None:
+    calls = [ToolCall("weather", {"place": "Oslo"}), ToolCall("now", "{", id="x")]
+    usage = {"prompt_tokens": 7, "completion_tokens": 8}
+    whole = Reply(tool_calls=calls, usage=usage)
+    provider.script(whole, whole, Reply(stream=[Reasoning("Hm."), *calls], usage=usage))
+    engine = engine_on(provider)
+    results = [engine.call_sync("Hi")]
+    for _ in range(2):
+        with engine.stream_sync("Hi", include_usage=True) as stream:
+            events = list(stream)
+        results.append(stream.result)
+    assert events[0]["choices"][0]["delta"] == {"reasoning_content": "Hm."}
+    for result in results:
+        assert (result.text, result.usage) == (None, usage)
+        assert result.finish_reason == "tool_calls"
+        made = [(call["id"], *call["function"].values()) for call in result.tool_calls or ()]
+        assert made == [("call_0", "weather", '{"place": "Oslo"}'), ("x", "now", "{")]
+    engine.close_sync()
+
+
 def exchange(port: int, *pieces: bytes) -> bytes:
     with socket.create_connection(("127.0.0.1", port), timeout=10) as connection:
         for piece in pieces:
@@ -124,6 +183,14 @@ def test_a_seed_fixes_the_faults(client: httpx.Client) -> None:
     bad_day = statuses(7, False)
     assert set(bad_day) == {200, 429, 500}
     assert bad_day == statuses(7, True) != statuses(8, False)
+
+
+def test_a_limit_refuses_what_is_above_it(client: httpx.Client) -> None:
+    with ProviderSimulator("first", default="then", per_second=0.01, burst=2) as provider:
+        replies = [client.post(provider.base_url + CHAT, json=HI) for _ in range(3)]
+    assert [chat_text(reply) for reply in replies[:2]] == ["first", "then"]
+    assert replies[2].status_code == 429
+    assert replies[2].headers["Retry-After"] == "100"
 
 
 ORPHANED = """

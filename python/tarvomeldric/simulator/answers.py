@@ -5,10 +5,12 @@ from __future__ import annotations
 import base64
 import hashlib
 import json
-from collections.abc import Mapping, Sequence
+from collections.abc import Mapping
 from functools import lru_cache
 from struct import pack
 from typing import Any
+
+from .replies import Reply, ToolCall
 
 _ECHOED_CHARACTERS = 200
 _EMBEDDING_SIZE = 8
@@ -59,19 +61,28 @@ def prompt_of(request: Mapping[str, Any]) -> str:
     return _content_text(request.get("input", request.get("prompt")))
 
 
-def answer_body(
-    kind: str, request: Mapping[str, Any], answer: str | Sequence[float] | None
-) -> bytes:
-    """Return the JSON body of a successful answer; an ``answer`` of None writes a helpful one."""
-    if answer is None:
+def answer_body(kind: str, request: Mapping[str, Any], reply: Reply) -> bytes:
+    """Return the JSON body of a successful answer; one that the reply leaves out is helpful."""
+    calls_tools = kind == "chat" and bool(reply.tool_calls)
+    answer = reply.answer
+    if answer is None and not calls_tools:
         answer = _helpful_answer(kind, request)
-    hashable = answer if isinstance(answer, str) else tuple(answer)
-    return _body(kind, str(request.get("model")), hashable, _image_member(request))
+    hashable = answer if isinstance(answer, (str, type(None))) else tuple(answer)
+    if not calls_tools and reply.usage is None:
+        return _written(kind, request, hashable)
+    body = json.loads(_written(kind, request, hashable))
+    if calls_tools:
+        calls = [tool_call(call, at) for at, call in enumerate(reply.tool_calls)]
+        body["choices"][0]["message"]["tool_calls"] = calls
+        body["choices"][0]["finish_reason"] = "tool_calls"
+    if reply.usage is not None:
+        body["usage"] = reply.usage
+    return json.dumps(body).encode()
 
 
 def null_body(kind: str, request: Mapping[str, Any]) -> bytes:
     """Return the JSON body of an answer that is well formed, but has null for its content."""
-    return _body(kind, str(request.get("model")), None, _image_member(request))
+    return _written(kind, request, None)
 
 
 def error_body(status: int, message: str | None = None) -> bytes:
@@ -86,32 +97,71 @@ def models_body() -> bytes:
     return json.dumps({"object": "list", "data": [model]}).encode()
 
 
-def answer_events(request: Mapping[str, Any], answer: str | None) -> list[dict[str, Any]]:
-    """Return the events of a streamed answer, a word each; None streams a helpful answer."""
-    words = (answer or _echo(prompt_of(request))).split(" ")
-    texts = words[:1] + [" " + word for word in words[1:]]
-    return [*(chunk_event(request, text) for text in texts), chunk_event(request, None)]
+def words_of(request: Mapping[str, Any], reply: Reply) -> list[str]:
+    """Return a chat answer as the words that it is streamed in."""
+    if reply.answer is None and reply.tool_calls:
+        return []
+    answer = reply.answer if isinstance(reply.answer, str) else _echo(prompt_of(request))
+    first, *others = answer.split(" ")
+    return [first, *(" " + word for word in others)]
 
 
-def chunk_event(request: Mapping[str, Any], text: str | None) -> dict[str, Any]:
-    """Return the event that adds ``text`` to a streamed answer; None is the one that ends it."""
-    choice = {
-        "index": 0,
-        "delta": {} if text is None else {"content": text},
-        "finish_reason": "stop" if text is None else None,
-    }
-    return _completion("chat.completion.chunk", str(request.get("model")), choice)
+def chunk_event(
+    request: Mapping[str, Any], delta: Mapping[str, Any], finish_reason: str | None = None
+) -> dict[str, Any]:
+    """Return the event that adds ``delta`` to a streamed answer."""
+    choice = {"index": 0, "delta": delta, "finish_reason": finish_reason}
+    return _completion("chat.completion.chunk", str(request.get("model")), [choice])
+
+
+def usage_event(request: Mapping[str, Any], usage: Mapping[str, Any]) -> dict[str, Any]:
+    """Return the event after a streamed answer that tells what it took."""
+    event = _completion("chat.completion.chunk", str(request.get("model")), [])
+    return {**event, "usage": usage}
+
+
+def tool_call(call: ToolCall, at: int) -> dict[str, Any]:
+    """Return the call that stands at ``at`` as it is sent whole."""
+    given = call.arguments
+    arguments = given if isinstance(given, str) else json.dumps(given)
+    function = {"name": call.name, "arguments": arguments}
+    return {"id": call.id or f"call_{at}", "type": "function", "function": function}
+
+
+def usage_of(prompt: str, answer: str) -> dict[str, int]:
+    """Return the usage of an exchange in which every word is a token."""
+    return _usage(_tokens(prompt), _tokens(answer))
+
+
+def _tokens(text: str) -> int:
+    return text.count(" ") + 1 if text else 0
+
+
+def _usage(asked: int, said: int) -> dict[str, int]:
+    return {"prompt_tokens": asked, "completion_tokens": said, "total_tokens": asked + said}
+
+
+def _written(
+    kind: str, request: Mapping[str, Any], answer: str | tuple[float, ...] | None
+) -> bytes:
+    asked = _tokens(prompt_of(request))
+    return _body(kind, str(request.get("model")), answer, _image_member(request), asked)
 
 
 # Load tests send one prompt many thousand times; its answer is then written once.
 @lru_cache(maxsize=256)
 def _body(
-    kind: str, model: str, answer: str | tuple[float, ...] | None, image_member: str
+    kind: str,
+    model: str,
+    answer: str | tuple[float, ...] | None,
+    image_member: str,
+    asked: int,
 ) -> bytes:
     body: dict[str, Any]
     if kind == "embeddings":
         item = {"object": "embedding", "index": 0, "embedding": answer}
-        body = {"object": "list", "model": model, "data": [item]}
+        usage = {"prompt_tokens": asked, "total_tokens": asked}
+        body = {"object": "list", "model": model, "data": [item], "usage": usage}
     elif kind == "images":
         body = {"created": 0, "data": [{image_member: answer}]}
     elif kind == "audio":
@@ -121,17 +171,19 @@ def _body(
         choice = {"index": 0, "message": message, "finish_reason": "stop"}
         if kind == "completions":
             choice["text"] = answer
-        body = _completion("chat.completion", model, choice)
+        said = _tokens(answer) if isinstance(answer, str) else 0
+        body = _completion("chat.completion", model, [choice])
+        body["usage"] = _usage(asked, said)
     return json.dumps(body).encode()
 
 
-def _completion(form: str, model: str, choice: dict[str, Any]) -> dict[str, Any]:
+def _completion(form: str, model: str, choices: list[dict[str, Any]]) -> dict[str, Any]:
     return {
         "id": "chatcmpl-simulated",
         "object": form,
         "created": 0,
         "model": model,
-        "choices": [choice],
+        "choices": choices,
     }
 
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Mapping, Sequence
+from math import inf
 from types import TracebackType
 
 from .local import LocalServer
@@ -39,6 +40,9 @@ class ProviderSimulator:
         process: Serve in a process of its own instead of a thread. Timings then do not depend
             on how busy this interpreter is.
         keep: How many requests are kept in ``requests``; the oldest are dropped.
+        per_second: How many requests a second are taken after a first ``burst``; those above are
+            answered with 429 and a ``Retry-After``, and use up nothing of the script. None takes all.
+        burst: How many are taken at once, once enough time has passed.
 
     All operations may be used from any thread while the simulator runs; before and after, they
     raise RuntimeError. Entering raises OSError when the port is taken.
@@ -55,9 +59,13 @@ class ProviderSimulator:
         port: int = 0,
         process: bool = False,
         keep: int = 10_000,
+        per_second: float | None = None,
+        burst: int = 1,
     ) -> None:
         if not 0.0 <= fault_rate <= 1.0:
             raise ValueError(f"fault_rate must be within 0 and 1, not {fault_rate}")
+        if (per_second is not None and not 0.0 < per_second < inf) or burst < 1:
+            raise ValueError(f"there is no limit of {per_second} a second and {burst} at once")
         self._settings = Settings(
             replies=_replies(script),
             default=as_reply(default),
@@ -67,6 +75,8 @@ class ProviderSimulator:
             seed=seed,
             port=port,
             keep=keep,
+            per_second=per_second,
+            burst=burst,
         )
         self._process = process
         self._server: LocalServer | RemoteServer | None = None

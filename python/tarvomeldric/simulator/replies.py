@@ -44,9 +44,40 @@ class Raw:
     content: str | bytes
 
 
-StreamItem = str | float | Mapping[str, Any] | Raw | Fault
+@dataclass(frozen=True)
+class Reasoning:
+    """A piece of a stream: the text that the model thinks, which is no part of its answer."""
+
+    text: str
+
+
+@dataclass(frozen=True)
+class ToolCall:
+    """A tool that the model wants to be called: in an answer or, in several events, in a stream.
+
+    Args:
+        name: The function.
+        arguments: What to call it with; a text is sent as it is, JSON or not.
+        id: What the caller's reply to it names; by default ``call_0``, ``call_1``, ...
+    """
+
+    name: str
+    arguments: str | Mapping[str, Any] = field(default_factory=dict)
+    id: str | None = None
+
+
+@dataclass(frozen=True)
+class Finish:
+    """A piece of a stream: the event that ends the answer, with its finish reason."""
+
+    reason: str = "stop"
+
+
+StreamItem = str | float | Reasoning | ToolCall | Finish | Mapping[str, Any] | Raw | Fault
 """One piece of a stream: a text (sent as a chunk of the answer), a number (a pause in seconds),
-a mapping (sent as the event it is), a :class:`Raw` piece, or a :class:`Fault` that ends it."""
+:class:`Reasoning`, a :class:`ToolCall`, a :class:`Finish`, a mapping (sent as the event it is), a
+:class:`Raw` piece, or a :class:`Fault` that ends it. An error inside a 200 is a mapping, too:
+``{"error": {"message": "Overloaded.", "code": 503}}``."""
 
 
 @dataclass(frozen=True)
@@ -63,8 +94,12 @@ class Reply:
             ``{"Connection": "close"}`` also closes the connection after the reply.
         delay: Seconds to wait before the reply begins.
         fault: Misbehave instead of replying properly.
+        tool_calls: Tools that the model wants to be called. ``answer`` may then be left out.
+        usage: The tokens that were used; None counts words. It stands in chat answers and
+            embeddings, and at the end of a stream whose request has ``include_usage``.
         stream: Send server-sent events, whatever the request asked for. See :data:`StreamItem`.
-        done: Whether a stream ends with ``data: [DONE]``.
+        done: Whether a stream comes to a proper end: ``data: [DONE]`` and, before it, a
+            :class:`Finish`, unless ``stream`` has one or holds events or pieces of your own.
 
     Raises:
         ValueError: The status or a time is out of range, or a fault cannot end a stream.
@@ -78,6 +113,8 @@ class Reply:
     headers: Mapping[str, str] = field(default_factory=dict)
     delay: float = 0.0
     fault: Fault | None = None
+    tool_calls: Sequence[ToolCall] = ()
+    usage: Mapping[str, Any] | None = None
     stream: Sequence[StreamItem] | None = None
     done: bool = True
 
@@ -89,6 +126,9 @@ class Reply:
             raise ValueError(f"delay must not be negative, not {self.delay}")
         if not isinstance(self.body, bytes):
             json.dumps(self.body)
+        json.dumps(self.usage)
+        for call in self.tool_calls:
+            json.dumps(call.arguments)
         for item in self.stream or ():
             _check_stream_item(item)
 
@@ -120,8 +160,10 @@ def _check_stream_item(item: StreamItem) -> None:
             raise ValueError(f"a stream cannot end in Fault.{item.name}")
     elif isinstance(item, Mapping):
         json.dumps(item)
+    elif isinstance(item, ToolCall):
+        json.dumps(item.arguments)
     elif isinstance(item, (int, float)):
         if item < 0:
             raise ValueError(f"a pause must not be negative, not {item}")
-    elif not isinstance(item, (str, Raw)):
+    elif not isinstance(item, (str, Reasoning, Finish, Raw)):
         raise TypeError(f"a stream cannot hold a {type(item).__name__}")

@@ -7,6 +7,9 @@ import threading
 from collections import deque
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
+from math import ceil
+
+from tarvomeldric import RateLimiter
 
 from .replies import Fault, Reply
 
@@ -33,10 +36,14 @@ class Settings:
     seed: int = 0
     port: int = 0
     keep: int = 10_000
+    per_second: float | None = None
+    burst: int = 1
 
 
 class Script:
     """Chooses the reply to each request: scripted ones first, then rules, chance, the default.
+
+    What is above the limit is refused before any of these is looked at.
 
     Chance draws from a generator of its own, so the same seed and the same order of requests
     give the same faults. Safe to share between threads.
@@ -50,6 +57,10 @@ class Script:
         self._fault_rate = settings.fault_rate
         self._faults = list(settings.faults)
         self._random = random.Random(settings.seed)
+        self._limiter: RateLimiter | None = None
+        if rate := settings.per_second:
+            self._limiter = RateLimiter(settings.burst, rate, _tokens=settings.burst)
+            self._refusal = Reply(status=429, headers={"Retry-After": str(ceil(1 / rate))})
 
     def replace(
         self, replies: Sequence[Reply], default: Reply | None, rules: Mapping[str, Reply] | None
@@ -65,6 +76,8 @@ class Script:
     def next_reply(self, model: str, prompt: str) -> Reply:
         """Return the reply to a request for ``model`` with ``prompt``."""
         with self._lock:
+            if self._limiter and not self._limiter.acquire():
+                return self._refusal
             if self._pending:
                 return self._pending.popleft()
             for key, reply in self._rules.items():

@@ -7,13 +7,14 @@ import socket
 import struct
 import threading
 from collections import deque
-from collections.abc import Mapping, Sequence
+from collections.abc import Iterator, Mapping, Sequence
 from typing import Any, cast
 
-from .answers import answer_events, prompt_of
+from .answers import prompt_of
 from .received import Exchange, ReceivedRequest
-from .replies import Fault, Reply, StreamItem
+from .replies import Fault, Reply
 from .script import Script, Settings
+from .streams import Piece, stream_of
 from .wire import (
     CONTINUE,
     LAST_CHUNK,
@@ -23,7 +24,6 @@ from .wire import (
     refusal,
     response,
     stream_head,
-    stream_piece,
     take_request,
 )
 
@@ -124,7 +124,7 @@ class Connection(asyncio.Protocol):
         self._exchange = exchange
         request = exchange.members()
         reply = self._desk.receive(exchange, request)
-        stream = _stream_of(reply, request)
+        stream = stream_of(reply, request)
         if reply.delay or stream is not None or reply.fault is Fault.STALL:
             work = self._take_time(exchange, request, reply, stream)
             self._work = asyncio.get_running_loop().create_task(work)
@@ -143,7 +143,7 @@ class Connection(asyncio.Protocol):
         exchange: Exchange,
         request: Mapping[str, Any],
         reply: Reply,
-        stream: Sequence[StreamItem] | None,
+        stream: Iterator[Piece] | None,
     ) -> None:
         await asyncio.sleep(reply.delay)
         if reply.fault is Fault.STALL:
@@ -151,25 +151,23 @@ class Connection(asyncio.Protocol):
         if stream is None:
             self._send(exchange, request, reply)
         else:
-            await self._send_stream(request, reply, stream)
+            await self._send_stream(reply, stream)
             self._close_unless_kept(exchange, reply)
         self._work = None
         self._advance()
 
-    async def _send_stream(
-        self, request: Mapping[str, Any], reply: Reply, items: Sequence[StreamItem]
-    ) -> None:
+    async def _send_stream(self, reply: Reply, pieces: Iterator[Piece]) -> None:
         self._transport.write(stream_head(reply))
-        for item in items:
+        for piece in pieces:
             if self._transport.is_closing():  # the client is gone
                 return
-            if isinstance(item, Fault):
-                await self._break_off(item)
+            if isinstance(piece, Fault):
+                await self._break_off(piece)
                 return
-            if isinstance(item, (int, float)):
-                await asyncio.sleep(item)
+            if isinstance(piece, bytes):
+                self._transport.write(chunk(piece))
             else:
-                self._transport.write(chunk(stream_piece(item, request)))
+                await asyncio.sleep(piece)
         ending = chunk(STREAM_DONE) if reply.done else b""
         self._transport.write(ending + LAST_CHUNK)
 
@@ -190,16 +188,6 @@ class Connection(asyncio.Protocol):
         closing = reply.fault is Fault.TRUNCATED or reply.headers.get("Connection") == "close"
         if closing or not exchange.keep_alive:
             self._transport.close()
-
-
-def _stream_of(reply: Reply, request: Mapping[str, Any]) -> Sequence[StreamItem] | None:
-    """Return what to stream: the reply's own items, or an answer whose client asked for events."""
-    if reply.stream is not None:
-        return reply.stream
-    plain = reply.status == 200 and reply.body is None and reply.fault is None
-    if plain and request.get("stream") is True and isinstance(reply.answer, (str, type(None))):
-        return answer_events(request, reply.answer)
-    return None
 
 
 async def _for_ever() -> None:

@@ -8,9 +8,9 @@ from collections.abc import Mapping
 from http import HTTPStatus
 from typing import Any
 
-from .answers import answer_body, chunk_event, error_body, models_body, null_body, request_kind
+from .answers import answer_body, error_body, models_body, null_body, request_kind
 from .received import Exchange
-from .replies import Fault, Raw, Reply, StreamItem
+from .replies import Fault, Reply
 
 _LENGTH = re.compile(rb"\r\ncontent-length:[ \t]*(\d+)", re.IGNORECASE)
 _CHUNKED = re.compile(rb"\r\ntransfer-encoding:", re.IGNORECASE)
@@ -69,14 +69,6 @@ def stream_head(reply: Reply) -> bytes:
     return _head(reply.status, {**own, **reply.headers})
 
 
-def stream_piece(item: StreamItem, request: Mapping[str, Any]) -> bytes:
-    """Return the bytes of a stream item other than a pause or a fault."""
-    if isinstance(item, Raw):
-        return item.content if isinstance(item.content, bytes) else item.content.encode()
-    event = chunk_event(request, item) if isinstance(item, str) else item
-    return f"data: {json.dumps(event)}\n\n".encode()
-
-
 def chunk(piece: bytes) -> bytes:
     """Return ``piece`` as a chunk of a body; an empty one would end the body, so it is none."""
     return b"%x\r\n%b\r\n" % (len(piece), piece) if piece else b""
@@ -110,7 +102,7 @@ def _content(
         message = reply.answer if isinstance(reply.answer, str) else None
         return reply.status, _JSON, error_body(reply.status, message)
     if kind is not None:
-        return 200, _JSON, answer_body(kind, request, reply.answer)
+        return 200, _JSON, answer_body(kind, request, reply)
     if method == "GET":
         return 200, _JSON, models_body()
     return 404, _JSON, error_body(404, "There is no such endpoint.")
