@@ -3,19 +3,15 @@
 from __future__ import annotations
 
 import asyncio
-import contextlib
 import gzip
 import json
-import re
 import signal
 import socket
 import ssl
-import struct
 import subprocess
 import sys
 import threading
 import time
-from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
@@ -24,102 +20,13 @@ import httpcore
 import pytest
 
 from support import NOWHERE, engine_with, provider, start_child, until
+from support.raw_server import CHUNKED, CLOSE, Act, RawServer, answer, drips, resets, says, stalls
 from tarvomeldric import APIError
 from tarvomeldric.simulator import ProviderSimulator, Reply
 
-Act = Callable[[socket.socket], Any]
 TIMEOUT = 0.4
-CLOSE = object()  # what an act returns when the connection is to end
-
-
-class Server:
-    """Lets one act after the other answer the requests; the last one answers all that are left."""
-
-    def __init__(self, *acts: Act, tls: ssl.SSLContext | None = None) -> None:
-        self._acts = list(acts)
-        self._tls = tls
-        self._listener = socket.create_server(("127.0.0.1", 0), backlog=128)
-        self.url = f"{'https' if tls else 'http'}://127.0.0.1:{self._listener.getsockname()[1]}/v1"
-        self.connections = 0
-        threading.Thread(target=self._accept, daemon=True).start()
-
-    def __enter__(self) -> Server:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-
-    def _accept(self) -> None:
-        with contextlib.suppress(OSError):
-            while True:
-                connection, _ = self._listener.accept()
-                self.connections += 1
-                threading.Thread(target=self._serve, args=[connection], daemon=True).start()
-
-    def _serve(self, connection: socket.socket) -> None:
-        with contextlib.suppress(OSError), contextlib.ExitStack() as open_sockets:
-            if self._tls:
-                connection = self._tls.wrap_socket(connection, server_side=True)
-            open_sockets.enter_context(connection)
-            while self._has_request(connection):
-                act = self._acts.pop(0) if len(self._acts) > 1 else self._acts[0]
-                if act(connection) is CLOSE:
-                    return
-
-    @staticmethod
-    def _has_request(connection: socket.socket) -> bool:
-        received = b""
-        while b"\r\n\r\n" not in received:
-            piece = connection.recv(65536)
-            if not piece:
-                return False
-            received += piece
-        head, _, body = received.partition(b"\r\n\r\n")
-        length = re.search(rb"(?i)content-length: (\d+)", head)
-        wanted = int(length[1]) if length else 0
-        while len(body) < wanted:
-            body += connection.recv(65536)
-        return True
-
-
-def answer(body: bytes, status: int = 200, **headers: str) -> bytes:
-    more = "".join(f"{name.replace('_', '-')}: {value}\r\n" for name, value in headers.items())
-    return f"HTTP/1.1 {status} X\r\n{more}Content-Length: {len(body)}\r\n\r\n".encode() + body
-
 
 ANSWER = answer(json.dumps({"choices": [{"message": {"content": "answer"}}]}).encode())
-CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-
-
-def says(*pieces: bytes, then: Any = None) -> Act:
-    def act(connection: socket.socket) -> Any:
-        for piece in pieces:
-            connection.sendall(piece)
-        return then
-
-    return act
-
-
-def stalls(*pieces: bytes) -> Act:
-    return lambda connection: (says(*pieces)(connection), time.sleep(20))
-
-
-def drips(start: bytes, drop: bytes) -> Act:
-    def act(connection: socket.socket) -> None:
-        connection.sendall(start)
-        while True:
-            connection.sendall(drop)
-            time.sleep(0.01)
-
-    return act
-
-
-def resets(connection: socket.socket) -> Any:
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    return CLOSE
-
-
 good = says(ANSWER)
 LATE = f"Timeout after {TIMEOUT}s calling mine"
 GONE = "RemoteProtocolError: Server disconnected without sending a response."
@@ -225,7 +132,7 @@ def test_a_fault_is_told_in_time_and_its_connection_is_not_used_again(
     name: str, awaited: bool
 ) -> None:
     act, text, status = FAULTS[name]
-    with Server(good, act, good) as server, Caller(server.url, awaited) as caller:
+    with RawServer(good, act, good) as server, Caller(server.url, awaited) as caller:
         assert caller.ask() == "answer"
         told = caller.failure(timeout=TIMEOUT if text == LATE else 5)
         assert (told[0][: len(text)], told[1]) == (text, status)
@@ -236,7 +143,7 @@ def test_a_fault_is_told_in_time_and_its_connection_is_not_used_again(
 
 @both
 def test_a_connection_that_ends_while_it_is_idle_is_replaced(awaited: bool) -> None:
-    with Server(says(ANSWER, then=CLOSE)) as server, Caller(server.url, awaited) as caller:
+    with RawServer(says(ANSWER, then=CLOSE)) as server, Caller(server.url, awaited) as caller:
         for _ in range(3):
             assert caller.ask() == "answer"
             time.sleep(0.05)
@@ -265,7 +172,7 @@ def test_a_connection_that_is_not_made_reads_alike_in_both_forms(
 
     tls = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
     tls.load_cert_chain(certificate)
-    with Server(good, tls=tls) as secure, Server(stalls()) as silent:
+    with RawServer(good, tls=tls) as secure, RawServer(stalls()) as silent:
         assert told(NOWHERE) == ("ConnectError: [Errno 111] Connection refused", None)
         assert told("http://nowhere.invalid/v1")[0].startswith("ConnectError: [Errno -")
         assert "[SSL: CERTIFICATE_VERIFY_FAILED]" in told(secure.url)[0]
@@ -304,7 +211,7 @@ def test_no_cookie_is_kept(awaited: bool) -> None:
 
 @both
 def test_a_burst_opens_no_more_connections_than_it_has_calls_at_once(awaited: bool) -> None:
-    with Server(lambda connection: (time.sleep(0.02), good(connection))) as server:
+    with RawServer(lambda connection: (time.sleep(0.02), good(connection))) as server:
         with Caller(server.url, awaited) as caller:
             assert set(caller.at_once(160)) == {"answer"}
             idle = [each.is_idle() for each in caller.client._transport._pool.connections]
@@ -331,7 +238,7 @@ def test_a_call_waits_for_a_full_pool_no_longer_than_its_timeout(awaited: bool) 
         return await holder
 
     opened = threading.Event()
-    with Server(held) as server, Caller(server.url, awaited) as caller:
+    with RawServer(held) as server, Caller(server.url, awaited) as caller:
         caller.client._transport._pool._max_connections = 1
         if awaited:
             assert caller.run(main()) == "answer"
@@ -362,7 +269,7 @@ def test_cancelled_exchanges_leave_no_connection_behind() -> None:
 
     opened = threading.Event()
     with (
-        Server(lambda connection: opened.wait(20) and good(connection)) as server,
+        RawServer(lambda connection: opened.wait(20) and good(connection)) as server,
         Caller(server.url, True) as caller,
     ):
         caller.run(main())
@@ -373,7 +280,7 @@ def test_a_version_that_was_not_tried_keeps_its_own_pool(
     awaited: bool, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(httpcore, "__version__", "1.99.0")
-    with Server(good, stalls(), good) as server, Caller(server.url, awaited) as caller:
+    with RawServer(good, stalls(), good) as server, Caller(server.url, awaited) as caller:
         kind = httpcore.AsyncConnectionPool if awaited else httpcore.ConnectionPool
         assert type(caller.client._transport._pool) is kind
         assert caller.ask() == "answer"
@@ -395,7 +302,7 @@ def test_a_stream_is_bounded_for_each_pause_only() -> None:
             time.sleep(TIMEOUT / 4)
         time.sleep(20)
 
-    with Server(act) as server, Caller(server.url, True) as caller:
+    with RawServer(act) as server, Caller(server.url, True) as caller:
         end = {"error": "stream_interrupted: ReadTimeout", "recoverable": True}
         assert caller.run(events()) == [1] * 8 + [end]
 
@@ -412,7 +319,7 @@ def test_an_interrupted_exchange_ends_the_use_of_its_client_but_no_other_exchang
         return good(connection)
 
     before = signal.signal(signal.SIGALRM, strike)
-    with Server(slow, slow, good) as server, Caller(server.url, False) as caller:
+    with RawServer(slow, slow, good) as server, Caller(server.url, False) as caller:
         with ThreadPoolExecutor(1) as thread:
             other = thread.submit(caller.ask, timeout=9)
             until(lambda: server.connections == 1)
