@@ -1,4 +1,4 @@
-"""A bad day: one scene for every way in which a call can end, and numbers that add up.
+"""A bad day: a scene for every way in which a call can end, others for policies; numbers that add up.
 
 The same as ``python -m tarvomeldric demo``; the scenes are in ``tarvomeldric/_cli/scenes.py``.
 """

@@ -1,32 +1,43 @@
-"""Show an answer while it is being written, and what a broken stream looks like."""
+"""Show an answer while it is being written: healed before its first word, told when it breaks off later."""
 
 import asyncio
 
-from tarvomeldric import ProviderConfig, SelfHealingEngine
+from tarvomeldric import CallPolicy, ProviderConfig, SelfHealingEngine, StreamInterrupted
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply, rehearsal
 
+SILENT = Reply(stream=[Fault.STALL])
 WHOLE = Reply(stream=["Rain", 0.2, " is water", 0.2, " that fell", 0.2, " out with a cloud."])
 BROKEN = Reply(stream=["Snow", 0.2, " is", Fault.RESET])
 
 
-async def tell(provider: ProviderConfig, *prompts: str) -> None:
-    async with SelfHealingEngine({"openai": provider}) as engine:
-        for prompt in prompts:
-            print(prompt)
-            async for event in engine._execute_stream(provider, prompt, model="gpt-4o"):
-                if "recoverable" in event:  # the last item: nothing is raised, and nothing healed
-                    again = "worth another try" if event["recoverable"] else "hopeless"
-                    print(f" ... {event['error']}, {again}", end="")
-                for choice in event.get("choices", ()):
-                    print(choice["delta"].get("content", ""), end="", flush=True)
-            print()
+async def tell(engine: SelfHealingEngine, prompt: str) -> None:
+    print(prompt)
+    careful = engine.with_policy(CallPolicy.interactive().replace(providers=["first", "second"]))
+    try:
+        async with careful.stream(prompt, first_token_timeout=0.5, include_usage=True) as stream:
+            async for text in stream.text:
+                print(text, end="", flush=True)
+        result = stream.result
+        healed = ", ".join(f"{each.provider} {each.fault or 'ok'}" for each in result.attempts)
+        print(f"\n  first word after {result.ttft_ms:.0f} ms: {healed}; {result.usage}")
+    except StreamInterrupted as error:
+        print(f" ...\n  {error.provider} broke off after {len(error.text)} characters: {error}")
 
 
-def main() -> None:
-    with rehearsal(), ProviderSimulator(WHOLE, BROKEN) as simulated:
-        provider = ProviderConfig("openai", simulated.base_url, "any-key")
-        asyncio.run(tell(provider, "What is rain?", "What is snow?"))
+async def main() -> None:
+    with (
+        rehearsal(),
+        ProviderSimulator(SILENT, BROKEN) as first,
+        ProviderSimulator(WHOLE) as second,
+    ):
+        providers = {
+            name: ProviderConfig(name, simulated.base_url, "any-key")
+            for name, simulated in (("first", first), ("second", second))
+        }
+        async with SelfHealingEngine(providers) as engine:
+            await tell(engine, "What is rain?")
+            await tell(engine, "What is snow?")
 
 
 if __name__ == "__main__":
-    main()
+    asyncio.run(main())

@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import threading
+import time
 import weakref
-from collections.abc import Callable
+from collections.abc import Callable, Generator
 from concurrent.futures import Future
 from queue import SimpleQueue
 from typing import Any
@@ -13,6 +15,8 @@ from typing import Any
 from tarvomeldric import _fork
 
 _Job = Callable[[], None]
+
+_GRACE = 0.05  # seconds in which a cancelled task is to end
 
 
 class _Turn:
@@ -108,9 +112,69 @@ _workers: weakref.WeakKeyDictionary[Any, _Worker] = weakref.WeakKeyDictionary()
 _fork.renew(_workers.clear)
 
 
-async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
-    """Runs a method of the learner on the learner's own worker thread."""
+def hand_over(learner: Any, method: str, *arguments: Any) -> Future[Any]:
+    """Has a method of the learner run on the learner's own worker thread, after what came before."""
     worker = _workers.get(learner)
     if worker is None:
         worker = _workers.setdefault(learner, _Worker())
-    return await asyncio.wrap_future(worker.submit(getattr(learner, method), *arguments))
+    return worker.submit(getattr(learner, method), *arguments)
+
+
+async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
+    """The same, awaited."""
+    return await asyncio.wrap_future(hand_over(learner, method, *arguments))
+
+
+def at_most(steps: Any, waited: Any, end: float) -> Generator[Any, Any, Any]:
+    """Drives an awaitable on that waits for its first future, `waited`; its value.
+
+    At `end`, on the monotonic clock, what it waits for is cancelled, as the cancellation of a task
+    does, and the value is `NotImplemented`. One that goes on regardless is left where it waits a
+    moment later.
+    """
+    loop = asyncio.get_running_loop()
+    send = getattr(steps, "send", None) or (lambda _: next(steps))
+    throw = getattr(steps, "throw", None) or _raise
+    cancelled_before = _cancellations()
+    cuts = 0
+    timer: asyncio.TimerHandle
+
+    def come() -> None:
+        # Two turns of the loop later: whoever else has had enough at this moment comes first.
+        loop.call_soon(loop.call_soon, cut)
+
+    def cut() -> None:
+        nonlocal cuts, timer
+        timer = loop.call_later(_GRACE, come)
+        if waited is None or waited.cancel():  # None lets the others have their turn
+            cuts += 1
+
+    timer = loop.call_later(max(0.0, end - time.monotonic()), come)
+    try:
+        while cuts < 2:
+            try:
+                sent = yield waited
+            except BaseException as error:
+                waited = throw(error)
+            else:
+                waited = send(sent)
+        with contextlib.suppress(RuntimeError):  # it goes on even so
+            steps.close()
+    except StopIteration as over:
+        return over.value
+    except asyncio.CancelledError:
+        if cuts == 0 or _cancellations() > cancelled_before:
+            raise
+    finally:
+        timer.cancel()
+    return NotImplemented
+
+
+def _raise(error: BaseException) -> None:
+    raise error
+
+
+def _cancellations() -> int:
+    """How often the running task was asked to end, as far as Python tells: since 3.11."""
+    cancelling: Callable[[], int] = getattr(asyncio.current_task(), "cancelling", lambda: 0)
+    return cancelling()

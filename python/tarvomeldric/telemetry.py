@@ -1,17 +1,105 @@
-"""Counts of the recoveries that healed calls.
+"""Counts of the recoveries that healed calls, and a log of everything that happens in calls.
 
 The engine reports every healed call to one :class:`TelemetryCollector`. To send the reports
 elsewhere, assign any object with the same ``record_fault`` to the engine's ``_telemetry``.
+:func:`log_to` writes each event of every call, healed or not, through :mod:`logging`.
 """
 
 from __future__ import annotations
 
+import logging
 import threading
+
+from tarvomeldric._engine import (
+    AttemptEvent,
+    BreakerEvent,
+    EndEvent,
+    FaultEvent,
+    HealEvent,
+    Observation,
+    RefusalEvent,
+    SelfHealingEngine,
+    SleepEvent,
+)
+
+CallEvent = (
+    AttemptEvent | FaultEvent | SleepEvent | RefusalEvent | BreakerEvent | HealEvent | EndEvent
+)
+"""What an observer of an engine is told."""
 
 _MAX_NAMES = 1000
 _OVERFLOW = "other"
 
 _Table = dict[str, dict[str, float]]
+
+
+def log_to(
+    engine: SelfHealingEngine, logger: logging.Logger | None = None, level: int = logging.INFO
+) -> Observation:
+    """Write every event of an engine's calls to a log, a line each, as it happens.
+
+    A line begins with the call's name, and holds names, figures and labels: no prompt, answer,
+    key or text of a provider. Failures and refusals are warnings, whatever the ``level`` of the
+    others. Calls through the engine's views are heard, too. A handler that waits holds up the
+    call, or the event loop, that it is told of.
+
+    Args:
+        engine: Whose calls are written down.
+        logger: Where to; the logger ``tarvomeldric`` by default.
+        level: The level of what is no failure.
+
+    Returns:
+        The handle that ends it: ``close()``, or the end of a ``with`` block.
+    """
+    log = logger or logging.getLogger("tarvomeldric")
+
+    def listen(event: CallEvent) -> None:
+        severity = logging.WARNING if _is_trouble(event) else level
+        if log.isEnabledFor(severity):
+            log.log(severity, "%s", _in_one_line(f"{event.call_id} {_story(event)}"))
+
+    return engine.observe(listen)
+
+
+def _story(event: CallEvent) -> str:
+    match event:
+        case AttemptEvent(fault=None):
+            return f"{event.provider}/{event.model} answered in {event.duration:.3f} s"
+        case AttemptEvent():
+            status = f", status {event.status}" if event.status else ""
+            asked = f"{event.provider}/{event.model}"
+            return f"{asked} failed after {event.duration:.3f} s: {event.fault}{status}"
+        case FaultEvent():
+            return f"diagnosed {event.provider}: {event.category} ({event.label})"
+        case SleepEvent():
+            return f"waits {event.seconds:.3f} s: {event.reason}"
+        case RefusalEvent():
+            return f"{event.provider} is not asked: {event.reason}"
+        case BreakerEvent():
+            return f"breaker of {event.provider} was {event.before}, is {event.after}"
+        case HealEvent():
+            return f"healed of {event.fault} by {event.level}: {event.provider}/{event.model}"
+        case EndEvent():
+            return f"{event.outcome} after {event.duration:.3f} s"
+
+
+def _is_trouble(event: CallEvent) -> bool:
+    match event:
+        case AttemptEvent(fault=None):
+            return False
+        case AttemptEvent() | FaultEvent() | RefusalEvent():
+            return True
+        case BreakerEvent(after="open") | EndEvent(outcome="failed"):
+            return True
+    return False
+
+
+def _in_one_line(text: str) -> str:
+    """The text without what would begin another line, or steer the terminal that shows it.
+
+    Names of calls and of models may come from strangers.
+    """
+    return "".join(each if each.isprintable() else "\N{REPLACEMENT CHARACTER}" for each in text)
 
 
 class TelemetryCollector:

@@ -60,7 +60,17 @@ nb::class_<T> bind_record(
       "__init__",
       [table, make_defaults](T* self, const nb::args& args, const nb::kwargs& kwargs) {
         auto filled = make_defaults();
-        table->fill(&filled, args, kwargs);
+        if constexpr (requires { filled.check(); }) {
+          try {
+            table->fill(&filled, args, kwargs);
+          } catch (nb::python_error& error) {
+            if (!error.matches(PyExc_OverflowError)) throw;
+            throw nb::value_error(text_form(error.value()).c_str());
+          }
+          filled.check();
+        } else {
+          table->fill(&filled, args, kwargs);
+        }
         new (self) T(std::move(filled));
       },
       nb::sig(table->signature(&defaults).c_str()),
@@ -83,10 +93,26 @@ nb::class_<T> bind_record(
       },
       nb::arg("other").none(), nb::sig("def __eq__(self, other: object, /) -> bool"));
   cls.def(
+      "__setstate__",
+      [table](nb::handle_t<T> self, nb::handle state) { table->restore(self, state); },
+      nb::arg("state").none(), nb::sig("def __setstate__(self, state: typing.Any, /) -> None"));
+  cls.def(
       "__reduce__", [table](nb::pointer_and_handle<T> self) { return table->reduce(self.h.ptr()); },
       nb::sig("def __reduce__(self) -> tuple[typing.Any, ...]"));
   cls.attr("__hash__") = nb::none();
   cls.attr("__match_args__") = table->match_args();
+  return cls;
+}
+
+// Binds a record whose fields are read only. Records of equal values have equal hashes.
+template <class T>
+nb::class_<T> bind_frozen(nb::module_& module, const std::string& doc, std::vector<Field> fields) {
+  for (Field& field : fields) field.assignable = false;
+  auto cls = bind_record<T>(module, doc, std::move(fields));
+  cls.def(
+      "__hash__",
+      [](nb::pointer_and_handle<T> self) { return record_table<T>->hash(self.h.ptr()); },
+      nb::sig("def __hash__(self) -> int"));
   return cls;
 }
 

@@ -1,6 +1,7 @@
 #include "_engine/bind_record.h"
 #include "_engine/rooms.h"
 #include "engine/trace.h"
+#include "host/calls/reply.h"
 #include "host/records/records.h"
 
 namespace tarvomeldric::host {
@@ -37,7 +38,7 @@ void bind_trace(nb::module_& module) {
 
 void bind_results(nb::module_& module) {
   bind_trace(module);
-  bind_record<CallResult>(
+  auto cls = bind_record<CallResult>(
       module, "What a call hands back: the answer, where it came from and how it was healed.",
       {required<&CallResult::text>("text", "the answer; None when the provider's was null",
                                    "str | typing.Any"),
@@ -67,6 +68,39 @@ void bind_results(nb::module_& module) {
        field<&CallResult::mapek_trace>("mapek_trace", "the trace as a dictionary"),
        field<&CallResult::raw_response>("raw_response",
                                         "the decoded body of a first-attempt answer")});
+  for (Field beside : {
+           field<&CallResult::attempts>("attempts",
+                                        "the requests that the call sent, oldest first; like the "
+                                        "next five in neither the constructor nor `repr` and `==`",
+                                        "tuple[Attempt, ...]"),
+           field<&CallResult::ttft_ms>("ttft_ms",
+                                       "the time to the first output of a streamed answer, in "
+                                       "milliseconds from the call's start; None of others"),
+           field<&CallResult::response>("response",
+                                        "the decoded body of the attempt that answered, None "
+                                        "when none was seen"),
+       }) {
+    record_table<CallResult>->beside.push_back(beside);
+    beside.assignable = false;
+    bind_field(cls, beside);
+  }
+  def(
+      cls, "_complete",
+      [](CallResult& self, nb::handle text, nb::handle response) {
+        self.text = nb::borrow(text);
+        self.response = nb::borrow(response);
+      },
+      "Takes what a stream came to at its end.", arg("text"), arg("response"));
+  const auto of_response = [&](const char* name, nb::object (*part)(nb::handle), const char* doc) {
+    cls.def_prop_ro(
+        name, [part](const CallResult& self) { return part(self.response); },
+        nb::sig(("def " + std::string(name) + "(self) -> typing.Any").c_str()), doc);
+  };
+  of_response("usage", usage_of, "What the provider counted, from `response`; None without it.");
+  of_response("finish_reason", finish_reason_of,
+              "Why the answer ended, from `response`; None without it.");
+  of_response("tool_calls", tool_calls_of,
+              "The tools that the model wants called, from `response`; None without any.");
 }
 
 }  // namespace tarvomeldric::host

@@ -1,13 +1,35 @@
 #include "_engine/def.h"
 #include "_engine/rooms.h"
+#include "host/calls/stream_lease.h"
+#include "host/interpreter/collected.h"
 #include "providers/event_stream.h"
 
 namespace tarvomeldric::host {
 
+namespace {
+
+void bind_lease(nb::module_& module) {
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<StreamLease>)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<StreamLease>)},
+                         {0, nullptr}};
+  nb::class_<StreamLease> cls(module, "_StreamLease",
+                              "What a streamed answer holds of its provider until its end.",
+                              nb::type_slots(slots));
+  def(cls, "succeed", &StreamLease::succeed, "The answer came to its end, or is not wanted.",
+      arg("latency_ms"));
+  def(cls, "fail", &StreamLease::fail, "The answer broke off; what may be shown of the error.",
+      arg("error"));
+}
+
+}  // namespace
+
 void bind_stream(nb::module_& module) {
+  bind_lease(module);
   nb::class_<EventStream> cls(module, "_EventStream",
                               "Finds the server-sent events in the pieces of a streamed reply.");
-  cls.def(nb::init<>());
+  def(
+      cls, "__init__", [](EventStream* self, bool lenient) { new (self) EventStream(lenient); },
+      "`lenient`: the blank after \"data:\" may be missing.", arg("lenient") = false);
   def(
       cls, "feed",
       [](EventStream& self, std::string_view piece) {
@@ -16,6 +38,8 @@ void bind_stream(nb::module_& module) {
         return payloads;
       },
       "The payloads of the event lines that this piece completes.", arg("piece"));
+  cls.def_prop_ro("unfinished", &EventStream::unfinished,
+                  "The bytes of the line that has not ended yet.");
   cls.def_prop_ro("done", &EventStream::done, "Whether the end of the events has been seen.");
 }
 

@@ -29,10 +29,13 @@ NB_MODULE(engine, module) {
   bind_flywheel(module);
   bind_observability(module);
   bind_providers(module);
+  bind_events(module);
+  bind_policy(module);
   bind_results(module);
   bind_coroutine(module);
   bind_stream(module);
   bind_engine(module);
+  bind_view(module);
   bind_dashboard(module);
   bind_quick_start(module);
   bind_tables(module);

@@ -17,12 +17,15 @@ void bind_contracts(nb::module_& module);
 void bind_flywheel(nb::module_& module);
 void bind_observability(nb::module_& module);
 void bind_providers(nb::module_& module);
+void bind_events(nb::module_& module);
+void bind_policy(nb::module_& module);
 void bind_results(nb::module_& module);
 void bind_coroutine(nb::module_& module);
 void bind_stream(nb::module_& module);
 void bind_dashboard(nb::module_& module);
 void bind_quick_start(nb::module_& module);
 void bind_engine(nb::module_& module);
+void bind_view(nb::module_& module);
 void bind_tables(nb::module_& module);
 
 }  // namespace tarvomeldric::host

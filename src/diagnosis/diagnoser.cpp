@@ -46,6 +46,10 @@ Diagnosis classify(std::string_view lowered, std::optional<std::int64_t> status)
 
 }  // namespace
 
+std::string fault_label_of(std::string_view error_text, std::optional<std::int64_t> status) {
+  return std::string(classify(text::lower(error_text), status).fault_label());
+}
+
 Diagnosis Diagnoser::diagnose(std::string_view error_text, std::optional<std::int64_t> status,
                               double reading_s) {
   const double start_s = clock_.monotonic();

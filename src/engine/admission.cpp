@@ -20,6 +20,8 @@ class TakenToken {
 
 }  // namespace
 
+void Io::hold(const ProviderPtr&, AdmittedSlot) {}
+
 Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout_s) {
   const RateLimiterPtr limiter = provider->rate_limiter();
   if (!limiter->acquire()) co_return std::nullopt;

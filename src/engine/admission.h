@@ -10,9 +10,11 @@
 namespace tarvomeldric {
 
 // The slot of an admitted attempt. It goes back exactly once: when asked to, or with its owner,
-// however the attempt ends.
+// however the attempt ends. The leave to test a breaker, where the attempt has one, is kept until
+// its outcome is recorded: it goes back with the owner alone.
 class AdmittedSlot {
  public:
+  AdmittedSlot() = default;
   AdmittedSlot(BulkheadPtr bulkhead, std::shared_ptr<Semaphore> granting)
       : bulkhead_(std::move(bulkhead)), granting_(std::move(granting)) {}
   AdmittedSlot(AdmittedSlot&&) noexcept = default;
@@ -20,6 +22,7 @@ class AdmittedSlot {
     release();
     bulkhead_ = std::move(other.bulkhead_);
     granting_ = std::move(other.granting_);
+    permit_ = std::move(other.permit_);
     return *this;
   }
   ~AdmittedSlot() { release(); }
@@ -27,10 +30,14 @@ class AdmittedSlot {
   void release() {
     if (auto held = std::exchange(bulkhead_, nullptr)) held->give_back(granting_);
   }
+  void keep(ProbePermit permit) { permit_ = std::move(permit); }
+  // The breaker that the attempt tests, or null.
+  CircuitBreaker* tested() const { return permit_.tested(); }
 
  private:
   BulkheadPtr bulkhead_;
   std::shared_ptr<Semaphore> granting_;
+  ProbePermit permit_;
 };
 
 // Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most

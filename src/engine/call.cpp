@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "engine/admission.h"
 #include "engine/cascade.h"
-#include "engine/selection.h"
+#include "engine/pass.h"
 #include "observability/metric_names.h"
 #include "providers/models.h"
 
@@ -19,63 +18,71 @@ constexpr std::int64_t kBackPressureCalls = 10;
 constexpr std::size_t kUsualPhases = 5;
 constexpr std::string_view kFailoverAction = "failover:";
 
+CallFacts facts_of(const CallRequest& request, const Surroundings& engine, MapeKTrace& trace) {
+  CallFacts facts;
+  facts.start_s = engine.clock.monotonic();
+  trace.phases.reserve(kUsualPhases);
+  trace.request_id = request.request_id ? *request.request_id : fresh_request_id();
+  facts.trace = &trace;
+  return facts;
+}
+
 // The working values of one call.
 class Call {
  public:
   Call(const CallRequest& request, Surroundings engine, Io& io)
-      : request_(request), engine_(engine), io_(io) {
-    facts_.start_s = engine.clock.monotonic();
-    facts_.trace = &trace_;
-    trace_.phases.reserve(kUsualPhases);
-    trace_.request_id = request.request_id ? *request.request_id : fresh_request_id();
-  }
+      : pass_(request, engine, io, facts_of(request, engine, trace_)) {}
 
   Task<void> run();
   // How a finished run ended.
   CallOutcome&& take() { return std::move(outcome_); }
+  void tell_end(const CallOutcome* outcome) { pass_.tell_end(outcome); }
 
  private:
   void classify();
   bool under_back_pressure() const;
-  bool monitor();
+  Task<bool> monitor();
   Task<void> analyze();
   Task<std::optional<AdmittedSlot>> plan();
+  Task<std::optional<AdmittedSlot>> admit();
   Task<void> execute(AdmittedSlot slot);
-  Task<void> succeed(double latency_ms);
+  Task<void> succeed(const Tried& tried);
 
-  Target target_at(const NamedProvider& at) const;
+  void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
+  Task<bool> wait_for_the_soonest();
   Task<std::string> learned_provider() const;
-  void refuse(std::string message);
+  void refuse(CallFailed::Kind kind, const char* message);
+  void end(CallFailed failed);
 
-  const CallRequest& request_;
-  Surroundings engine_;
-  Io& io_;
-  CallFacts facts_;
   MapeKTrace trace_;
+  Pass pass_;
+  const Surroundings& engine_ = pass_.engine;
   std::vector<NamedProvider> available_;
   Target target_;
   bool learned_ = false;
-  std::string refusal_;
   CallOutcome outcome_;  // large, so it is handed on as seldom as can be
 };
 
 Task<void> Call::run() {
   classify();
   trace_.enter(MapeKPhase::kMonitor, engine_.clock);
-  if (under_back_pressure()) co_await io_.sleep(kBackPressureSeconds);
-  if (!monitor()) co_return refuse("No healthy providers available.");
+  const bool pausing = under_back_pressure() && pass_.state.left_s() > kBackPressureSeconds;
+  if (pausing) co_await pass_.sleep(kBackPressureSeconds, "back_pressure");
+  const bool somebody = co_await monitor();
+  if (!somebody) co_return;
   co_await analyze();
   std::optional<AdmittedSlot> slot = co_await plan();
-  if (!slot) co_return refuse(refusal_);
-  co_await execute(std::move(*slot));
+  if (slot) co_await execute(std::move(*slot));
 }
 
 void Call::classify() {
-  facts_.classification = engine_.topology.classify_request(request_.task_type, request_.has_schema,
-                                                            request_.structured_output);
-  if (!request_.semantic_domain) return;
-  facts_.classification.domain = *request_.semantic_domain;
-  facts_.classification.reason = "user_explicit";
+  const CallRequest& request = pass_.request;
+  SemanticClassification& classification = pass_.facts.classification;
+  classification = engine_.topology.classify_request(request.task_type, request.has_schema,
+                                                     request.structured_output);
+  if (!request.semantic_domain) return;
+  classification.domain = *request.semantic_domain;
+  classification.reason = "user_explicit";
 }
 
 // Counted before this call is, so that a call does not thin out the ratio it is judged by.
@@ -86,20 +93,42 @@ bool Call::under_back_pressure() const {
          static_cast<double>(limited) / static_cast<double>(calls) > kBackPressureRatio;
 }
 
-bool Call::monitor() {
+Task<bool> Call::monitor() {
   engine_.counters.count({Counter::kCall});
   engine_.metrics.inc(metric::kCalls);
-  available_ = available_providers(engine_.registry);
-  if (available_.empty()) {
+  available_ = pass_.candidates.available(engine_.registry);
+  bool somebody = !available_.empty();
+  if (somebody) somebody = co_await wait_for_the_soonest();
+  if (!somebody) {
     engine_.metrics.inc(metric::kNoProvider);
     trace_.monitor_result = "no_provider";
-    return false;
+    refuse(CallFailed::Kind::kNoProvider, "No healthy providers available.");
+    if (pass_.state.ended_by_deadline()) end(pass_.out_of_time());
+    co_return false;
   }
-  target_ = target_at(pick_provider(request_.model, available_));
-  facts_.original_provider = target_.name;
-  facts_.original_model = target_.model;
+  choose(pass_.candidates.pick(available_));
+  pass_.facts.original_provider = target_.name;
+  pass_.facts.original_model = target_.model;
   trace_.monitor_result = "provider_selected";
-  return true;
+  co_return true;
+}
+
+// Leaves those out who asked to be left alone. Where all did, the first one who may be asked again
+// is waited for; false when that is too long.
+Task<bool> Call::wait_for_the_soonest() {
+  if (!pass_.policy().retry_after) co_return true;
+  const auto alone_s = [&](const NamedProvider& at) { return pass_.left_alone_s(at.provider); };
+  const NamedProvider soonest = *std::ranges::min_element(available_, {}, alone_s);
+  const double soonest_s = alone_s(soonest);
+  if (soonest_s <= 0) {
+    std::erase_if(available_, [&](const auto& at) { return alone_s(at) > 0; });
+    co_return true;
+  }
+  available_ = {soonest};
+  const std::optional<double> wait_s = pass_.state.wait_s(soonest_s);
+  if (!wait_s) co_return false;
+  const bool waited = co_await pass_.sleep(*wait_s, "retry_after");
+  co_return waited;
 }
 
 Task<void> Call::analyze() {
@@ -109,16 +138,16 @@ Task<void> Call::analyze() {
   const auto learned = std::ranges::find(available_, name, &NamedProvider::name);
   if (learned == available_.end()) co_return;
   learned_ = true;
-  target_ = target_at(*learned);
+  choose(*learned);
   engine_.counters.count({Counter::kL4Learned});
   engine_.metrics.inc(metric::kLearnedRouting);
 }
 
 // Where a confident rule sends requests of this kind; empty when there is none.
 Task<std::string> Call::learned_provider() const {
-  const auto hint = model_to_error_hint(request_.model);
+  const auto hint = model_to_error_hint(pass_.request.model);
   if (!hint) co_return std::string();
-  const std::optional<Advice> advice = co_await io_.advise(*hint);
+  const std::optional<Advice> advice = co_await pass_.io.advise(*hint);
   if (!advice || advice->confidence <= kLearnedRoutingConfidence) co_return std::string();
   std::string name = advice->action;
   for (std::size_t at = 0; (at = name.find(kFailoverAction, at)) != std::string::npos;) {
@@ -127,71 +156,76 @@ Task<std::string> Call::learned_provider() const {
   co_return name;
 }
 
-// Admission by the chosen provider, else by the one fallback; a refusal leaves its message behind.
 Task<std::optional<AdmittedSlot>> Call::plan() {
   trace_.enter(MapeKPhase::kPlan, engine_.clock);
-  auto slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout_s);
-  if (!slot) {
-    engine_.metrics.inc(metric::kRateLimited);
-    engine_.counters.count({Counter::kRateLimited});
-    auto fallbacks = available_;
-    std::erase_if(fallbacks, [&](const auto& entry) { return entry.name == target_.name; });
-    if (fallbacks.empty()) {
-      trace_.plan_result = "blocked";
-      refusal_ = "Primary rate-limited, no fallback available.";
-      co_return std::nullopt;
-    }
-    target_ = target_at(pick_fallback(fallbacks));
-    slot = co_await admit(target_.provider, io_, request_.bulkhead_timeout_s);
+  std::optional<AdmittedSlot> slot = co_await admit();
+  if (slot && pass_.state.may_send()) {
+    trace_.plan_result = learned_ ? "l4_learned" : "direct";
+    co_return slot;
   }
-  if (!slot) {
-    engine_.metrics.inc(metric::kBulkheadRejected);
-    engine_.counters.count({Counter::kBulkheadRejected});
-    trace_.plan_result = "blocked";
-    refusal_ = "All providers rate-limited or at capacity.";
+  trace_.plan_result = "blocked";
+  if (!pass_.state.may_send()) end(pass_.out_of_time());
+  co_return std::nullopt;
+}
+
+// Admission by the chosen provider, else by the one fallback.
+Task<std::optional<AdmittedSlot>> Call::admit() {
+  const double wait_s = pass_.request.bulkhead_timeout_s;
+  // A wait that would use up the deadline is for the last one to be asked.
+  const bool waiting = wait_s < pass_.state.left_s() || available_.size() == 1;
+  std::optional<AdmittedSlot> slot = co_await pass_.admit(target_, waiting ? wait_s : 0.0);
+  if (slot) co_return slot;
+  engine_.metrics.inc(metric::kRateLimited);
+  engine_.counters.count({Counter::kRateLimited});
+  auto fallbacks = available_;
+  std::erase_if(fallbacks, [&](const auto& entry) { return entry.name == target_.name; });
+  if (fallbacks.empty()) {
+    refuse(CallFailed::Kind::kBusy, "Primary rate-limited, no fallback available.");
     co_return std::nullopt;
   }
-  trace_.plan_result = learned_ ? "l4_learned" : "direct";
-  co_return slot;
+  choose(pass_.candidates.pick_next(fallbacks));
+  slot = co_await pass_.admit(target_, wait_s);
+  if (slot) co_return slot;
+  engine_.metrics.inc(metric::kBulkheadRejected);
+  engine_.counters.count({Counter::kBulkheadRejected});
+  refuse(CallFailed::Kind::kBusy, "All providers rate-limited or at capacity.");
+  co_return std::nullopt;
 }
 
 Task<void> Call::execute(AdmittedSlot slot) {
-  const double start_s = trace_.enter(MapeKPhase::kExecute, engine_.clock);
-  Attempt attempt = co_await io_.execute(target_.provider, target_.model);
-  const double latency_ms = engine_.ms_since(start_s);
-  if (attempt.ok()) {
-    target_.provider->record_success(latency_ms);
-    slot.release();
-    co_await succeed(latency_ms);
+  trace_.enter(MapeKPhase::kExecute, engine_.clock);
+  std::optional<Tried> tried = co_await pass_.attempt(target_);
+  if (!tried) co_return end(pass_.out_of_time());
+  pass_.settle(target_, *tried, slot);
+  if (tried->ok()) {
+    co_await succeed(*tried);
     co_return;
   }
-  slot.release();
-  FailedAttempt failed{std::move(target_), start_s, std::move(*attempt.failure)};
-  outcome_ = co_await recover(request_, engine_, io_, facts_, std::move(failed));
+  FailedAttempt failed{std::move(target_), std::move(*tried), std::move(slot)};
+  outcome_ = co_await recover(pass_, std::move(failed));
 }
 
-Task<void> Call::succeed(double latency_ms) {
+Task<void> Call::succeed(const Tried& tried) {
   trace_.execute_result = "ok";
   trace_.analyze_result = "nominal";
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  Outcome success{"success", "direct:" + target_.name, true, latency_ms};
-  co_await io_.learn(std::move(success));
+  co_await pass_.learn("success", "direct:" + target_.name, true, tried.latency_ms);
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start_s);
+  trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
   engine_.metrics.inc(metric::kPrimarySuccess);
-  engine_.metrics.observe(metric::kPrimaryLatency, latency_ms);
+  engine_.metrics.observe(metric::kPrimaryLatency, tried.latency_ms);
   CallAnswered& answered = outcome_.emplace<CallAnswered>();
-  answered.answer = facts_.answered_by(target_, latency_ms, learned_ ? "l4_learned" : "");
+  answered.answer =
+      pass_.facts.answered_by(target_, tried.latency_ms, learned_ ? "l4_learned" : "");
+  answered.answer.validation_passed = tried.validation_passed;
   answered.trace = std::move(trace_);
 }
 
-Target Call::target_at(const NamedProvider& at) const {
-  return {at.name, at.provider, resolve_model(at.name, request_.model)};
-}
+void Call::refuse(CallFailed::Kind kind, const char* message) { end({kind, message}); }
 
-void Call::refuse(std::string message) {
-  trace_.total_loop_us = engine_.us_since(facts_.start_s);
-  outcome_ = CallFailed{CallFailed::Kind::kRefused, std::move(message)};
+void Call::end(CallFailed failed) {
+  trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
+  outcome_ = std::move(failed);
 }
 
 }  // namespace
@@ -209,8 +243,15 @@ Answer CallFacts::answered_by(const Target& target, double latency_ms,
 
 Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io) {
   Call call(request, engine, io);
-  co_await call.run();
-  co_return call.take();
+  try {
+    co_await call.run();
+  } catch (...) {
+    call.tell_end(nullptr);
+    throw;
+  }
+  CallOutcome outcome = call.take();
+  call.tell_end(&outcome);
+  co_return outcome;
 }
 
 }  // namespace tarvomeldric

@@ -4,8 +4,10 @@
 #include <string>
 
 #include "diagnosis/diagnoser.h"
+#include "engine/candidates.h"
 #include "engine/io.h"
 #include "engine/outcome.h"
+#include "engine/policy.h"
 #include "engine/trace.h"
 #include "flywheel/learner.h"
 #include "observability/metrics_collector.h"
@@ -13,8 +15,12 @@
 #include "providers/registry.h"
 #include "semantic/topology.h"
 #include "support/clock.h"
+#include "support/random.h"
 
 namespace tarvomeldric {
+
+// The policy of a call that asked for none.
+const CallPolicy& default_policy();
 
 // What the caller asked for, as far as it steers the call. The prompt and the other options travel
 // with the `Io`.
@@ -26,7 +32,9 @@ struct CallRequest {
   bool has_schema = false;
   bool structured_output = false;
   std::optional<SemanticDomain> semantic_domain;
-  double bulkhead_timeout_s = 1.0;  // seconds
+  double bulkhead_timeout_s = 1.0;               // seconds
+  bool streamed = false;                         // answered from the first output on
+  const CallPolicy* policy = &default_policy();  // outlives the call
 };
 
 // The members of the engine that a call works with. They outlive the call.
@@ -38,16 +46,10 @@ struct Surroundings {
   MetricsCollector& metrics;
   EngineCounters& counters;
   const Clock& clock = system_clock();
+  const Random& random = system_random();
 
   double us_since(double moment) const { return (clock.monotonic() - moment) * 1e6; }
   double ms_since(double moment) const { return (clock.monotonic() - moment) * 1e3; }
-};
-
-// The provider and model of an attempt.
-struct Target {
-  std::string name;
-  ProviderPtr provider;
-  std::string model;
 };
 
 // What is settled about a call before its first attempt, and the trace that goes with it.

@@ -1,18 +1,14 @@
 #include "engine/cascade.h"
 
-#include <cmath>
 #include <optional>
 #include <utility>
 
 #include "engine/failover.h"
 #include "observability/metric_names.h"
-#include "providers/limits.h"
 #include "providers/models.h"
 
 namespace tarvomeldric {
 namespace {
-
-constexpr double kFirstDelaySeconds = 1.0;  // seconds
 
 // One level of healing on the provider that failed, as far as it differs from the other one.
 struct Level {
@@ -28,213 +24,231 @@ constexpr const char* kDowngradeBroken = "Contract validation failed after L2 do
 
 class Cascade {
  public:
-  Cascade(const CallRequest& request, Surroundings engine, Io& io, CallFacts& facts,
-          FailedAttempt failed)
-      : request_(request),
-        engine_(engine),
-        io_(io),
-        facts_(facts),
+  Cascade(Pass& pass, FailedAttempt failed)
+      : pass_(pass),
         target_(std::move(failed.target)),
-        start_s_(failed.start_s),
-        failure_(std::move(failed.failure)) {}
+        tried_(std::move(failed.tried)),
+        slot_(std::move(failed.slot)),
+        failover_(pass, target_.name) {}
 
   Task<CallOutcome> run();
 
  private:
-  using Healed = std::optional<CallOutcome>;
-
   ProviderConfig& provider() const { return *target_.provider; }
-  SemanticDomain domain() const { return facts_.classification.domain; }
+  bool answered_badly() const { return is_bad_answer(first_); }
+  bool transient() const { return first_.should_retry && !first_.skip_to_failover; }
 
-  void analyze();
+  Task<void> analyze();
   Task<CallOutcome> block();
   Task<Healed> retry();
   Task<Healed> downgrade();
-  Task<CallOutcome> heal(Level level, Diagnosis fault, std::string action, double latency_ms);
-  Task<bool> breaks_contract(std::string label, std::string action,
-                             std::optional<bool>& validation_passed);
-  Task<void> learn(std::string label, std::string action, bool success, double latency_ms = 0.0);
-  Task<void> fail(const ApiFailure& failure, std::string category, std::string label,
-                  std::string action);
-  double delay_before(int attempt) const;
-  Task<CallOutcome> fail_over();
+  bool retry_is_hopeless() const;
+  Task<bool> wait_before(int attempt);
+  Task<bool> admit_again(std::optional<AdmittedSlot>& slot);
+  Task<Healed> heal(Level level, Diagnosis fault, std::string action, Tried tried);
 
-  const CallRequest& request_;
-  Surroundings engine_;
-  Io& io_;
-  CallFacts& facts_;
-  MapeKTrace& trace_ = *facts_.trace;
+  Pass& pass_;
+  const Surroundings& engine_ = pass_.engine;
+  MapeKTrace& trace_ = *pass_.facts.trace;
   Target target_;
-  double start_s_;
-  ApiFailure failure_;
+  Tried tried_;  // the first attempt
+  AdmittedSlot slot_;
+  Failover failover_;
   Diagnosis first_;  // of the first attempt
   Diagnosis last_;   // of the latest failed attempt that was diagnosed
 };
 
 Task<CallOutcome> Cascade::run() {
-  analyze();
-  if (domain() == SemanticDomain::kOutOfBounds) co_return co_await block();
-  if (first_.should_retry && !first_.skip_to_failover) {
-    Healed healed = co_await retry();
-    if (healed) co_return std::move(*healed);
+  co_await analyze();
+  if (pass_.domain() == SemanticDomain::kOutOfBounds) co_return co_await block();
+  Healed healed;
+  if (pass_.policy().order == AttemptOrder::kFailoverFirst && transient() && !answered_badly()) {
+    trace_.plan_result = "l3_failover";
+    healed = co_await failover_.at_once(last_);
   }
-  if (first_.skip_to_failover) {
+  if (!healed && transient()) healed = co_await retry();
+  if (!healed && first_.skip_to_failover) {
     engine_.counters.count({Counter::kL1Skip});
     engine_.metrics.inc(metric::kRetrySkipped);
   }
-  if (last_.is(FaultCategory::kModelNotFound) || last_.is(FaultCategory::kValidationError)) {
-    Healed healed = co_await downgrade();
-    if (healed) co_return std::move(*healed);
+  if (!healed) healed = co_await downgrade();
+  if (!healed) {
+    trace_.plan_result = "l3_failover";
+    healed = co_await failover_.in_turn(last_);
   }
-  co_return co_await fail_over();
+  if (!healed) healed = co_await failover_.give_up(last_);
+  co_return std::move(*healed);
 }
 
-void Cascade::analyze() {
-  first_ = engine_.diagnoser.diagnose(failure_.text, failure_.status, failure_.reading_s);
+Task<void> Cascade::analyze() {
+  if (tried_.refused) {
+    first_ = *tried_.refused;
+    co_await pass_.learn(first_.sub_category, "direct:" + target_.name, false);
+  } else {
+    const ApiFailure& failure = *tried_.failure;
+    first_ = engine_.diagnoser.diagnose(failure.text, failure.status, failure.reading_s);
+  }
   last_ = first_;
   const std::string category(value_of(first_.category));
   trace_.monitor_result = category;
   trace_.analyze_result = first_.fault_label();
-  provider().record_failure(failure_.text, category);
-  provider().category_circuit_breaker(category)->record_failure(target_.name);
+  if (tried_.failure && !tried_.cut) {
+    pass_.record_failure(target_, tried_.failure->text, category, &slot_);
+    provider().category_circuit_breaker(category)->record_failure(target_.name);
+  }
+  slot_ = {};
   engine_.metrics.inc(metric::kFault + category);
-  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(start_s_));
+  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(tried_.start_s));
+  pass_.tell<FaultEvent>(target_.name, category, std::string(first_.fault_label()));
 }
 
 Task<CallOutcome> Cascade::block() {
   trace_.plan_result = "blocked_oob";
   trace_.execute_result = "failed";
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  const std::string label(first_.fault_label());
-  co_await learn(label, "blocked:oob:" + target_.name, false);
+  if (!tried_.cut) {
+    const std::string label(first_.fault_label());
+    co_await pass_.learn(label, "blocked:oob:" + target_.name, false);
+  }
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start_s);
-  const std::string& reason = facts_.classification.reason;
-  co_return CallFailed{CallFailed::Kind::kOutOfBounds,
-                       "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=" + request_.task_type +
-                           ", reason=" + reason +
-                           "). Original error: " + std::string(value_of(first_.category)),
-                       std::string(value_of(domain())), reason};
+  trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
+  const std::string& reason = pass_.facts.classification.reason;
+  co_return CallFailed{
+      CallFailed::Kind::kOutOfBounds,
+      "Cannot self-heal in OUT_OF_BOUNDS domain (task_type=" + pass_.request.task_type +
+          ", reason=" + reason + "). Original error: " + std::string(value_of(first_.category)),
+      std::string(value_of(pass_.domain())), reason};
 }
 
 // L1. The first diagnosis steers the whole series; each failure is diagnosed for what comes after
-// it.
-Task<Cascade::Healed> Cascade::retry() {
+// it. An answer that was no good is asked for once more, at once.
+Task<Healed> Cascade::retry() {
   trace_.plan_result = "l1_retry";
   const std::string label(first_.fault_label());
   const std::string category(value_of(first_.category));
   const std::string action = "retry:" + target_.name;
-  for (int attempt = 0; attempt < kMaxRetries; ++attempt) {
-    co_await io_.sleep(delay_before(attempt));
+  const std::int64_t retries = answered_badly() ? 1 : pass_.policy().max_retries;
+  for (int attempt = 0; attempt < retries; ++attempt) {
+    if (retry_is_hopeless() || !pass_.state.may_send()) break;
+    const bool waited = co_await wait_before(attempt);
+    if (!waited) break;
+    std::optional<AdmittedSlot> slot;
+    const bool admitted = co_await admit_again(slot);
+    if (!admitted) break;
     engine_.metrics.inc(metric::kRetry + std::to_string(attempt));
-    const double start_s = engine_.clock.monotonic();
-    const Attempt tried = co_await io_.execute(target_.provider, target_.model);
-    const double latency_ms = engine_.ms_since(start_s);
-    if (tried.ok()) {
+    std::optional<Tried> tried = co_await pass_.attempt(target_, pass_.judges_whole(false));
+    if (!tried) break;
+    if (slot) pass_.settle(target_, *tried, *slot);
+    if (tried->cut) break;
+    if (tried->ok()) {
       const Level level{"l1_retry", "retry", metric::kHealedByRetry, kRetryBroken, std::nullopt};
-      co_return co_await heal(level, first_, action, latency_ms);
+      co_return co_await heal(level, first_, action, std::move(*tried));
     }
-    co_await fail(*tried.failure, category, label, action);
-    last_ = engine_.diagnoser.diagnose(tried.failure->text, tried.failure->status,
-                                       tried.failure->reading_s);
+    if (tried->failure) {
+      pass_.record_failure(target_, tried->failure->text, category, slot ? &*slot : nullptr);
+    }
+    slot.reset();
+    co_await pass_.learn(label, action, false);
+    if (tried->refused) {
+      last_ = *tried->refused;
+      break;
+    }
+    last_ = engine_.diagnoser.diagnose(tried->failure->text, tried->failure->status,
+                                       tried->failure->reading_s);
+    pass_.tell<FaultEvent>(target_.name, std::string(value_of(last_.category)),
+                           std::string(last_.fault_label()));
   }
   co_return std::nullopt;
 }
 
-double Cascade::delay_before(int attempt) const {
-  if (first_.retry_after_s && *first_.retry_after_s != 0) return *first_.retry_after_s;
-  return std::ldexp(kFirstDelaySeconds, attempt);
+bool Cascade::retry_is_hopeless() const {
+  if (!pass_.policy().respect_breakers) return false;
+  return !provider().circuit_breaker()->is_available() || last_.skip_to_failover;
+}
+
+// Whether the retry may be made after the pause that is due before it.
+Task<bool> Cascade::wait_before(int attempt) {
+  const double alone_s = pass_.left_alone_s(target_.provider);
+  std::optional<double> delay_s = answered_badly() ? pass_.state.wait_s(alone_s)
+                                                   : pass_.state.delay_s(attempt, first_, alone_s);
+  if (!delay_s) co_return false;
+  if (answered_badly() && *delay_s == 0) co_return true;
+  const char* reason = alone_s > 0 ? "retry_after" : "retry";
+  const bool waited = co_await pass_.sleep(*delay_s, reason);
+  co_return waited;
+}
+
+// Whether the same provider may be asked again; with a slot, where its guards are asked.
+Task<bool> Cascade::admit_again(std::optional<AdmittedSlot>& slot) {
+  if (!pass_.admits_retries()) co_return true;
+  slot = co_await pass_.admit(target_, 0.0);
+  co_return slot.has_value();
 }
 
 // L2. A failure here is not diagnosed: what comes after it goes by the fault that led here.
-Task<Cascade::Healed> Cascade::downgrade() {
+Task<Healed> Cascade::downgrade() {
+  const bool fitting =
+      last_.is(FaultCategory::kModelNotFound) || last_.is(FaultCategory::kValidationError);
+  if (!fitting || is_bad_answer(last_) || !pass_.candidates.may_downgrade()) co_return std::nullopt;
   const auto cheaper = downgraded_model(target_.name, target_.model);
-  if (!cheaper || *cheaper == target_.model) co_return std::nullopt;
+  if (!cheaper || *cheaper == target_.model || !pass_.state.may_send()) co_return std::nullopt;
+  std::optional<AdmittedSlot> slot;
+  const bool admitted = co_await admit_again(slot);
+  if (!admitted) co_return std::nullopt;
   trace_.plan_result = "l2_downgrade";
   engine_.metrics.inc(metric::kDowngrade);
   const std::string action = "downgrade:" + target_.name + ":" + *cheaper;
-  const double start_s = engine_.clock.monotonic();
-  const Attempt tried = co_await io_.execute(target_.provider, *cheaper);
-  const double latency_ms = engine_.ms_since(start_s);
-  if (tried.ok()) {
+  const Target cheap{target_.name, target_.provider, *cheaper};
+  std::optional<Tried> tried = co_await pass_.attempt(cheap, pass_.judges_whole(false));
+  if (!tried) co_return std::nullopt;
+  if (slot) pass_.settle(cheap, *tried, *slot);
+  if (tried->cut) co_return std::nullopt;
+  if (tried->ok()) {
     const Level level{"l2_downgrade", "downgrade", metric::kHealedByDowngrade, kDowngradeBroken,
                       Counter::kL2Downgrade};
-    target_.model = *cheaper;
-    co_return co_await heal(level, last_, action, latency_ms);
+    target_ = cheap;
+    co_return co_await heal(level, last_, action, std::move(*tried));
   }
-  const std::string category(value_of(last_.category));
+  if (tried->failure) {
+    pass_.record_failure(target_, tried->failure->text, std::string(value_of(last_.category)),
+                         slot ? &*slot : nullptr);
+  }
   const std::string label(last_.fault_label());
-  co_await fail(*tried.failure, category, label, action);
+  co_await pass_.learn(label, action, false);
   co_return std::nullopt;
 }
 
-Task<CallOutcome> Cascade::heal(Level level, Diagnosis fault, std::string action,
-                                double latency_ms) {
-  provider().record_success(latency_ms);
+Task<Healed> Cascade::heal(Level level, Diagnosis fault, std::string action, Tried tried) {
   trace_.execute_result = "healed";
   const std::string label(fault.fault_label());
-  std::optional<bool> validation_passed;
-  if (co_await breaks_contract(label, action, validation_passed)) {
-    co_return CallFailed{CallFailed::Kind::kContract, level.contract_message};
+  if (!pass_.holds_contract(level.contract_message, tried.validation_passed)) {
+    co_await pass_.learn(label, action, false);
+    co_return CallFailed{CallFailed::Kind::kNewestError, {}};
   }
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  co_await learn(label, action, true, latency_ms);
+  co_await pass_.learn(label, action, true, tried.latency_ms);
   trace_.knowledge_recorded = true;
-  trace_.total_loop_us = engine_.us_since(facts_.start_s);
+  trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
   engine_.metrics.inc(level.success_metric);
   if (level.counter) {
     engine_.counters.count({Counter::kHeal, *level.counter});
   } else {
     engine_.counters.count({Counter::kHeal});
   }
-  io_.report({std::string(value_of(fault.category)), target_.name, target_.model, level.action,
-              latency_ms, fault.sub_category});
-  CallAnswered answered{facts_.answered_by(target_, latency_ms, level.heal_level), std::move(fault),
-                        trace_};
+  pass_.io.report({std::string(value_of(fault.category)), target_.name, target_.model, level.action,
+                   tried.latency_ms, fault.sub_category});
+  pass_.tell<HealEvent>(target_.name, target_.model, level.heal_level, label);
+  CallAnswered answered{pass_.facts.answered_by(target_, tried.latency_ms, level.heal_level),
+                        std::move(fault), trace_};
   answered.answer.downgraded = level.counter.has_value();
-  answered.answer.validation_passed = validation_passed;
+  answered.answer.validation_passed = tried.validation_passed;
   co_return answered;
-}
-
-// Applies the contract to healed output: in an exact domain a broken one ends the call, elsewhere
-// it is only counted.
-Task<bool> Cascade::breaks_contract(std::string label, std::string action,
-                                    std::optional<bool>& validation_passed) {
-  if (!io_.has_contract()) co_return false;
-  validation_passed = io_.validate();
-  if (*validation_passed) co_return false;
-  if (domain() != SemanticDomain::kStrongEquivalence) {
-    engine_.metrics.inc(metric::kContractWarning);
-    co_return false;
-  }
-  co_await learn(std::move(label), std::move(action), false);
-  engine_.metrics.inc(metric::kContractBroken);
-  co_return true;
-}
-
-Task<void> Cascade::fail(const ApiFailure& failure, std::string category, std::string label,
-                         std::string action) {
-  provider().record_failure(failure.text, category);
-  co_await learn(std::move(label), std::move(action), false);
-}
-
-Task<void> Cascade::learn(std::string label, std::string action, bool success, double latency_ms) {
-  Outcome outcome{std::move(label), std::move(action), success, latency_ms};
-  co_await io_.learn(std::move(outcome));
-}
-
-Task<CallOutcome> Cascade::fail_over() {
-  trace_.plan_result = "l3_failover";
-  const FailoverRequest request{request_.prompt_length, request_.model, target_.name, last_,
-                                facts_};
-  co_return co_await run_failover(request, engine_, io_);
 }
 
 }  // namespace
 
-Task<CallOutcome> recover(const CallRequest& request, Surroundings engine, Io& io, CallFacts& facts,
-                          FailedAttempt failed) {
-  Cascade cascade(request, engine, io, facts, std::move(failed));
+Task<CallOutcome> recover(Pass& pass, FailedAttempt failed) {
+  Cascade cascade(pass, std::move(failed));
   co_return co_await cascade.run();
 }
 

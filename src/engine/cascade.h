@@ -1,17 +1,18 @@
 #pragma once
 
-#include "engine/call.h"
-#include "engine/io.h"
+#include "engine/admission.h"
 #include "engine/outcome.h"
+#include "engine/pass.h"
 #include "support/task.h"
 
 namespace tarvomeldric {
 
-// The first attempt of a call, which a provider failed.
+// The first attempt of a call, which a provider failed or whose answer was refused. Its slot has
+// been released; leave to test a breaker is kept until the failure is recorded.
 struct FailedAttempt {
   Target target;
-  double start_s = 0.0;  // monotonic, seconds
-  ApiFailure failure;
+  Tried tried;
+  AdmittedSlot slot;
 };
 
 // Heals a call whose first attempt failed: diagnoses the failure and updates the guards, then
@@ -21,10 +22,10 @@ struct FailedAttempt {
 //   L2  the same provider with a cheaper model, once, for model and request faults
 //   L3  the other providers (failover)
 //
-// A call out of the semantic bounds is not healed at all. Retries and the downgraded attempt are
-// made without admission: they hold no slot and spend no token. Everything handed in outlives the
-// task.
-Task<CallOutcome> recover(const CallRequest& request, Surroundings engine, Io& io, CallFacts& facts,
-                          FailedAttempt failed);
+// A policy may ask the other providers first that have room at this moment, and L1 and L2 after
+// them. A call out of the semantic bounds is not healed at all. Retries and the downgraded attempt
+// are made without admission, unless the policy respects breakers: they hold no slot and spend no
+// token. The pass outlives the task.
+Task<CallOutcome> recover(Pass& pass, FailedAttempt failed);
 
 }  // namespace tarvomeldric

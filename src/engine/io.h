@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "engine/events.h"
 #include "flywheel/learner.h"
 #include "guards/semaphore.h"
 #include "providers/provider_config.h"
@@ -12,20 +13,31 @@
 
 namespace tarvomeldric {
 
+class AdmittedSlot;
+
 // A provider exchange that failed: the error's text and the HTTP status, where there was one.
 struct ApiFailure {
   std::string text;
   std::optional<std::int64_t> status;
-  double reading_s = 0.0;  // how long it took to read the text
+  double reading_s = 0.0;               // how long it took to read the text
+  std::optional<double> retry_after_s;  // when the provider said to come back, where it is asked
 };
 
 // What became of one attempt. An attempt that ended in anything but an answer or a provider's
 // failure throws what ended it.
 struct Attempt {
   std::optional<ApiFailure> failure;
-  std::size_t answer_length = 0;  // characters
+  std::size_t answer_length = 0;       // characters
+  bool empty = false;                  // an answer without content, where that is asked
+  std::optional<std::int64_t> status;  // of an answer, where one was seen
 
   bool ok() const { return !failure; }
+};
+
+// On which terms a request is sent.
+struct AttemptTerms {
+  double limit_s;      // whoever waits for it waits so long at most; infinite for no limit of ours
+  bool whole = false;  // an answer that is streamed is read to its end, and not to its beginning
 };
 
 // A healed call, as the outside hears of it.
@@ -47,8 +59,12 @@ struct Recovery {
 class Io {
  public:
   virtual ~Io() = default;
-  // Sends the call's prompt to the provider once.
-  virtual Task<Attempt> execute(ProviderPtr provider, std::string model) = 0;
+  // Sends the call's prompt to the provider once. An answer that is streamed is an answer as soon
+  // as its first output is there.
+  virtual Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) = 0;
+  // Takes over the slot of an attempt that answered while its answer is still being streamed, and
+  // with the slot the duty to record how that ends. Released at once by default.
+  virtual void hold(const ProviderPtr& provider, AdmittedSlot slot);
   virtual Task<void> sleep(double seconds) = 0;
   // Waits at most `timeout_s` seconds for a permit; answers whether it was taken.
   virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) = 0;
@@ -61,8 +77,19 @@ class Io {
   virtual bool contract_has_schema() const = 0;
   // Whether the latest answer holds the contract; the verdict is kept for whoever made the `Io`.
   virtual bool validate() = 0;
+  // Makes an error of an answer that is no good, in place of the newest one: the answer has no
+  // content, or breaks the contract. The message is the beginning of the error's.
+  virtual void refuse_empty(const std::string& provider) = 0;
+  virtual void refuse_broken(const std::string& message) = 0;
   // Tells the outside that a call was healed. What goes wrong there is nobody's failure.
   virtual void report(const Recovery& recovery) = 0;
+
+  // Keeps the record of a request for whoever made the call.
+  virtual void keep(AttemptRecord attempt) = 0;
+  // Whether anybody listens to events; telling one has no other use, and no failure of theirs
+  // passes.
+  virtual bool heard() const = 0;
+  virtual void tell(const CallEvent& event) = 0;
 };
 
 }  // namespace tarvomeldric

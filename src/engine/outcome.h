@@ -36,11 +36,13 @@ struct CallAnswered {
 // A call that ended without an answer.
 struct CallFailed {
   enum class Kind : std::uint8_t {
-    kRefused,        // no provider took the request; `message` says why
-    kProviderError,  // the error that the `Io` kept of the last failed attempt
-    kOutOfBounds,    // a fault in a call that must not be healed
-    kContract,       // healed output broke its contract; the `Io` keeps the verdict for the message
-    kDrift,          // healed output drifted in structure
+    kNoProvider,   // nobody can be asked; `message` says why, like in the next two
+    kBusy,         // nobody has room for the request
+    kAllFailed,    // nobody was left to be asked after a fault
+    kNewestError,  // the error that the `Io` keeps of the newest attempt
+    kOutOfBounds,  // a fault in a call that must not be healed
+    kDrift,        // healed output drifted in structure
+    kDeadline,     // the policy's time is over
   };
   Kind kind;
   std::string message;

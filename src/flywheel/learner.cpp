@@ -112,6 +112,10 @@ bool FlywheelLearner::would_wait() const NO_THREAD_SAFETY_ANALYSIS {
   return mutex_.locked() || (publisher_ && fields_.sync_mode == "redis");
 }
 
+bool FlywheelLearner::would_write() const NO_THREAD_SAFETY_ANALYSIS {
+  return !file_.path().empty() && (fields_.records + 1) % kRecordsPerWrite == 0;
+}
+
 std::string FlywheelLearner::sync_mode() const {
   MutexLock lock(mutex_);
   return fields_.sync_mode;

@@ -98,6 +98,8 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   RulesFile& file() { return file_; }
   // Whether `record` would wait: the lock is held, or there is a fleet to tell.
   bool would_wait() const;
+  // Whether the next `record` writes the rules file.
+  bool would_write() const;
   // "redis" while rules are shared with a fleet, else "local".
   std::string sync_mode() const;
   void set_sync_mode(const char* mode);

@@ -95,6 +95,29 @@ bool CircuitBreaker::is_available() {
   return fields_.state != CircuitState::kOpen;
 }
 
+std::optional<ProbePermit> CircuitBreaker::pass(const std::shared_ptr<CircuitBreaker>& breaker) {
+  CircuitBreaker& self = *breaker;
+  MutexLock lock(self.mutex_);
+  self.half_open_if_cooled_locked();
+  if (self.fields_.state == CircuitState::kClosed) return ProbePermit();
+  if (self.fields_.state == CircuitState::kOpen) return std::nullopt;
+  if (self.permits_out_ >= std::max<std::int64_t>(1, self.fields_.half_open_max)) {
+    return std::nullopt;
+  }
+  ++self.permits_out_;
+  return ProbePermit(breaker, self.generation_);
+}
+
+void CircuitBreaker::give_back_permit(std::uint64_t generation) {
+  MutexLock lock(mutex_, kUninterrupted);
+  if (generation == generation_) --permits_out_;
+}
+
+void CircuitBreaker::renew_after_fork() NO_THREAD_SAFETY_ANALYSIS {
+  ++generation_;
+  permits_out_ = 0;
+}
+
 bool CircuitBreaker::probe() {
   MutexLock lock(mutex_);
   if (fields_.state != CircuitState::kHalfOpen) return false;

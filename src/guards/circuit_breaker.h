@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -70,17 +72,55 @@ class CircuitBreaker : public GuardedRecord<CircuitBreakerFields> {
   void trip_with_fault(std::string_view fault_category);
 
   bool is_available();
+  // A call's leave to go through, for those who test a half-open breaker with `half_open_max`
+  // requests at a time and no more. Nothing while it is open, or while others test it.
+  static std::optional<class ProbePermit> pass(const std::shared_ptr<CircuitBreaker>& breaker);
   // Counts a probe while half-open; false in any other state. The gate is `is_available`.
   bool probe();
   CircuitState state();
   CircuitSummary summary();
 
+  // In the child of a fork nobody tests it.
+  void renew_after_fork();
+
  private:
+  friend class ProbePermit;
+  void give_back_permit(std::uint64_t generation);
+
   void open_locked() REQUIRES(mutex_);
   void half_open_if_cooled_locked() REQUIRES(mutex_);
   bool failing_locked() const REQUIRES(mutex_);
 
   const Clock& clock_;
+  std::int64_t permits_out_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t generation_ GUARDED_BY(mutex_) = 0;  // of permits; those of earlier ones are void
+  const ForkMember member_{*this};
+};
+
+// The leave to go through a breaker, given back with its owner, however the attempt ends: a probe
+// that is abandoned must not bar the provider for good. A closed breaker needs none, and gives one
+// that is empty.
+class ProbePermit {
+ public:
+  ProbePermit() = default;
+  ProbePermit(std::shared_ptr<CircuitBreaker> tested, std::uint64_t generation)
+      : tested_(std::move(tested)), generation_(generation) {}
+  ProbePermit(ProbePermit&&) noexcept = default;
+  ProbePermit& operator=(ProbePermit&& other) noexcept {
+    std::swap(tested_, other.tested_);
+    std::swap(generation_, other.generation_);
+    return *this;
+  }
+  ~ProbePermit() {
+    if (tested_) tested_->give_back_permit(generation_);
+  }
+
+  // The breaker that the attempt tests, null when it was closed.
+  CircuitBreaker* tested() const { return tested_.get(); }
+
+ private:
+  std::shared_ptr<CircuitBreaker> tested_;
+  std::uint64_t generation_ = 0;
 };
 
 // Seconds; also the table behind `trip_with_fault`.

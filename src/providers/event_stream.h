@@ -15,16 +15,22 @@ namespace tarvomeldric {
 // consumer.
 class EventStream {
  public:
+  // `lenient`: the blank after "data:" may be missing, as the format allows.
+  explicit EventStream(bool lenient = false) : field_(lenient ? "data:" : "data: ") {}
+
   // The payloads of the event lines that this piece completes, in order. The end of a reply ends
   // its last line: feed a line feed then.
   std::vector<std::string> feed(std::string_view piece);
 
   // Whether "[DONE]" has been seen.
   bool done() const { return done_; }
+  // The bytes of the line that has not ended yet.
+  std::size_t unfinished() const { return unfinished_.size(); }
 
  private:
   void take_line(std::string_view line, std::vector<std::string>& payloads);
 
+  std::string_view field_;
   std::string unfinished_;  // the line that the next piece goes on with
   bool done_ = false;
 };

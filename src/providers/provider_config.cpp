@@ -1,5 +1,6 @@
 #include "providers/provider_config.h"
 
+#include <algorithm>
 #include <numeric>
 #include <utility>
 
@@ -11,6 +12,7 @@ constexpr double kRecentFailureSeconds = 60.0;
 constexpr double kRecentFailureFactor = 0.7;
 constexpr double kOpenFactor = 0.1;
 constexpr double kHalfOpenFactor = 0.5;
+constexpr double kLongestAloneSeconds = 15 * 60.0;
 
 ProviderFields with_guards(ProviderFields fields, const Clock& clock) {
   if (!fields.circuit_breaker) {
@@ -35,6 +37,11 @@ Endpoint ProviderConfig::endpoint() const {
   MutexLock lock(mutex_);
   return {fields_.name, fields_.base_url, fields_.api_key, fields_.extra_headers,
           fields_.extra_query};
+}
+
+std::vector<std::string> ProviderConfig::models() const {
+  MutexLock lock(mutex_);
+  return fields_.models;
 }
 
 bool ProviderConfig::healthy() const {
@@ -138,6 +145,16 @@ void ProviderConfig::record_failure(std::string_view error, std::string_view fau
   const bool may_trip = !fault_category.empty() && breaker->state() != CircuitState::kOpen;
   breaker->record_failure(name);
   if (may_trip && breaker->state() == CircuitState::kOpen) breaker->trip_with_fault(fault_category);
+}
+
+void ProviderConfig::leave_alone(double seconds) {
+  MutexLock lock(mutex_);
+  not_before_s_ = clock_.monotonic() + std::min(seconds, kLongestAloneSeconds);
+}
+
+double ProviderConfig::left_alone_s() const {
+  MutexLock lock(mutex_);
+  return std::max(0.0, not_before_s_ - clock_.monotonic());
 }
 
 }  // namespace tarvomeldric

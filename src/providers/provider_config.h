@@ -60,6 +60,7 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
 
   std::string name() const;
   Endpoint endpoint() const;
+  std::vector<std::string> models() const;
   bool healthy() const;
   // The mean of the recent latencies in milliseconds, 0 without any.
   double avg_latency() const;
@@ -84,8 +85,15 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   // A categorised failure that opens the breaker also sets the cooldown that suits its category.
   void record_failure(std::string_view error, std::string_view fault_category = "");
 
+  // The provider asked to be left alone for so long; at most 15 minutes of it are heeded. Kept
+  // beside the fields: it concerns this process, and only calls whose policy heeds it.
+  void leave_alone(double seconds);
+  // Seconds until it may be asked again, 0 when it may be now.
+  double left_alone_s() const;
+
  private:
   const Clock& clock_;
+  double not_before_s_ GUARDED_BY(mutex_) = 0.0;  // monotonic, seconds
 };
 
 using ProviderPtr = std::shared_ptr<ProviderConfig>;

@@ -73,8 +73,9 @@ def kept_clean(home: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> I
 @pytest.mark.usefixtures("kept_clean")
 def test_the_demo_adds_up_and_leaves_nothing_behind(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("HTTP_PROXY", NOWHERE)
-    out = told("demo")
+    out = told("demo", "--log")
     assert "It adds up." in out
+    assert re.search(r"\n  WARNING \w{8} openai/gpt-4o failed after \d", out)
     assert "\x1b" not in out
 
 

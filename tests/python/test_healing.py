@@ -28,7 +28,8 @@ SIMILAR = {"contract": Contract(similarity_threshold=0.5, reference_text="a")}
 BANNED = {"contract": Contract(forbidden_patterns=["it's|ANS", "no"])}
 
 
-@pytest.fixture(params=["blocking", "awaited"])
+# What a call does by default is what it does by the policy of defaults.
+@pytest.fixture(params=["blocking", "awaited", "blocking, by a policy", "awaited, by a policy"])
 def way(request: pytest.FixtureRequest) -> Any:
     return request.param
 
@@ -43,7 +44,7 @@ def slept(way: str, monkeypatch: pytest.MonkeyPatch) -> list[float]:
         delays.extend([seconds] * (seconds > 0))
         await real(0)
 
-    if way == "blocking":
+    if way.startswith("blocking"):
         monkeypatch.setattr(time, "sleep", delays.append)
     else:
         monkeypatch.setattr(asyncio, "sleep", asleep)
@@ -51,12 +52,13 @@ def slept(way: str, monkeypatch: pytest.MonkeyPatch) -> list[float]:
 
 
 def ask(engine: Any, way: str, *arguments: Any, name: str = "call", **options: Any) -> Any:
-    if way == "blocking":
-        return getattr(engine, name + "_sync")(*arguments, **options)
+    seen = engine.with_policy(tm.CallPolicy()) if "policy" in way and name == "call" else engine
+    if way.startswith("blocking"):
+        return getattr(seen, name + "_sync")(*arguments, **options)
 
     async def main() -> Any:
         try:
-            return await getattr(engine, name)(*arguments, **options)
+            return await getattr(seen, name)(*arguments, **options)
         finally:
             await engine.close()
 
@@ -173,6 +175,9 @@ def test_how_a_call_ends(day: Any, way: str, slept: list[float]) -> None:
         with pytest.raises(type(day.end)) as raised:
             ask(engine, way, "Hi", GPT, **day.asked)
         told = vars(raised.value)
+        asked = told.pop("attempts", None)
+        foreign = "policy" not in way or isinstance(day.end, APIError)
+        assert asked is None if foreign else len(asked) == len(day.road)
         if told.get("contract_result"):
             told["contract_result"] = told["contract_result"].to_dict()
         assert told == vars(day.end)

@@ -18,7 +18,8 @@ from support import KEY
 from tarvomeldric.simulator import ProviderSimulator
 
 ROOT = Path(__file__).parents[2]
-PAGES = ["README.md", "docs/production.md", "docs/watching.md"]
+BEHIND = ["policies", "production", "streaming", "watching"]
+PAGES = ["README.md", *(f"docs/{name}.md" for name in BEHIND)]
 
 
 def blocks(page: Path) -> list[tuple[str, int]]:

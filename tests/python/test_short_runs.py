@@ -1,4 +1,4 @@
-"""The short forms of `make soak`, and of `make fuzz` where the oracle is Python."""
+"""The short forms of `make soak`, and of `make fuzz` where the oracle is Python; the examples."""
 
 from __future__ import annotations
 
@@ -18,7 +18,9 @@ PROGRAMS = [
     ),
     ("fuzz/contracts.py", "--seconds 4"),
     ("fuzz/rules_file.py", "--seconds 4"),
+    *((f"examples/{path.name}", "") for path in sorted((ROOT / "examples").glob("*.py"))),
 ]
+PROGRAMS.remove(("examples/demo.py", ""))  # the command line's own tests run it
 
 
 @pytest.mark.once

@@ -50,9 +50,9 @@ Other users of the machine can see a command line, and the shell keeps it: the e
 better place for a key."""
 
 _DEMO = """\
-Live through a bad day: one scene for every way in which a call can end, over real HTTP to three
-simulated providers, with every wait in earnest. It takes a quarter of a minute, needs no key and
-leaves nothing behind."""
+Live through a bad day: one scene for every way in which a call can end, then one for each thing
+that a policy changes, over real HTTP to three simulated providers, with every wait in earnest. It
+takes a quarter of a minute, needs no key and leaves nothing behind."""
 
 _SERVE = """\
 Have simulated visitors call simulated providers (one healthy, one slow, one failing, one that
@@ -137,7 +137,11 @@ def _add_run(verbs: argparse._SubParsersAction[_Parser]) -> None:
 
 
 def _add_demo(verbs: argparse._SubParsersAction[_Parser]) -> None:
-    _verb(verbs, "demo", "live through a bad day", _DEMO, "exit status: 0 when the numbers add up.")
+    ends = "exit status: 0 when the numbers add up."
+    parser = _verb(verbs, "demo", "live through a bad day", _DEMO, ends)
+    parser.add_argument(
+        "--log", action="store_true", help="print each step of a call as it happens"
+    )
 
 
 def _add_serve(verbs: argparse._SubParsersAction[_Parser]) -> None:

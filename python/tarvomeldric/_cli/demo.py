@@ -8,6 +8,7 @@ learned here outlives the scene.
 from __future__ import annotations
 
 import argparse
+import logging
 import time
 from collections import Counter
 from collections.abc import Mapping
@@ -15,19 +16,25 @@ from contextlib import ExitStack
 from itertools import pairwise
 from typing import Any
 
-from tarvomeldric import CallResult, ProviderConfig, SelfHealingEngine
+from tarvomeldric import AttemptEvent, CallResult, EngineView, ProviderConfig, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator, rehearsal
+from tarvomeldric.telemetry import CallEvent, log_to
 
 from .failures import FAILURES
 from .scenes import MODEL, PROVIDERS, SCENES, Scene
 from .terminal import announced_waits, paint, title
 
+_CLOCK_SLACK = 0.01  # seconds
+
 
 class Day:
-    """Plays scenes, and adds up what the callers saw and what the engines counted."""
+    """Plays scenes, and adds up what callers saw, what observers heard and what the engines counted."""
 
-    def __init__(self, simulators: Mapping[str, ProviderSimulator]) -> None:
+    def __init__(
+        self, simulators: Mapping[str, ProviderSimulator], log: logging.Logger | None
+    ) -> None:
         self.simulators = simulators
+        self.log = log
         self.seen: Counter[str] = Counter()
         self.counted: Counter[str] = Counter()
         self.attempts = {name: Counter[str]() for name in simulators}
@@ -43,6 +50,9 @@ class Day:
                 engine.add_provider(ProviderConfig(name, simulator.base_url, "demo-key"))
             scene.before(engine)
             print(f"  {paint('bold', scene.prompt)}")
+            engine.observe(lambda event: self.hear(event, scene.deadline))
+            if self.log:
+                log_to(engine, self.log)
             ending = self.call(engine, scene)
             self.add_up(engine)
         self.seen[ending] += 1
@@ -50,12 +60,22 @@ class Day:
             self.surprises += 1
             print(paint("red", f"  expected {scene.ends or 'a first-attempt success'}"))
 
+    def hear(self, event: CallEvent, deadline: float) -> None:
+        """Count requests, and those that the deadline cut: they are held against no provider."""
+        if isinstance(event, AttemptEvent):
+            cut = event.start + event.duration > deadline - _CLOCK_SLACK
+            self.attempts[event.provider].update(told=1, cut=int(cut))
+
     def call(self, engine: SelfHealingEngine, scene: Scene) -> str:
         """Make the call of a scene, show what became of it, and return how it ended."""
+        asked = engine.with_policy(scene.policy) if scene.policy else engine
         try:
-            result = engine.call_sync(scene.prompt, MODEL, **scene.options)
+            make = streamed if scene.streamed else called
+            result = make(asked, scene)
         except FAILURES as error:
             print(f"  {paint('red', f'✗ {type(error).__name__}')}: {error}")
+            if scene.policy:
+                print(paint("dim", f"  {road(error)}"))
             return type(error).__name__
         show(result)
         return result.heal_level
@@ -71,15 +91,16 @@ class Day:
         """Print the day's numbers; return whether they add up."""
         title("Statistics of the day")
         sums = [self.surprises == 0]
-        print("  provider    received =  ok + failed")
+        print("  provider    received = told =  ok + failed + cut off")
         for name, simulator in self.simulators.items():
-            received, ok, failed = simulator.request_count, *self.attempts[name].values()
-            sums.append(received == ok + failed)
-            print(f"  {name:<10} {received:>9} = {ok:>3} + {failed}")
+            received, of = simulator.request_count, self.attempts[name]
+            told, ok, failed, cut = of["told"], of["ok"], of["failed"], of["cut"]
+            sums.append(received == told == ok + failed + cut)
+            print(f"  {name:<10} {received:>9} = {told:>4} = {ok:>3} + {failed:>6} + {cut}")
 
         levels = {level: self.seen[level] for level in ("l1_retry", "l2_downgrade", "l3_failover")}
         at_once, healed = self.seen[""] + self.seen["l4_learned"], sum(levels.values())
-        failed = sum(count for name, count in self.seen.items() if name.endswith("Error"))
+        failed = sum(count for name, count in self.seen.items() if name[:1].isupper())
         calls, heals = self.counted["call_count"], self.counted["heal_count"]
         # An engine also counts the failover whose answer then broke an exact contract.
         broken = self.counted["l3_failover_count"] - levels["l3_failover"]
@@ -105,7 +126,7 @@ def main(options: argparse.Namespace) -> int:
         stack.enter_context(
             announced_waits(lambda text: print(paint("dim", f"  {text}"), flush=True))
         )
-        day, start = Day(simulators), time.monotonic()
+        day, start = Day(simulators, printed_log() if options.log else None), time.monotonic()
         for number, scene in enumerate(SCENES, 1):
             day.play(number, scene)
         right = day.report()
@@ -113,15 +134,50 @@ def main(options: argparse.Namespace) -> int:
     return 0 if right else 1
 
 
+def called(asked: SelfHealingEngine | EngineView, scene: Scene) -> CallResult:
+    return asked.call_sync(scene.prompt, MODEL, **scene.options)
+
+
+def streamed(asked: SelfHealingEngine | EngineView, scene: Scene) -> CallResult:
+    """Print the words as they come."""
+    with asked.stream_sync(scene.prompt, MODEL, **scene.options) as stream:
+        print("  ", end="")
+        try:
+            for text in stream.text:
+                print(text, end="", flush=True)
+        finally:
+            print()
+    return stream.result
+
+
+def printed_log() -> logging.Logger:
+    """Return a log that stands between the other lines; nobody else writes to it."""
+    log = logging.Logger("demo", logging.INFO)
+    log.addHandler(_Printer())
+    return log
+
+
+class _Printer(logging.Handler):
+    def emit(self, record: logging.LogRecord) -> None:
+        print(paint("dim", f"  {record.levelname:<7} {record.getMessage()}"), flush=True)
+
+
 def show(result: CallResult) -> None:
-    """Print the summary of an answer, and where the time went."""
+    """Print the summary of an answer, whom it took, and where the time went."""
     print(f"  {paint('green', repr(result))}")
     if result.fault is not None:
-        print(paint("dim", f"  fault {result.fault.sub_category}, contract {verdict(result)}"))
+        print(paint("dim", f"  {road(result)}; contract {verdict(result)}"))
     trace = result.mapek_trace or {}
     steps = [f"{name} {took:.0f}" for name, took in phase_times(trace)]
     loop = f"whole loop {trace.get('total_loop_us', 0.0):.0f} us"
     print(f"  {paint('dim', ', '.join([*steps, loop]))}")
+
+
+def road(ending: Any) -> str:
+    """Tell who was asked on the way to a result, or to an error that a view raised."""
+    return "asked " + ", ".join(
+        f"{each.provider} ({each.fault or 'ok'})" for each in ending.attempts
+    )
 
 
 def verdict(result: CallResult) -> str:

@@ -54,7 +54,7 @@ def announced_waits(say: Callable[[str], None]) -> Iterator[None]:
     sleep = time.sleep
 
     def wait(seconds: float) -> None:
-        say(f"… waits {seconds:g} s and tries again")
+        say(f"… waits {seconds:.3g} s and tries again")
         sleep(seconds)
 
     with mock.patch("time.sleep", wait):

@@ -3,10 +3,15 @@
 from __future__ import annotations
 
 import contextlib
+import email.utils
 import math
+import time
 from contextvars import ContextVar, Token
+from datetime import timezone
 from time import monotonic
 from typing import Any
+
+_LONGEST = 1e8  # seconds; for longer no socket can be told to wait
 
 _running: ContextVar[AttemptContext | None] = ContextVar("attempt", default=None)
 
@@ -19,17 +24,30 @@ class AttemptContext:
         status: The status of the answer, None before there is one.
         headers: The headers of the answer.
         body: The decoded JSON of an answer with status 200, else the text of the refusal.
+        stream: The rest of an answer that is streamed.
     """
 
-    __slots__ = ("_before", "body", "end", "headers", "status")
+    __slots__ = ("_before", "_report", "body", "end", "headers", "status", "stream")
 
-    def __init__(self, timeout: Any) -> None:
-        """Bound it by `timeout` seconds from now; by nothing when that is no number."""
-        self.end = monotonic() + timeout if isinstance(timeout, int | float) else math.inf
+    def __init__(
+        self, timeout: Any, limit: float | None = None, report: dict[str, Any] | None = None
+    ) -> None:
+        """Bound it by `timeout` and `limit` seconds from now; by nothing that is no number.
+
+        What it receives is told in `report`, too, where there is one.
+        """
+        now = monotonic()
+        self.end = now + timeout if isinstance(timeout, int | float) else math.inf
+        if limit is not None:
+            self.end = min(self.end, now + limit)
         self.status: int | None = None
         self.headers: Any = None
         self.body: Any = None
+        self.stream: Any = None
         self._before: Token[AttemptContext | None] | None = None
+        self._report = report
+        if self.end - now > _LONGEST:
+            self.end = math.inf
 
     def __enter__(self) -> AttemptContext:
         self._before = _running.set(self)
@@ -39,6 +57,10 @@ class AttemptContext:
         assert self._before is not None
         with contextlib.suppress(ValueError):  # a coroutine may be closed in another context
             _running.reset(self._before)
+        if self._report is None or self.status is None:
+            return
+        if self.status == 200 or self._report.get("status") != 200:  # an answer stands
+            self._report.update(status=self.status, headers=self.headers, body=self.body)
 
 
 def left(timeout: float | None) -> float | None:
@@ -48,3 +70,31 @@ def left(timeout: float | None) -> float | None:
         return timeout
     rest = attempt.end - monotonic()
     return rest if timeout is None else min(timeout, rest)
+
+
+def retry_after(headers: Any) -> float | None:
+    """The seconds after which a provider wants to be asked again; None when it says nothing usable.
+
+    Reads `retry-after-ms`, else `Retry-After` as seconds or as a date.
+    """
+    get = getattr(headers, "get", None)
+    if get is None:
+        return None
+    for name, unit in (("retry-after-ms", 1e-3), ("retry-after", 1.0)):
+        told = get(name)
+        seconds = _seconds(told) if isinstance(told, str) else None
+        if seconds is not None and math.isfinite(seconds) and seconds > 0:
+            return seconds * unit
+    return None
+
+
+def _seconds(told: str) -> float | None:
+    with contextlib.suppress(ValueError):
+        return float(told)
+    try:
+        date = email.utils.parsedate_to_datetime(told)
+        if date.tzinfo is None:  # of HTTP's own, which are all GMT
+            date = date.replace(tzinfo=timezone.utc)
+        return date.timestamp() - time.time()
+    except (TypeError, ValueError, IndexError, OverflowError, OSError):
+        return None

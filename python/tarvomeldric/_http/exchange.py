@@ -14,14 +14,25 @@ if TYPE_CHECKING:
     import httpx
 
 
-def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[int, Any]:
-    """Sends one request: the status with the decoded body, or with the body's text when it is not 200.
+def post(
+    client: Any,
+    url: str,
+    body: Any,
+    headers: Any,
+    timeout: Any,
+    limit: float | None,
+    report: dict[str, Any] | None,
+) -> AttemptContext:
+    """Sends one request; the attempt, with status, headers and body.
 
-    A client that the caller placed in a pool is used as it is.
+    It is over within `timeout` and, where there is one, within `limit` seconds. A client that the
+    caller placed in a pool is used as it is; the limit only shortens its time-out. What is received
+    is told in `report`, too.
     """
     own = own_of(client)
-    with AttemptContext(timeout) as attempt:
+    with AttemptContext(timeout, limit, report) as attempt:
         if own is None:
+            timeout = _shorter(timeout, limit)
             target = address(client, url)
             return _take_whole(
                 attempt, client.post(target, json=body, headers=headers, timeout=timeout)
@@ -34,16 +45,23 @@ def post(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> tuple[
             attempt.status, attempt.headers = response.status_code, response.headers
             received = read(response)
         attempt.body = received.told()
-        return response.status_code, attempt.body
+        return attempt
 
 
 async def post_async(
-    client: Any, url: str, body: Any, headers: Any, timeout: Any
-) -> tuple[int, Any]:
+    client: Any,
+    url: str,
+    body: Any,
+    headers: Any,
+    timeout: Any,
+    limit: float | None,
+    report: dict[str, Any] | None,
+) -> AttemptContext:
     """The same, awaited."""
     own = own_of(client)
-    with AttemptContext(timeout) as attempt:
+    with AttemptContext(timeout, limit, report) as attempt:
         if own is None:
+            timeout = _shorter(timeout, limit)
             target = address(client, url)
             return _take_whole(
                 attempt, await client.post(target, json=body, headers=headers, timeout=timeout)
@@ -56,7 +74,7 @@ async def post_async(
             attempt.status, attempt.headers = response.status_code, response.headers
             received = await read_async(response)
         attempt.body = received.told()
-        return response.status_code, attempt.body
+        return attempt
 
 
 def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> httpx.Request:
@@ -81,10 +99,16 @@ def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> ht
     )
 
 
-def _take_whole(attempt: AttemptContext, response: Any) -> tuple[int, Any]:
+def _shorter(timeout: Any, limit: float | None) -> Any:
+    if limit is None or not (timeout is None or isinstance(timeout, int | float)):
+        return timeout
+    return limit if timeout is None else min(timeout, limit)
+
+
+def _take_whole(attempt: AttemptContext, response: Any) -> AttemptContext:
     attempt.status, attempt.headers = response.status_code, getattr(response, "headers", None)
     attempt.body = response.json() if response.status_code == 200 else response.text
-    return response.status_code, attempt.body
+    return attempt
 
 
 @functools.lru_cache(maxsize=256)

@@ -1,5 +1,7 @@
 #include "host/calls/call_io.h"
 
+#include "host/calls/observation.h"
+#include "host/calls/reply.h"
 #include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
@@ -10,6 +12,7 @@ namespace {
 
 using Objects = Held<&CallState::engine, &CallState::prompt, &CallState::contract,
                      &CallState::options, &CallState::answer, &CallState::raw_response,
+                     &CallState::report, &CallState::response, &CallState::policy,
                      &CallState::error, &CallState::verdict, &CallState::fault, &CallState::trace>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
@@ -44,21 +47,87 @@ void CallState::clear() {
   exchange.clear();
 }
 
-Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model) {
+const CallPolicy& CallState::asked_policy() const {
+  return policy.is_valid() ? *nb::inst_ptr<CallPolicy>(policy) : default_policy();
+}
+
+void tell_of(CallState& state, const CallEvent& event) {
+  state.untold_end.reset();
+  if (!std::holds_alternative<EndEvent>(event)) {
+    state.untold_end = std::visit([](const auto& one) { return one.call_id; }, event);
+  }
+  if (!is_observed(state.native())) return;
+  tell_observers(state.native(), event);
+}
+
+Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTerms terms) {
   drop(state_.raw_response);
+  drop(state_.report);
+  drop(state_.response);
+  drop(state_.exchange.reply);
   Attempt attempt;
   try {
-    state_.answer = co_await perform(std::move(provider), std::move(model));
+    state_.answer = co_await perform(std::move(provider), std::move(model), terms);
     attempt.answer_length = state_.answer.is_none() ? 0 : text_length(state_.answer);
+    attempt.status = Status{received("status")}.code();
+    state_.response = received("body");
+    if (state_.asked_policy().validate == Validation::kAll) {
+      attempt.empty = is_empty_answer(state_.answer, state_.response);
+    }
   } catch (nb::python_error& failure) {
     if (!failure.matches(error_types.api)) throw;
     state_.error = nb::borrow(failure.value());
+    state_.own_error = !state_.report.is_valid();
     const double start_s = system_clock().monotonic();
     std::string text = text_form(state_.error);
     const double reading_s = system_clock().monotonic() - start_s;
-    attempt.failure = ApiFailure{std::move(text), status_of(state_.error), reading_s};
+    attempt.failure = ApiFailure{std::move(text), status_of(state_.error), reading_s, {}};
+    if (state_.asked_policy().retry_after) {
+      const nb::object told = call(Helper::kRetryAfter, received("headers"));
+      if (!told.is_none()) attempt.failure->retry_after_s = nb::cast<double>(told);
+    }
   }
   co_return attempt;
+}
+
+nb::object CallIo::received(const char* what) const {
+  if (state_.report.is_valid()) {
+    const nb::handle reported = entry(state_.report, what);
+    return reported ? nb::borrow(reported) : nb::none();
+  }
+  const nb::object& reply = state_.exchange.reply;
+  return reply.is_valid() && !reply.is_none() ? nb::object(reply.attr(what)) : nb::none();
+}
+
+ContextValue CallIo::open_report(double limit_s) {
+  nb::dict report;
+  put(report, "engine"_key, state_.engine);
+  if (limit_s != kUnlimited) {
+    put(report, "end"_key, number(system_clock().monotonic() + limit_s));
+  }
+  state_.report = std::move(report);
+  return {report_variable(), state_.report};
+}
+
+// The newest APIError is the cause; a broken contract before this one has it as its own.
+void CallIo::put_newest(nb::object error) {
+  nb::object cause = state_.error;
+  if (cause.is_valid() && !PyErr_GivenExceptionMatches(cause.ptr(), error_types.api)) {
+    cause = nb::steal(PyException_GetCause(cause.ptr()));
+  }
+  if (cause.is_valid()) PyException_SetCause(error.ptr(), cause.release().ptr());
+  state_.error = std::move(error);
+  state_.own_error = true;
+}
+
+void CallIo::refuse_empty(const std::string& provider) {
+  put_newest(call(error_types.api, from_utf8("Empty answer from " + provider)));
+}
+
+void CallIo::refuse_broken(const std::string& message) {
+  const std::string verdict = text_form(call(state_.verdict.attr("to_dict")));
+  put_newest(call(error_types.contract_violation, from_utf8(message + verdict),
+                  "contract_result"_a = state_.verdict));
 }
 
 bool CallIo::contract_has_schema() const {
@@ -92,10 +161,23 @@ nb::object CallIo::replacement() const {
   return nb::getattr(engine, seam_.name);
 }
 
-void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model) {
+void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model, double limit_s,
+                              Delivery delivery) {
   const nb::handle given = entry(state_.options, "api_type"_key);
   const std::string api_type = given ? to_utf8(given) : "chat";
-  state_.exchange = Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options);
+  state_.exchange =
+      Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options, delivery);
+  // A policy's own time-out takes the place of the usual one.
+  const auto& attempt_timeout_s = state_.asked_policy().attempt_timeout_s;
+  if (attempt_timeout_s && !entry(state_.options, "timeout"_key)) {
+    state_.exchange.timeout = number(*attempt_timeout_s);
+  }
+  state_.exchange.bound(limit_s);
+}
+
+void CallIo::learn_later(const Outcome& outcome) {
+  call(Helper::kHandOver, state_.parts.learner, "record", from_utf8(outcome.error_pattern),
+       from_utf8(outcome.action), outcome.success, outcome.heal_time_ms);
 }
 
 nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
@@ -114,23 +196,30 @@ Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, dou
   co_return semaphore->acquire(timeout_s);
 }
 
-Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model) {
+Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {
   const nb::object replaced = replacement();
   if (replaced.is_valid()) {
+    const ContextScope scope(open_report(terms.limit_s));
     co_return as_answer(call_replacement(replaced, provider, model));
   }
-  prepare_exchange(*provider, model);
+  prepare_exchange(*provider, model, terms.limit_s);
   nb::object answer = exchange_blocking(state_.native(), state_.exchange);
   state_.raw_response = state_.exchange.decoded;
   co_return answer;
 }
 
 Task<void> BlockingIo::learn(Outcome outcome) {
-  learner().record(outcome);
+  if (hurried() && (learner().would_wait() || learner().would_write())) {
+    learn_later(outcome);
+  } else {
+    learner().record(outcome);
+  }
   co_return;
 }
 
 Task<std::optional<Advice>> BlockingIo::advise(std::string error_pattern) {
+  std::optional<Advice> advice;
+  if (learner().try_advise(error_pattern, advice) || hurried()) co_return advice;
   co_return learner().advise(error_pattern);
 }
 
@@ -148,6 +237,10 @@ Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, dou
 
 // What would hold up the event loop is done by the learner's worker thread, in order.
 Task<void> AwaitingIo::learn(Outcome outcome) {
+  if (hurried() && (learner().would_wait() || learner().would_write())) {
+    learn_later(outcome);
+    co_return;
+  }
   if (!learner().would_wait()) {
     learner().record(outcome);
     co_return;
@@ -161,7 +254,7 @@ Task<void> AwaitingIo::learn(Outcome outcome) {
 
 Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
   std::optional<Advice> advice;
-  if (learner().try_advise(error_pattern, advice)) co_return advice;
+  if (learner().try_advise(error_pattern, advice) || hurried()) co_return advice;
   PythonAwait matching(suspension_, call(Helper::kInWorker, state_.parts.learner, "match",
                                          from_utf8(error_pattern)));
   const nb::object rule = co_await matching;
@@ -170,14 +263,25 @@ Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
   co_return Advice{found.action, found.confidence};
 }
 
-Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model) {
+Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {
   if (nb::object replaced = replacement(); replaced.is_valid()) {
-    PythonAwait replying(suspension_, call_replacement(replaced, provider, model));
+    const double end_s = system_clock().monotonic() + terms.limit_s;
+    const ContextValue context = open_report(terms.limit_s);
+    nb::object answering;
+    {
+      const ContextScope scope(context);
+      answering = call_replacement(replaced, provider, model);
+    }
     drop(replaced);
+    PythonAwait replying(suspension_, answering, context, end_s);
+    drop(answering);
     const nb::object answer = co_await replying;
+    if (answer.is(nb::handle(Py_NotImplemented))) {
+      raise_timeout(nb::none(), terms.limit_s, provider->name());
+    }
     co_return as_answer(answer);
   }
-  prepare_exchange(*provider, model);
+  prepare_exchange(*provider, model, terms.limit_s);
   nb::object answer = co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
   state_.raw_response = state_.exchange.decoded;
   co_return answer;

@@ -3,6 +3,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "engine/call.h"
 #include "engine/io.h"
@@ -28,18 +30,33 @@ struct CallState {
 
   nb::object answer = nb::none();
   nb::object raw_response;  // of a native exchange
-  nb::object error;         // of the latest failed attempt
+  nb::object report;        // of exchanges below a replacement of the execution
+  nb::object response;      // the decoded body of the latest answer
+  nb::object error;         // the newest, of a failed attempt or a refused answer
   nb::object verdict;       // of the contract on the latest answer
   nb::object fault;         // the diagnosis that Python code handed in, where it did
   nb::object trace;         // and its trace
   Exchange exchange;
+  nb::object policy;       // None for a call on the engine itself
+  bool own_error = false;  // whether `error` was made here
+  std::vector<AttemptRecord> attempts;
+  std::optional<std::string> untold_end;  // the name of a call that was told of, but not its end
 
   Engine& native() const { return *nb::inst_ptr<Engine>(engine); }
   // Takes hold of the engine's parts; type errors name one of the wrong type.
   Surroundings surroundings();
+  const CallPolicy& asked_policy() const;
   int traverse(visitproc visit, void* arg);
   void clear();
 };
+
+// Whether anybody listens; the garbage collector may have taken the listeners away.
+inline bool is_observed(const Engine& engine) {
+  return engine.observations.is_valid() && nb::len(engine.observations) != 0;
+}
+
+// Tells those who listen to the engine. Remembers a call whose end is still to be told.
+void tell_of(CallState& state, const CallEvent& event);
 
 // An operation of the engine that Python code may replace, and the engine's own form of it.
 // Both members are set when the engine is bound, and stay.
@@ -55,30 +72,45 @@ inline Seam execute_seam;
 class CallIo : public Io {
  public:
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
-  Task<Attempt> execute(ProviderPtr provider, std::string model) override;
+  Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) override;
   bool has_contract() const override { return !state_.contract.is_none(); }
   bool contract_has_schema() const override;
   bool validate() override;
+  void refuse_empty(const std::string& provider) override;
+  void refuse_broken(const std::string& message) override;
   void report(const Recovery& recovery) override;
+  void keep(AttemptRecord attempt) override { state_.attempts.push_back(std::move(attempt)); }
+  bool heard() const override { return is_observed(state_.native()); }
+  void tell(const CallEvent& event) override { tell_of(state_, event); }
 
  protected:
   PythonLearner& learner() const { return *nb::inst_ptr<PythonLearner>(state_.parts.learner); }
-  virtual Task<nb::object> perform(ProviderPtr provider, std::string model) = 0;
+  virtual Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) = 0;
 
   // The replacement of the engine's own execution, or null.
   nb::object replacement() const;
   nb::object call_replacement(nb::handle replacement, const ProviderPtr& provider,
                               const std::string& model) const;
-  void prepare_exchange(ProviderConfig& provider, const std::string& model);
+  void prepare_exchange(ProviderConfig& provider, const std::string& model, double limit_s,
+                        Delivery delivery = Delivery::kWhole);
+  // Where exchanges below the replacement of the execution leave what they received.
+  ContextValue open_report(double limit_s);
+  // Whether waiting for the learner could cost the call its deadline.
+  bool hurried() const { return state_.asked_policy().deadline_s.has_value(); }
+  void learn_later(const Outcome& outcome);
 
   CallState& state_;
 
  private:
+  // What the latest exchange received: "status", "headers" or "body"; None without one.
+  nb::object received(const char* what) const;
+  void put_newest(nb::object error);
+
   const Seam& seam_;
 };
 
 // Blocks the calling thread; every await is ready at once.
-class BlockingIo final : public CallIo {
+class BlockingIo : public CallIo {
  public:
   explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
   Task<void> sleep(double seconds) override;
@@ -87,11 +119,11 @@ class BlockingIo final : public CallIo {
   Task<std::optional<Advice>> advise(std::string error_pattern) override;
 
  private:
-  Task<nb::object> perform(ProviderPtr provider, std::string model) override;
+  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
 };
 
 // Suspends the call's coroutine; the event loop goes on.
-class AwaitingIo final : public CallIo {
+class AwaitingIo : public CallIo {
  public:
   AwaitingIo(CallState& state, Suspension& suspension)
       : CallIo(state, execute_seam), suspension_(suspension) {}
@@ -101,8 +133,9 @@ class AwaitingIo final : public CallIo {
   Task<std::optional<Advice>> advise(std::string error_pattern) override;
 
  private:
-  Task<nb::object> perform(ProviderPtr provider, std::string model) override;
+  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
 
+ protected:
   Suspension& suspension_;
 };
 

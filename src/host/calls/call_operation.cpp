@@ -1,51 +1,21 @@
 #include <utility>
 
 #include "engine/failover.h"
-#include "host/calls/call_io.h"
-#include "host/calls/conclusion.h"
-#include "host/calls/operation.h"
-#include "host/records/argument.h"
+#include "host/calls/pipeline_operation.h"
 
 namespace tarvomeldric::host {
 namespace {
 
 constexpr double kDefaultBulkheadTimeoutSeconds = 1.0;
 
-// An operation that goes through the pipeline and ends in a CallResult.
-class PipelineOperation : public Operation {
- public:
-  nb::object run_blocking() override {
-    BlockingIo io(state_);
-    CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
-    return conclude(state_, outcome);
-  }
-  Task<nb::object> run(Suspension& suspension) override {
-    AwaitingIo io(state_, suspension);
-    CallOutcome outcome = co_await run_pipeline(io);
-    co_return conclude(state_, outcome);
-  }
-  int traverse(visitproc visit, void* arg) override { return state_.traverse(visit, arg); }
-  void clear() override { state_.clear(); }
-
- protected:
-  PipelineOperation(nb::handle engine, const Text& prompt,
-                    const std::optional<Instance<Contract>>& contract) {
-    state_.engine = nb::borrow(engine);
-    state_.prompt = prompt;
-    state_.contract = object_or_none(contract);
-  }
-  virtual Task<CallOutcome> run_pipeline(Io& io) = 0;
-
-  CallState state_;
-};
-
 class CallOperation final : public PipelineOperation {
  public:
-  CallOperation(nb::handle engine, const Text& prompt,
+  CallOperation(const Caller& caller, const Text& prompt,
                 const std::optional<Instance<Contract>>& contract, CallRequest request,
                 nb::dict options)
-      : PipelineOperation(engine, prompt, contract), request_(std::move(request)) {
+      : PipelineOperation(caller, prompt, contract), request_(std::move(request)) {
     state_.options = std::move(options);
+    request_.policy = &state_.asked_policy();
   }
 
  private:
@@ -58,10 +28,10 @@ class CallOperation final : public PipelineOperation {
 
 class FailoverOperation final : public PipelineOperation {
  public:
-  FailoverOperation(nb::handle engine, const Text& prompt,
+  FailoverOperation(const Caller& caller, const Text& prompt,
                     const std::optional<Instance<Contract>>& contract, FailoverRequest request,
                     const Instance<Diagnosis>& diagnosis, nb::object trace, nb::dict options)
-      : PipelineOperation(engine, prompt, contract), request_(std::move(request)) {
+      : PipelineOperation(caller, prompt, contract), request_(std::move(request)) {
     state_.fault = diagnosis;
     state_.trace = std::move(trace);
     state_.options = std::move(options);
@@ -92,11 +62,10 @@ void take_options(CallRequest& request, nb::dict& options) {
 
 }  // namespace
 
-OperationPtr call_operation(nb::handle engine, const Text& prompt, const std::optional<Text>& model,
-                            const Text& task_type, bool has_schema,
-                            std::optional<SemanticDomain> semantic_domain,
-                            const std::optional<Instance<Contract>>& contract, const Text& api_type,
-                            const nb::kwargs& options) {
+CallArguments call_arguments(const Text& prompt, const std::optional<Text>& model,
+                             const Text& task_type, bool has_schema,
+                             std::optional<SemanticDomain> semantic_domain, const Text& api_type,
+                             const nb::kwargs& options) {
   CallRequest request;
   request.prompt_length = text_length(prompt);
   if (model) request.model = to_utf8(*model);
@@ -106,22 +75,33 @@ OperationPtr call_operation(nb::handle engine, const Text& prompt, const std::op
   nb::dict execution = options;
   put(execution, "api_type"_key, api_type);
   take_options(request, execution);
-  return std::make_unique<CallOperation>(engine, prompt, contract, std::move(request),
-                                         std::move(execution));
+  return {std::move(request), std::move(execution)};
 }
 
-OperationPtr failover_operation(nb::handle engine, const Text& prompt,
+OperationPtr call_operation(const Caller& caller, const Text& prompt,
+                            const std::optional<Text>& model, const Text& task_type,
+                            bool has_schema, std::optional<SemanticDomain> semantic_domain,
+                            const std::optional<Instance<Contract>>& contract, const Text& api_type,
+                            const nb::kwargs& options) {
+  CallArguments given =
+      call_arguments(prompt, model, task_type, has_schema, semantic_domain, api_type, options);
+  return std::make_unique<CallOperation>(caller, prompt, contract, std::move(given.request),
+                                         std::move(given.execution));
+}
+
+OperationPtr failover_operation(const Caller& caller, const Text& prompt,
                                 const std::optional<Text>& model,
                                 const std::string& failed_provider, const Instance<Diagnosis>& diag,
                                 const Instance<SemanticClassification>& sem_class,
                                 const std::string& original_provider,
-                                const std::string& original_model, const Text&,
+                                const std::string& original_model, const Text& request_id,
                                 const std::optional<Instance<Contract>>& contract,
                                 const std::optional<Instance<MapeKTrace>>& trace,
                                 std::optional<double> call_start, const nb::kwargs& options) {
   FailoverRequest request;
-  request.prompt_length = text_length(prompt);
-  if (model) request.model = to_utf8(*model);
+  request.call.request_id = to_utf8(request_id);
+  request.call.prompt_length = text_length(prompt);
+  if (model) request.call.model = to_utf8(*model);
   request.failed_provider = failed_provider;
   request.diagnosis = *diag;
   CallFacts& facts = request.facts;
@@ -133,7 +113,7 @@ OperationPtr failover_operation(nb::handle engine, const Text& prompt,
   if (const nb::handle kind = entry(options, "api_type"_key)) {
     convert_argument<Text>(kind, "api_type");
   }
-  return std::make_unique<FailoverOperation>(engine, prompt, contract, std::move(request), diag,
+  return std::make_unique<FailoverOperation>(caller, prompt, contract, std::move(request), diag,
                                              object_or_none(trace), options);
 }
 

@@ -8,6 +8,8 @@
 namespace tarvomeldric::host {
 namespace {
 
+constexpr long kRequestTimeout = 408;
+
 // The decoded body of that very attempt when the native exchange made it. Healed calls carry none.
 nb::object raw_response_of(const CallState& state, const CallAnswered& answered) {
   if (answered.fault) return nb::none();
@@ -23,40 +25,63 @@ nb::object result_of(CallState& state, CallAnswered& answered) {
   CallResult result;
   result.text = state.answer;
   result.raw_response = raw_response_of(state, answered);
+  result.response = state.response;
+  result.attempts = ShownLate(std::move(state.attempts));
   result.fault = fault_of(state, answered);
   result.answer = std::move(answered.answer);
   if (result.answer.validation_passed) {
     result.contract_result = call(state.verdict.attr("to_dict"));
   }
-  if (answered.trace) result.mapek_trace = ResultTrace(std::move(*answered.trace));
+  if (answered.trace) result.mapek_trace = ShownLate(std::move(*answered.trace));
   return nb::cast(std::move(result));
 }
 
-// A fresh error for a call that ended in something else than a provider's own error.
+// Calls on the engine itself are refused with a RuntimeError and nothing finer.
+PyObject* refusal_type(const CallState& state, CallFailed::Kind kind) {
+  if (!state.policy.is_valid()) return PyExc_RuntimeError;
+  switch (kind) {
+    case CallFailed::Kind::kNoProvider:
+      return error_types.no_provider;
+    case CallFailed::Kind::kBusy:
+      return error_types.providers_busy;
+    default:
+      return error_types.all_providers_failed;
+  }
+}
+
+// A fresh error for a call that ended in something else than the newest error on the way.
 nb::object error_of(const CallState& state, const CallFailed& failed) {
   const nb::str message = from_utf8(failed.message);
   switch (failed.kind) {
     case CallFailed::Kind::kOutOfBounds:
       return call(error_types.boundary_violation, message, "domain"_a = from_utf8(failed.domain),
                   "reason"_a = from_utf8(failed.reason));
-    case CallFailed::Kind::kContract: {
-      const std::string verdict = text_form(call(state.verdict.attr("to_dict")));
-      return call(error_types.contract_violation, from_utf8(failed.message + verdict),
-                  "contract_result"_a = state.verdict);
-    }
     case CallFailed::Kind::kDrift:
       return call(error_types.contract_violation, message);
+    case CallFailed::Kind::kDeadline: {
+      const std::string seconds = text_form(number(*state.asked_policy().deadline_s));
+      return call(error_types.deadline_exceeded, from_utf8("Deadline of " + seconds + "s exceeded"),
+                  kRequestTimeout);
+    }
     default:
-      return call(PyExc_RuntimeError, message);
+      return call(refusal_type(state, failed.kind), message);
   }
 }
 
-// What was made here names the newest provider's error as its cause; that one is raised as it is.
-[[noreturn]] void raise_failure(const CallState& state, const CallFailed& failed) {
-  if (failed.kind == CallFailed::Kind::kProviderError) raise_object(state.error);
-  const nb::object error = error_of(state, failed);
-  if (state.error.is_valid()) {
-    PyException_SetCause(error.ptr(), nb::object(state.error).release().ptr());
+// Through a view, an error that was made here tells of the requests; one that a replacement of the
+// execution raised travels as it is.
+[[noreturn]] void raise_failure(CallState& state, const CallFailed& failed) {
+  nb::object error = state.error;
+  bool own = state.own_error;
+  if (failed.kind != CallFailed::Kind::kNewestError) {
+    error = error_of(state, failed);
+    own = true;
+    if (state.error.is_valid()) {
+      PyException_SetCause(error.ptr(), nb::object(state.error).release().ptr());
+    }
+  }
+  if (own && state.policy.is_valid()) {
+    error.attr("attempts") = shown_form(state.attempts);
   }
   raise_object(error);
 }

@@ -45,7 +45,7 @@ std::string unknown_provider(const std::string& name) {
 
 struct Engine::HeldObjects
     : Held<&Engine::http_pool, &Engine::sync_client_pool, &Engine::last_raw_response,
-           &Engine::telemetry, &Engine::clients_> {};
+           &Engine::telemetry, &Engine::observations, &Engine::clients_> {};
 
 ProviderPtr preset_record(std::string_view name, std::string_view base_url, const Keys& api_keys) {
   ProviderFields fields;

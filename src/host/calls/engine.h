@@ -82,6 +82,9 @@ class Engine : public Parts {
 
   Any telemetry_collector();
 
+  // Tells the listener of what happens in calls, until the handle is closed.
+  Annotated<"Observation"> observe(const Any& listener);
+
   // Adds to a counter of the engine, or to an attribute of the caller's own.
   void inc_counter(const std::string& name, std::int64_t value);
   Figures stats();
@@ -95,6 +98,7 @@ class Engine : public Parts {
   DictOf<"dict[str, typing.Any]"> sync_client_pool;
   Any last_raw_response = nb::none();
   Any telemetry = nb::none();
+  nb::object observations = nb::tuple();  // replaced, never changed
   EngineCounters counters;
   Mutex pool_lock;
   Mutex sync_client_lock;

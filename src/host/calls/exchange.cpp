@@ -1,5 +1,7 @@
 #include "host/calls/exchange.h"
 
+#include <cmath>
+
 #include "host/calls/engine.h"
 #include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
@@ -7,6 +9,7 @@
 #include "host/records/views.h"
 #include "providers/limits.h"
 #include "providers/request_shape.h"
+#include "support/clock.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -15,7 +18,7 @@ constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
 
 using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
-                     &Exchange::timeout, &Exchange::decoded>;
+                     &Exchange::timeout, &Exchange::report, &Exchange::reply, &Exchange::decoded>;
 
 nb::dict header_dict(const Endpoint& endpoint) {
   nb::dict headers;
@@ -79,12 +82,15 @@ nb::object answer_in(RequestKind kind, nb::handle reply) {
   return item(item(first(item(reply, "choices")), "message"), "content");
 }
 
-nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
-  const long status = nb::cast<long>(reply[0]);
-  if (status != kOk) {
-    raise_api_error(status_message(status, to_utf8(reply[1])), status);
-  }
-  exchange.decoded = reply[1];
+void check_status(const Exchange& exchange) {
+  const long status = nb::cast<long>(exchange.reply.attr("status"));
+  if (status == kOk) return;
+  raise_api_error(status_message(status, to_utf8(exchange.reply.attr("body"))), status);
+}
+
+nb::object read_reply(Engine& engine, Exchange& exchange) {
+  check_status(exchange);
+  exchange.decoded = exchange.reply.attr("body");
   engine.last_raw_response = exchange.decoded;
   return as_answer(answer_in(request_kind(exchange.api_type), exchange.decoded));
 }
@@ -95,12 +101,17 @@ nb::object read_reply(Engine& engine, Exchange& exchange, nb::handle reply) {
                                 bool asynchronous) {
   if (!failure.matches(PyExc_Exception) || failure.matches(error_types.api)) throw;
   if (nb::cast<bool>(call(Helper::kIsTimeout, failure.value(), asynchronous))) {
-    raise_api_error(timeout_message(text_form(exchange.timeout), exchange.endpoint.name),
-                    kRequestTimeout);
+    raise_timeout(exchange.timeout, exchange.limit_s, exchange.endpoint.name);
   }
-  const std::string type = to_utf8(failure.type().attr("__name__"));
-  raise_api_error(type + ": " + shown_failure(text_form(failure.value()), exchange.endpoint),
-                  std::nullopt);
+  raise_api_error(failure_message(failure.value(), exchange.endpoint), std::nullopt);
+}
+
+// The pooled client of the running loop.
+Task<void> find_client(Engine& engine, Exchange& exchange, Suspension& suspension) {
+  exchange.client = engine.find_session(exchange.endpoint.name);
+  if (!exchange.client.is_none()) co_return;
+  PythonAwait session(suspension, engine.session(exchange.endpoint.name));
+  exchange.client = co_await session;
 }
 
 }  // namespace
@@ -120,12 +131,41 @@ int Exchange::traverse(visitproc visit, void* arg) { return Objects::traverse(*t
 
 void Exchange::clear() { Objects::clear(*this); }
 
+// Not a static that is initialised: others may run while the module is imported.
+nb::handle report_variable() {
+  static PyObject* variable = nullptr;
+  if (!variable) {
+    PyObject* found = helper(Helper::kSeamReport).release().ptr();
+    if (!variable) variable = found;
+  }
+  return variable;
+}
+
+void Exchange::report_to_replacement(nb::handle engine) {
+  PyObject* found = nullptr;
+  if (PyContextVar_Get(report_variable().ptr(), Py_None, &found) < 0) throw nb::python_error();
+  nb::object current = nb::steal(found);
+  if (!PyDict_Check(current.ptr()) || !entry(current, "engine"_key).is(engine)) return;
+  report = std::move(current);
+  const nb::handle end = entry(report, "end"_key);
+  if (end) bound(nb::cast<double>(end) - system_clock().monotonic());
+}
+
+void Exchange::bound(double seconds) {
+  limit_s = seconds;
+  end_s_ = system_clock().monotonic() + seconds;
+}
+
+nb::object Exchange::left() const {
+  return limit_s == kUnlimited ? nb::none() : number(end_s_ - system_clock().monotonic());
+}
+
 nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
   try {
     const nb::object client = engine.sync_client(exchange.endpoint.name);
-    const nb::object reply = call(Helper::kPost, client, exchange.url, exchange.body,
-                                  exchange.headers, exchange.timeout);
-    return read_reply(engine, exchange, reply);
+    exchange.reply = call(Helper::kPost, client, exchange.url, exchange.body, exchange.headers,
+                          exchange.timeout, exchange.left(), exchange.report);
+    return read_reply(engine, exchange);
   } catch (nb::python_error& failure) {
     raise_failure(failure, exchange, false);
   }
@@ -133,18 +173,55 @@ nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
 
 Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension) {
   try {
-    exchange.client = engine.find_session(exchange.endpoint.name);
-    if (exchange.client.is_none()) {
-      PythonAwait session(suspension, engine.session(exchange.endpoint.name));
-      exchange.client = co_await session;
-    }
-    PythonAwait posting(suspension, call(Helper::kPostAwaited, exchange.client, exchange.url,
-                                         exchange.body, exchange.headers, exchange.timeout));
-    const nb::object reply = co_await posting;
-    co_return read_reply(engine, exchange, reply);
+    co_await find_client(engine, exchange, suspension);
+    PythonAwait posting(suspension,
+                        call(Helper::kPostAwaited, exchange.client, exchange.url, exchange.body,
+                             exchange.headers, exchange.timeout, exchange.left(), exchange.report));
+    exchange.reply = co_await posting;
+    co_return read_reply(engine, exchange);
   } catch (nb::python_error& failure) {
     raise_failure(failure, exchange, true);
   }
+}
+
+nb::object open_blocking(Engine& engine, Exchange& exchange, nb::handle settings, bool whole) {
+  try {
+    const nb::object client = engine.sync_client(exchange.endpoint.name);
+    exchange.reply = call(Helper::kOpenStream, client, exchange.url, exchange.body,
+                          exchange.headers, settings, exchange.left(), whole);
+    check_status(exchange);
+    return exchange.reply.attr("stream").attr("text");
+  } catch (nb::python_error& failure) {
+    raise_failure(failure, exchange, false);
+  }
+}
+
+Task<nb::object> open_awaited(Engine& engine, Exchange& exchange, nb::handle settings, bool whole,
+                              Suspension& suspension) {
+  try {
+    co_await find_client(engine, exchange, suspension);
+    PythonAwait opening(
+        suspension, call(Helper::kOpenStreamAwaited, exchange.client, exchange.url, exchange.body,
+                         exchange.headers, settings, exchange.left(), whole));
+    exchange.reply = co_await opening;
+    check_status(exchange);
+    co_return exchange.reply.attr("stream").attr("text");
+  } catch (nb::python_error& failure) {
+    raise_failure(failure, exchange, true);
+  }
+}
+
+std::string failure_message(nb::handle failure, const Endpoint& endpoint) {
+  const std::string type = to_utf8(failure.type().attr("__name__"));
+  return type + ": " + shown_failure(text_form(failure), endpoint);
+}
+
+void raise_timeout(nb::handle timeout, double limit_s, const std::string& provider) {
+  double seconds = 0.0;
+  const bool own =
+      limit_s == kUnlimited || (Convert<double>::from(timeout, seconds) && seconds <= limit_s);
+  const nb::object over = own ? nb::borrow(timeout) : number(std::round(limit_s * 1e3) / 1e3);
+  raise_api_error(timeout_message(text_form(over), provider), kRequestTimeout);
 }
 
 nb::object as_answer(nb::handle answer) {

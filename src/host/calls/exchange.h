@@ -23,7 +23,10 @@ struct Exchange {
   nb::object headers = nb::none();
   nb::object body = nb::none();
   nb::object timeout = nb::none();
-  nb::object decoded = nb::none();  // the reply's body, once it is there
+  nb::object report = nb::none();   // where what is received is told, if anywhere
+  nb::object reply = nb::none();    // the package's AttemptContext, once it is over
+  nb::object decoded = nb::none();  // the answer's body, once it is there
+  double limit_s = kUnlimited;      // seconds, beside the request's own time-out
 
   // `extra` are the keyword options of the call; all of them but `api_type` go into the body. A
   // streamed request is one of a chat, whatever its kind.
@@ -31,8 +34,20 @@ struct Exchange {
            nb::handle extra, Delivery delivery = Delivery::kWhole);
   Exchange() = default;
 
+  // Tells what it receives to whoever waits for the replacement of this engine's execution below
+  // which it is made, and keeps within their limit; does nothing elsewhere.
+  void report_to_replacement(nb::handle engine);
+
+  // Who waits for the exchange waits so long from now, and no longer.
+  void bound(double seconds);
+  // What is left of that; None when there is no bound.
+  nb::object left() const;
+
   int traverse(visitproc visit, void* arg);
   void clear();
+
+ private:
+  double end_s_ = kUnlimited;  // monotonic, seconds
 };
 
 // Sends the request and waits; the provider's answer, text or None. Every failure of the exchange
@@ -40,6 +55,22 @@ struct Exchange {
 nb::object exchange_blocking(Engine& engine, Exchange& exchange);
 // The same, awaited. `engine` and `exchange` outlive the task.
 Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension);
+
+// The same for an answer that is streamed, as far as the first output, or to its end where the
+// whole is wanted: the text so far. The rest is in the exchange's reply. `settings` are those of
+// the package's own stream.
+nb::object open_blocking(Engine& engine, Exchange& exchange, nb::handle settings, bool whole);
+Task<nb::object> open_awaited(Engine& engine, Exchange& exchange, nb::handle settings, bool whole,
+                              Suspension& suspension);
+
+// What may be shown of a failure: its type, and its text where that holds no secret.
+std::string failure_message(nb::handle failure, const Endpoint& endpoint);
+
+// An attempt took longer than its time-out, or than the limit in seconds where that is shorter.
+[[noreturn]] void raise_timeout(nb::handle timeout, double limit_s, const std::string& provider);
+
+// The context variable that stands on the report while a replacement runs.
+nb::handle report_variable();
 
 // A provider's answer as the text it is handed on as: an answer that is neither text nor None
 // becomes its JSON text.

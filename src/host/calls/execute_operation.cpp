@@ -12,8 +12,12 @@ class ExecuteOperation final : public Operation {
   ExecuteOperation(nb::handle engine, Exchange exchange)
       : engine_(nb::borrow(engine)), exchange_(std::move(exchange)) {}
 
-  nb::object run_blocking() override { return exchange_blocking(native(), exchange_); }
+  nb::object run_blocking() override {
+    exchange_.report_to_replacement(engine_);
+    return exchange_blocking(native(), exchange_);
+  }
   Task<nb::object> run(Suspension& suspension) override {
+    exchange_.report_to_replacement(engine_);
     return exchange_awaited(native(), exchange_, suspension);
   }
   int traverse(visitproc visit, void* arg) override {
@@ -34,11 +38,11 @@ class ExecuteOperation final : public Operation {
 
 }  // namespace
 
-OperationPtr execute_operation(nb::handle engine, const Instance<ProviderConfig>& cfg,
+OperationPtr execute_operation(const Caller& caller, const Instance<ProviderConfig>& cfg,
                                const Text& prompt, const Text& model, const Text& api_type,
                                const nb::kwargs& extra) {
   return std::make_unique<ExecuteOperation>(
-      engine, Exchange(*cfg, prompt, model, to_utf8(api_type), extra));
+      caller.engine, Exchange(*cfg, prompt, model, to_utf8(api_type), extra));
 }
 
 nb::object execute_stream(nb::handle engine, const Instance<ProviderConfig>& cfg,

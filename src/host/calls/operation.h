@@ -19,20 +19,34 @@ class Operation : public CoroutineWork {
 };
 using OperationPtr = std::unique_ptr<Operation>;
 
+// On what a call was made: the engine, or a view of it with a policy, which is null otherwise.
+struct Caller {
+  nb::handle engine;
+  nb::handle policy = {};
+};
+
 // One pass of the loop: a CallResult.
-OperationPtr call_operation(nb::handle engine, const Text& prompt, const std::optional<Text>& model,
-                            const Text& task_type, bool has_schema,
-                            std::optional<SemanticDomain> semantic_domain,
+OperationPtr call_operation(const Caller& caller, const Text& prompt,
+                            const std::optional<Text>& model, const Text& task_type,
+                            bool has_schema, std::optional<SemanticDomain> semantic_domain,
                             const std::optional<Instance<Contract>>& contract, const Text& api_type,
                             const nb::kwargs& options);
 
+// One pass of the loop, as far as the first output of a streamed answer: the CallResult, the rest
+// of the stream, and its StreamLease. `settings` are those of the package's own stream.
+OperationPtr stream_operation(const Caller& caller, const Any& settings, const Text& prompt,
+                              const std::optional<Text>& model, const Text& task_type,
+                              bool has_schema, std::optional<SemanticDomain> semantic_domain,
+                              const std::optional<Instance<Contract>>& contract,
+                              const Text& api_type, const nb::kwargs& options);
+
 // One request to one provider, without a call around it: the answer's text, or None.
-OperationPtr execute_operation(nb::handle engine, const Instance<ProviderConfig>& cfg,
+OperationPtr execute_operation(const Caller& caller, const Instance<ProviderConfig>& cfg,
                                const Text& prompt, const Text& model, const Text& api_type,
                                const nb::kwargs& extra);
 
 // A failover that Python code starts by hand: a CallResult.
-OperationPtr failover_operation(nb::handle engine, const Text& prompt,
+OperationPtr failover_operation(const Caller& caller, const Text& prompt,
                                 const std::optional<Text>& model,
                                 const std::string& failed_provider, const Instance<Diagnosis>& diag,
                                 const Instance<SemanticClassification>& sem_class,

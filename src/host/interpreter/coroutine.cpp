@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "host/interpreter/errors.h"
+#include "host/interpreter/helpers.h"
 #include "host/interpreter/recursion.h"
 
 namespace tarvomeldric::host {
@@ -57,8 +58,12 @@ nb::object exception_of(nb::handle type, nb::handle value, nb::handle traceback)
 
 }  // namespace
 
-PythonAwait::PythonAwait(Suspension& suspension, nb::handle awaitable) : suspension_(suspension) {
+PythonAwait::PythonAwait(Suspension& suspension, nb::handle awaitable, ContextValue context,
+                         double end_s)
+    : suspension_(suspension) {
   suspension_.awaiting = iterator_of(awaitable);
+  suspension_.context = context;
+  suspension_.end_s = end_s;
 }
 
 nb::object PythonAwait::await_resume() const {
@@ -89,7 +94,22 @@ Coroutine::~Coroutine() {
       PyErr_WriteUnraisable(nullptr);
     }
   }
+  abandon();
   finish();
+}
+
+// Tells the work of a coroutine that will not go on.
+void Coroutine::abandon() {
+  if (stage_ != Stage::kStarted) return;
+  stage_ = Stage::kFinished;
+  if (!work_) return;
+  error_scope keep;
+  try {
+    work_->dropped();
+  } catch (...) {
+    set_error(std::current_exception());
+    PyErr_WriteUnraisable(nullptr);
+  }
 }
 
 bool Coroutine::may_run() {
@@ -126,8 +146,7 @@ PySendResult Coroutine::send(PyObject* value, PyObject** out) {
     if (started != PYGEN_NEXT) return started;
   }
   PyObject* yielded = nullptr;
-  const PySendResult reply =
-      host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), value, &yielded); });
+  const PySendResult reply = send_awaited(value, &yielded);
   return feed(reply, yielded, out);
 }
 
@@ -147,14 +166,43 @@ PySendResult Coroutine::throw_in(nb::handle type, nb::handle value, nb::handle t
   return throw_into_awaited(exception, out);
 }
 
+PySendResult Coroutine::send_awaited(PyObject* value, PyObject** out) {
+  std::optional<ContextScope> scope;
+  try {
+    scope.emplace(suspension_.context);
+  } catch (nb::python_error& error) {
+    // What has not begun is closed, lest Python warn of it.
+    quietly([&] { call(suspension_.awaiting.attr("close")); });
+    error.restore();
+    return PYGEN_ERROR;
+  }
+  return host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), value, out); });
+}
+
+// Puts what bounds the awaited operation in its place, and starts that: what it waits for first is
+// what the operation waits for.
+PySendResult Coroutine::bound_awaited(PyObject** waited) {
+  const nb::object first = nb::steal(std::exchange(*waited, nullptr));
+  const double end_s = std::exchange(suspension_.end_s, kUnlimited);
+  try {
+    suspension_.awaiting = call(Helper::kAtMost, suspension_.awaiting, first, end_s);
+  } catch (nb::python_error& error) {
+    error.restore();
+    return PYGEN_ERROR;
+  }
+  return send_awaited(Py_None, waited);
+}
+
 // The awaited operation hears of it first; what it makes of it is what the task gets. A
 // GeneratorExit closes it instead, and so does anything thrown at what cannot be thrown at.
 PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out) {
   const nb::object awaited = suspension_.awaiting;
+  const ContextValue context = suspension_.context;
   const auto raise = [&] { PyErr_SetObject(exception.type().ptr(), exception.ptr()); };
   if (PyErr_GivenExceptionMatches(exception.ptr(), PyExc_GeneratorExit) || !has(awaited, "throw")) {
     bool closed = true;
     if (has(awaited, "close")) {
+      const ContextScope scope(context);
       closed = host_call([&] {
         return nb::steal(PyObject_CallMethod(awaited.ptr(), "close", nullptr)).is_valid();
       });
@@ -162,8 +210,12 @@ PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out)
     if (closed) raise();
     return feed(PYGEN_ERROR, nullptr, out);
   }
-  PyObject* yielded =
-      host_call([&] { return PyObject_CallMethod(awaited.ptr(), "throw", "O", exception.ptr()); });
+  PyObject* yielded = nullptr;
+  {
+    const ContextScope scope(context);
+    yielded = host_call(
+        [&] { return PyObject_CallMethod(awaited.ptr(), "throw", "O", exception.ptr()); });
+  }
   if (yielded) return feed(PYGEN_NEXT, yielded, out);
   if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return feed(PYGEN_ERROR, nullptr, out);
   const nb::python_error stop;
@@ -174,6 +226,7 @@ PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out)
 // or the task is over.
 PySendResult Coroutine::feed(PySendResult reply, PyObject* value, PyObject** out) {
   for (;;) {
+    if (reply == PYGEN_NEXT && suspension_.end_s != kUnlimited) reply = bound_awaited(&value);
     if (reply == PYGEN_NEXT) {
       *out = value;
       return PYGEN_NEXT;
@@ -187,7 +240,7 @@ PySendResult Coroutine::feed(PySendResult reply, PyObject* value, PyObject** out
     const PySendResult settled = settle(out);
     if (settled != PYGEN_NEXT) return settled;
     value = nullptr;
-    reply = host_call([&] { return PyIter_Send(suspension_.awaiting.ptr(), Py_None, &value); });
+    reply = send_awaited(Py_None, &value);
   }
 }
 
@@ -237,7 +290,7 @@ void Coroutine::finish() {
 
 // Also the garbage collector's way: what it has cleared cannot go on.
 void Coroutine::clear() {
-  if (stage_ == Stage::kStarted) stage_ = Stage::kFinished;
+  abandon();
   suspension_.waiter = {};
   end({std::move(work_), std::exchange(task_, std::nullopt), std::move(suspension_.awaiting),
        std::move(suspension_.value)});

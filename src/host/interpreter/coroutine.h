@@ -1,28 +1,37 @@
 #pragma once
 
 #include <coroutine>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string_view>
 
+#include "host/interpreter/context.h"
 #include "host/interpreter/python.h"
 #include "support/task.h"
 
 namespace tarvomeldric::host {
 
+inline constexpr double kUnlimited = std::numeric_limits<double>::infinity();
+
 // The one operation that a suspended coroutine waits for: the Python iterator that is being driven,
-// then its value or its error.
+// then its value or its error. `context` is set while the iterator runs.
 struct Suspension {
   std::coroutine_handle<> waiter;
   nb::object awaiting;
+  ContextValue context;
+  double end_s = kUnlimited;  // monotonic, seconds
   nb::object value;
   std::optional<nb::python_error> error;
 };
 
-// Suspends the task until the Python awaitable is done; gives its value or throws its error.
+// Suspends the task until the Python awaitable is done; gives its value or throws its error. One
+// that is not over by its end (monotonic seconds) is cancelled; then the value is NotImplemented.
+// What the context holds outlives it.
 class PythonAwait {
  public:
-  PythonAwait(Suspension& suspension, nb::handle awaitable);
+  PythonAwait(Suspension& suspension, nb::handle awaitable, ContextValue context = {},
+              double end_s = kUnlimited);
   bool await_ready() const noexcept { return false; }
   void await_suspend(std::coroutine_handle<> waiter) const noexcept { suspension_.waiter = waiter; }
   nb::object await_resume() const;
@@ -37,6 +46,8 @@ class CoroutineWork {
  public:
   virtual ~CoroutineWork() = default;
   virtual Task<nb::object> run(Suspension& suspension) = 0;
+  // The coroutine was dropped where it waited. What it held is still there; the task ends next.
+  virtual void dropped() {}
   virtual int traverse(visitproc visit, void* arg) = 0;
   virtual void clear() = 0;
 };
@@ -79,8 +90,11 @@ class Coroutine {
   bool may_run();
   PySendResult settle(PyObject** out);
   PySendResult feed(PySendResult reply, PyObject* value, PyObject** out);
+  PySendResult send_awaited(PyObject* value, PyObject** out);
+  PySendResult bound_awaited(PyObject** waited);
   PySendResult throw_into_awaited(nb::handle exception, PyObject** out);
   void resume();
+  void abandon();
   void finish();
   static void end(Holdings holdings);
 

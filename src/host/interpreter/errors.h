@@ -12,6 +12,11 @@ namespace tarvomeldric::host {
 // The module's own error types, made when it loads; they live as long as the interpreter.
 struct ErrorTypes {
   PyObject* api = nullptr;
+  PyObject* deadline_exceeded = nullptr;
+  PyObject* stream_interrupted = nullptr;
+  PyObject* no_provider = nullptr;
+  PyObject* providers_busy = nullptr;
+  PyObject* all_providers_failed = nullptr;
   PyObject* contract_violation = nullptr;
   PyObject* boundary_violation = nullptr;
 };

@@ -25,8 +25,13 @@ std::string default_text(const Field& field, void* defaults) {
 }  // namespace
 
 void assign_field(const char* class_name, void* fields, const Field& field, nb::handle value) {
-  if (!field.set(fields, value)) {
-    refuse_argument(std::string(class_name) + "." + field.name, field.type.c_str(), value);
+  const std::string name = std::string(class_name) + "." + field.name;
+  try {
+    if (!field.set(fields, value)) refuse_argument(name, field.type.c_str(), value);
+  } catch (nb::python_error& error) {
+    if (!error.matches(PyExc_OverflowError)) throw;
+    PyErr_SetString(PyExc_OverflowError, (name + " is too large").c_str());
+    throw nb::python_error();
   }
 }
 
@@ -102,6 +107,27 @@ nb::object RecordTable::reduce(PyObject* self) const {
   return nb::make_tuple(object.type(), nb::tuple(values), state);
 }
 
+void RecordTable::restore(nb::handle self, nb::handle state) const {
+  nb::object attributes = nb::borrow(state);
+  if (PyTuple_Check(state.ptr())) {
+    attributes = item(state, nb::int_(0));
+    for (auto [key, value] : nb::borrow<nb::dict>(item(state, nb::int_(1)))) {
+      const auto field = std::ranges::find(beside, to_utf8(key), &Field::name);
+      if (field != beside.end()) assign_field(name, locate(self.ptr()), *field, value);
+    }
+  }
+  if (!attributes.is_none()) call(self.attr("__dict__").attr("update"), attributes);
+}
+
+Py_hash_t RecordTable::hash(PyObject* self) const {
+  nb::list values;
+  for (const Field& field : fields) values.append(field.plain(locate(self)));
+  const nb::tuple all(values);
+  const Py_hash_t hash = host_call([&] { return PyObject_Hash(all.ptr()); });
+  if (hash == -1) throw nb::python_error();
+  return hash;
+}
+
 nb::dict RecordTable::dict(void* record) const {
   nb::dict entries;
   for (const Field& field : fields) {
@@ -126,12 +152,18 @@ int RecordTable::traverse(PyObject* self, visitproc visit, void* arg) const {
     if (!field.traverse) continue;
     if (const int stop = field.traverse(locate(self), visit, arg)) return stop;
   }
+  for (const Field& field : beside) {
+    if (const int stop = field.traverse(locate(self), visit, arg)) return stop;
+  }
   return 0;
 }
 
 int RecordTable::clear(PyObject* self) const {
   if (!nb::inst_ready(self)) return 0;
   for (const Field& field : fields) {
+    if (field.drop) field.drop(locate(self));
+  }
+  for (const Field& field : beside) {
     if (field.drop) field.drop(locate(self));
   }
   return 0;

@@ -151,6 +151,9 @@ struct RecordTable {
   nb::object repr(PyObject* self) const;
   nb::object equals(PyObject* self, PyObject* other) const;
   nb::object reduce(PyObject* self) const;
+  // Takes back what `reduce` gave beside the constructor's arguments.
+  void restore(nb::handle self, nb::handle state) const;
+  Py_hash_t hash(PyObject* self) const;
   // The fields whose names do not begin with an underscore, as a fresh dictionary.
   nb::dict dict(void* fields) const;
   // Makes one from a dictionary: unknown keys are left out, missing ones are the constructor's

@@ -16,15 +16,14 @@ std::string shown_text(const nb::object& text) {
 
 }  // namespace
 
-// Making the dictionary may run the garbage collector, and with it code that asks for the same
-// trace.
-nb::object ResultTrace::shown() const {
-  if (const auto trace = trace_) {
-    nb::dict dict = record_table<MapeKTrace>->dict(const_cast<MapeKTrace*>(trace.get()));
-    if (trace_) shown_ = std::move(dict);
-    trace_.reset();
-  }
-  return shown_;
+nb::object shown_form(const MapeKTrace& trace) {
+  return record_table<MapeKTrace>->dict(const_cast<MapeKTrace*>(&trace));
+}
+
+nb::object shown_form(const std::vector<AttemptRecord>& attempts) {
+  nb::list records;
+  for (const AttemptRecord& attempt : attempts) records.append(nb::cast(attempt));
+  return nb::tuple(records);
 }
 
 std::string summary(const CallResult& result) {

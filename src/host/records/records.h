@@ -4,9 +4,12 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "diagnosis/diagnoser.h"
+#include "engine/events.h"
 #include "engine/outcome.h"
+#include "engine/policy.h"
 #include "engine/trace.h"
 #include "flywheel/learner.h"
 #include "host/records/convert.h"
@@ -16,26 +19,38 @@
 
 namespace tarvomeldric::host {
 
-// The trace of a result. It is turned into a dictionary when it is asked for, which few callers do.
-class ResultTrace {
- public:
-  ResultTrace() = default;
-  explicit ResultTrace(MapeKTrace trace)
-      : trace_(std::make_shared<const MapeKTrace>(std::move(trace))) {}
-  explicit ResultTrace(nb::object given) : shown_(std::move(given)) {}
+// A trace as a dictionary, requests as a tuple.
+nb::object shown_form(const MapeKTrace& trace);
+nb::object shown_form(const std::vector<AttemptRecord>& attempts);
 
-  // The dictionary, or what was assigned in its place; the same object each time.
-  nb::object shown() const;
+// A part of a result that becomes a Python object when it is asked for, which few callers do.
+template <class T>
+class ShownLate {
+ public:
+  ShownLate() = default;
+  explicit ShownLate(T part) : part_(std::make_shared<const T>(std::move(part))) {}
+  explicit ShownLate(nb::object given) : shown_(std::move(given)) {}
+
+  // The same object each time, or what was assigned in its place. Making it may run the garbage
+  // collector, and with it code that asks for the same part.
+  nb::object shown() const {
+    if (const auto part = part_) {
+      nb::object made = shown_form(*part);
+      if (part_) shown_ = std::move(made);
+      part_.reset();
+    }
+    return shown_;
+  }
 
   // For the garbage collector: what has not been asked for holds no Python object.
-  friend int visit_python(const ResultTrace& trace, visitproc visit, void* arg) {
-    Py_VISIT(trace.shown_.ptr());
+  friend int visit_python(const ShownLate& late, visitproc visit, void* arg) {
+    Py_VISIT(late.shown_.ptr());
     return 0;
   }
-  friend void drop(ResultTrace& trace) { drop(trace.shown_); }
+  friend void drop(ShownLate& late) { drop(late.shown_); }
 
  private:
-  mutable std::shared_ptr<const MapeKTrace> trace_;  // until it is shown
+  mutable std::shared_ptr<const T> part_;  // until it is shown
   mutable nb::object shown_ = nb::none();
 };
 
@@ -46,8 +61,11 @@ struct CallResult {
   nb::object text = nb::none();
   nb::object fault = nb::none();
   nb::object contract_result = nb::none();
-  ResultTrace mapek_trace;
+  ShownLate<MapeKTrace> mapek_trace;
   nb::object raw_response = nb::none();
+  ShownLate<std::vector<AttemptRecord>> attempts;  // oldest first
+  std::optional<double> ttft_ms;                   // of a streamed answer
+  nb::object response = nb::none();                // the decoded body of the attempt that answered
 };
 
 // The one-line summary of a result.
@@ -104,15 +122,63 @@ constexpr auto python_name(Named<MapeKTrace>) { return const_name("MapeKTrace");
 constexpr auto python_name(Named<CallResult>) { return const_name("CallResult"); }
 constexpr auto python_name(Named<RecoveryAction>) { return const_name("RecoveryAction"); }
 constexpr auto python_name(Named<Contract>) { return const_name("Contract"); }
+constexpr auto python_name(Named<CallPolicy>) { return const_name("CallPolicy"); }
+constexpr auto python_name(Named<RetryBudget>) { return const_name("RetryBudget"); }
+constexpr auto python_name(Named<AttemptRecord>) { return const_name("Attempt"); }
+constexpr auto python_name(Named<AttemptEvent>) { return const_name("AttemptEvent"); }
+constexpr auto python_name(Named<FaultEvent>) { return const_name("FaultEvent"); }
+constexpr auto python_name(Named<SleepEvent>) { return const_name("SleepEvent"); }
+constexpr auto python_name(Named<RefusalEvent>) { return const_name("RefusalEvent"); }
+constexpr auto python_name(Named<BreakerEvent>) { return const_name("BreakerEvent"); }
+constexpr auto python_name(Named<HealEvent>) { return const_name("HealEvent"); }
+constexpr auto python_name(Named<EndEvent>) { return const_name("EndEvent"); }
 
+// A choice that Python writes as one of a few words.
+template <class E, const auto& Words, Literal Field>
+struct ConvertWord {
+  static constexpr auto kName = const_name("str");
+  static bool from(nb::handle h, E& out) {
+    std::string text;
+    if (!Convert<std::string>::from(h, text)) return false;
+    std::string words;
+    for (std::size_t i = 0; i < Words.size(); ++i) {
+      if (text == Words[i]) {
+        out = static_cast<E>(i);
+        return true;
+      }
+      words += (i == 0 ? "'" : " or '") + std::string(Words[i]) + "'";
+    }
+    throw nb::value_error((Field.value + (" must be " + words)).c_str());
+  }
+  static nb::object to(E choice) { return from_utf8(Words[static_cast<std::size_t>(choice)]); }
+};
 template <>
-struct Convert<ResultTrace> {
-  static constexpr auto kName = const_name("dict[str, typing.Any] | typing.Any");
-  static bool from(nb::handle h, ResultTrace& out) {
-    out = ResultTrace(nb::borrow(h));
+struct Convert<AttemptOrder> : ConvertWord<AttemptOrder, kAttemptOrders, "order"> {};
+template <>
+struct Convert<Validation> : ConvertWord<Validation, kValidations, "validate"> {};
+
+// None stands for no budget.
+template <>
+struct Convert<std::shared_ptr<RetryBudget>> {
+  static constexpr auto kName = const_name("RetryBudget | None");
+  static bool from(nb::handle h, std::shared_ptr<RetryBudget>& out) {
+    out.reset();
+    if (h.is_none()) return true;
+    if (!is_made<RetryBudget>(h)) return false;
+    out = nb::cast<std::shared_ptr<RetryBudget>>(h);
     return true;
   }
-  static nb::object to(const ResultTrace& trace) { return trace.shown(); }
+  static nb::object to(const std::shared_ptr<RetryBudget>& budget) { return nb::cast(budget); }
+};
+
+template <class T>
+struct Convert<ShownLate<T>> {
+  static constexpr auto kName = const_name("dict[str, typing.Any] | typing.Any");
+  static bool from(nb::handle h, ShownLate<T>& out) {
+    out = ShownLate<T>(nb::borrow(h));
+    return true;
+  }
+  static nb::object to(const ShownLate<T>& late) { return late.shown(); }
 };
 
 // A category that is one of ours shows as its member, any other as the text it is.

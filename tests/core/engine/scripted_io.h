@@ -42,6 +42,7 @@ class ScriptedIo final : public Io {
   struct Play {
     std::optional<ApiFailure> failure;
     double seconds = 0.0;
+    bool empty = false;
   };
 
   ScriptedIo(ManualClock& clock, FlywheelLearner& learner) : clock_(clock), learner_(learner) {}
@@ -57,6 +58,12 @@ class ScriptedIo final : public Io {
   // Whether healed output holds the contract; no contract when empty.
   std::optional<bool> contract_holds;
   bool schema = false;
+  // The records of the requests, and the events told while `listening`.
+  std::vector<AttemptRecord> attempts;
+  bool listening = false;
+  std::vector<CallEvent> events;
+  // The message of an answer that was refused, while that is the newest error.
+  std::string refusal;
 
   // The call stands still at the given one of its waits, counted from 1, until it is resumed.
   void hold_at(std::size_t wait) { hold_at_ = wait; }
@@ -65,11 +72,16 @@ class ScriptedIo final : public Io {
     std::exchange(held_, nullptr).resume();
   }
 
-  Task<Attempt> execute(ProviderPtr provider, std::string model) override {
+  // A play that would take longer than the limit is a time-out at the limit.
+  Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) override {
     co_await wait_for(provider->name() + " " + model);
-    const Play play = next(script[provider->name()]);
+    Play play = next(script[provider->name()]);
+    if (play.seconds > terms.limit_s) {
+      play = {.failure = ApiFailure{"Timeout", 408}, .seconds = terms.limit_s};
+    }
     if (play.seconds > 0) clock_.advance(play.seconds);
-    co_return Attempt{.failure = play.failure, .answer_length = 2};
+    if (play.failure) refusal.clear();
+    co_return Attempt{.failure = play.failure, .answer_length = 2, .empty = play.empty};
   }
   Task<void> sleep(double seconds) override {
     co_await wait_for(told("sleep ", seconds));
@@ -91,6 +103,13 @@ class ScriptedIo final : public Io {
   bool has_contract() const override { return contract_holds.has_value(); }
   bool contract_has_schema() const override { return schema; }
   bool validate() override { return *contract_holds; }
+  void refuse_empty(const std::string& provider) override {
+    refusal = "Empty answer from " + provider;
+  }
+  void refuse_broken(const std::string& message) override { refusal = message; }
+  void keep(AttemptRecord attempt) override { attempts.push_back(std::move(attempt)); }
+  bool heard() const override { return listening; }
+  void tell(const CallEvent& event) override { events.push_back(event); }
   void report(const Recovery& healed) override {
     reports.push_back(told(healed.action, " of ", healed.fault_type, " (", healed.sub_category,
                            ") by ", healed.provider, " ", healed.model, " in ", healed.latency_ms,
@@ -149,7 +168,9 @@ struct World {
   std::string ask(const CallRequest& request = {.model = "gpt-4o"}) {
     outcome = run_blocking(run_call(request, engine(), io));
     if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
-      return failed->kind == CallFailed::Kind::kProviderError ? "the last error" : failed->message;
+      if (failed->kind == CallFailed::Kind::kDeadline) return "out of time";
+      if (failed->kind != CallFailed::Kind::kNewestError) return failed->message;
+      return io.refusal.empty() ? "the last error" : io.refusal;
     }
     const auto& [got, fault, trace] = answered();
     return told(got.heal_level.empty() ? "direct" : got.heal_level, " ", got.provider, " ",

@@ -1,0 +1,43 @@
+#include "engine/candidates.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "engine/selection.h"
+#include "providers/models.h"
+
+namespace tarvomeldric {
+
+std::vector<NamedProvider> Candidates::available(const Registry& registry) const {
+  std::vector<NamedProvider> available = available_providers(registry);
+  if (exact()) std::erase_if(available, [&](const auto& entry) { return !serves(entry); });
+  if (!ordered()) return available;
+  std::vector<NamedProvider> listed;
+  for (const std::string& name : *policy_.providers) {
+    const auto named = std::ranges::find(available, name, &NamedProvider::name);
+    if (named == available.end()) continue;
+    listed.push_back(std::move(*named));
+    available.erase(named);  // a name that is listed twice counts once
+  }
+  return listed;
+}
+
+// A provider that lists no models may serve any.
+bool Candidates::serves(const NamedProvider& candidate) const {
+  const std::vector<std::string> models = candidate.provider->models();
+  return models.empty() || std::ranges::find(models, model_) != models.end();
+}
+
+const NamedProvider& Candidates::pick(const std::vector<NamedProvider>& among) const {
+  return ordered() ? among.front() : pick_provider(model_, among);
+}
+
+const NamedProvider& Candidates::pick_next(const std::vector<NamedProvider>& among) const {
+  return ordered() ? among.front() : pick_fallback(among);
+}
+
+Target Candidates::target(const NamedProvider& at) const {
+  return {at.name, at.provider, exact() ? model_ : resolve_model(at.name, model_)};
+}
+
+}  // namespace tarvomeldric

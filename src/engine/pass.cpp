@@ -1,0 +1,191 @@
+#include "engine/pass.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "observability/metric_names.h"
+
+namespace tarvomeldric {
+namespace {
+
+// What is wrong with an answer that a provider gave in good health.
+Diagnosis bad_answer(const char* label) {
+  Diagnosis diagnosis;
+  diagnosis.category = FaultCategory::kValidationError;
+  diagnosis.confidence = 1.0;
+  diagnosis.should_retry = true;
+  diagnosis.sub_category = label;
+  return diagnosis;
+}
+
+}  // namespace
+
+bool is_bad_answer(const Diagnosis& fault) { return fault.sub_category.starts_with("answer:"); }
+
+const CallPolicy& default_policy() {
+  static const CallPolicy policy;
+  return policy;
+}
+
+Pass::Pass(const CallRequest& asked, Surroundings surroundings, Io& serving, CallFacts settled)
+    : request(asked),
+      engine(surroundings),
+      io(serving),
+      facts(std::move(settled)),
+      start_s(facts.start_s != 0 ? facts.start_s : engine.clock.monotonic()),
+      call_id(facts.trace ? facts.trace->request_id : asked.request_id.value_or("")),
+      state(*asked.policy, engine.clock, engine.random, start_s),
+      candidates(asked.model, *asked.policy) {}
+
+Task<std::optional<AdmittedSlot>> Pass::admit(const Target& target, double wait_s) {
+  std::optional<AdmittedSlot> slot;
+  if (may_pass(target)) {
+    slot = co_await tarvomeldric::admit(target.provider, io, std::min(wait_s, state.left_s()));
+  }
+  if (slot && policy().respect_breakers) keep_permit(target, slot);
+  if (!slot) tell<RefusalEvent>(target.name, "admission");
+  co_return slot;
+}
+
+// Whether waiting for a slot makes sense.
+bool Pass::may_pass(const Target& target) const {
+  return !policy().respect_breakers || CircuitBreaker::pass(target.provider->circuit_breaker());
+}
+
+// The breaker may have changed during the wait: what was admitted in vain is given back.
+void Pass::keep_permit(const Target& target, std::optional<AdmittedSlot>& slot) {
+  std::optional<ProbePermit> permit = CircuitBreaker::pass(target.provider->circuit_breaker());
+  if (permit) {
+    slot->keep(std::move(*permit));
+  } else {
+    slot.reset();
+    target.provider->rate_limiter()->refund();
+  }
+}
+
+Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
+  if (!state.take_request()) co_return std::nullopt;
+  judged_ = whole || !request.streamed;
+  Tried tried;
+  tried.start_s = engine.clock.monotonic();
+  const AttemptTerms terms{state.attempt_limit_s(), whole};
+  Attempt made = co_await io.execute(target.provider, target.model, terms);
+  const double duration_s = engine.clock.monotonic() - tried.start_s;
+  tried.latency_ms = duration_s * 1e3;
+  AttemptRecord record{target.name, target.model, tried.start_s - start_s,
+                       duration_s,  made.status,  std::nullopt};
+  if (made.ok()) {
+    if (!request.streamed) {
+      recording(target, [&] { target.provider->record_success(tried.latency_ms); });
+    }
+    judge(target, made, tried);
+    if (tried.refused) record.fault = tried.refused->sub_category;
+  } else {
+    ApiFailure& failure = tried.failure.emplace(std::move(*made.failure));
+    record.status = failure.status;
+    record.fault = fault_label_of(failure.text, failure.status);
+    tried.cut = state.cut_by_deadline();
+    if (tried.cut) state.stop_at_deadline();
+    if (failure.retry_after_s) target.provider->leave_alone(*failure.retry_after_s);
+  }
+  tell<AttemptEvent>(record);
+  io.keep(std::move(record));
+  co_return tried;
+}
+
+void Pass::settle(const Target& target, const Tried& tried, AdmittedSlot& slot) {
+  if (request.streamed && tried.ok()) {
+    io.hold(target.provider, std::move(slot));
+  } else {
+    slot.release();
+  }
+}
+
+bool Pass::judges_whole(bool elsewhere) const {
+  if (!request.streamed || !io.has_contract()) return false;
+  if (domain() == SemanticDomain::kStrongEquivalence) return true;
+  return elsewhere && domain() == SemanticDomain::kTauNeighborhood && io.contract_has_schema();
+}
+
+void Pass::judge(const Target& target, const Attempt& answer, Tried& tried) {
+  tried.answer_length = answer.answer_length;
+  if (policy().validate != Validation::kAll || request.streamed) return;
+  if (answer.empty) {
+    io.refuse_empty(target.name);
+    tried.refused = bad_answer("answer:empty");
+  } else if (domain() != SemanticDomain::kOutOfBounds &&
+             !holds_contract("Contract validation failed: ", tried.validation_passed)) {
+    tried.refused = bad_answer("answer:contract");
+  }
+}
+
+bool Pass::holds_contract(const std::string& message, std::optional<bool>& validation_passed) {
+  if (!io.has_contract() || !judged_) return true;
+  if (!validation_passed) {
+    validation_passed = io.validate();
+    if (*validation_passed) return true;
+    if (domain() == SemanticDomain::kStrongEquivalence) {
+      io.refuse_broken(message);
+      engine.metrics.inc(metric::kContractBroken);
+    } else {
+      engine.metrics.inc(metric::kContractWarning);
+    }
+  }
+  return *validation_passed || domain() != SemanticDomain::kStrongEquivalence;
+}
+
+// A probe that fails opens its breaker again, whatever the thresholds say.
+void Pass::record_failure(const Target& target, const std::string& text,
+                          const std::string& category, const AdmittedSlot* slot) {
+  recording(target, [&] {
+    target.provider->record_failure(text, category);
+    CircuitBreaker* tested = slot ? slot->tested() : nullptr;
+    if (tested && tested->state() == CircuitState::kHalfOpen) tested->trip_with_fault(category);
+  });
+}
+
+template <class Record>
+void Pass::recording(const Target& target, Record&& record) {
+  if (!io.heard()) return record();
+  const BreakerPtr breaker = target.provider->circuit_breaker();
+  // Asking for the state could change it.
+  const CircuitState before = breaker->snapshot().state;
+  record();
+  const CircuitState after = breaker->snapshot().state;
+  if (before == after) return;
+  tell<BreakerEvent>(target.name, std::string(value_of(before)), std::string(value_of(after)));
+}
+
+Task<bool> Pass::sleep(double seconds, const char* reason) {
+  if (!state.may_wait(seconds)) co_return false;
+  tell<SleepEvent>(seconds, reason);
+  co_await io.sleep(seconds);
+  co_return true;
+}
+
+double Pass::left_alone_s(const ProviderPtr& provider) const {
+  return policy().retry_after ? provider->left_alone_s() : 0.0;
+}
+
+Task<void> Pass::learn(std::string label, std::string action, bool success, double latency_ms) {
+  Outcome outcome{std::move(label), std::move(action), success, latency_ms};
+  co_await io.learn(std::move(outcome));
+}
+
+CallFailed Pass::out_of_time() {
+  engine.metrics.inc(metric::kDeadline);
+  return {CallFailed::Kind::kDeadline, {}};
+}
+
+CallFailed Pass::out_of_requests() {
+  engine.metrics.inc(metric::kRequestsSpent);
+  return {CallFailed::Kind::kNewestError, {}};
+}
+
+void Pass::tell_end(const CallOutcome* outcome) {
+  const char* how = "abandoned";
+  if (outcome) how = std::holds_alternative<CallAnswered>(*outcome) ? "answered" : "failed";
+  tell<EndEvent>(how, engine.clock.monotonic() - start_s);
+}
+
+}  // namespace tarvomeldric

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "engine/events.h"
+#include "host/calls/engine.h"
+#include "host/interpreter/python.h"
+
+namespace tarvomeldric::host {
+
+// A listener of an engine, from `observe` until `close`. Of the engine and of whoever holds it.
+class Observation {
+ public:
+  Observation(nb::object engine, nb::object listener)
+      : engine_(std::move(engine)), listener_(std::move(listener)) {}
+
+  void close();
+  // What the listener raises is nobody's failure; what is no `Exception` passes.
+  void tell(nb::handle event) const;
+
+  int traverse(visitproc visit, void* arg);
+  void clear();
+
+ private:
+  nb::object engine_;
+  nb::object listener_;
+};
+
+// Tells everybody who listens to the engine at this moment.
+void tell_observers(const Engine& engine, const CallEvent& event);
+
+}  // namespace tarvomeldric::host

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <optional>
+#include <utility>
+
+#include "host/calls/call_io.h"
+#include "host/calls/conclusion.h"
+#include "host/calls/operation.h"
+#include "host/records/argument.h"
+
+namespace tarvomeldric::host {
+
+// An operation that goes through the pipeline and ends in a CallResult.
+class PipelineOperation : public Operation {
+ public:
+  nb::object run_blocking() override {
+    BlockingIo io(state_);
+    CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
+    return conclude(state_, outcome);
+  }
+  Task<nb::object> run(Suspension& suspension) override {
+    AwaitingIo io(state_, suspension);
+    CallOutcome outcome = co_await run_pipeline(io);
+    co_return conclude(state_, outcome);
+  }
+  // Whoever listens hears of the end even so.
+  void dropped() override {
+    if (!state_.untold_end) return;
+    tell_of(state_, EndEvent{*state_.untold_end, "abandoned", 0.0});
+  }
+  int traverse(visitproc visit, void* arg) override { return state_.traverse(visit, arg); }
+  void clear() override { state_.clear(); }
+
+ protected:
+  PipelineOperation(const Caller& caller, const Text& prompt,
+                    const std::optional<Instance<Contract>>& contract) {
+    state_.engine = nb::borrow(caller.engine);
+    state_.policy = nb::borrow(caller.policy);
+    state_.prompt = prompt;
+    state_.contract = object_or_none(contract);
+  }
+  virtual Task<CallOutcome> run_pipeline(Io& io) = 0;
+
+  CallState state_;
+};
+
+// What a call's arguments come to: what steers it, and what every execution of it is given.
+struct CallArguments {
+  CallRequest request;
+  nb::dict execution;
+};
+CallArguments call_arguments(const Text& prompt, const std::optional<Text>& model,
+                             const Text& task_type, bool has_schema,
+                             std::optional<SemanticDomain> semantic_domain, const Text& api_type,
+                             const nb::kwargs& options);
+
+}  // namespace tarvomeldric::host

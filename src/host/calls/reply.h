@@ -1,0 +1,17 @@
+#pragma once
+
+#include "host/interpreter/python.h"
+
+namespace tarvomeldric::host {
+
+// What stands in the decoded body of an answer, None where there is no such thing: providers
+// differ, and some say nothing.
+nb::object usage_of(nb::handle reply);
+nb::object finish_reason_of(nb::handle reply);
+nb::object tool_calls_of(nb::handle reply);
+
+// Whether an answer says nothing: no text but blanks, and in a chat neither a tool call nor a
+// refusal, reasoning or sound.
+bool is_empty_answer(nb::handle answer, nb::handle reply);
+
+}  // namespace tarvomeldric::host

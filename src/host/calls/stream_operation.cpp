@@ -1,0 +1,132 @@
+#include <utility>
+
+#include "host/calls/pipeline_operation.h"
+#include "host/calls/stream_lease.h"
+#include "host/interpreter/collected.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+// What a pass leaves of a stream, beside the state of every call.
+struct StreamState {
+  nb::object settings;
+  nb::object lease;
+
+  nb::object make_lease(const CallState& call, const ProviderPtr& provider, AdmittedSlot slot) {
+    return nb::cast(new StreamLease(call.parts.diagnoser, provider, std::move(slot)),
+                    nb::rv_policy::take_ownership);
+  }
+};
+
+// The exchange of a stream, in both ways of waiting. It is always the engine's own: what replaces
+// `_execute` gives no events.
+template <class Base>
+class StreamIo : public Base {
+ public:
+  template <class... Way>
+  StreamIo(StreamState& stream, Way&... way) : Base(way...), stream_(stream) {}
+  void hold(const ProviderPtr& provider, AdmittedSlot slot) override {
+    stream_.lease = stream_.make_lease(this->state_, provider, std::move(slot));
+  }
+
+ protected:
+  void prepare(ProviderConfig& provider, const std::string& model, double limit_s) {
+    drop(stream_.lease);
+    this->prepare_exchange(provider, model, limit_s, Delivery::kStreamed);
+    this->state_.exchange.timeout = stream_.settings.attr("first_token_timeout");
+    this->state_.raw_response = nb::borrow(Py_None);
+  }
+
+  StreamState& stream_;
+};
+
+class BlockingStreamIo final : public StreamIo<BlockingIo> {
+ public:
+  using StreamIo::StreamIo;
+
+ private:
+  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override {
+    prepare(*provider, model, terms.limit_s);
+    co_return open_blocking(state_.native(), state_.exchange, stream_.settings, terms.whole);
+  }
+};
+
+class AwaitingStreamIo final : public StreamIo<AwaitingIo> {
+ public:
+  using StreamIo::StreamIo;
+
+ private:
+  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override {
+    prepare(*provider, model, terms.limit_s);
+    nb::object text = co_await open_awaited(state_.native(), state_.exchange, stream_.settings,
+                                            terms.whole, suspension_);
+    co_return text;
+  }
+};
+
+class StreamOperation final : public PipelineOperation {
+ public:
+  StreamOperation(const Caller& caller, const Any& settings, const Text& prompt,
+                  const std::optional<Instance<Contract>>& contract, CallArguments given)
+      : PipelineOperation(caller, prompt, contract), request_(std::move(given.request)) {
+    state_.options = std::move(given.execution);
+    stream_.settings = settings;
+    request_.policy = &state_.asked_policy();
+    request_.streamed = true;
+  }
+
+  nb::object run_blocking() override {
+    const double start_s = system_clock().monotonic();
+    BlockingStreamIo io(stream_, state_);
+    CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
+    return opened(outcome, start_s);
+  }
+  Task<nb::object> run(Suspension& suspension) override {
+    const double start_s = system_clock().monotonic();
+    AwaitingStreamIo io(stream_, state_, suspension);
+    CallOutcome outcome = co_await run_pipeline(io);
+    co_return opened(outcome, start_s);
+  }
+  int traverse(visitproc visit, void* arg) override {
+    if (const int stop = Objects::traverse(stream_, visit, arg)) return stop;
+    return PipelineOperation::traverse(visit, arg);
+  }
+  void clear() override {
+    Objects::clear(stream_);
+    PipelineOperation::clear();
+  }
+
+ private:
+  using Objects = Held<&StreamState::settings, &StreamState::lease>;
+
+  Task<CallOutcome> run_pipeline(Io& io) override {
+    return run_call(request_, state_.surroundings(), io);
+  }
+
+  // A provider that answered has done its part, whatever becomes of the answer here.
+  nb::object opened(CallOutcome& outcome, double start_s) {
+    if (!std::holds_alternative<CallAnswered>(outcome) && stream_.lease.is_valid()) {
+      nb::inst_ptr<StreamLease>(stream_.lease)->succeed(state_.attempts.back().duration_s * 1e3);
+    }
+    const nb::object result = conclude(state_, outcome);
+    nb::inst_ptr<CallResult>(result)->ttft_ms = (system_clock().monotonic() - start_s) * 1e3;
+    return nb::make_tuple(result, state_.exchange.reply.attr("stream"), stream_.lease);
+  }
+
+  CallRequest request_;
+  StreamState stream_;
+};
+
+}  // namespace
+
+OperationPtr stream_operation(const Caller& caller, const Any& settings, const Text& prompt,
+                              const std::optional<Text>& model, const Text& task_type,
+                              bool has_schema, std::optional<SemanticDomain> semantic_domain,
+                              const std::optional<Instance<Contract>>& contract,
+                              const Text& api_type, const nb::kwargs& options) {
+  return std::make_unique<StreamOperation>(
+      caller, settings, prompt, contract,
+      call_arguments(prompt, model, task_type, has_schema, semantic_domain, api_type, options));
+}
+
+}  // namespace tarvomeldric::host
