@@ -9,7 +9,7 @@ from measuring import row, take_turns
 from table import Row
 
 from support import provider
-from tarvomeldric import APIError, SelfHealingEngine
+from tarvomeldric import APIError, CallPolicy, SelfHealingEngine
 
 PROVIDER = "openai"
 REQUEST: dict[str, Any] = {"prompt": "What is the capital of France?", "model": "gpt-4o-mini"}
@@ -36,8 +36,10 @@ def measure(quick: bool) -> Iterator[Row]:
         ("call_sync", engine.call_sync, engine._execute_sync, None, 5.0),
         ("call", engine.call, engine._execute, loop, 8.0),
     ):
+        seen = getattr(engine.with_policy(CallPolicy.interactive()), name)
         ways = {"call": partial(call, **REQUEST), "stub": partial(stub, **given)}
-        rounds = take_turns(quick, CALLS, its_loop, **ways)
+        rounds = take_turns(quick, CALLS, its_loop, view=partial(seen, **REQUEST), **ways)
         yield row(rounds, name, target, less="stub")
         yield row(rounds, f"{name}, mean", 15.0, figure="mean", less="stub")
+        yield row(rounds, f"{name} through a view, less without", 1.0, of="view", less="call")
     loop.close()

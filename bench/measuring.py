@@ -37,11 +37,12 @@ def take_turns(quick: bool, calls: int, loop: Loop | None = None, **rivals: Call
 
 
 def row(rounds: Rounds, what: str, target: float | None = None, **to: str) -> Row:
-    """The row of the rival `call`: `less` what another one takes, as a ratio to `beside`."""
-    figure, less, beside = to.get("figure", "p50"), to.get("less"), to.get("beside", "")
-    own = [one["call"][figure] - (one[less][figure] if less else 0.0) for one in rounds]
-    p95 = median(one["call"]["p95"] - (one[less]["p50"] if less else 0.0) for one in rounds)
-    ratio = median(one["call"][figure] / one[beside][figure] for one in rounds) if beside else None
+    """The row of the rival `call`, or `of` another: `less` what a third takes, as a ratio to `beside`."""
+    of, figure = to.get("of", "call"), to.get("figure", "p50")
+    less, beside = to.get("less"), to.get("beside", "")
+    own = [one[of][figure] - (one[less][figure] if less else 0.0) for one in rounds]
+    p95 = median(one[of]["p95"] - (one[less]["p50"] if less else 0.0) for one in rounds)
+    ratio = median(one[of][figure] / one[beside][figure] for one in rounds) if beside else None
     return Row(what, own, "us", p95 if figure == "p50" else None, target, ratio, beside)
 
 
