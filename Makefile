@@ -4,6 +4,7 @@
 #   make test     C++ tests under the sanitizers, then the Python tests
 #   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
+#   make bad-day  the engine and what one would write instead of using it, on one simulated bad day; rounds=
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make soak     calls under every fault for three minutes, then leaks and exits; seconds=, seed=, leaks=, exits=, interrupts=
 #   make mutate   breaks the core on purpose and looks whether the C++ tests notice, for sample=60 ways
@@ -25,7 +26,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test sanitize bench fuzz soak mutate lint format build wheels clean packages
+.PHONY: demo test sanitize bench bad-day fuzz soak mutate lint format build wheels clean packages
 
 demo: build
 	@$(python) examples/demo.py
@@ -38,6 +39,10 @@ sanitize: $(venv)/ready
 
 bench: build
 	@$(python) bench/run.py
+
+bad-day: rounds ?= 1
+bad-day: build $(venv)/bad-day
+	@$(python) bench/bad_day.py --rounds $(rounds)
 
 fuzz: seconds ?= 60
 fuzz: build
@@ -73,6 +78,11 @@ $(venv)/installed: $(sources) $(venv)/ready
 
 $(venv)/ready: pyproject.toml tools/venv.sh | packages
 	@tools/venv.sh $(venv) "$(interpreter)"
+
+# What the bad day is compared with; nothing else needs it.
+$(venv)/bad-day: pyproject.toml $(venv)/ready
+	@$(venv)/bin/pip install --quiet --group bad-day
+	@touch $@
 
 packages:
 	@tools/packages.sh
