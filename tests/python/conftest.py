@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 import tempfile
 import threading
 from collections.abc import Iterator
@@ -19,6 +20,10 @@ os.environ["HOME"] = _home.name
 for name in list(os.environ):
     if name.startswith("TARVOMELDRIC_") or name.upper().endswith(("_API_KEY", "_PROXY")):
         del os.environ[name]
+
+
+# A shell lets what it starts in the background ignore Ctrl-C, which tests send to themselves.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 def pytest_unconfigure() -> None:
