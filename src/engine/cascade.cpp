@@ -223,6 +223,7 @@ Task<Healed> Cascade::heal(Level level, Diagnosis fault, std::string action, Tri
   const std::string label(fault.fault_label());
   if (!pass_.holds_contract(level.contract_message, tried.validation_passed)) {
     co_await pass_.learn(label, action, false);
+    engine_.metrics.inc(metric::kContractBroken);
     co_return CallFailed{CallFailed::Kind::kNewestError, {}};
   }
   trace_.enter(MapeKPhase::kKnowledge, engine_.clock);

@@ -120,6 +120,7 @@ Task<Healed> Failover::judge(const Target& target, Tried& tried) {
                             tried.validation_passed)) {
     engine_.counters.count({Counter::kHeal, Counter::kL3Failover});
     co_await learn("failover:" + target.name, false);
+    engine_.metrics.inc(metric::kContractBroken);
     engine_.metrics.inc(metric::kHealedByFailover);
     close_trace("contract_violation");
     co_return CallFailed{CallFailed::Kind::kNewestError, {}};

@@ -116,6 +116,7 @@ void Pass::judge(const Target& target, const Attempt& answer, Tried& tried) {
   } else if (domain() != SemanticDomain::kOutOfBounds &&
              !holds_contract("Contract validation failed: ", tried.validation_passed)) {
     tried.refused = bad_answer("answer:contract");
+    engine.metrics.inc(metric::kContractBroken);
   }
 }
 
@@ -126,7 +127,6 @@ bool Pass::holds_contract(const std::string& message, std::optional<bool>& valid
     if (*validation_passed) return true;
     if (domain() == SemanticDomain::kStrongEquivalence) {
       io.refuse_broken(message);
-      engine.metrics.inc(metric::kContractBroken);
     } else {
       engine.metrics.inc(metric::kContractWarning);
     }
