@@ -4,6 +4,7 @@
 #include "host/calls/operation.h"
 #include "host/interpreter/helpers.h"
 #include "host/interpreter/recursion.h"
+#include "host/records/views.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -152,6 +153,20 @@ void bind_opening(nb::class_<C>& cls) {
   bind("_open_stream", Opening::awaited);
 }
 
+void bind_relay(nb::class_<EngineView>& cls) {
+  const auto none = nb::none();
+  const auto bind = [&](const char* name, auto form) {
+    def(cls, name, form, "Hands a body on to whom its route names, and the answer back.",
+        arg("_settings"), arg("encode"), arg("route"), arg("headers"), arg("prompt_length"),
+        arg("api_type"), arg("task_type"), arg("has_schema"), arg("contract") = none,
+        arg("request_id") = none, arg("timeout") = none);
+  };
+  using Relay =
+      Forms<EngineView, relay_operation, "EngineView.relay", Annotated<"tuple[typing.Any, ...]">>;
+  bind("_relay_sync", Relay::blocking);
+  bind("_relay", Relay::awaited);
+}
+
 constexpr const char* kWithPolicyDoc =
     "The engine seen through a policy: its calls are made as the policy says.\n\n"
     "Registry, guards, learner, metrics and clients are the engine's, and its `_execute` forms "
@@ -178,6 +193,7 @@ void bind_view(nb::module_& module) {
       "        the engine. `attempts` of an error made here are the requests that were sent.");
   bind_streams(cls);
   bind_opening<"EngineView.stream">(cls);
+  bind_relay(cls);
   def(
       cls, "with_policy",
       [](EngineView& self, const Instance<CallPolicy>& policy) {

@@ -3,6 +3,7 @@
 #include "engine/read_outs.h"
 #include "host/records/read_outs.h"
 #include "host/records/records.h"
+#include "providers/request_shape.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -51,6 +52,19 @@ void bind_providers(nb::module_& module) {
     record_table<ProviderConfig>->beside.push_back(extra);
     bind_field(cls, extra);
   }
+  def(
+      cls, "_request_headers",
+      [](ProviderConfig& self) {
+        nb::dict headers;
+        for (const auto& [name, value] : request_headers(self.endpoint())) {
+          headers[from_utf8(name)] = from_utf8(value);
+        }
+        return Dict(headers);
+      },
+      "What every request to it is sent with.");
+  def(
+      cls, "_left_alone_s", &ProviderConfig::left_alone_s,
+      "For how many seconds it wants to be left alone.");
   def(cls, "avg_latency", &ProviderConfig::avg_latency,
       "The mean of the recent latencies in milliseconds, 0.0 without any.");
   def(cls, "health_score", &ProviderConfig::health_score,

@@ -1,25 +1,36 @@
 #include "engine/candidates.h"
 
 #include <algorithm>
+#include <ranges>
 #include <utility>
 
 #include "engine/selection.h"
 #include "providers/models.h"
 
 namespace tarvomeldric {
+namespace {
 
-std::vector<NamedProvider> Candidates::available(const Registry& registry) const {
-  std::vector<NamedProvider> available = available_providers(registry);
-  if (exact()) std::erase_if(available, [&](const auto& entry) { return !serves(entry); });
-  if (!ordered()) return available;
+// Those whose names are listed, in the list's order.
+template <class Names>
+std::vector<NamedProvider> in_order(const Names& names, std::vector<NamedProvider> available) {
   std::vector<NamedProvider> listed;
-  for (const std::string& name : *policy_.providers) {
+  for (const std::string& name : names) {
     const auto named = std::ranges::find(available, name, &NamedProvider::name);
     if (named == available.end()) continue;
     listed.push_back(std::move(*named));
     available.erase(named);  // a name that is listed twice counts once
   }
   return listed;
+}
+
+}  // namespace
+
+std::vector<NamedProvider> Candidates::available(const Registry& registry) const {
+  std::vector<NamedProvider> available = available_providers(registry);
+  if (exact()) std::erase_if(available, [&](const auto& entry) { return !serves(entry); });
+  if (policy_.providers) available = in_order(*policy_.providers, std::move(available));
+  if (route_) available = in_order(std::views::keys(*route_), std::move(available));
+  return available;
 }
 
 // A provider that lists no models may serve any.
@@ -37,7 +48,12 @@ const NamedProvider& Candidates::pick_next(const std::vector<NamedProvider>& amo
 }
 
 Target Candidates::target(const NamedProvider& at) const {
-  return {at.name, at.provider, exact() ? model_ : resolve_model(at.name, model_)};
+  return {at.name, at.provider, model_at(at.name)};
+}
+
+std::string Candidates::model_at(const std::string& provider) const {
+  if (route_) return *route_->find(provider);
+  return exact() ? model_ : resolve_model(provider, model_);
 }
 
 }  // namespace tarvomeldric

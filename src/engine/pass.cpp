@@ -35,7 +35,7 @@ Pass::Pass(const CallRequest& asked, Surroundings surroundings, Io& serving, Cal
       start_s(facts.start_s != 0 ? facts.start_s : engine.clock.monotonic()),
       call_id(facts.trace ? facts.trace->request_id : asked.request_id.value_or("")),
       state(*asked.policy, engine.clock, engine.random, start_s),
-      candidates(asked.model, *asked.policy) {}
+      candidates(asked.model, *asked.policy, asked.route) {}
 
 Task<std::optional<AdmittedSlot>> Pass::admit(const Target& target, double wait_s) {
   std::optional<AdmittedSlot> slot;

@@ -7,7 +7,7 @@ more than a call does.
 from __future__ import annotations
 
 from tarvomeldric._http.attempt import retry_after
-from tarvomeldric._http.clients import HttpClients, ready
+from tarvomeldric._http.clients import HttpClients, own_of, ready
 from tarvomeldric._http.exchange import is_timeout, post, post_async
 
-__all__ = ["HttpClients", "is_timeout", "post", "post_async", "ready", "retry_after"]
+__all__ = ["HttpClients", "is_timeout", "own_of", "post", "post_async", "ready", "retry_after"]

@@ -24,10 +24,11 @@ class AttemptContext:
         status: The status of the answer, None before there is one.
         headers: The headers of the answer.
         body: The decoded JSON of an answer with status 200, else the text of the refusal.
+        content: Its bytes, where those of the request were given.
         stream: The rest of an answer that is streamed.
     """
 
-    __slots__ = ("_before", "_report", "body", "end", "headers", "status", "stream")
+    __slots__ = ("_before", "_report", "body", "content", "end", "headers", "status", "stream")
 
     def __init__(
         self, timeout: Any, limit: float | None = None, report: dict[str, Any] | None = None
@@ -43,6 +44,7 @@ class AttemptContext:
         self.status: int | None = None
         self.headers: Any = None
         self.body: Any = None
+        self.content = b""
         self.stream: Any = None
         self._before: Token[AttemptContext | None] | None = None
         self._report = report

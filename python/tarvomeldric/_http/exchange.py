@@ -13,6 +13,8 @@ from tarvomeldric._http.clients import own_of
 if TYPE_CHECKING:
     import httpx
 
+    from tarvomeldric._http.reading import Body
+
 
 def post(
     client: Any,
@@ -27,7 +29,7 @@ def post(
 
     It is over within `timeout` and, where there is one, within `limit` seconds. A client that the
     caller placed in a pool is used as it is; the limit only shortens its time-out. What is received
-    is told in `report`, too.
+    is told in `report`, too. A body that is bytes is sent as it is, and the answer's bytes are kept.
     """
     own = own_of(client)
     with AttemptContext(timeout, limit, report) as attempt:
@@ -35,7 +37,7 @@ def post(
             timeout = _shorter(timeout, limit)
             target = address(client, url)
             return _take_whole(
-                attempt, client.post(target, json=body, headers=headers, timeout=timeout)
+                attempt, client.post(target, **sent_as(body), headers=headers, timeout=timeout)
             )
         from tarvomeldric._http.reading import read
 
@@ -44,8 +46,7 @@ def post(
             response = client.send(request, stream=True)
             attempt.status, attempt.headers = response.status_code, response.headers
             received = read(response)
-        attempt.body = received.told()
-        return attempt
+        return _take(attempt, received, body)
 
 
 async def post_async(
@@ -64,7 +65,8 @@ async def post_async(
             timeout = _shorter(timeout, limit)
             target = address(client, url)
             return _take_whole(
-                attempt, await client.post(target, json=body, headers=headers, timeout=timeout)
+                attempt,
+                await client.post(target, **sent_as(body), headers=headers, timeout=timeout),
             )
         from tarvomeldric._http.reading import read_async
 
@@ -73,8 +75,7 @@ async def post_async(
             response = await client.send(request, stream=True)
             attempt.status, attempt.headers = response.status_code, response.headers
             received = await read_async(response)
-        attempt.body = received.told()
-        return attempt
+        return _take(attempt, received, body)
 
 
 def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> httpx.Request:
@@ -83,7 +84,7 @@ def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> ht
 
     if client.params or client.cookies:  # of the caller's own
         built: httpx.Request = client.build_request(
-            "POST", _parsed(url), json=body, headers=headers, timeout=timeout
+            "POST", _parsed(url), **sent_as(body), headers=headers, timeout=timeout
         )
         return built
     merged = httpx.Headers(client.headers)
@@ -92,11 +93,26 @@ def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> ht
         "POST",
         _parsed(url),
         headers=merged,
-        content=json.dumps(
-            body, ensure_ascii=False, separators=(",", ":"), allow_nan=False
-        ).encode(),
+        content=body if isinstance(body, bytes) else _encoded(body),
         extensions={"timeout": httpx.Timeout(timeout).as_dict()},
     )
+
+
+def _encoded(body: Any) -> bytes:
+    text = json.dumps(body, ensure_ascii=False, separators=(",", ":"), allow_nan=False)
+    return text.encode()
+
+
+def sent_as(body: Any) -> dict[str, Any]:
+    """The argument by which the library's clients take it."""
+    return {"content" if isinstance(body, bytes) else "json": body}
+
+
+def _take(attempt: AttemptContext, received: Body, sent: Any) -> AttemptContext:
+    if isinstance(sent, bytes):
+        attempt.content = received.content()
+    attempt.body = received.told()
+    return attempt
 
 
 def _shorter(timeout: Any, limit: float | None) -> Any:
@@ -107,6 +123,7 @@ def _shorter(timeout: Any, limit: float | None) -> Any:
 
 def _take_whole(attempt: AttemptContext, response: Any) -> AttemptContext:
     attempt.status, attempt.headers = response.status_code, getattr(response, "headers", None)
+    attempt.content = getattr(response, "content", b"")
     attempt.body = response.json() if response.status_code == 200 else response.text
     return attempt
 

@@ -15,13 +15,15 @@ from tarvomeldric._engine import APIError, CallPolicy, CallResult, EngineView, S
 class _Stream:
     """What both ways of waiting share: the arguments, the events' way out, and the end."""
 
-    def __init__(self, caller: Any, arguments: dict[str, Any], times: dict[str, float]) -> None:
+    _opening: str  # the caller's operation
+
+    def __init__(self, caller: Any, arguments: dict[str, Any], times: dict[str, Any]) -> None:
         from tarvomeldric._streams.opening import Settings
 
         self._caller = caller
         self._arguments = arguments
-        total = times.pop("total_timeout")
-        self._settings = Settings(**times)  # type: ignore[arg-type]
+        total = times.pop("total_timeout", None)
+        self._settings = Settings(**times)
         self._total = total
         self._result: CallResult | None = None
         self._connection: Any = None
@@ -41,10 +43,13 @@ class _Stream:
         return self._result
 
     def _begin(self) -> Any:
-        """Who makes the call: the total bounds what comes before the first output, too."""
+        """What opens it: the total bounds what comes before the first output, too."""
         if self._settings.begun:
             raise RuntimeError("a stream is entered once")
         self._settings.begun = True
+        return getattr(self._bounded_caller(), self._opening)
+
+    def _bounded_caller(self) -> Any:
         if self._total is None:
             return self._caller
         self._settings.end = monotonic() + self._total
@@ -123,11 +128,12 @@ class Stream(_Stream):
         result: The CallResult, once the stream is over.
     """
 
+    _opening = "_open_stream"
     _events: AsyncGenerator[Any, None]
 
     async def __aenter__(self) -> Stream:
         try:
-            self._opened(await self._begin()._open_stream(self._settings, **self._arguments))
+            self._opened(await self._begin()(self._settings, **self._arguments))
         finally:
             if self._settings.newest is not None:  # an answer that did not count
                 await self._settings.newest.aclose()
@@ -178,11 +184,12 @@ class Stream(_Stream):
 class SyncStream(_Stream):
     """The same, blocking: `with`, then `for` over its events."""
 
+    _opening = "_open_stream_sync"
     _events: Generator[Any, None, None]
 
     def __enter__(self) -> SyncStream:
         try:
-            self._opened(self._begin()._open_stream_sync(self._settings, **self._arguments))
+            self._opened(self._begin()(self._settings, **self._arguments))
         finally:
             if self._settings.newest is not None:
                 self._settings.newest.close()

@@ -15,9 +15,9 @@ import httpx
 from tarvomeldric._engine import APIError
 from tarvomeldric._http.attempt import AttemptContext
 from tarvomeldric._http.clients import Own, own_of
-from tarvomeldric._http.exchange import address
-from tarvomeldric._http.reading import read, read_async
-from tarvomeldric._streams.reader import WHOLE_BYTES, EarlyEndError, Reader
+from tarvomeldric._http.exchange import address, sent_as
+from tarvomeldric._http.reading import Body, read, read_async
+from tarvomeldric._streams.reader import WHOLE_BYTES, EarlyEndError, RawReader, Reader
 
 _LATE = "The whole answer took too long"
 _LAST_WORDS_S = 0.02  # for what follows the end of an answer, so that its connection serves again
@@ -30,6 +30,7 @@ class Settings:
     first_token_timeout: float
     idle_timeout: float
     require_end: bool
+    raw: bool = False  # whether the pieces are wanted as they came, in the place of events
     end: float = math.inf  # of the whole, on the monotonic clock
     begun: bool = False
     newest: Any = field(default=None, repr=False)  # the connection of the latest attempt
@@ -47,7 +48,7 @@ class _Connection:
         self.until = min(settings.end, math.inf if limit is None else monotonic() + limit)
         self.attempt.end = min(self.attempt.end, self.until)
         self.decoder = codecs.getincrementaldecoder("utf-8")()
-        self.reader = Reader(settings.require_end)
+        self.reader = (RawReader if settings.raw else Reader)(settings.require_end)
         self.response: httpx.Response | None = None
         self.pieces: Any = None
         self.closed = False
@@ -65,7 +66,7 @@ class _Connection:
         timeout = None if self.own else longest
         target = address(self.client, url)
         built: httpx.Request = self.client.build_request(
-            "POST", target, json=body, headers=headers, timeout=timeout
+            "POST", target, **sent_as(body), headers=headers, timeout=timeout
         )
         return built
 
@@ -74,6 +75,9 @@ class _Connection:
         self.response = response
         self.attempt.status, self.attempt.headers = response.status_code, response.headers
         return response.status_code == 200
+
+    def take_refusal(self, received: Body) -> None:
+        self.attempt.body, self.attempt.content = received.told(), received.content()
 
     def is_enough(self, whole: bool) -> bool:
         """Whether the attempt is over: its answer has begun, or is all there where that is wanted."""
@@ -104,7 +108,8 @@ class _Connection:
 
     def wait_for_next(self) -> None:
         if self.reader.is_open:
-            self.attempt.end = min(monotonic() + self.settings.idle_timeout, self.until)
+            wait = _LAST_WORDS_S if self.reader.is_done else self.settings.idle_timeout
+            self.attempt.end = min(monotonic() + wait, self.until)
 
     def left_by(self, error: BaseException) -> None:
         if self.own:
@@ -215,7 +220,7 @@ def open_blocking(
                 request = connection.request(url, body, headers)
                 if not connection.take_head(client.send(request, stream=True)):
                     assert connection.response is not None
-                    attempt.body = read(connection.response).told()
+                    connection.take_refusal(read(connection.response))
                     connection.close()
                     return attempt
             except BaseException as error:
@@ -310,7 +315,7 @@ async def open_awaited(
                 request = connection.request(url, body, headers)
                 if not connection.take_head(await client.send(request, stream=True)):
                     assert connection.response is not None
-                    attempt.body = (await read_async(connection.response)).told()
+                    connection.take_refusal(await read_async(connection.response))
                     await connection.aclose()
                     return attempt
             except BaseException as error:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import json
+import re
 from collections import deque
 from typing import Any
 
@@ -14,6 +15,8 @@ _HELD_BYTES = 256 * 1024
 WHOLE_BYTES = 10 * 1024 * 1024
 
 _OUTPUT = ("content", "refusal", "reasoning", "reasoning_content", "tool_calls", "function_call")
+
+_LINE = re.compile(r"[^\r\n]*(?:\r\n|\n|\r)")  # events know these ends and no others
 
 _scan = json.JSONDecoder().raw_decode
 
@@ -31,13 +34,14 @@ class Reader:
             nothing better is to be expected, or its proper end.
         is_over: Whether nothing more comes that is wanted.
         is_whole: Whether every choice has its finish reason; what breaks after that breaks no answer.
+        is_done: Whether the provider said so.
         size: The characters of the data events so far.
     """
 
     def __init__(self, require_end: bool) -> None:
         self.events: deque[Any] = deque()
-        self.is_open = self.is_over = self.is_whole = False
-        self.size = 0
+        self.is_open = self.is_over = self.is_whole = self.is_done = False
+        self.size = self._count = 0
         self._require_end = require_end
         self._lines = _EventStream(lenient=True)
         self._strange = ""  # the beginning of a reply that has no event so far
@@ -55,6 +59,12 @@ class Reader:
             APIError: The provider tells of a failure in the middle.
             ValueError: A data line that is no JSON, or one without an end.
         """
+        whole = self._judge(piece)
+        if self._lines.unfinished > WHOLE_BYTES:
+            raise ValueError("a line of more than 10 MiB")
+        return whole
+
+    def _judge(self, piece: str) -> bool:
         if self.size == 0 and len(self._strange) < _HELD_BYTES:
             piece = piece if self._strange else piece.removeprefix("\ufeff")
             self._strange += piece
@@ -63,26 +73,31 @@ class Reader:
             event = _decoded(payload)
             if isinstance(event, dict) and event.get("type") == "ping":
                 if self.is_open:
-                    self.events.append(event)
+                    self._hand_out(event)
                 continue
             self.size += len(payload)
             self._take(event)
-        if self._lines.done:
-            self.is_open = self.is_over = True
-        if self._lines.unfinished > WHOLE_BYTES:
-            raise ValueError("a line of more than 10 MiB")
+        if self._lines.done and not self.is_done:
+            self.is_open = self.is_done = True
+            self._hear_the_end()
         return self.size > before
+
+    def _hear_the_end(self) -> None:
+        self.is_over = True
+
+    def _hand_out(self, event: Any) -> None:
+        self.events.append(event)
 
     def end(self) -> None:
         """The connection came to its end. EarlyEndError when the answer did not."""
         cut = None
         try:
-            self.feed("\n")
+            self._judge("\n")
         except ValueError as error:  # the connection ended within a line
             cut = error
-        if self.size == 0 and not self._lines.done:
+        if self.size == 0 and not self.is_done:
             self._refuse_what_is_no_stream()
-        if cut or (self._require_end and not (self._lines.done or self.is_whole)):
+        if cut or (self._require_end and not (self.is_done or self.is_whole)):
             raise EarlyEndError("the connection ended before the answer did") from cut
         self.is_open = self.is_over = True
 
@@ -113,8 +128,9 @@ class Reader:
             if event.get("error"):
                 raise _told_by_provider(event["error"])
             self._note(event)
-        self.events.append(event)
-        if len(self.events) > _HELD_EVENTS or self.size > _HELD_BYTES:
+        self._hand_out(event)
+        self._count += 1
+        if self._count > _HELD_EVENTS or self.size > _HELD_BYTES:
             self.is_open = True
 
     def _note(self, event: dict[str, Any]) -> None:
@@ -164,6 +180,53 @@ class Reader:
                     function[part] = known + said if joined else (said or known)
             elif name != "index" and value is not None:
                 call[name] = value
+
+
+class RawReader(Reader):
+    """Takes the pieces of one reply; gives them back as they came, those lines that are in order.
+
+    The bytes that follow `[DONE]` are part of the reply, too.
+    """
+
+    def __init__(self, require_end: bool) -> None:
+        super().__init__(require_end)
+        self._line: list[str] = []  # the pieces of one that is not complete
+
+    def feed(self, piece: str) -> bool:
+        end = max(piece.rfind("\n"), piece.rfind("\r")) + 1
+        if not end:
+            return self._hold(piece)
+        lines = _LINE.findall("".join([*self._line, piece[:end]]))
+        self._line.clear()
+        before, good = self.size, 0
+        try:
+            for line in lines:
+                self._judge(line)
+                good += 1
+        finally:
+            if good:
+                self.events.append("".join(lines[:good]).encode())
+        self._hold(piece[end:])
+        return self.size > before
+
+    def _hold(self, beginning: str) -> bool:
+        self._line.append(beginning)
+        if sum(map(len, self._line)) > WHOLE_BYTES:
+            raise ValueError("a line of more than 10 MiB")
+        return False
+
+    def end(self) -> None:
+        rest = "".join(self._line)
+        self._judge(rest)
+        super().end()
+        if rest:
+            self.events.append(rest.encode())
+
+    def _hear_the_end(self) -> None:
+        self.is_whole = True
+
+    def _hand_out(self, event: Any) -> None:
+        pass
 
 
 def _decoded(payload: str) -> Any:

@@ -10,10 +10,11 @@
 namespace tarvomeldric::host {
 namespace {
 
-using Objects = Held<&CallState::engine, &CallState::prompt, &CallState::contract,
-                     &CallState::options, &CallState::answer, &CallState::raw_response,
-                     &CallState::report, &CallState::response, &CallState::policy,
-                     &CallState::error, &CallState::verdict, &CallState::fault, &CallState::trace>;
+using Objects =
+    Held<&CallState::engine, &CallState::prompt, &CallState::contract, &CallState::options,
+         &CallState::relayed, &CallState::headers, &CallState::answer, &CallState::raw_response,
+         &CallState::report, &CallState::response, &CallState::policy, &CallState::error,
+         &CallState::verdict, &CallState::fault, &CallState::trace>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
@@ -154,6 +155,7 @@ void CallIo::report(const Recovery& recovery) {
 
 // The type's attribute counts as well as the instance's: either may have been replaced.
 nb::object CallIo::replacement() const {
+  if (state_.relayed.is_valid()) return {};  // it would have no bytes to give
   const nb::handle engine = state_.engine;
   const nb::object members = made(PyObject_GenericGetDict(engine.ptr(), nullptr));
   const bool on_instance = entry(members, seam_.name).is_valid();
@@ -165,8 +167,13 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
                               Delivery delivery) {
   const nb::handle given = entry(state_.options, "api_type"_key);
   const std::string api_type = given ? to_utf8(given) : "chat";
-  state_.exchange =
-      Exchange(provider, state_.prompt, from_utf8(model), api_type, state_.options, delivery);
+  const nb::str name = from_utf8(model);
+  if (state_.relayed.is_valid()) {
+    state_.exchange =
+        Exchange(provider, call(state_.relayed, name), api_type, state_.headers, state_.options);
+  } else {
+    state_.exchange = Exchange(provider, state_.prompt, name, api_type, state_.options, delivery);
+  }
   // A policy's own time-out takes the place of the usual one.
   const auto& attempt_timeout_s = state_.asked_policy().attempt_timeout_s;
   if (attempt_timeout_s && !entry(state_.options, "timeout"_key)) {

@@ -24,6 +24,8 @@ struct CallState {
   nb::object prompt;
   nb::object contract;
   nb::object options;  // of every execution, `api_type` included
+  nb::object relayed;  // gives the body, as bytes, for a model; null where the prompt is sent
+  nb::object headers;  // that go along with such a body
 
   Parts parts;
   std::optional<PythonRegistry> registry;

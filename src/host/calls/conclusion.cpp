@@ -73,6 +73,10 @@ nb::object error_of(const CallState& state, const CallFailed& failed) {
 [[noreturn]] void raise_failure(CallState& state, const CallFailed& failed) {
   nb::object error = state.error;
   bool own = state.own_error;
+  const nb::object& reply = state.exchange.reply;
+  if (state.relayed.is_valid() && error.is_valid() && reply.is_valid()) {
+    error.attr("_reply") = reply;
+  }
   if (failed.kind != CallFailed::Kind::kNewestError) {
     error = error_of(state, failed);
     own = true;

@@ -1,8 +1,10 @@
 #include "host/calls/exchange.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "host/calls/engine.h"
+#include "host/calls/reply.h"
 #include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
@@ -10,6 +12,7 @@
 #include "providers/limits.h"
 #include "providers/request_shape.h"
 #include "support/clock.h"
+#include "support/text.h"
 
 namespace tarvomeldric::host {
 namespace {
@@ -20,11 +23,17 @@ constexpr long kRequestTimeout = 408;
 using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
                      &Exchange::timeout, &Exchange::report, &Exchange::reply, &Exchange::decoded>;
 
-nb::dict header_dict(const Endpoint& endpoint) {
+// The provider's own take the place of others with their names.
+nb::dict header_dict(const Endpoint& endpoint, const nb::dict& more = {}) {
   nb::dict headers;
-  for (const auto& [name, value] : request_headers(endpoint)) {
-    headers[from_utf8(name)] = from_utf8(value);
+  const Headers own = request_headers(endpoint);
+  for (auto [name, value] : more) {
+    const std::string lowered = text::lower(to_utf8(name));
+    const bool taken = std::ranges::any_of(
+        own, [&](const auto& header) { return text::lower(header.first) == lowered; });
+    if (!taken) headers[name] = value;
   }
+  for (const auto& [name, value] : own) headers[from_utf8(name)] = from_utf8(value);
   return headers;
 }
 
@@ -60,6 +69,11 @@ nb::dict body_dict(RequestKind kind, nb::handle prompt, nb::handle model, nb::ha
   return body;
 }
 
+nb::object timeout_in(nb::handle options) {
+  const nb::handle given = entry(options, "timeout"_key);
+  return given ? nb::borrow(given) : number(kProviderTimeoutSeconds);
+}
+
 nb::object first(nb::handle container) { return item(container, nb::int_(0)); }
 
 nb::object image_answer(nb::handle image) {
@@ -92,7 +106,10 @@ nb::object read_reply(Engine& engine, Exchange& exchange) {
   check_status(exchange);
   exchange.decoded = exchange.reply.attr("body");
   engine.last_raw_response = exchange.decoded;
-  return as_answer(answer_in(request_kind(exchange.api_type), exchange.decoded));
+  const RequestKind kind = request_kind(exchange.api_type);
+  const bool relayed = PyBytes_Check(exchange.body.ptr()) != 0;
+  return as_answer(relayed && kind == RequestKind::kChat ? words_in(exchange.decoded)
+                                                         : answer_in(kind, exchange.decoded));
 }
 
 // What a failed exchange is reported as. Nothing of the failure but its type and the part of its
@@ -123,8 +140,15 @@ Exchange::Exchange(ProviderConfig& provider, nb::handle prompt, nb::handle model
   url = url_of(endpoint, api_type);
   headers = header_dict(endpoint);
   body = body_dict(request_kind(api_type), prompt, model, extra, delivery);
-  const nb::handle given = entry(extra, "timeout"_key);
-  timeout = given ? nb::borrow(given) : number(kProviderTimeoutSeconds);
+  timeout = timeout_in(extra);
+}
+
+Exchange::Exchange(ProviderConfig& provider, nb::object content, const std::string& kind,
+                   nb::handle more, nb::handle extra)
+    : endpoint(provider.endpoint()), api_type(kind), body(std::move(content)) {
+  url = url_of(endpoint, api_type);
+  headers = header_dict(endpoint, nb::borrow<nb::dict>(more));
+  timeout = timeout_in(extra);
 }
 
 int Exchange::traverse(visitproc visit, void* arg) { return Objects::traverse(*this, visit, arg); }

@@ -34,6 +34,11 @@ struct Exchange {
            nb::handle extra, Delivery delivery = Delivery::kWhole);
   Exchange() = default;
 
+  // A request whose body is there, as bytes, and whose answer is wanted as it comes. `more` headers
+  // go out beside the provider's own.
+  Exchange(ProviderConfig& provider, nb::object content, const std::string& kind, nb::handle more,
+           nb::handle extra);
+
   // Tells what it receives to whoever waits for the replacement of this engine's execution below
   // which it is made, and keeps within their limit; does nothing elsewhere.
   void report_to_replacement(nb::handle engine);

@@ -10,18 +10,18 @@
 
 namespace tarvomeldric::host {
 
-// An operation that goes through the pipeline and ends in a CallResult.
+// An operation that goes through the pipeline and ends in a CallResult, or something about one.
 class PipelineOperation : public Operation {
  public:
   nb::object run_blocking() override {
     BlockingIo io(state_);
     CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
-    return conclude(state_, outcome);
+    return concluded(outcome);
   }
   Task<nb::object> run(Suspension& suspension) override {
     AwaitingIo io(state_, suspension);
     CallOutcome outcome = co_await run_pipeline(io);
-    co_return conclude(state_, outcome);
+    co_return concluded(outcome);
   }
   // Whoever listens hears of the end even so.
   void dropped() override {
@@ -40,6 +40,7 @@ class PipelineOperation : public Operation {
     state_.contract = object_or_none(contract);
   }
   virtual Task<CallOutcome> run_pipeline(Io& io) = 0;
+  virtual nb::object concluded(CallOutcome& outcome) { return conclude(state_, outcome); }
 
   CallState state_;
 };
@@ -49,6 +50,16 @@ struct CallArguments {
   CallRequest request;
   nb::dict execution;
 };
+// A body of somebody else's that is to be sent as it is, and where to.
+struct Relayed {
+  nb::object encode;  // gives the bytes for a model
+  nb::object headers;
+};
+// The streamed form of such a call.
+OperationPtr relayed_stream(const Caller& caller, nb::object settings,
+                            const std::optional<Instance<Contract>>& contract, CallRequest request,
+                            nb::dict execution, Relayed relayed);
+
 CallArguments call_arguments(const Text& prompt, const std::optional<Text>& model,
                              const Text& task_type, bool has_schema,
                              std::optional<SemanticDomain> semantic_domain, const Text& api_type,

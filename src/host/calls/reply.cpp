@@ -45,6 +45,12 @@ nb::object tool_calls_of(nb::handle reply) {
   return member(member(first_choice(reply), "message"), "tool_calls");
 }
 
+nb::object words_in(nb::handle reply) {
+  const nb::object choice = item(item(reply, "choices"), nb::int_(0));
+  const nb::object message = member(choice, "message");
+  return message.is_none() ? item(choice, "text") : member(message, "content");
+}
+
 bool is_empty_answer(nb::handle answer, nb::handle reply) {
   const nb::object message = member(first_choice(reply), "message");
   if (!is_blank(answer)) {

@@ -9,6 +9,9 @@ namespace tarvomeldric::host {
 nb::object usage_of(nb::handle reply);
 nb::object finish_reason_of(nb::handle reply);
 nb::object tool_calls_of(nb::handle reply);
+// The words of an answer in either form of a chat, which a tool call need not have. A failure of
+// Python when there is no answer in it.
+nb::object words_in(nb::handle reply);
 
 // Whether an answer says nothing: no text but blanks, and in a chat neither a tool call nor a
 // refusal, reasoning or sound.

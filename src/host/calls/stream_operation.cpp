@@ -66,11 +66,14 @@ class AwaitingStreamIo final : public StreamIo<AwaitingIo> {
 
 class StreamOperation final : public PipelineOperation {
  public:
-  StreamOperation(const Caller& caller, const Any& settings, const Text& prompt,
-                  const std::optional<Instance<Contract>>& contract, CallArguments given)
+  StreamOperation(const Caller& caller, nb::object settings, const Text& prompt,
+                  const std::optional<Instance<Contract>>& contract, CallArguments given,
+                  Relayed relayed = {})
       : PipelineOperation(caller, prompt, contract), request_(std::move(given.request)) {
     state_.options = std::move(given.execution);
-    stream_.settings = settings;
+    state_.relayed = std::move(relayed.encode);
+    state_.headers = std::move(relayed.headers);
+    stream_.settings = std::move(settings);
     request_.policy = &state_.asked_policy();
     request_.streamed = true;
   }
@@ -127,6 +130,14 @@ OperationPtr stream_operation(const Caller& caller, const Any& settings, const T
   return std::make_unique<StreamOperation>(
       caller, settings, prompt, contract,
       call_arguments(prompt, model, task_type, has_schema, semantic_domain, api_type, options));
+}
+
+OperationPtr relayed_stream(const Caller& caller, nb::object settings,
+                            const std::optional<Instance<Contract>>& contract, CallRequest request,
+                            nb::dict execution, Relayed relayed) {
+  return std::make_unique<StreamOperation>(
+      caller, std::move(settings), Text(from_utf8("")), contract,
+      CallArguments{std::move(request), std::move(execution)}, std::move(relayed));
 }
 
 }  // namespace tarvomeldric::host

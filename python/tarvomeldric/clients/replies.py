@@ -1,0 +1,139 @@
+"""What a client gets back: the provider's own answer or refusal, or an error in the same form."""
+
+from __future__ import annotations
+
+import json
+import math
+import time
+from collections.abc import Iterable, Mapping
+from dataclasses import dataclass
+from typing import Any
+from urllib.parse import quote
+
+from tarvomeldric._engine import (
+    APIError,
+    CallRefused,
+    CircuitState,
+    ContractViolationError,
+    DeadlineExceeded,
+    NoProviderAvailable,
+    ProviderConfig,
+    ProvidersBusy,
+    SemanticBoundaryViolationError,
+)
+
+_HANDED_BACK = ("content-type", "x-request-id", "retry-after")
+_LIMITS = "x-ratelimit-"
+_JSON = {"content-type": "application/json"}
+
+# Errors that a call ends with, as a client sees them.
+_KINDS: tuple[tuple[type[Exception], int, str], ...] = (
+    (DeadlineExceeded, 504, "deadline_exceeded"),
+    (ContractViolationError, 422, "contract_violation"),
+    (SemanticBoundaryViolationError, 422, "semantic_boundary_violation"),
+    (NoProviderAvailable, 503, "no_provider_available"),
+    (ProvidersBusy, 503, "providers_busy"),
+)
+HEALED_FAILURES = (APIError, CallRefused, ContractViolationError, SemanticBoundaryViolationError)
+
+
+@dataclass(frozen=True)
+class Reply:
+    """A whole answer."""
+
+    status: int
+    headers: dict[str, str]
+    content: bytes
+
+
+def error_body(message: str, kind: str, code: str | None = None) -> bytes:
+    error = {"message": message, "type": kind, "param": None, "code": code}
+    return json.dumps({"error": error}).encode()
+
+
+def refusal(status: int, message: str, code: str | None = None) -> Reply:
+    """A request that nobody was asked about."""
+    return Reply(status, dict(_JSON), error_body(message, "invalid_request_error", code))
+
+
+def document(value: Any) -> Reply:
+    return Reply(200, dict(_JSON), json.dumps(value).encode())
+
+
+def headers_of(reply: Any, result: Any) -> dict[str, str]:
+    """Of an answer: the provider's that say something about it, and how it came about."""
+    fault = result.fault
+    told = {
+        "provider": result.provider,
+        "model": result.model,
+        "heal": result.heal_level or "none",
+        "attempts": str(len(result.attempts)),
+    }
+    if fault is not None:
+        told["fault"] = fault.sub_category or fault.category.value
+    return {**_handed_back(reply.headers), **_ours(told)}
+
+
+def failed(error: Exception, records: Iterable[ProviderConfig]) -> Reply:
+    """The end of a call that nobody answered: the last provider's own words, where it had any."""
+    end = _refused(error) or _failed_by_provider(_last_failure(error))
+    end.headers.update(_ours(_attempts_of(error)))
+    end.headers["x-should-retry"] = "false"
+    back_s = min(map(_back_in_s, records), default=0.0)
+    if back_s > 0:
+        end.headers["retry-after"] = str(math.ceil(back_s))
+    return end
+
+
+def _refused(error: Exception) -> Reply | None:
+    for kind, status, name in _KINDS:
+        if isinstance(error, kind):
+            return Reply(status, dict(_JSON), error_body(str(error), name))
+    return None
+
+
+def _failed_by_provider(error: BaseException) -> Reply:
+    reply = getattr(error, "_reply", None)
+    if reply is not None and reply.status != 200:
+        return Reply(reply.status, _handed_back(reply.headers), reply.content)
+    late = getattr(error, "status_code", None) == 408
+    status, kind = (504, "timeout") if late else (502, "provider_error")
+    return Reply(status, dict(_JSON), error_body(str(error), kind))
+
+
+def _last_failure(error: BaseException) -> BaseException:
+    """Of an error that says that nobody is left, the failure before it."""
+    return error.__cause__ or error if isinstance(error, CallRefused) else error
+
+
+def _attempts_of(error: Exception) -> dict[str, str]:
+    attempts = getattr(error, "attempts", ())
+    if not attempts:
+        return {"attempts": "0"}
+    last = attempts[-1]
+    told = {"provider": last.provider, "model": last.model, "attempts": str(len(attempts))}
+    return {**told, "fault": last.fault} if last.fault else told
+
+
+def _back_in_s(record: ProviderConfig) -> float:
+    """The seconds until a provider may be asked again."""
+    breaker = record.circuit_breaker
+    shut = breaker._state is CircuitState.OPEN
+    shut_s = breaker._opened_at + breaker.cooldown_seconds - time.time() if shut else 0.0
+    alone_s: float = record._left_alone_s()
+    return max(shut_s, alone_s)
+
+
+def _handed_back(headers: Mapping[str, str]) -> dict[str, str]:
+    return {
+        name: value
+        for name, value in headers.items()
+        if name in _HANDED_BACK or name.startswith(_LIMITS)
+    }
+
+
+def _ours(told: Mapping[str, str]) -> dict[str, str]:
+    """Names may hold anything; a header may not."""
+    return {
+        f"x-tarvomeldric-{name}": quote(value, safe=" /:.,;@+=~()") for name, value in told.items()
+    }

@@ -1,0 +1,181 @@
+"""What a client asks for: its path, its body and the few headers that mean something here."""
+
+from __future__ import annotations
+
+import json
+import math
+import re
+from collections.abc import Callable, Mapping
+from dataclasses import dataclass
+from typing import Any, NamedTuple
+
+# The operations that are healed, by the end of their path.
+KINDS = {"chat/completions": "chat", "completions": "completions", "embeddings": "embeddings"}
+
+SENT_ON = ("idempotency-key", "openai-organization", "openai-project")
+_OURS = "x-tarvomeldric-"
+_ACCEPTED = ("task-type", "deadline", "request-id")
+
+_BASE = re.compile(r"^/(?:[^?]*?/)?v\d+(?=/)")
+_SPACE = re.compile(r"[ \t\r\n]*")
+
+
+class RefusedError(Exception):
+    """A request that is refused here. The status, and the error's type and code in the answer."""
+
+    def __init__(self, status: int, message: str, code: str | None = None) -> None:
+        super().__init__(message)
+        self.status = status
+        self.code = code
+
+
+class Incoming(NamedTuple):
+    """One request of a client, whatever it came by. Names of headers are in lower case."""
+
+    method: str
+    path: str
+    query: bytes
+    headers: Mapping[str, str]
+    content: bytes
+
+    @property
+    def operation(self) -> str:
+        """The path below the API's base, `/v1` or none."""
+        return _BASE.sub("", self.path).strip("/")
+
+
+@dataclass(frozen=True)
+class Options:
+    """What a client may say about healing."""
+
+    task_type: str | None = None
+    deadline: float | None = None  # seconds
+    request_id: str | None = None
+
+
+def options_of(headers: Mapping[str, str]) -> Options:
+    """Raises RefusedError for what is not understood."""
+    given = {name[len(_OURS) :]: headers[name] for name in headers if name.startswith(_OURS)}
+    for name in given:
+        if name not in _ACCEPTED:
+            raise RefusedError(400, f"unknown header: {_OURS}{name}")
+    deadline = given.get("deadline")
+    return Options(
+        given.get("task-type"),
+        None if deadline is None else _seconds(deadline),
+        given.get("request-id"),
+    )
+
+
+def _seconds(given: str) -> float:
+    try:
+        seconds = float(given)
+    except ValueError:
+        seconds = math.nan
+    if not 0 < seconds < math.inf:
+        raise RefusedError(400, f"{_OURS}deadline must be a positive number of seconds")
+    return seconds
+
+
+class Body:
+    """A request's body, which goes out as it is but for the model.
+
+    Attributes:
+        fields: What it says.
+        model: The model that the client names.
+    """
+
+    def __init__(self, content: bytes) -> None:
+        try:
+            text = content.decode()
+            self.fields, spans = _members(text)
+        except (ValueError, RecursionError) as error:
+            raise RefusedError(400, f"the body is not a JSON object: {error}"[:200]) from None
+        self.model: str = self.fields.get("model")  # type: ignore[assignment]
+        if not isinstance(self.model, str) or not self.model:
+            raise RefusedError(400, "model must be a text that is not empty")
+        if not isinstance(self.fields.get("stream") or False, bool):
+            raise RefusedError(400, "stream must be true or false")
+        (start, end), *others = spans["model"]
+        if others:
+            raise RefusedError(400, "model is there twice")
+        self._before, self._after = text[:start].encode(), text[end:].encode()
+
+    def encode(self, model: str) -> bytes:
+        """The body as it is, asking for this model."""
+        return self._before + json.dumps(model).encode() + self._after
+
+    @property
+    def streamed(self) -> bool:
+        return bool(self.fields.get("stream"))
+
+    @property
+    def has_schema(self) -> bool:
+        wanted = self.fields.get("response_format")
+        return isinstance(wanted, dict) and wanted.get("type") == "json_schema"
+
+    @property
+    def prompt_length(self) -> int:
+        """The characters of what is asked, over all messages."""
+        messages = self.fields.get("messages")
+        if isinstance(messages, list):
+            contents = [it.get("content") for it in messages if isinstance(it, dict)]
+        else:
+            contents = [self.fields.get("prompt"), self.fields.get("input")]
+        return sum(map(_length, contents))
+
+
+def _length(content: Any) -> int:
+    if isinstance(content, str):
+        return len(content)
+    if isinstance(content, dict):
+        return _length(content.get("text"))
+    return sum(map(_length, content)) if isinstance(content, list) else 0
+
+
+def _refuse_constant(name: str) -> Any:
+    raise ValueError(f"{name} is not JSON")
+
+
+_decoder = json.JSONDecoder(parse_constant=_refuse_constant)
+
+
+def _members(text: str) -> tuple[dict[str, Any], dict[str, list[tuple[int, int]]]]:
+    """The members of a JSON object, and where in the text each value stands."""
+    fields: dict[str, Any] = {}
+    spans: dict[str, list[tuple[int, int]]] = {}
+    at = _expect("{", text, 0)
+    if text[at : at + 1] == "}":
+        at += 1
+    else:
+        while True:
+            name, at = _value(text, at)
+            if not isinstance(name, str):
+                raise ValueError("a name must be a text")
+            start = _expect(":", text, at)
+            fields[name], end = _value(text, start)
+            spans.setdefault(name, []).append((start, end))
+            at = _skip(text, end)
+            if text[at : at + 1] == "}":
+                at += 1
+                break
+            at = _expect(",", text, at)
+    if _skip(text, at) != len(text):
+        raise ValueError("there is more after its end")
+    return fields, spans
+
+
+def _skip(text: str, at: int) -> int:
+    space = _SPACE.match(text, at)
+    assert space is not None
+    return space.end()
+
+
+def _expect(sign: str, text: str, at: int) -> int:
+    at = _skip(text, at)
+    if text[at : at + 1] != sign:
+        raise ValueError(f"{sign!r} expected at {at}")
+    return _skip(text, at + 1)
+
+
+_value: Callable[[str, int], tuple[Any, int]] = _decoder.raw_decode
