@@ -132,8 +132,8 @@ def _unknown(incoming: Incoming) -> Reply:
 
 
 def _library(request: Any) -> ModuleType:
-    """The library whose request it is."""
-    return sys.modules[type(request).__module__.partition(".")[0]]
+    """The library whose request it is; the class of the request itself may be anybody's."""
+    return sys.modules[type(request.url).__module__.partition(".")[0]]
 
 
 class _Pieces:

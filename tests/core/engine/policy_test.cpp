@@ -262,6 +262,26 @@ TEST(Candidates, AreThoseOfThePolicyInItsOrder) {
   EXPECT_EQ(exact.ask({.model = "my-model"}), "No healthy providers available.");
 }
 
+TEST(Routes, GiveOrderAndModelsAndNeverACheaperOne) {
+  CallRequest two;
+  two.route.emplace()["nobody"] = "m0";
+  (*two.route)["deepseek"] = "m1";
+  (*two.route)["openai"] = "gpt-4o";
+  Policed routed({}, failures(1, 404));
+  routed.io.script["deepseek"] = failures(1, 401);
+  EXPECT_EQ(routed.ask(two), "the last error");
+  EXPECT_EQ(joined(routed.io.attempts,
+                   [](const AttemptRecord& r) { return told(r.provider, " ", r.model); }),
+            "deepseek m1, openai gpt-4o");
+  routed.policy.providers = std::vector<std::string>{"anthropic", "openai"};
+  EXPECT_EQ(routed.ask(two), "direct openai gpt-4o");
+
+  CallRequest one;
+  one.route.emplace()["openai"] = "gpt-4o";
+  routed.io.script["openai"] = failures(1, 404);
+  EXPECT_EQ(routed.ask(one), "All providers failed");
+}
+
 TEST(RetryBudget, BoundsWhatAnOutageCosts) {
   Policed day({.order = AttemptOrder::kFailoverFirst});
   day.policy.retry_budget = std::make_shared<RetryBudget>(RetryBudgetFields{}, day.clock);
