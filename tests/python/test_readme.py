@@ -18,7 +18,7 @@ from support import KEY
 from tarvomeldric.simulator import ProviderSimulator
 
 ROOT = Path(__file__).parents[2]
-BEHIND = ["policies", "production", "streaming", "watching"]
+BEHIND = ["clients", "policies", "production", "streaming", "watching"]
 PAGES = ["README.md", *(f"docs/{name}.md" for name in BEHIND)]
 
 
