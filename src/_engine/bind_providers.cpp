@@ -62,8 +62,7 @@ void bind_providers(nb::module_& module) {
         return Dict(headers);
       },
       "What every request to it is sent with.");
-  def(
-      cls, "_left_alone_s", &ProviderConfig::left_alone_s,
+  def(cls, "_left_alone_s", &ProviderConfig::left_alone_s,
       "For how many seconds it wants to be left alone.");
   def(cls, "avg_latency", &ProviderConfig::avg_latency,
       "The mean of the recent latencies in milliseconds, 0.0 without any.");

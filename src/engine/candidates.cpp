@@ -1,7 +1,7 @@
 #include "engine/candidates.h"
 
 #include <algorithm>
-#include <ranges>
+#include <functional>
 #include <utility>
 
 #include "engine/selection.h"
@@ -11,10 +11,11 @@ namespace tarvomeldric {
 namespace {
 
 // Those whose names are listed, in the list's order.
-template <class Names>
-std::vector<NamedProvider> in_order(const Names& names, std::vector<NamedProvider> available) {
+std::vector<NamedProvider> in_order(const auto& list, auto name_of,
+                                    std::vector<NamedProvider> available) {
   std::vector<NamedProvider> listed;
-  for (const std::string& name : names) {
+  for (const auto& entry : list) {
+    const std::string& name = std::invoke(name_of, entry);
     const auto named = std::ranges::find(available, name, &NamedProvider::name);
     if (named == available.end()) continue;
     listed.push_back(std::move(*named));
@@ -28,8 +29,9 @@ std::vector<NamedProvider> in_order(const Names& names, std::vector<NamedProvide
 std::vector<NamedProvider> Candidates::available(const Registry& registry) const {
   std::vector<NamedProvider> available = available_providers(registry);
   if (exact()) std::erase_if(available, [&](const auto& entry) { return !serves(entry); });
-  if (policy_.providers) available = in_order(*policy_.providers, std::move(available));
-  if (route_) available = in_order(std::views::keys(*route_), std::move(available));
+  if (policy_.providers)
+    available = in_order(*policy_.providers, std::identity(), std::move(available));
+  if (route_) available = in_order(*route_, &Route::Entry::first, std::move(available));
   return available;
 }
 
