@@ -5,7 +5,7 @@ from typing import Any
 
 from providers import STREAMS
 
-from tarvomeldric import Contract, SemanticDomain
+from tarvomeldric import CallPolicy, Contract, RetryBudget, SemanticDomain
 
 
 class Prompt(str):
@@ -28,6 +28,7 @@ _TASKS: list[dict[str, Any]] = [
     {"task_type": "no such task", "has_schema": True, "contract": _LOOSE},
     {"semantic_domain": SemanticDomain.TAU_NEIGHBORHOOD, "contract": _LOOSE},
 ]
+_BUDGET = RetryBudget(ratio=0.5, min_retries_per_second=5.0, burst=10.0)
 _STREAMED = (*STREAMS, "Hi", "Hello")
 
 
@@ -44,3 +45,34 @@ def of_call(chance: random.Random, text: str) -> dict[str, Any]:
 
 def of_stream(chance: random.Random) -> dict[str, Any]:
     return {"prompt": Prompt(chance.choice(_STREAMED)), "model": "gpt-4o", "timeout": 0.2}
+
+
+def of_healed_stream(chance: random.Random) -> dict[str, Any]:
+    return {
+        "prompt": Prompt(chance.choice(_STREAMED)),
+        "model": chance.choice(_MODELS),
+        "first_token_timeout": 0.2,
+        "idle_timeout": 0.2,
+        "total_timeout": chance.choice((None, 0.1, 0.3)),
+        "bulkhead_timeout": chance.choice((0, 0.05)),
+        **chance.choice(_TASKS),
+    }
+
+
+def of_policy(chance: random.Random) -> CallPolicy:
+    """No pause of its is as long as the one under back-pressure, by which that is known."""
+    return CallPolicy(
+        deadline=chance.choice((None, 0.1, 0.3, 0.7)),
+        attempt_timeout=chance.choice((None, 0.06, 0.15)),
+        max_attempts=chance.choice((None, None, 1, 3)),
+        max_retries=chance.choice((1, 5)),
+        initial_backoff=chance.choice((0.03, 1.0)),
+        jitter=chance.choice((False, True)),
+        retry_after=chance.choice((False, True)),
+        order=chance.choice(("retry_first", "failover_first")),
+        respect_breakers=chance.choice((False, True)),
+        validate=chance.choice(("healed", "all")),
+        providers=chance.choice((None, None, ("google", "openai"), ("anthropic", "nobody"))),
+        exact_model=chance.random() < 0.2,
+        retry_budget=chance.choice((None, None, _BUDGET)),
+    )

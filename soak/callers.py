@@ -3,13 +3,13 @@
 import asyncio
 import contextlib
 import random
-from collections.abc import Callable, Coroutine, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable, Coroutine
 from typing import Any
 
 import arguments
 import sleeps
-from outcomes import CANCELLED, CLOSED, INTERRUPTED, NEVER_AWAITED, NEVER_STARTED, UNCOUNTED, Tally
+from calls import begun
+from outcomes import CLOSED, NEVER_AWAITED, NEVER_STARTED, Tally
 
 from tarvomeldric import SelfHealingEngine
 
@@ -26,12 +26,12 @@ class Caller:
         self._text = text
 
     def call_sync(self, chance: random.Random) -> None:
-        with self._noted(chance):
-            self._tally.answered(self._engine.call_sync(**self._arguments(chance)))
+        with begun(self._engine, self._tally, chance, self._arguments(chance)) as call:
+            call.answered(call.engine.call_sync(**call.arguments))
 
     async def call(self, chance: random.Random) -> None:
-        with self._noted(chance):
-            self._tally.answered(await self._engine.call(**self._arguments(chance)))
+        with begun(self._engine, self._tally, chance, self._arguments(chance)) as call:
+            call.answered(await call.engine.call(**call.arguments))
 
     async def cancel(self, chance: random.Random) -> None:
         task = asyncio.ensure_future(self.call(chance))
@@ -64,11 +64,11 @@ class Caller:
 
     async def close_midway(self, chance: random.Random) -> None:
         """Drives a call by hand up to where it first waits."""
-        with self._noted(chance) as given_up:
-            call = self._engine.call(**self._arguments(chance))
-            call.send(None)
-            call.close()
-            given_up(CLOSED)
+        with begun(self._engine, self._tally, chance, self._arguments(chance)) as call:
+            coroutine = call.engine.call(**call.arguments)
+            coroutine.send(None)
+            coroutine.close()
+            call.given_up(CLOSED)
 
     @property
     def ways(self) -> list[Way]:
@@ -78,24 +78,3 @@ class Caller:
 
     def _arguments(self, chance: random.Random) -> dict[str, Any]:
         return arguments.of_call(chance, self._text)
-
-    @contextmanager
-    def _noted(self, chance: random.Random) -> Iterator[Callable[[str], None]]:
-        """Notes the outcome of the call that is made meanwhile, unless it is answered."""
-
-        def given_up(outcome: str) -> None:
-            self._tally.note(UNCOUNTED if slept.pausing else outcome)
-
-        slept = sleeps.begin_call(chance)
-        try:
-            yield given_up
-        except sleeps.Interrupted:
-            given_up(INTERRUPTED)
-        except asyncio.CancelledError:
-            given_up(CANCELLED)
-            raise
-        except Exception as error:
-            self._tally.failed(error)
-        finally:
-            if slept.paused:
-                self._tally.note("paused under back-pressure")

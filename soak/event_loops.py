@@ -8,13 +8,17 @@ from typing import Any
 
 import uvloop
 from callers import Caller, Way
+from healed_streams import HealedStreamReader
 from streams import StreamReader
 
 _COROUTINES = 12
 
 
 def run_and_end(
-    caller: Caller, reader: StreamReader, chance: random.Random, over: threading.Event
+    caller: Caller,
+    readers: list[StreamReader | HealedStreamReader],
+    chance: random.Random,
+    over: threading.Event,
 ) -> None:
     """One loop after the other."""
 
@@ -28,10 +32,11 @@ def run_and_end(
         seeds = [chance.random() for _ in range(_COROUTINES)]
         await asyncio.gather(*(use(random.Random(seed), ways, until) for seed in seeds))
 
+    streaming = [way for reader in readers for way in reader.ways]
     while not over.is_set():
         run = chance.choice((_run_and_close, asyncio.run, uvloop.run))
         # Streams that were dropped are closed by a loop's proper end.
-        run(main(caller.ways if run is _run_and_close else [*caller.ways * 2, *reader.ways]))
+        run(main(caller.ways if run is _run_and_close else [*caller.ways * 2, *streaming]))
 
 
 def _run_and_close(work: Coroutine[Any, Any, None]) -> None:

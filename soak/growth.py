@@ -26,6 +26,9 @@ _OWN = {"tarvomeldric", "arguments", "httpx", "httpcore", "redis", "asyncio", "_
 HELD = {
     "engines": "tarvomeldric._engine.SelfHealingEngine",
     "learners": "tarvomeldric._engine.FlywheelLearner",
+    "views": "tarvomeldric._engine.EngineView",
+    "streams": "tarvomeldric._streams.Stream",
+    "blocking streams": "tarvomeldric._streams.SyncStream",
     "coroutines": "tarvomeldric._engine._Coroutine",
     "prompts": "arguments.Prompt",
     "HTTP clients": "httpx.Client",

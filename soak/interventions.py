@@ -9,12 +9,21 @@ import threading
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
+from typing import Any
 
 from outcomes import ERRORS, Tally
 from providers import SLOTS
 from sleeps import sleep
 
-from tarvomeldric import CircuitBreaker, CircuitState, ProviderConfig, RateLimiter
+from tarvomeldric import (
+    APIError,
+    CallPolicy,
+    CallRefused,
+    CircuitBreaker,
+    CircuitState,
+    ProviderConfig,
+    RateLimiter,
+)
 
 _NO_PROVIDER, _NO_FALLBACK, _NO_ROOM, _NO_CANDIDATE = list(ERRORS.values())[:4]
 _CATEGORIES = ("auth_error", "unknown", "model_not_found", "validation_error", "server_error")
@@ -25,9 +34,29 @@ _PATIENCE = 100  # looks, 5 ms apart
 def revive(records: Sequence[ProviderConfig]) -> None:
     for record in records:
         record.healthy = True
-        record.circuit_breaker = CircuitBreaker()
-        for category in list(record._category_circuit_breakers):
-            record._category_circuit_breakers[category] = CircuitBreaker()
+        _close(record.circuit_breaker)
+        for breaker in record._category_circuit_breakers.values():
+            _close(breaker)
+
+
+def _close(breaker: CircuitBreaker) -> None:
+    """Without another one in its place: a leave to test it that was not given back would be lost."""
+    breaker._state, breaker._consecutive_fails = CircuitState.CLOSED, 0
+    breaker._window.clear()
+
+
+def test_half_open(engine: Any, record: ProviderConfig, tally: Tally) -> None:
+    """When nobody else calls, a half-open provider lets one through."""
+    revive([record])
+    record.circuit_breaker._state = CircuitState.HALF_OPEN
+    policy = CallPolicy(respect_breakers=True, providers=[record.name], max_attempts=1)
+    try:
+        tally.answered(engine.with_policy(policy).call_sync("Hi", timeout=0.3))
+    except CallRefused as error:
+        tally.note_unexpected(f"{record.name} is half-open, and nobody may test it: {error}")
+        tally.failed(error)
+    except APIError as error:
+        tally.failed(error)
 
 
 @dataclass
@@ -36,6 +65,7 @@ class State:
 
     outcome: str
     tripped: Sequence[ProviderConfig] = ()  # breakers are open
+    tested: Sequence[ProviderConfig] = ()  # breakers are half-open
     unhealthy: Sequence[ProviderConfig] = ()
     full: Sequence[ProviderConfig] = ()  # all slots are taken
     spent: Sequence[ProviderConfig] = ()  # hardly any tokens
@@ -59,6 +89,8 @@ class State:
         """Calls that succeed, and other threads, undo this all along."""
         for record in self.tripped:
             record.circuit_breaker._trip()
+        for record in self.tested:
+            record.circuit_breaker._state = CircuitState.HALF_OPEN
         for record in self.unhealthy:
             record.healthy = False
         for record in self.blocked:
@@ -78,6 +110,7 @@ def intervene(
         State(_NO_FALLBACK, tripped=others, spent=[first]),
         State(_NO_ROOM, full=records),
         State(_NO_ROOM, spent=records),
+        State(_NO_ROOM, tested=records),
         State(_NO_CANDIDATE, blocked=records),
     ]
     while not over.is_set():

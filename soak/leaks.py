@@ -126,6 +126,9 @@ class World:
         self.wired = engine_with(tireless(base_url=base_url))
         self.loop = asyncio.new_event_loop()
         self.good, self.bad, self.healing = engine_on(200), engine_on(401), engine_on(429, 200)
+        self.careful = self.good.with_policy(tm.CallPolicy.interactive())
+        self.bounded = self.wired.with_policy(tm.CallPolicy.interactive())
+        self.nobody = self.good.with_policy(tm.CallPolicy(providers=["nobody"]))
         self.pending = engine_on()
         self.pending._execute = lambda *_, **__: Pending()
         self.learner, self.record = self.good._learner, self.good._providers["mine"]
@@ -140,6 +143,19 @@ class World:
 
     def awaited(self, prompt: str) -> Any:
         return self.loop.run_until_complete(self.wired.call(prompt))
+
+    def stream(self, left: bool = False) -> None:
+        with self.bounded.stream_sync("Hi") as stream:
+            list(itertools.islice(stream, 1 if left else None))
+
+    def awaited_stream(self, left: bool = False) -> None:
+        async def read() -> None:
+            async with self.bounded.stream("Hi") as stream:
+                async for _ in stream:
+                    if left:
+                        break
+
+        self.loop.run_until_complete(read())
 
     def suspended(self) -> Any:
         coroutine = self.pending.call("Hi")
@@ -188,6 +204,18 @@ OPERATIONS: dict[str, Callable[[World], Any]] = {
     "awaited exchange": lambda w: w.awaited("Hi"),
     "refused exchange": lambda w: refused(FAILURES, lambda: w.wired.call_sync("refuse")),
     "refused awaited exchange": lambda w: refused(FAILURES, lambda: w.awaited("refuse")),
+    "view": lambda w: w.good.with_policy(tm.CallPolicy(max_attempts=2)).call_sync("Hi", "m"),
+    "awaited view": lambda w: drive(w.careful.call("Hi", "m", contract=SCHEMA)),
+    "refused by a view": lambda w: (
+        refused(tm.NoProviderAvailable, lambda: w.nobody.call_sync("Hi")),
+        refused(tm.NoProviderAvailable, lambda: drive(w.nobody.call("Hi"))),
+        refused(tm.NoProviderAvailable, w.nobody.stream_sync("Hi").__enter__),
+    ),
+    "healed stream": lambda w: w.stream(),
+    "awaited healed stream": lambda w: w.awaited_stream(),
+    "healed stream, left early": lambda w: w.stream(left=True),
+    "awaited healed stream, left early": lambda w: w.awaited_stream(left=True),
+    "refused healed stream": lambda w: refused(FAILURES, w.bounded.stream_sync("refuse").__enter__),
     "failover": lambda w: w.good._failover_sync(*w.failing),
     "broken contract": lambda w: refused(
         tm.ContractViolationError, lambda: drive(w.good._failover(*w.failing, contract=STRICT))
@@ -283,7 +311,8 @@ def in_no_time() -> Iterator[None]:
 
 def holdings(world: World) -> Counter[str]:
     world.forget()
-    gc.collect()
+    while gc.collect():  # a generator that is collected may leave more to collect
+        pass
     found = Counter(type(thing).__name__ for thing in gc.get_objects())
     found.update({f"references to {kept!r}": sys.getrefcount(kept) for kept in KEPT})
     found.update(blocks=sys.getallocatedblocks(), bytes=allocated())

@@ -1,11 +1,12 @@
 """The outcomes that a call or a stream can have, and a tally of how often each occurred."""
 
+import math
 import threading
 import traceback
 from collections import Counter
 from collections.abc import Iterable
 
-from tarvomeldric import APIError, CallResult
+from tarvomeldric import APIError, CallResult, DeadlineExceeded
 
 LEVELS = {
     "": "answered at once",
@@ -24,10 +25,16 @@ ERRORS = {
     "Contract validation failed after L2": "contract broken after L2",
     "Contract validation failed after L3": "contract broken after L3",
     "Response drift detected": "structure drifted",
+    "Contract validation failed: ": "contract broken by every answer",
 }
 PROVIDER_ERROR = "provider's error, all failed"
+DEADLINE = "deadline exceeded"
 CANCELLED, INTERRUPTED, CLOSED = "cancelled", "interrupted", "closed midway"
-CALLS = [*LEVELS.values(), *ERRORS.values(), PROVIDER_ERROR, CANCELLED, INTERRUPTED, CLOSED]
+ANSWERED = list(LEVELS.values())
+FAILED = [*ERRORS.values(), PROVIDER_ERROR, DEADLINE]
+ABANDONED = [CANCELLED, INTERRUPTED, CLOSED]
+CALLS = [*ANSWERED, *FAILED, *ABANDONED]
+REFUSED_ANSWER = "answer refused for its contract"
 UNCOUNTED = "given up in the pause before it counts"
 NEVER_AWAITED, NEVER_STARTED = "closed, never awaited", "cancelled, never started"
 
@@ -42,13 +49,23 @@ KINDS = {
         "stream dropped",
         "stream cancelled",
     ],
+    "streams that heal": [
+        "healed stream read whole",
+        "healed stream interrupted",
+        "healed stream left early",
+        "healed stream dropped",
+        "healed stream cancelled",
+    ],
     "besides": [
+        REFUSED_ANSWER,
         "contract held",
         "contract broken and tolerated",
         "paused under back-pressure",
         "breaker opened by failures",
     ],
 }
+TIMES = ["within 0.1 s of the deadline", "later than that"]
+_LATE, _TOO_LATE = 0.1, 3.0  # seconds; a busy machine may need more than the first
 
 
 class Tally:
@@ -58,6 +75,7 @@ class Tally:
         self._lock = threading.Lock()
         self.counts: Counter[str] = Counter()
         self.unexpected: Counter[str] = Counter()
+        self.worst_lateness = -math.inf  # seconds
 
     def sum(self, outcomes: Iterable[str]) -> int:
         return sum(self.counts[outcome] for outcome in outcomes)
@@ -75,6 +93,14 @@ class Tally:
         with self._lock:
             self.unexpected[what] += 1
 
+    def note_lateness(self, seconds: float) -> None:
+        """How long after its deadline something was over; mostly it was so before."""
+        self.note(TIMES[seconds > _LATE])
+        if seconds > _TOO_LATE:
+            self.note_unexpected("a call was over more than three seconds after its deadline")
+        with self._lock:
+            self.worst_lateness = max(self.worst_lateness, seconds)
+
     def answered(self, result: CallResult) -> None:
         level, passed = result.heal_level, result.validation_passed
         healed = level not in ("", "l4_learned")
@@ -86,6 +112,9 @@ class Tally:
             self.note("contract held" if passed else "contract broken and tolerated")
 
     def failed(self, error: BaseException) -> None:
+        if isinstance(error, DeadlineExceeded):
+            self.note(DEADLINE)
+            return
         if isinstance(error, APIError):
             self.note(PROVIDER_ERROR)
             return
@@ -100,6 +129,7 @@ class Tally:
         with self._lock:
             self.counts += other.counts
             self.unexpected += other.unexpected
+            self.worst_lateness = max(self.worst_lateness, other.worst_lateness)
 
     def missing(self) -> list[str]:
         """The outcomes that did not occur."""

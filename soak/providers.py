@@ -9,18 +9,21 @@ from tarvomeldric.simulator import Fault, ProviderSimulator, Raw, Reply, ReplyLi
 
 SLOTS = 8
 RATE_LIMITED = "Too many requests."  # a prompt that contains this is answered with 429
+_WELL, _JUNK = '{"x": 1}', "some junk"
+ANSWERS = [_WELL, _JUNK]
 
 _FAULTS: list[ReplyLike] = [429, 500, 503, 401, 401, 402, 403, 404, 404, 404, 400, 400, *Fault]
-_FAULTS += ["some junk"] * 10  # well-formed, but no contract holds
+_FAULTS += [_JUNK] * 10  # well-formed, but no contract holds
 _FAULTS += [
-    Reply('{"x": 1}', delay=0.15),
-    Reply('{"x": 1}', headers={"Connection": "close"}),
+    Reply(_WELL, delay=0.15),
+    Reply(_WELL, headers={"Connection": "close"}),
     Reply(status=429, headers={"Retry-After": "3"}),
     Reply(status=503, delay=0.1),
     Reply(body=b"\xff\xfe\x00"),
     Reply(status=500, body="<h1>It broke. \U0001f4a5</h1>" * 100),
 ]
-STREAMS: dict[str, ReplyLike] = {
+STREAMS = {
+    "Stream well.": Reply(stream=["a", " b", " c"]),
     "Stream to the end.": Reply(
         stream=["a", "b", Raw(": still here\n\n"), Raw("data: {\n\n"), "c"]
     ),
@@ -42,7 +45,7 @@ class SimulatedProvider:
 
     def start(self) -> None:
         simulator = ProviderSimulator(
-            default='{"x": 1}',
+            default=_WELL,
             rules={RATE_LIMITED: 429, **STREAMS},
             fault_rate=0.7,
             faults=_FAULTS,

@@ -5,7 +5,7 @@ from typing import Any
 
 from growth import HELD, Snapshot
 from invariants import COUNTERS
-from outcomes import CALLS, KINDS, Tally
+from outcomes import CALLS, KINDS, TIMES, Tally
 
 _MIB = 2**20
 
@@ -24,6 +24,7 @@ def table(engine: Any, tally: Tally, snapshots: list[Snapshot]) -> None:
     metric = engine.get_metrics().get_counter
     for title, names in KINDS.items():
         _section(title, {name: tally.counts[name] for name in names})
+    _section("bounded in time", {name: tally.counts[name] for name in TIMES})
     pages = {name: tally.counts[name] for name in sorted(tally.counts) if name.startswith("/")}
     _section("pages read", pages)
     _section("counted by the engine", {name: metric(name) for name in COUNTERS})

@@ -3,6 +3,7 @@
 `run.py` starts this, for so many seconds and with this seed, in a process of its own.
 """
 
+import asyncio
 import contextlib
 import io
 import os
@@ -29,13 +30,15 @@ import unclosed
 import uvloop
 from callers import Caller
 from growth import Snapshot
+from healed_streams import HealedStreamReader
+from listener import Listener
 from outcomes import Tally
 from providers import SimulatedProvider
 from streams import StreamReader
 
-from support import RedisServer, engine_with, use_one_arena
+from support import RedisServer, engine_on, engine_with, use_one_arena
 from tarvomeldric import serve_dashboard
-from tarvomeldric.simulator import rehearsal
+from tarvomeldric.simulator import ProviderSimulator, rehearsal
 
 _NAMES = ("openai", "anthropic", "google")
 _THREADS, _LOOPS, _TEMPORARY = 8, 3, 3
@@ -59,12 +62,25 @@ class Soak:
         self._records = [provider.record() for provider in providers]
         self._rounds = 0
         self.engine: Any = engine_with(*self._records)
+        self._listener = Listener(self.engine, self._tally)
         self.engine._learner.record("model_request:google", "failover:anthropic", True)
         _fill_histories(self.engine)
         self.snapshots: list[Snapshot] = []  # of the first round, the warm-up's end, the last round
 
     def round(self, seconds: float, last: bool) -> Iterator[str]:
         """Everything at once, then the checks: what was not right."""
+        with self._listener.listening():
+            self._work(seconds, last)
+            self.engine.close_sync()
+            self.engine._learner._redis_client.close()
+            growth.settle(threads=2)  # this one, and the one that publishes what was learned
+        yield from self._listener.complaints()
+        kept = 1 if self._rounds <= self._warm_up else 2
+        self.snapshots = [*self.snapshots[:kept], Snapshot(self.tally().calls)]
+        yield from invariants.not_given_back(self._records)
+        yield from invariants.disagreements(self.engine, self._tally)
+
+    def _work(self, seconds: float, last: bool) -> None:
         over, end = threading.Event(), time.monotonic() + seconds
         with contextlib.redirect_stdout(io.StringIO()):
             server = serve_dashboard(self.engine, "127.0.0.1", 0)
@@ -76,13 +92,8 @@ class Soak:
             over.set()
             for done in work:
                 done.result()
-        self.engine.close_sync()
-        self.engine._learner._redis_client.close()
-        growth.settle(threads=2)  # this one, and the one that publishes what was learned
-        kept = 1 if self._rounds <= self._warm_up else 2
-        self.snapshots = [*self.snapshots[:kept], Snapshot(self.tally().calls)]
-        yield from invariants.not_given_back(self._records)
-        yield from invariants.disagreements(self.engine, self._tally)
+        for record in self._records:
+            interventions.test_half_open(self.engine, record, self._tally)
 
     def tally(self) -> Tally:
         """That of the engine and of the temporary ones together."""
@@ -98,15 +109,16 @@ class Soak:
         self._rounds += 1
         chances = (random.Random(f"{self._seed} {self._rounds} {job}") for job in range(100))
         caller = Caller(self.engine, self._tally)
-        reader = StreamReader(self.engine, self._records, self._tally)
+        healed = HealedStreamReader(self.engine, self._tally)
+        readers = [StreamReader(self.engine, self._records, self._tally), healed]
         yield interventions.intervene, self._records, self._tally, next(chances), over
         yield outages.of_redis, self._redis, next(chances), over
         yield outages.of_providers, self._providers, next(chances), over
         yield scraper.scrape, self.engine, server, self._tally, next(chances), over
         for _ in range(_THREADS):
-            yield _call_sync, caller, next(chances), over
+            yield _call_sync, caller, healed, next(chances), over
         for _ in range(_LOOPS):
-            yield event_loops.run_and_end, caller, reader, next(chances), over
+            yield event_loops.run_and_end, caller, readers, next(chances), over
         for _ in range(_TEMPORARY):
             others = self._tally_of_others
             yield temporary_engines.use_in_turn, self._providers, others, next(chances), over
@@ -125,10 +137,27 @@ def _fill_histories(engine: Any) -> None:
         diagnoser.diagnose("HTTP 500")
 
 
-def _call_sync(caller: Caller, chance: random.Random, over: threading.Event) -> None:
+def _call_sync(
+    caller: Caller, reader: HealedStreamReader, chance: random.Random, over: threading.Event
+) -> None:
+    ways = [*[caller.call_sync] * 12, *reader.blocking_ways]
     while not over.is_set():
-        caller.call_sync(chance)
+        chance.choice(ways)(chance)
         sleeps.sleep(0.002)
+
+
+def _load() -> None:
+    """The first calls of a process load modules, which would make them late."""
+    with ProviderSimulator() as simulator:
+        engine = engine_on(simulator)
+        engine.call_sync("Hi")
+
+        async def call() -> None:
+            async with engine:
+                await engine.call("Hi")
+
+        asyncio.run(call())
+        uvloop.run(call())
 
 
 def soak(seconds: float, seed: int, home: Path) -> list[str]:
@@ -136,6 +165,7 @@ def soak(seconds: float, seed: int, home: Path) -> list[str]:
     uvloop.new_event_loop().close()  # its library keeps two descriptors for good
     start = Snapshot(0)
     complaints: list[str] = []
+    _load()
     with ExitStack() as stack:
         redis = stack.enter_context(RedisServer())
         os.environ["TARVOMELDRIC_REDIS_URL"] = redis.url
@@ -158,7 +188,8 @@ def soak(seconds: float, seed: int, home: Path) -> list[str]:
     complaints += growth.increases(snapshots)
     complaints += unclosed.excess(connections, tally.calls)
     report.table(whole.engine, tally, [start, *snapshots])
-    print(f"\nconnections that the HTTP library lost: {len(connections)}")
+    print(f"\nlatest after a deadline: {tally.worst_lateness:.3f} s")
+    print(f"connections that the HTTP library lost: {len(connections)}")
     del whole
     complaints += growth.leftovers(start)
     files = sorted(path.name for path in (home / ".tarvomeldric").iterdir())
