@@ -18,8 +18,8 @@ _BLOCKS_A_CALL = 0.02  # of Python's memory
 _BYTES_A_CALL = 2  # of C's and C++'s
 _SPARE_OBJECTS = 30  # of a type: guards have a breaker for each category of faults they met
 _SPARE_BLOCKS = 3_000
-_SPARE_BYTES = 300_000
-_SPARE_RESIDENT = 3 << 20
+_SPARE_BYTES = 600_000  # kept of every function that ran, and of what was learned
+_SPARE_RESIDENT = 6 << 20  # a round with more calls than before has more alive at a time
 _PATIENCE = 20.0  # seconds
 _OWN = {"tarvomeldric", "arguments", "httpx", "httpcore", "redis", "asyncio", "_asyncio", "uvloop"}
 
