@@ -14,7 +14,7 @@ from unittest import mock
 
 PAUSE = 0.5  # seconds, under back-pressure; no other delay of the engine has this length
 _LONGEST = 0.001  # seconds
-_LONGEST_PAUSE = 0.02
+_LONGEST_PAUSE = 0.05  # enough for calls to be given up in it
 _INTERRUPTED = 0.02  # of the blocking sleeps
 
 sleep, asleep = time.sleep, asyncio.sleep
