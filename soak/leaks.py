@@ -14,6 +14,7 @@ import copy
 import ctypes
 import gc
 import itertools
+import json
 import pickle
 import sys
 import warnings
@@ -35,14 +36,14 @@ from tarvomeldric import (
     MapeKPhase,
     RateLimiter,
 )
-from tarvomeldric.simulator import ProviderSimulator, rehearsal
+from tarvomeldric.simulator import Fault, ProviderSimulator, Reply, ReplyLike, rehearsal
 
 _MANY = 1_000_000
 _PRIMING = 200  # times, in which caches fill
-_ROUNDS = 3  # a table of the interpreter's own may just be growing: a leak goes on growing
+_ROUNDS = 6  # caches of the interpreter may still be filling: a leak goes on growing
 _SPARE_OBJECTS = 50  # of a type, and references to one
 _SPARE_BLOCKS = 600
-_SPARE_BYTES = 20_000
+_SPARE_BYTES = 30_000
 
 SCHEMA = tm.Contract({"required": ["a"]}, similarity_threshold=0.1, reference_text="a")
 STRICT = tm.Contract(forbidden_patterns=["a"])
@@ -74,9 +75,12 @@ def provider() -> Any:
 def engine_on(*statuses: int) -> Any:
     """Its provider's answers have these statuses in turns."""
 
-    def answer(_: httpx.Request) -> httpx.Response:
-        body = {"choices": [{"message": {"content": '{"a": 1}'}}]}
-        return httpx.Response(next(turns), json=body)
+    def answer(request: httpx.Request) -> httpx.Response:
+        said = {"content": '{"a": 1}'}
+        if b'"stream"' in request.content:
+            event = json.dumps({"choices": [{"delta": said}]})
+            return httpx.Response(next(turns), text=f"data: {event}\n\ndata: [DONE]\n\n")
+        return httpx.Response(next(turns), json={"choices": [{"message": said}]})
 
     turns = itertools.cycle(statuses)
     engine: Any = tm.SelfHealingEngine({"mine": provider()})
@@ -144,8 +148,8 @@ class World:
     def awaited(self, prompt: str) -> Any:
         return self.loop.run_until_complete(self.wired.call(prompt))
 
-    def stream(self, left: bool = False) -> None:
-        with self.bounded.stream_sync("Hi") as stream:
+    def stream(self, prompt: str = "Hi", left: bool = False) -> None:
+        with self.bounded.stream_sync(prompt) as stream:
             list(itertools.islice(stream, 1 if left else None))
 
     def awaited_stream(self, left: bool = False) -> None:
@@ -155,6 +159,26 @@ class World:
                     if left:
                         break
 
+        self.loop.run_until_complete(read())
+
+    def cancelled_stream(self) -> None:
+        async def read() -> None:
+            async with self.bounded.stream("slow") as stream:
+                async for _ in stream:
+                    reading.cancel()
+
+        reading = self.loop.create_task(read())
+        refused(asyncio.CancelledError, lambda: self.loop.run_until_complete(reading))
+
+    def rescued_streams(self) -> None:
+        """Their first attempt fails."""
+
+        async def read() -> None:
+            async with self.healing.stream("Hi") as stream:
+                assert [text async for text in stream.text]
+
+        with self.healing.stream_sync("Hi") as stream:
+            assert list(stream.text)
         self.loop.run_until_complete(read())
 
     def suspended(self) -> Any:
@@ -215,6 +239,10 @@ OPERATIONS: dict[str, Callable[[World], Any]] = {
     "awaited healed stream": lambda w: w.awaited_stream(),
     "healed stream, left early": lambda w: w.stream(left=True),
     "awaited healed stream, left early": lambda w: w.awaited_stream(left=True),
+    "healed stream, dropped": lambda w: w.bounded.stream_sync("Hi").__enter__(),
+    "awaited healed stream, cancelled": lambda w: w.cancelled_stream(),
+    "healed stream, cut off": lambda w: refused(tm.StreamInterrupted, lambda: w.stream("cut off")),
+    "healed streams, rescued": lambda w: w.rescued_streams(),
     "refused healed stream": lambda w: refused(FAILURES, w.bounded.stream_sync("refuse").__enter__),
     "failover": lambda w: w.good._failover_sync(*w.failing),
     "broken contract": lambda w: refused(
@@ -349,7 +377,12 @@ def main() -> int:
     options = parser.parse_args()
     warnings.filterwarnings("ignore", "coroutine .* was never awaited")
     tm._engine._warn_of_leaks(True)
-    simulator = ProviderSimulator(rules={"refuse": 401}, process=True, keep=1)
+    rules: dict[str, ReplyLike] = {
+        "refuse": 401,
+        "slow": Reply(stream=["a", 0.001, "b"]),
+        "cut off": Reply(stream=["a", Fault.TRUNCATED]),
+    }
+    simulator = ProviderSimulator(rules=rules, process=True, keep=1)
     with rehearsal(), in_no_time(), simulator:
         found = list(complaints(options.times, simulator.base_url))
         if options.leak:
