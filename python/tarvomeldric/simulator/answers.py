@@ -93,7 +93,7 @@ def error_body(status: int, message: str | None = None) -> bytes:
 
 def models_body() -> bytes:
     """Return a list of models: a first look with curl or a browser then shows something."""
-    model = {"id": "simulated", "object": "model", "owned_by": "simulator"}
+    model = {"id": "simulated", "object": "model", "created": 0, "owned_by": "simulator"}
     return json.dumps({"object": "list", "data": [model]}).encode()
 
 
@@ -107,17 +107,23 @@ def words_of(request: Mapping[str, Any], reply: Reply) -> list[str]:
 
 
 def chunk_event(
-    request: Mapping[str, Any], delta: Mapping[str, Any], finish_reason: str | None = None
+    kind: str | None,
+    request: Mapping[str, Any],
+    delta: Mapping[str, Any],
+    finish_reason: str | None = None,
 ) -> dict[str, Any]:
     """Return the event that adds ``delta`` to a streamed answer."""
-    choice = {"index": 0, "delta": delta, "finish_reason": finish_reason}
-    return _completion("chat.completion.chunk", str(request.get("model")), [choice])
+    is_text = kind == "completions"
+    said = {"text": delta.get("content", "")} if is_text else {"delta": delta}
+    choice = {"index": 0, **said, "finish_reason": finish_reason}
+    return _completion(kind, request.get("model"), [choice], ".chunk")
 
 
-def usage_event(request: Mapping[str, Any], usage: Mapping[str, Any]) -> dict[str, Any]:
+def usage_event(
+    kind: str | None, request: Mapping[str, Any], usage: Mapping[str, Any]
+) -> dict[str, Any]:
     """Return the event after a streamed answer that tells what it took."""
-    event = _completion("chat.completion.chunk", str(request.get("model")), [])
-    return {**event, "usage": usage}
+    return {**_completion(kind, request.get("model"), [], ".chunk"), "usage": usage}
 
 
 def tool_call(call: ToolCall, at: int) -> dict[str, Any]:
@@ -172,17 +178,20 @@ def _body(
         if kind == "completions":
             choice["text"] = answer
         said = _tokens(answer) if isinstance(answer, str) else 0
-        body = _completion("chat.completion", model, [choice])
+        body = _completion(kind, model, [choice])
         body["usage"] = _usage(asked, said)
     return json.dumps(body).encode()
 
 
-def _completion(form: str, model: str, choices: list[dict[str, Any]]) -> dict[str, Any]:
+def _completion(
+    kind: str | None, model: Any, choices: list[dict[str, Any]], chunk: str = ""
+) -> dict[str, Any]:
+    is_text = kind == "completions"  # its events have the same name as the whole
     return {
-        "id": "chatcmpl-simulated",
-        "object": form,
+        "id": "cmpl-simulated" if is_text else "chatcmpl-simulated",
+        "object": "text_completion" if is_text else f"chat.completion{chunk}",
         "created": 0,
-        "model": model,
+        "model": str(model),
         "choices": choices,
     }
 

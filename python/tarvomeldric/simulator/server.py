@@ -10,7 +10,7 @@ from collections import deque
 from collections.abc import Iterator, Mapping, Sequence
 from typing import Any, cast
 
-from .answers import prompt_of
+from .answers import prompt_of, request_kind
 from .received import Exchange, ReceivedRequest
 from .replies import Fault, Reply
 from .script import Script, Settings
@@ -124,7 +124,7 @@ class Connection(asyncio.Protocol):
         self._exchange = exchange
         request = exchange.members()
         reply = self._desk.receive(exchange, request)
-        stream = stream_of(reply, request)
+        stream = stream_of(request_kind(exchange.path, request), reply, request)
         if reply.delay or stream is not None or reply.fault is Fault.STALL:
             work = self._take_time(exchange, request, reply, stream)
             self._work = asyncio.get_running_loop().create_task(work)

@@ -15,18 +15,18 @@ Piece = bytes | float | Fault
 _ARGUMENTS = 8  # characters of a tool call's arguments in one event
 
 
-def stream_of(reply: Reply, request: Mapping[str, Any]) -> Iterator[Piece] | None:
+def stream_of(kind: str | None, reply: Reply, request: Mapping[str, Any]) -> Iterator[Piece] | None:
     """Return what to stream: the reply's own items, or an answer whose client asked for events."""
     if reply.stream is not None:
-        return _pieces(reply.stream, reply, request)
+        return _pieces(kind, reply.stream, reply, request)
     plain = reply.status == 200 and reply.body is None and reply.fault is None
     if plain and request.get("stream") is True and isinstance(reply.answer, (str, type(None))):
-        return _pieces([*words_of(request, reply), *reply.tool_calls], reply, request)
+        return _pieces(kind, [*words_of(request, reply), *reply.tool_calls], reply, request)
     return None
 
 
 def _pieces(
-    items: Sequence[StreamItem], reply: Reply, request: Mapping[str, Any]
+    kind: str | None, items: Sequence[StreamItem], reply: Reply, request: Mapping[str, Any]
 ) -> Iterator[Piece]:
     calls = 0
     for item in items:
@@ -35,26 +35,27 @@ def _pieces(
         elif isinstance(item, (Fault, int, float)):
             yield item
         else:
-            yield from map(_written, _events(item, calls, request))
+            yield from map(_written, _events(kind, item, calls, request))
             calls += isinstance(item, ToolCall)
     if reply.done:
-        yield from map(_written, _ending(items, reply, request))
+        yield from map(_written, _ending(kind, items, reply, request))
 
 
 def _events(
+    kind: str | None,
     item: str | Reasoning | ToolCall | Finish | Mapping[str, Any],
     calls: int,
     request: Mapping[str, Any],
 ) -> Iterator[Mapping[str, Any]]:
     if isinstance(item, str):
-        yield chunk_event(request, {"content": item})
+        yield chunk_event(kind, request, {"content": item})
     elif isinstance(item, Reasoning):
-        yield chunk_event(request, {"reasoning_content": item.text})
+        yield chunk_event(kind, request, {"reasoning_content": item.text})
     elif isinstance(item, ToolCall):
         for delta in _growing(item, calls):
-            yield chunk_event(request, {"tool_calls": [delta]})
+            yield chunk_event(kind, request, {"tool_calls": [delta]})
     elif isinstance(item, Finish):
-        yield chunk_event(request, {}, item.reason)
+        yield chunk_event(kind, request, {}, item.reason)
     else:
         yield item
 
@@ -69,16 +70,16 @@ def _growing(call: ToolCall, at: int) -> Iterator[dict[str, Any]]:
 
 
 def _ending(
-    items: Sequence[StreamItem], reply: Reply, request: Mapping[str, Any]
+    kind: str | None, items: Sequence[StreamItem], reply: Reply, request: Mapping[str, Any]
 ) -> Iterator[Mapping[str, Any]]:
     said = [item for item in items if not isinstance(item, (int, float))]
     if said and all(isinstance(item, (str, Reasoning, ToolCall)) for item in said):
         reason = "tool_calls" if any(isinstance(item, ToolCall) for item in said) else "stop"
-        yield chunk_event(request, {}, reason)
+        yield chunk_event(kind, request, {}, reason)
     options = request.get("stream_options")
     if isinstance(options, dict) and options.get("include_usage") is True:
         text = "".join(item for item in said if isinstance(item, str))
-        yield usage_event(request, reply.usage or usage_of(prompt_of(request), text))
+        yield usage_event(kind, request, reply.usage or usage_of(prompt_of(request), text))
 
 
 def _written(event: Mapping[str, Any]) -> bytes:
