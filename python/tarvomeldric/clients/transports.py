@@ -98,7 +98,7 @@ class _Transport(_Base):
             asked = asked.answer()
         library = _library(request)
         if isinstance(asked, Reply):
-            return library.Response(asked.status, headers=asked.headers, content=asked.content)
+            return _whole(library, asked)
         stream = _stream_class(library)(asked)
         return library.Response(asked.status, headers=asked.headers, stream=stream)
 
@@ -122,13 +122,19 @@ class _AsyncTransport(_Base):
             asked = await asked.answer_awaited()
         library = _library(request)
         if isinstance(asked, Reply):
-            return library.Response(asked.status, headers=asked.headers, content=asked.content)
+            return _whole(library, asked)
         stream = _async_stream_class(library)(asked)
         return library.Response(asked.status, headers=asked.headers, stream=stream)
 
 
 def _unknown(incoming: Incoming) -> Reply:
     return refusal(404, f"not served here: {incoming.method} {incoming.path}", "not_found")
+
+
+def _whole(library: ModuleType, reply: Reply) -> Any:
+    # As a stream: who asks for the pieces of an answer wants it open, short as it may be.
+    headers = {**reply.headers, "content-length": str(len(reply.content))}
+    return library.Response(reply.status, headers=headers, stream=library.ByteStream(reply.content))
 
 
 def _library(request: Any) -> ModuleType:
