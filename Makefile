@@ -5,6 +5,7 @@
 #   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
 #   make bad-day  the engine and what one would write instead of using it, on one simulated bad day; rounds=
+#   make judge    the openai client's own tests, with the engine below that client
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make soak     calls under every fault for three minutes, then leaks and exits; seconds=, seed=, leaks=, exits=, interrupts=
 #   make mutate   breaks the core on purpose and looks whether the C++ tests notice, for sample=60 ways
@@ -26,7 +27,7 @@ python := $(venv)/bin/python
 sources := CMakeLists.txt pyproject.toml LICENSE $(wildcard README.md) \
            $(shell find cmake licenses src python -not -name __pycache__)
 
-.PHONY: demo test sanitize bench bad-day fuzz soak mutate lint format build wheels clean packages
+.PHONY: demo test sanitize bench bad-day judge fuzz soak mutate lint format build wheels clean packages
 
 demo: build
 	@$(python) examples/demo.py
@@ -43,6 +44,9 @@ bench: build
 bad-day: rounds ?= 1
 bad-day: build $(venv)/bad-day
 	@$(python) bench/bad_day.py --rounds $(rounds)
+
+judge: build
+	@$(python) tools/judge.py
 
 fuzz: seconds ?= 60
 fuzz: build
