@@ -1,4 +1,4 @@
-"""Runs the openai client's own tests with our transport below that client.
+"""Runs the openai client's own tests with our transport below that client, and against the gateway.
 
 Their files are those of the installed version's source distribution, and stay as they are.
 """
@@ -20,7 +20,7 @@ from typing import Any
 from stages import ROOT, pytest_counts
 
 from support.environments import environment_with
-from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
+from tarvomeldric.simulator import Fault, ProviderSimulator, Reply, rehearsal
 
 HOME = ROOT / "build" / "judge"
 TESTS = (
@@ -48,16 +48,49 @@ def main() -> int:
         ProviderSimulator(rules=numbers) as healthy,
         ProviderSimulator(fault_rate=1.0, faults=FAULTS, seed=7) as ailing,
     ):
-        about = {"store": stored, "models": models}
-        good = [healthy.base_url]
-        bad = [ailing.base_url, healthy.base_url]
         verdicts = [
-            judge(python, theirs, "transport", {**about, "providers": good}),
-            judge(python, theirs, "transport", {**about, "providers": bad}, " on a bad day"),
+            judge(python, theirs, run, circumstances, setting)
+            for circumstances, urls in {
+                "": [healthy.base_url],
+                " on a bad day": [ailing.base_url, healthy.base_url],
+            }.items()
+            for run, setting in settings(urls, models, stored)
         ]
         ailed = ailing.request_count
-        print(f"  {ailed} requests failed first")
+    print(f"{ailed} requests failed first on the bad days")
     return 0 if all(verdicts) and ailed else 1
+
+
+def settings(
+    urls: list[str], models: list[str], stored: str
+) -> Iterator[tuple[str, dict[str, Any]]]:
+    yield "transport", {"providers": urls, "models": models, "store": stored}
+    with gateway(urls, models, stored) as url:
+        yield "gateway", {"base_url": url}
+
+
+@contextmanager
+def gateway(urls: list[str], models: list[str], stored: str) -> Iterator[str]:
+    """The address of a gateway to these providers, the first of them first."""
+    tables = [f'passthrough = "store"\n[providers.store]\nbase_url = "{stored}"']
+    for at, url in enumerate(urls):
+        tables.append(f'[providers.p{at}]\nbase_url = "{url}"\nmodels = {json.dumps(models)}')
+        tables.append("burst = 1_000_000\nbreaker.failure_threshold = 1_000_000")
+        tables.append("breaker.error_rate_threshold = 2.0")
+    config = HOME / "gateway.toml"
+    config.write_text("\n".join(tables) + "\n")
+    command = [*(sys.executable, "-m", "tarvomeldric", "gateway"), "--port", "0"]
+    with (
+        rehearsal(),
+        subprocess.Popen(
+            [*command, "--config", str(config)], stdout=subprocess.PIPE, text=True
+        ) as server,
+    ):
+        try:
+            assert server.stdout is not None
+            yield server.stdout.readline().split()[-1]
+        finally:
+            server.terminate()
 
 
 def sources(python: Path) -> Path:
@@ -81,7 +114,7 @@ def models_in(theirs: Path) -> list[str]:
 
 
 def judge(
-    python: Path, theirs: Path, run: str, setting: Mapping[str, Any], circumstances: str = ""
+    python: Path, theirs: Path, run: str, circumstances: str, setting: Mapping[str, Any]
 ) -> bool:
     """Prints what a run came to; whether all is as it should be."""
     excepted = {name: reason for of, name, reason in EXCEPTED if of == run}
