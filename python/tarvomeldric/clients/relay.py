@@ -207,10 +207,10 @@ class Relay:
         return timeout if timeout is not None and timeout < usual else None
 
     def times(self, timeout: float | None) -> dict[str, Any]:
-        first = self._first_token_timeout
+        most = math.inf if timeout is None else timeout
         return {
-            "first_token_timeout": first if timeout is None else min(first, timeout),
-            "idle_timeout": self._idle_timeout,
+            "first_token_timeout": min(self._first_token_timeout, most),
+            "idle_timeout": min(self._idle_timeout, most),
             "require_end": True,
             "raw": True,
         }

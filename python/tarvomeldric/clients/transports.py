@@ -24,9 +24,9 @@ _SETTINGS = """
         passthrough: The provider that gets requests for anything but chat completions, completions,
             embeddings and models: unhealed and untouched. They are answered 404 without it.
         first_token_timeout: Seconds that an attempt may take to the first output of a stream. A whole
-            answer has the policy's `attempt_timeout`, 8.0 without one. A shorter time-out of the client
-            counts instead of either.
-        idle_timeout: Seconds between two events of a stream.
+            answer has the policy's `attempt_timeout`, 8.0 without one.
+        idle_timeout: Seconds between two events of a stream. A shorter time-out of the client for reading
+            counts instead of any of the three.
 
     Returns:
         A transport for the clients of httpx and httpx2. The engine is not closed with it.
