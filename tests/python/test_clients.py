@@ -12,11 +12,11 @@ from typing import Any
 import httpx
 import pytest
 
-from support import engine_with, provider, state_of, tireless, until
+from support import engine_on, engine_with, provider, state_of, tireless, until
 from support.raw_server import CLOSE, RawServer, answer, resets, stalls
 from tarvomeldric import CallPolicy, Contract
 from tarvomeldric.clients import Route, async_transport, transport
-from tarvomeldric.simulator import ProviderSimulator, Reply
+from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
 
 CHAT = "https://anywhere.example/v1/chat/completions"
 QUICK = CallPolicy(order="failover_first", max_retries=1, initial_backoff=0.01)
@@ -336,6 +336,21 @@ def test_a_stream_that_is_left_gives_everything_back() -> None:
             client.send(request, stream=True)  # and dropped
             gc.collect()
             until(lambda: state_of(record) == (2, 0, 0))
+
+
+def test_a_client_finds_what_a_network_gives() -> None:
+    quiet = Reply(stream=["One", Fault.STALL])
+    with (
+        ProviderSimulator("Short", quiet) as simulator,
+        engine_on(simulator, models=["m"]) as engine,
+    ):
+        client = httpx.Client(transport=transport(engine), timeout=0.5)
+        with client.stream("POST", CHAT, json=asking("m")) as response:
+            assert not response.is_closed
+            assert len(response.read()) == int(response.headers["content-length"])
+        began = time.monotonic()
+        assert "stream_interrupted" in client.post(CHAT, json=asking("m", stream=True)).text
+        assert time.monotonic() - began < 5
 
 
 def test_what_no_transport_is_made_of() -> None:
