@@ -5,7 +5,7 @@
 #   make sanitize Python tests on an extension module built with the sanitizers
 #   make bench    measures and prints a table
 #   make bad-day  the engine and what one would write instead of using it, on one simulated bad day; rounds=
-#   make judge    the openai client's own tests, with the engine below that client
+#   make judge    the openai client's own tests, with the engine below that client and behind the gateway
 #   make fuzz     feeds random input to what reads text from outside, for seconds=60 each
 #   make soak     calls under every fault for three minutes, then leaks and exits; seconds=, seed=, leaks=, exits=, interrupts=
 #   make mutate   breaks the core on purpose and looks whether the C++ tests notice, for sample=60 ways
