@@ -19,6 +19,7 @@ examples:
   %(prog)s demo                          a bad day against simulated providers
   %(prog)s serve                         the same kind of day, live on a dashboard
   %(prog)s diagnose --status 429 "slow down"
+  %(prog)s gateway --rehearse            an OpenAI-compatible server that heals, on simulators
   %(prog)s run                           do the keys at hand work?
   %(prog)s run "Why is the sky blue?"    ask the providers behind them
 
@@ -30,7 +31,7 @@ environment:
 
 state:
   ~/.tarvomeldric/flywheel_rules.json holds what was learned. Only "run" uses it, and the Redis;
-  "demo" and "serve" rehearse: they use no key, and what they learn goes away with them.
+  "demo", "serve" and "gateway --rehearse" use no key, and what they learn goes away with them.
 
 exit status:
   0  all is well              2  the command line is not understood
@@ -66,6 +67,27 @@ _SERVE_EPILOG = """\
 
 It listens on this machine alone. Nobody is asked for a password: think before you say --host.
 Ctrl-C and a request to terminate are good ends: the exit status is 0."""
+
+_GATEWAY = """\
+Serve the OpenAI-compatible API: chat completions, completions, embeddings and models, below /v1.
+Requests go to the providers that the configuration names, and are healed on their way."""
+
+_GATEWAY_EPILOG = """\
+  /health        JSON, for everybody
+  /metrics       Prometheus text
+  /openapi.json  what is served, for tools
+
+exit status: 0 after Ctrl-C or a request to terminate, when running calls have ended; a second one
+ends it at once, with the signal's own status; 1 when it cannot serve.
+
+It needs more packages: pip install 'tarvomeldric[gateway]'. docs/gateway.md shows a configuration."""
+
+_CHECK = """\
+Read a gateway's configuration as the gateway would, and tell what it would serve, or everything
+that is wrong with it. Nothing is sent, and no key is shown."""
+
+_CHECK_EPILOG = """\
+exit status: 0 when it can be served, else 1."""
 
 _DIAGNOSE = """\
 What would the engine make of an error? Tells the category and label, what found them, and what a
@@ -115,7 +137,7 @@ def _parser() -> argparse.ArgumentParser:
     )
     parser.add_argument("--version", action="version", version=f"tarvomeldric {__version__}")
     verbs = parser.add_subparsers(title="verbs", metavar="VERB", dest="verb")
-    for add in (_add_run, _add_demo, _add_serve, _add_diagnose):
+    for add in (_add_run, _add_gateway, _add_check, _add_demo, _add_serve, _add_diagnose):
         add(verbs)
     return parser
 
@@ -134,6 +156,25 @@ def _add_run(verbs: argparse._SubParsersAction[_Parser]) -> None:
         metavar="NAME=KEY",
         help="a provider's key, before the environment's; may be repeated",
     )
+
+
+def _add_gateway(verbs: argparse._SubParsersAction[_Parser]) -> None:
+    summary = "serve an OpenAI-compatible API that heals"
+    parser = _verb(verbs, "gateway", summary, _GATEWAY, _GATEWAY_EPILOG)
+    source = parser.add_mutually_exclusive_group(required=True)
+    source.add_argument("--config", metavar="FILE", help="what is to be served, as TOML")
+    source.add_argument(
+        "--rehearse", action="store_true", help="serve simulated providers: no key, no file"
+    )
+    add = parser.add_argument
+    add("--host", metavar="H", help="address to listen on, in the place of the file's")
+    add("--port", type=port, metavar="N", help="the same for the port; 0 takes a free one")
+
+
+def _add_check(verbs: argparse._SubParsersAction[_Parser]) -> None:
+    summary = "look through a gateway's configuration"
+    parser = _verb(verbs, "check", summary, _CHECK, _CHECK_EPILOG)
+    parser.add_argument("file", metavar="FILE", help="the configuration, as TOML")
 
 
 def _add_demo(verbs: argparse._SubParsersAction[_Parser]) -> None:

@@ -106,6 +106,11 @@ class Asked:
             "timeout": relay.attempt_timeout(timeout),
         }
 
+    @property
+    def route(self) -> str:
+        """The name of the route, or the model that providers list."""
+        return self._route.name
+
     def answer(self) -> Reply | Streamed:
         """Waits for the answer, or for its beginning."""
         try:

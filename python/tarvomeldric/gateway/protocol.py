@@ -1,0 +1,65 @@
+"""How long a connection may take to say what it wants."""
+
+from __future__ import annotations
+
+import asyncio
+from typing import Any
+
+from uvicorn.protocols.http.httptools_impl import HttpToolsProtocol
+
+_HEAD_S = 10.0
+_LONGEST_HEAD = 64 * 1024  # bytes
+_SLACK_S = 10.0  # what the application says to a slow client comes first
+
+
+class PatientProtocol(HttpToolsProtocol):
+    """The server's own, which waits for ever for heads and bodies that never end.
+
+    Attributes:
+        body_timeout: Seconds that the body of a request may take.
+    """
+
+    body_timeout: float
+    _timer: asyncio.TimerHandle | None = None
+    _head: int | None = 0  # bytes so far, None outside of a head
+
+    def connection_made(self, transport: Any) -> None:
+        super().connection_made(transport)
+        self._wait(_HEAD_S)
+
+    def connection_lost(self, exc: Exception | None) -> None:
+        self._stop_waiting()
+        super().connection_lost(exc)
+
+    def data_received(self, data: bytes) -> None:
+        super().data_received(data)
+        if self._head is not None:
+            self._head += len(data)
+            if self._head > _LONGEST_HEAD:
+                self.transport.abort()
+
+    def on_message_begin(self) -> None:
+        super().on_message_begin()
+        self._head = 0
+        self._wait(_HEAD_S)
+
+    def on_headers_complete(self) -> None:
+        self._head = None
+        self._wait(self.body_timeout + _SLACK_S)
+        super().on_headers_complete()
+
+    def on_message_complete(self) -> None:
+        self._stop_waiting()
+        super().on_message_complete()
+
+    def _wait(self, seconds: float) -> None:
+        self._stop_waiting()
+        self._timer = self.loop.call_later(seconds, self._give_up)
+
+    def _stop_waiting(self) -> None:
+        if self._timer is not None:
+            self._timer.cancel()
+            self._timer = None
+
+    def _give_up(self) -> None:
+        self.transport.abort()
