@@ -2,8 +2,12 @@
 
 from __future__ import annotations
 
+import os
+import shutil
+import subprocess
 from collections.abc import Iterator
 from contextlib import contextmanager
+from pathlib import Path
 from typing import Any
 from unittest import mock
 
@@ -34,6 +38,17 @@ def providers_at(base_url: str) -> Iterator[None]:
         ),
     ):
         yield
+
+
+def complaints_of_promtool(metrics: bytes) -> list[str]:
+    path = f"{os.environ['PATH']}:{Path(__file__).parents[2]}/build/tools"
+    checked = subprocess.run(
+        [shutil.which("promtool", path=path) or "promtool", "check", "metrics"],
+        input=metrics + b"\n",  # scrapers add it, too
+        capture_output=True,
+        env={},  # nothing of a sanitizer's
+    )
+    return checked.stderr.decode().splitlines()
 
 
 def drive(coroutine: Any) -> Any:

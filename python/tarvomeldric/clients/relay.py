@@ -5,6 +5,7 @@ from __future__ import annotations
 import math
 from collections.abc import AsyncGenerator, Generator, Iterable
 from typing import Any
+from urllib.parse import unquote
 
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric._engine import CallPolicy, EngineView, StreamInterrupted
@@ -179,7 +180,7 @@ class Relay:
             if incoming.method == "POST" and operation in KINDS:
                 return Asked(self, incoming, KINDS[operation], timeout)
             if incoming.method == "GET" and operation.split("/")[0] == "models":
-                return self._models(operation.partition("/")[2])
+                return self._models(unquote(operation.partition("/")[2]))
         except RefusedError as error:
             return refusal(error.status, str(error), error.code)
         return None

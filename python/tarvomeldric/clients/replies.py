@@ -94,7 +94,7 @@ def _refused(error: Exception) -> Reply | None:
 
 def _failed_by_provider(error: BaseException) -> Reply:
     reply = getattr(error, "_reply", None)
-    if reply is not None and reply.status != 200:
+    if reply is not None and 400 <= reply.status <= 599:
         return Reply(reply.status, _handed_back(reply.headers), reply.content)
     late = getattr(error, "status_code", None) == 408
     status, kind = (504, "timeout") if late else (502, "provider_error")

@@ -7,6 +7,7 @@ from collections.abc import Callable
 from time import perf_counter
 from typing import Any
 
+from httpx import HTTPError
 from starlette.datastructures import Headers
 from starlette.requests import ClientDisconnect
 from starlette.types import Receive, Scope, Send
@@ -36,7 +37,8 @@ class Gateway:
         self._server = config.server
         self._engine = engine
         self._metrics = Metrics(engine)
-        self._description = document(description(bool(config.server.tokens)))
+        models = list(self._relay.routes.models())
+        self._description = document(description(models, bool(config.server.tokens)))
         self._waiting = 0
         self._pages: dict[str, Callable[[], Reply]] = {
             "health": self._health,
@@ -49,8 +51,8 @@ class Gateway:
         began = perf_counter()
         try:
             await self._serve(visit)
-        except ClientDisconnect:
-            pass
+        except (ClientDisconnect, HTTPError):
+            pass  # an answer that was passed on broke off: the server closes what has no end
         except asyncio.CancelledError:
             await visit.cut_off()
         finally:

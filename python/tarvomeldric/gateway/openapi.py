@@ -49,12 +49,12 @@ def _answers(*contents: dict[str, Any]) -> dict[str, Any]:
     return {"200": {"description": "The answer.", "content": answered}, "default": refused}
 
 
-def _asking(summary: str, members: dict[str, Any], required: list[str], streams: bool) -> Any:
+def _asking(summary: str, models: list[str], streams: bool, **member: dict[str, Any]) -> Any:
+    properties = {"model": {"type": "string", "enum": models}, **member}
+    body = {"type": "object", "required": list(properties), "properties": properties}
     if streams:
-        members = {**members, "stream": {"type": "boolean"}}
-    properties = {"model": {"type": "string", "minLength": 1}, **members}
-    body = {"type": "object", "required": ["model", *required], "properties": properties}
-    events = _content({"type": "string"}, "text/event-stream") if streams else {}
+        body["properties"] = {**properties, "stream": {"type": "boolean"}}
+    events = _content({}, "text/event-stream") if streams else {}
     return {
         "post": {
             "summary": summary,
@@ -69,8 +69,8 @@ def _looking(summary: str, schema: dict[str, Any], kind: str = "application/json
     return {"get": {"summary": summary, "responses": _answers(_content(schema, kind))}}
 
 
-def description(guarded: bool) -> dict[str, Any]:
-    """The OpenAPI document; `guarded` where a token is needed."""
+def description(models: list[str], guarded: bool) -> dict[str, Any]:
+    """The OpenAPI document, with these models; `guarded` where a token is needed."""
     text = {"type": ["string", "array"], "items": {"type": "string"}}
     messages = {"type": "array", "items": _MESSAGE}
     listed = {"type": "object", "properties": {"data": {"type": "array", "items": _MODEL}}}
@@ -83,9 +83,9 @@ def description(guarded: bool) -> dict[str, Any]:
         "openapi": "3.1.0",
         "info": {"title": "TarvoMeldric gateway", "version": __version__},
         "paths": {
-            "/v1/chat/completions": _asking("Chat", {"messages": messages}, ["messages"], True),
-            "/v1/completions": _asking("Completions", {"prompt": text}, ["prompt"], True),
-            "/v1/embeddings": _asking("Embeddings", {"input": text}, ["input"], False),
+            "/v1/chat/completions": _asking("Chat", models, True, messages=messages),
+            "/v1/completions": _asking("Completions", models, True, prompt=text),
+            "/v1/embeddings": _asking("Embeddings", models, False, input=text),
             "/v1/models": _looking("The models that can be asked for", listed),
             "/v1/models/{model}": model,
             "/health": health,
