@@ -231,7 +231,7 @@ def test_what_is_not_understood_is_explained_without_quoting_keys(line: str) -> 
     assert KEY not in refused.err
 
 
-@pytest.mark.parametrize("line", ["", "run", "demo", "serve", "diagnose"])
+@pytest.mark.parametrize("line", ["", "run", "gateway", "check", "demo", "serve", "diagnose"])
 def test_help_and_version(line: str) -> None:
     out = told(*line.split(), "--help")
     assert ("/metrics" if line == "serve" else "exit status") in out

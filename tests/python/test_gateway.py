@@ -409,6 +409,11 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
         assert (status, out) == (1, "")
         assert sorted(err.splitlines()) == sorted(f"tarvomeldric: {it}" for it in COMPLAINTS)
     assert told("check", SOUND) == (0, SHOWN, "")
+    page = (Path(__file__).parents[2] / "docs" / "gateway.md").read_text()
+    file, lines = re.findall(r"```(?:toml|console)\n(.*?)```", page, re.DOTALL)[1:3]
+    out = told("check", file)[1]
+    assert out in lines
+    assert "-> own:llama-3.3-70b, openai:gpt-4o-mini" in out
     unguarded = told("gateway --config", SOUND, "--host", "0.0.0.0")
     assert unguarded[0] == 1
     assert "server.tokens: an address that others can reach needs at least one" in unguarded[2]

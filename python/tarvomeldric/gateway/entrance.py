@@ -42,7 +42,9 @@ class _Tokens:
         self._digests = [sha256(token.encode()).digest() for token in tokens]
 
     def admit(self, authorization: str) -> bool:
+        if not self._digests:
+            return True
         scheme, _, token = authorization.partition(" ")
         shown = sha256(token.strip().encode("latin-1")).digest()
         same = [hmac.compare_digest(shown, each) for each in self._digests]
-        return not same or (any(same) and scheme.lower() == "bearer")
+        return any(same) and scheme.lower() == "bearer"

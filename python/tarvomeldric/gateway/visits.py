@@ -44,16 +44,16 @@ class Visit:
 
     async def body(self, longest: int, seconds: float) -> bytes | Reply:
         """What the client sends, or why it is not taken; ClientDisconnect when it leaves meanwhile."""
-        too_long = refusal(413, f"the body is longer than {longest} bytes", "body_too_long")
         if int(self.headers.get("content-length", 0)) > longest:
-            return too_long
+            return _too_long(longest)
         pieces: list[bytes] = []
+        length = 0
         try:
             with Limit(seconds):
                 async for piece in Request(self._scope, self._receive).stream():
-                    longest -= len(piece)
-                    if longest < 0:
-                        return too_long
+                    length += len(piece)
+                    if length > longest:
+                        return _too_long(longest)
                     pieces.append(piece)
         except TimeoutError:
             return refusal(408, f"the body took longer than {seconds:g} s", "body_too_late")
@@ -96,6 +96,10 @@ class Visit:
 
     def presence(self) -> Presence:
         return Presence(self._receive)
+
+
+def _too_long(longest: int) -> Reply:
+    return refusal(413, f"the body is longer than {longest} bytes", "body_too_long")
 
 
 def _sendable(headers: dict[str, str]) -> dict[str, str]:
