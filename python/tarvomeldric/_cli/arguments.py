@@ -19,7 +19,7 @@ examples:
   %(prog)s demo                          a bad day against simulated providers
   %(prog)s serve                         the same kind of day, live on a dashboard
   %(prog)s diagnose --status 429 "slow down"
-  %(prog)s gateway --rehearse            an OpenAI-compatible server that heals, on simulators
+  %(prog)s gateway --rehearse            an OpenAI-compatible server
   %(prog)s run                           do the keys at hand work?
   %(prog)s run "Why is the sky blue?"    ask the providers behind them
 
@@ -30,8 +30,8 @@ environment:
 {keys}
 
 state:
-  ~/.tarvomeldric/flywheel_rules.json holds what was learned. Only "run" uses it, and the Redis;
-  "demo", "serve" and "gateway --rehearse" use no key, and what they learn goes away with them.
+  ~/.tarvomeldric/flywheel_rules.json holds what was learned. "run" and "gateway" use it, and the
+  Redis. "demo", "serve" and "gateway --rehearse" use no key, and what they learn goes away.
 
 exit status:
   0  all is well              2  the command line is not understood
