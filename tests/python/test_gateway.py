@@ -116,7 +116,12 @@ def test_answers_are_the_providers_own_and_healed(tmp_path: Path) -> None:
         assert whole.headers["content-type"] == "application/json; charset=utf-8"
         assert running.ask(stream=True).content == events
 
-        healed = running.ask(path="/chat/completions", top_p=0.5)
+        offer = {
+            "connection": "Upgrade, HTTP2-Settings",
+            "upgrade": "h2c",
+            "http2-settings": "AAMA",
+        }
+        healed = running.ask(offer, "/chat/completions", top_p=0.5)
         assert healed.json()["choices"][0]["message"]["content"] == "Healed."
         assert healed.headers["x-tarvomeldric-provider"] == "p1"
         assert healed.headers["x-tarvomeldric-heal"] == "l3_failover"

@@ -3,12 +3,14 @@
 from __future__ import annotations
 
 import asyncio
+import re
 from typing import Any
 
 from uvicorn.protocols.http.httptools_impl import HttpToolsProtocol
 
 _HEAD_S = 10.0
 _LONGEST_HEAD = 64 * 1024  # bytes
+_OFFER = re.compile(rb"\r\nupgrade:[^\r\n]*", re.IGNORECASE)
 _SLACK_S = 10.0  # what the application says to a slow client comes first
 
 
@@ -21,7 +23,8 @@ class PatientProtocol(HttpToolsProtocol):
 
     body_timeout: float
     _timer: asyncio.TimerHandle | None = None
-    _head: int | None = 0  # bytes so far, None outside of a head
+    _part = ""  # of a request, that is arriving
+    _head = 0  # bytes of a head so far
 
     def connection_made(self, transport: Any) -> None:
         super().connection_made(transport)
@@ -32,23 +35,24 @@ class PatientProtocol(HttpToolsProtocol):
         super().connection_lost(exc)
 
     def data_received(self, data: bytes) -> None:
-        super().data_received(data)
-        if self._head is not None:
+        super().data_received(data if self._part == "body" else _without_offer(data))
+        if self._part == "head":
             self._head += len(data)
             if self._head > _LONGEST_HEAD:
                 self.transport.abort()
 
     def on_message_begin(self) -> None:
         super().on_message_begin()
-        self._head = 0
+        self._part, self._head = "head", 0
         self._wait(_HEAD_S)
 
     def on_headers_complete(self) -> None:
-        self._head = None
+        self._part = "body"
         self._wait(self.body_timeout + _SLACK_S)
         super().on_headers_complete()
 
     def on_message_complete(self) -> None:
+        self._part = ""
         self._stop_waiting()
         super().on_message_complete()
 
@@ -63,3 +67,12 @@ class PatientProtocol(HttpToolsProtocol):
 
     def _give_up(self) -> None:
         self.transport.abort()
+
+
+def _without_offer(data: bytes) -> bytes:
+    """A head without the offer of another protocol, such as clients make with every request.
+
+    The offer may be passed over; the parser would pass over the body that comes with it.
+    """
+    head, end, rest = data.partition(b"\r\n\r\n")
+    return _OFFER.sub(b"", head) + end + rest
