@@ -144,7 +144,7 @@ def test_answers_are_the_providers_own_and_healed(tmp_path: Path) -> None:
         assert complaints_of_promtool(metrics.content) == []
         assert running.figure('tarvomeldric_requests_total{route="fast",status="2xx"}') == 4
         assert running.figure('tarvomeldric_heals_total{level="l3_failover"}') == 1
-        assert running.figure('tarvomeldric_attempts_total{outcome="answered",provider="p1"}') == 1
+        assert running.figure('tarvomeldric_attempts_total{outcome="answered",provider="p0"}') == 3
         assert running.figure("tarvomeldric_streams_under_way") == 0
 
 
