@@ -87,12 +87,12 @@ def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> ht
             "POST", _parsed(url), **sent_as(body), headers=headers, timeout=timeout
         )
         return built
-    merged = httpx.Headers(client.headers)
-    merged.update(headers)
+    ours = {name.lower().encode() for name in headers}
+    usual = [pair for pair in client.headers.raw if pair[0].lower() not in ours]
     return httpx.Request(
         "POST",
         _parsed(url),
-        headers=merged,
+        headers=[*usual, *headers.items()],
         content=body if isinstance(body, bytes) else _encoded(body),
         extensions={"timeout": httpx.Timeout(timeout).as_dict()},
     )

@@ -43,6 +43,13 @@ class NoCookies(CookieJar):
         pass
 
 
+class _CookieStore(httpx.Cookies):
+    """The same for a client, whose library takes requests and answers apart before it asks."""
+
+    def extract_cookies(self, response: httpx.Response) -> None:
+        pass
+
+
 _BLOCKING = (httpcore.ConnectionPool, httpcore.HTTPProxy, httpcore.SOCKSProxy)
 _AWAITED = (httpcore.AsyncConnectionPool, httpcore.AsyncHTTPProxy, httpcore.AsyncSOCKSProxy)
 _OURS: dict[type, Any] = {
@@ -60,6 +67,7 @@ def fit(client: httpx.Client | httpx.AsyncClient) -> None:
     """Puts our choice of connections and our sockets below a client that was just made."""
     if httpx.__version__ not in TRIED["httpx"] or httpcore.__version__ not in TRIED["httpcore"]:
         return
+    client._cookies = _CookieStore()
     for pool in _pools(client):
         if type(pool) in _BLOCKING:
             # The library's lock stays held when an interrupt meets it half-way, and a signal handler

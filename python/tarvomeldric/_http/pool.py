@@ -27,12 +27,12 @@ def assign(
     that was used last serves next, and the head is closed once it has expired.
     """
     idle, busy, closing = _sorted(requests, connections)
-    stale = len(idle) > 1 and idle[0].has_expired() if most_idle else len(idle)
+    queued = [request for request in requests if request.is_queued()]
+    # Looking is a system call: once for each new request is often enough.
+    stale = bool(queued) and len(idle) > 1 and idle[0].has_expired() if most_idle else len(idle)
     closing += idle[:stale]
     del idle[:stale]
-    for request in requests:
-        if not request.is_queued():
-            continue
+    for request in queued:
         origin = request.request.url.origin
         connection = _take(idle, origin, closing)
         if connection is None:
