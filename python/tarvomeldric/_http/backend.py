@@ -7,8 +7,6 @@ ones do: by what the operating system said.
 
 from __future__ import annotations
 
-import asyncio
-import contextlib
 import os
 import socket
 import ssl
@@ -17,6 +15,7 @@ from typing import Any
 import httpcore
 
 from tarvomeldric._http.attempt import left
+from tarvomeldric._http.sockets import connect
 
 # A blocking write is renewed by every byte that the peer takes; one of this size goes out at once.
 _SLICE = 16 * 1024
@@ -163,20 +162,10 @@ class AsyncBackend(httpcore.AsyncNetworkBackend):
         self, host: str, port: int, timeout: float | None = None, *more: Any, **options: Any
     ) -> httpcore.AsyncNetworkStream:
         seconds = _left(timeout, httpcore.ConnectTimeout)
-        connecting = asyncio.ensure_future(
-            self._inner.connect_tcp(host, port, seconds, *more, **options)
-        )
         try:
-            return AsyncStream(await asyncio.shield(connecting))
+            return AsyncStream(await connect(host, port, seconds, *more, **options))
         except httpcore.ConnectError as error:
             raise _told(error) from error
-        except asyncio.CancelledError:
-            # On Python 3.10 the library takes a cancellation for its own that comes when a
-            # connection is made; hence a task beside ours, which may go on to its end.
-            connecting.cancel()
-            with contextlib.suppress(asyncio.CancelledError, Exception):
-                await (await connecting).aclose()
-            raise
 
     async def sleep(self, seconds: float) -> None:
         await self._inner.sleep(seconds)

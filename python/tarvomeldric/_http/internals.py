@@ -104,9 +104,7 @@ def open_transports(client: Any) -> list[Any]:
         for connection in pool.connections:
             inner: Any = getattr(connection, "_connection", None)
             stream: Any = getattr(inner, "_network_stream", None)
-            stream = getattr(getattr(stream, "inner", stream), "_stream", None)
-            stream = getattr(stream, "transport_stream", stream)
-            transport = getattr(stream, "_transport", None)
+            transport = getattr(getattr(stream, "inner", None), "plain", None)
             if getattr(transport, "_sock", None) is not None:
                 found.append(transport)
     return found
