@@ -92,7 +92,7 @@ Task<void> Cascade::analyze() {
   const std::string category(value_of(first_.category));
   trace_.monitor_result = category;
   trace_.analyze_result = first_.fault_label();
-  if (tried_.failure && !tried_.cut) {
+  if (tried_.is_providers_fault()) {
     pass_.record_failure(target_, tried_.failure->text, category, &slot_);
     provider().category_circuit_breaker(category)->record_failure(target_.name);
   }
@@ -144,7 +144,7 @@ Task<Healed> Cascade::retry() {
       const Level level{"l1_retry", "retry", metric::kHealedByRetry, kRetryBroken, std::nullopt};
       co_return co_await heal(level, first_, action, std::move(*tried));
     }
-    if (tried->failure) {
+    if (tried->is_providers_fault()) {
       pass_.record_failure(target_, tried->failure->text, category, slot ? &*slot : nullptr);
     }
     slot.reset();
@@ -209,7 +209,7 @@ Task<Healed> Cascade::downgrade() {
     target_ = cheap;
     co_return co_await heal(level, last_, action, std::move(*tried));
   }
-  if (tried->failure) {
+  if (tried->is_providers_fault()) {
     pass_.record_failure(target_, tried->failure->text, std::string(value_of(last_.category)),
                          slot ? &*slot : nullptr);
   }

@@ -106,7 +106,8 @@ Task<Healed> Failover::try_candidate(const NamedProvider& candidate, Patience pa
   }
   any_failed_ = true;
   if (tried->cut) co_return std::nullopt;
-  if (tried->failure) pass_.record_failure(target, tried->failure->text, category(), &*slot);
+  if (tried->is_providers_fault())
+    pass_.record_failure(target, tried->failure->text, category(), &*slot);
   slot.reset();
   co_await learn("failover:" + target.name, false);
   co_return std::nullopt;

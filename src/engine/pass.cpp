@@ -1,6 +1,7 @@
 #include "engine/pass.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "observability/metric_names.h"
@@ -16,6 +17,13 @@ Diagnosis bad_answer(const char* label) {
   diagnosis.should_retry = true;
   diagnosis.sub_category = label;
   return diagnosis;
+}
+
+// Whether a provider that refuses a request with this label finds fault with its body.
+bool is_bad_request(std::optional<std::int64_t> status, std::string_view label) {
+  constexpr std::int64_t kStatuses[] = {400, 413, 415, 422};
+  return status && std::ranges::find(kStatuses, *status) != std::end(kStatuses) &&
+         (label == "unknown" || label.starts_with("validation_error"));
 }
 
 }  // namespace
@@ -84,6 +92,7 @@ Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
     ApiFailure& failure = tried.failure.emplace(std::move(*made.failure));
     record.status = failure.status;
     record.fault = fault_label_of(failure.text, failure.status);
+    tried.clients_fault = request.route && is_bad_request(failure.status, *record.fault);
     tried.cut = state.cut_by_deadline();
     if (tried.cut) state.stop_at_deadline();
     if (failure.retry_after_s) target.provider->leave_alone(*failure.retry_after_s);

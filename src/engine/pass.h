@@ -18,9 +18,11 @@ struct Tried {
   std::optional<bool> validation_passed;  // null when the contract has not been applied
   double start_s = 0.0;                   // monotonic, seconds
   double latency_ms = 0.0;
-  bool cut = false;  // by the deadline, so that nobody is to blame
+  bool cut = false;            // by the deadline, so that nobody is to blame
+  bool clients_fault = false;  // what is wrong is the body, which somebody else's client wrote
 
   bool ok() const { return !failure && !refused; }
+  bool is_providers_fault() const { return failure && !cut && !clients_fault; }
 };
 
 // Whether a fault is that of an answer which was refused: the provider is well.

@@ -12,8 +12,8 @@ from typing import Any
 import httpx
 import pytest
 
-from support import engine_on, engine_with, provider, state_of, tireless, until
-from support.raw_server import CLOSE, RawServer, answer, resets, stalls
+from support import KEY, engine_on, engine_with, provider, state_of, tireless, until
+from support.raw_server import CLOSE, RawServer, answer, resets, says, stalls
 from tarvomeldric import CallPolicy, Contract
 from tarvomeldric.clients import Route, async_transport, transport
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
@@ -111,7 +111,7 @@ def test_every_byte_comes_through(send: Any) -> None:
     assert response.headers["x-ratelimit-remaining"] == "7"
     assert response.headers["x-request-id"] == "r1"
     assert "set-cookie" not in response.headers
-    told = {"provider": "p", "model": "its%20%22own%22".replace("%20", " "), "attempts": "1"}
+    told = {"provider": "p", "model": "its %22own%22", "attempts": "1"}
     assert ours(response) == {**told, "heal": "none"}
     head, _, body = taken[0].partition(b"\r\n\r\n")
     assert body.decode() == ASKED.replace('"\\u0066ast"', '"its \\"own\\""')
@@ -166,10 +166,28 @@ def test_a_stream_that_is_cut_anywhere_heals_or_says_so(send: Any) -> None:
                 assert [state_of(record) for record in records] == [(10, 0, 0)] * 2
 
 
+def test_no_half_event_comes_through_and_a_finished_answer_is_whole(send: Any) -> None:
+    word = b'data: {"choices":[{"delta":{"content":"x"}}]}\n\n'
+    finish = b'data: {"choices":[{"delta":{},"finish_reason":"stop"}]}\n\n'
+    told = b'event: error\ndata: {"error": {"message": "over", "code": 500}}\n\n'
+    for tail in (b"id: 7\n", b"event: message\n", b'event: x\ndata: {"cho', told):
+        with RawServer(_cut(HEAD + word, says(tail, then=CLOSE))) as server:
+            record = provider(server.url, "p")
+            response = send(engine_with(record), [Route("fast", {"p": "m"})], asking(stream=True))
+        assert response.content.startswith(word + b'\n\ndata: {"error"'), response.content
+        assert (record.success_count, record.fail_count) == (0, 1)
+    for ending in (lambda _: CLOSE, resets):
+        with RawServer(_cut(HEAD + word + finish + b'data: {"usa', ending)) as server:
+            record = provider(server.url, "p")
+            response = send(engine_with(record), [Route("fast", {"p": "m"})], asking(stream=True))
+        assert response.content == word + finish
+        assert (record.success_count, record.fail_count) == (1, 0)
+
+
 def _cut(reply: bytes, ending: Any) -> Any:
     def act(connection: Any) -> Any:
         connection.sendall(reply)
-        time.sleep(0.005)  # a reset may overtake what was sent
+        time.sleep(0.01)  # a reset may overtake what was sent
         return ending(connection)
 
     return act
@@ -199,6 +217,11 @@ def test_a_route_is_followed_in_order_and_no_model_is_replaced(send: Any) -> Non
         assert (unknown.status_code, unknown.json()["error"]["code"]) == (404, "model_not_found")
         models = send(engine, routes, b"", "http://x/v1/models", method="GET").json()
         assert {model["id"] for model in models["data"]} == {"gpt-4o", "listed"}
+        other = "http://x/openai/deployments/d/embeddings"
+        embedded = send(engine, [], {"model": "listed", "input": "x"}, other)
+        assert embedded.json()["data"][0]["embedding"]
+        told = send(engine, [], {"model": "listed", "prompt": "x"}, "http://x/completions").json()
+        assert told["choices"][0]["text"]
 
 
 def test_a_final_failure_is_the_providers_own(send: Any) -> None:
@@ -213,6 +236,10 @@ def test_a_final_failure_is_the_providers_own(send: Any) -> None:
     assert response.headers["x-should-retry"] == "false"
     assert (response.headers["retry-after"], response.headers["x-request-id"]) == ("7", "r")
     assert ours(response)["fault"].startswith("rate_limit")
+
+    with RawServer(lambda c: c.sendall(answer(b"your key is " + KEY.encode(), 401))) as server:
+        response = send(engine_with(provider(server.url, "p")), routes, asking())
+    assert (response.status_code, KEY in response.text) == (401, False)
 
     def ends(record: Any, model: str = "fast") -> tuple[int, str, str | None]:
         engine = engine_with(record).with_policy(ONCE.replace(validate="all"))
@@ -254,8 +281,12 @@ def test_what_a_client_may_say_about_healing(send: Any) -> None:
         status, took = ends(timeout=0.2)  # a client's own, for each of the two attempts
         assert status == 504
         assert took < 2.0
+        engine = engine_with(record).with_policy(QUICK.replace(deadline=0.3))
+        assert ends(headers={"x-tarvomeldric-deadline": "9"})[1] < 1.3
         for name, value in {"deadline": "-1", "deadlines": "1", "x": ""}.items():
             assert ends(headers={f"x-tarvomeldric-{name}": value})[0] == 400
+        assert ends(headers={"idempotency-key": "café".encode()})[0] == 400
+        assert record.fail_count == 0  # nobody was patient enough to blame anybody
         assert state_of(record) == (10, 0, 0)
 
 
@@ -269,7 +300,12 @@ def test_what_a_client_may_say_about_healing(send: Any) -> None:
             '{"model":"fast","x":' + "[" * 100_000,
             '{"model":"fast","stream":1}',
         ),
-        *('{1: "fast"}', '{"model": "fast",}', '﻿{"model": "fast"}'),
+        *(
+            '{"model":"fast",' + '"a":1,' * 2000 + '"b":1}',
+            '{1: "fast"}',
+            '{"model": "fast",}',
+            '﻿{"model": "fast"}',
+        ),
     ],
 )
 def test_a_body_that_is_none_is_refused_with_reasons(body: Any) -> None:
@@ -283,20 +319,24 @@ def test_a_body_that_is_none_is_refused_with_reasons(body: Any) -> None:
 
 def test_other_requests_pass_through_untouched(send: Any) -> None:
     echoed = Reply(
-        body={"id": "resp"}, headers={"X-Other": "1", "Content-Type": "application/json"}
+        status=307,
+        body={"id": "resp"},
+        headers={"X-Other": "caf\xe9", "Location": "/there", "Content-Type": "application/json"},
     )
     with ProviderSimulator(default=echoed) as simulator:
         record = provider(simulator.base_url, "p")
         record.extra_query = {"version": "2"}
         engine = engine_with(record)
-        url = "http://x/openai/v1/responses/abc?include=a&include=b"
-        response = send(engine, [], b'{"x": 1}', url, passthrough="p", headers={"cookie": "a"})
-        assert (response.status_code, response.json()) == (200, {"id": "resp"})
-        assert response.headers["x-other"] == "1"
+        url = "http://x/openai/v1/responses//abc/?include=a&x=%20"
+        theirs = {"cookie": "a", "x-api-key": "k", "api-key": "k", "authorization": "Bearer k"}
+        response = send(engine, [], b'{"x": 1}', url, passthrough="p", headers=theirs)
+        assert (response.status_code, response.json()) == (307, {"id": "resp"})
+        assert (response.headers["x-other"], response.headers["location"]) == ("café", "/there")
         request = simulator.requests[0]
-        assert request.path == "/v1/responses/abc?include=a&include=b&version=2"
+        assert request.path == "/v1/responses//abc/?include=a&x=%20&version=2"
         assert request.header("authorization") == f"Bearer {record.api_key}"
-        assert request.header("cookie") is None
+        assert [request.header(name) for name in ("cookie", "x-api-key", "api-key")] == [None] * 3
+        assert send(engine, [], b"", "http://x/v1/a%2F..%2Fb", passthrough="p").status_code == 404
         assert send(engine, [], b"", url).status_code == 404
     assert send(engine, [], b"", url, passthrough="p").status_code == 502
     assert record.fail_count == record.success_count == 0
@@ -336,6 +376,11 @@ def test_a_stream_that_is_left_gives_everything_back() -> None:
             client.send(request, stream=True)  # and dropped
             gc.collect()
             until(lambda: state_of(record) == (2, 0, 0))
+        with httpx.Client(transport=transport(engine, passthrough="p")) as client:
+            client.send(client.build_request("GET", "http://x/v1/files"), stream=True)
+            gc.collect()
+            pool = engine._sync_client_pool["p"]._transport._pool
+            until(lambda: not pool.connections)
 
 
 def test_a_client_finds_what_a_network_gives() -> None:

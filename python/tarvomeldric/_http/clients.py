@@ -339,7 +339,9 @@ async def _on_daemon_thread(work: Callable[[], object]) -> None:
 
 def _lead_nowhere(response: httpx.Response) -> None:
     """Nobody follows redirections, but the library fails when one of them leads nowhere."""
-    response.headers.pop("location", None)
+    place = response.headers.pop("location", None)
+    if place is not None:
+        response.extensions["location"] = place
 
 
 async def _lead_nowhere_async(response: httpx.Response) -> None:

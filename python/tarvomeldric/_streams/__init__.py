@@ -298,7 +298,9 @@ def _made(
         "api_type": api_type,
         **options,
     }
-    return kind(caller, arguments, {**times, "require_end": require_end})
+    wanted = options.get("n")
+    choices = wanted if isinstance(wanted, int) else 1
+    return kind(caller, arguments, {**times, "require_end": require_end, "choices": choices})
 
 
 def _text_of(message: Mapping[str, Any]) -> str:

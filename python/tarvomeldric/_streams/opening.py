@@ -30,6 +30,7 @@ class Settings:
     first_token_timeout: float
     idle_timeout: float
     require_end: bool
+    choices: int = 1  # that are asked for
     raw: bool = False  # whether the pieces are wanted as they came, in the place of events
     end: float = math.inf  # of the whole, on the monotonic clock
     begun: bool = False
@@ -48,7 +49,9 @@ class _Connection:
         self.until = min(settings.end, math.inf if limit is None else monotonic() + limit)
         self.attempt.end = min(self.attempt.end, self.until)
         self.decoder = codecs.getincrementaldecoder("utf-8")()
-        self.reader = (RawReader if settings.raw else Reader)(settings.require_end)
+        self.reader = (RawReader if settings.raw else Reader)(
+            settings.require_end, settings.choices
+        )
         self.response: httpx.Response | None = None
         self.pieces: Any = None
         self.closed = False
@@ -95,6 +98,8 @@ class _Connection:
                 self.reader.end()
             elif self.reader.feed(self.decoder.decode(piece)):
                 self.wait_for_next()
+            if self.reader.is_done and not self.own:  # no last words: nothing bounds the wait
+                self.reader.is_over = True
         except (APIError, ValueError):
             self.forgive_if_whole()
         if not self.reader.is_over and monotonic() > self.attempt.end:  # of any client

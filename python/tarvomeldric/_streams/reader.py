@@ -16,6 +16,7 @@ WHOLE_BYTES = 10 * 1024 * 1024
 
 _OUTPUT = ("content", "refusal", "reasoning", "reasoning_content", "tool_calls", "function_call")
 
+_COMPLETE = ("data", ":", "\r", "\n")  # how a line begins behind which no event is half told
 _LINE = re.compile(r"[^\r\n]*(?:\r\n|\n|\r)")  # events know these ends and no others
 
 _scan = json.JSONDecoder().raw_decode
@@ -38,12 +39,14 @@ class Reader:
         size: The characters of the data events so far.
     """
 
-    def __init__(self, require_end: bool) -> None:
+    def __init__(self, require_end: bool, choices: int = 1) -> None:
         self.events: deque[Any] = deque()
         self.is_open = self.is_over = self.is_whole = self.is_done = False
         self.size = self._count = 0
         self._require_end = require_end
+        self._choices = choices  # that were asked for
         self._lines = _EventStream(lenient=True)
+        self._cut: Exception | None = None  # what was wrong with a line without its end
         self._strange = ""  # the beginning of a reply that has no event so far
         self._begun: set[int] = set()  # the choices, and those with a finish reason
         self._finished: set[int] = set()
@@ -90,15 +93,14 @@ class Reader:
 
     def end(self) -> None:
         """The connection came to its end. EarlyEndError when the answer did not."""
-        cut = None
         try:
             self._judge("\n")
         except ValueError as error:  # the connection ended within a line
-            cut = error
+            self._cut = error
         if self.size == 0 and not self.is_done:
             self._refuse_what_is_no_stream()
-        if cut or (self._require_end and not (self.is_done or self.is_whole)):
-            raise EarlyEndError("the connection ended before the answer did") from cut
+        if not (self.is_done or self.is_whole) and (self._cut or self._require_end):
+            raise EarlyEndError("the connection ended before the answer did") from self._cut
         self.is_open = self.is_over = True
 
     def _refuse_what_is_no_stream(self) -> None:
@@ -154,7 +156,7 @@ class Reader:
             if reason:
                 self._finished.add(index)
                 self.is_open = True
-            self.is_whole = self._begun == self._finished
+            self.is_whole = self._begun == self._finished and len(self._begun) >= self._choices
         if not self.is_open and any(map(said.get, _OUTPUT)):
             self.is_open = True
         if index != 0:
@@ -183,43 +185,48 @@ class Reader:
 
 
 class RawReader(Reader):
-    """Takes the pieces of one reply; gives them back as they came, those lines that are in order.
+    """Takes the pieces of one reply; gives them back as they came, as far as they are in order.
 
-    The bytes that follow `[DONE]` are part of the reply, too.
+    What stands before the data of an event waits for them: half an event must not be handed out. The
+    bytes that follow `[DONE]` are part of the reply, too.
     """
 
-    def __init__(self, require_end: bool) -> None:
-        super().__init__(require_end)
+    def __init__(self, require_end: bool, choices: int = 1) -> None:
+        super().__init__(require_end, choices)
         self._line: list[str] = []  # the pieces of one that is not complete
+        self._unfinished = 0
+        self._good: list[str] = []  # lines that wait for others
 
     def feed(self, piece: str) -> bool:
         end = max(piece.rfind("\n"), piece.rfind("\r")) + 1
-        if not end:
-            return self._hold(piece)
-        lines = _LINE.findall("".join([*self._line, piece[:end]]))
-        self._line.clear()
-        before, good = self.size, 0
+        if end:
+            lines = _LINE.findall("".join([*self._line, piece[:end]]))
+            self._line, self._unfinished = [], 0
+        self._line.append(piece[end:])
+        self._unfinished += len(piece) - end
+        if self._unfinished > WHOLE_BYTES:
+            raise ValueError("a line of more than 10 MiB")
+        return self._take_lines(lines) if end else False
+
+    def _take_lines(self, lines: list[str]) -> bool:
+        before, count = self.size, len(self._good)
         try:
             for line in lines:
                 self._judge(line)
-                good += 1
+                self._good.append(line)
+                if line.startswith(_COMPLETE):
+                    count = len(self._good)
         finally:
-            if good:
-                self.events.append("".join(lines[:good]).encode())
-        self._hold(piece[end:])
+            if count:
+                self.events.append("".join(self._good[:count]).encode())
+                del self._good[:count]
         return self.size > before
-
-    def _hold(self, beginning: str) -> bool:
-        self._line.append(beginning)
-        if sum(map(len, self._line)) > WHOLE_BYTES:
-            raise ValueError("a line of more than 10 MiB")
-        return False
 
     def end(self) -> None:
         rest = "".join(self._line)
         self._judge(rest)
         super().end()
-        if rest:
+        if rest := "".join(self._good) + ("" if self._cut else rest):
             self.events.append(rest.encode())
 
     def _hear_the_end(self) -> None:

@@ -19,10 +19,8 @@ from tarvomeldric.clients.replies import (
     headers_of,
     refusal,
 )
-from tarvomeldric.clients.requests import KINDS, SENT_ON, Body, Incoming, RefusedError, options_of
+from tarvomeldric.clients.requests import KINDS, Body, Incoming, RefusedError, options_of, sent_on
 from tarvomeldric.clients.routes import Route, Routes
-
-_ATTEMPT_TIMEOUT = 8.0  # seconds, where the policy sets none
 
 
 class Streamed:
@@ -37,11 +35,6 @@ class Streamed:
         self.status = 200
         self.headers = headers
         self._stream = stream
-
-    @property
-    def result(self) -> Any:
-        """What the answer came to, once it is over."""
-        return self._stream.result
 
     def pieces(self) -> Generator[bytes, None, None]:
         """What the provider sent; an error in the same form where it broke off."""
@@ -70,7 +63,6 @@ class Streamed:
 
 
 def _broken_off(error: StreamInterrupted) -> bytes:
-    # Behind the end of whatever event was being told.
     return b"\n\ndata: " + error_body(str(error), "stream_interrupted") + b"\n\n"
 
 
@@ -91,20 +83,20 @@ class Asked:
         route = relay.route(body.model)
         self._relay = relay
         self._route = route
-        self._view = relay.view_until(options.deadline)
-        self._times = relay.times(timeout) if body.streamed else None
+        self._view = relay.view_until(options.deadline, timeout)
+        streamed = body.streamed and kind != "embeddings"
+        self._times = relay.times(timeout, body.choices) if streamed else None
         task_type = route.task_type if options.task_type is None else options.task_type
         self._arguments: dict[str, Any] = {
             "encode": body.encode,
             "route": dict(route.providers),
-            "headers": {name: it for name in SENT_ON if (it := incoming.headers.get(name))},
+            "headers": sent_on(incoming.headers),
             "prompt_length": body.prompt_length,
             "api_type": kind,
             "task_type": task_type,
             "has_schema": body.has_schema,
             "contract": route.contract,
             "request_id": options.request_id,
-            "timeout": relay.attempt_timeout(timeout),
         }
 
     @property
@@ -200,30 +192,29 @@ class Relay:
             raise _unknown_model(model)
         return found
 
-    def view_until(self, deadline: float | None) -> EngineView:
-        if deadline is None:
-            return self._view
+    def view_until(self, *deadlines: float | None) -> EngineView:
+        """What keeps the shortest deadline, in seconds: the policy's or one of these."""
         policy = self._view.policy
-        seconds = min(deadline, policy.deadline or math.inf)
-        return self._view.with_policy(policy.replace(deadline=seconds))
+        given = [seconds for seconds in (policy.deadline, *deadlines) if seconds is not None]
+        if not given or min(given) == policy.deadline:
+            return self._view
+        return self._view.with_policy(policy.replace(deadline=min(given)))
 
-    def attempt_timeout(self, timeout: float | None) -> float | None:
-        """The client's own, where it is the shorter one."""
-        usual = self._view.policy.attempt_timeout or _ATTEMPT_TIMEOUT
-        return timeout if timeout is not None and timeout < usual else None
-
-    def times(self, timeout: float | None) -> dict[str, Any]:
+    def times(self, timeout: float | None, choices: int) -> dict[str, Any]:
         most = math.inf if timeout is None else timeout
         return {
             "first_token_timeout": min(self._first_token_timeout, most),
             "idle_timeout": min(self._idle_timeout, most),
             "require_end": True,
+            "choices": choices,
             "raw": True,
         }
 
     def records(self, route: Route) -> list[Any]:
-        registered = self.engine._providers
-        return [registered[name] for name in route.providers if name in registered]
+        """Of those that the route names and the policy does not leave out."""
+        registered, only = self.engine._providers, self._view.policy.providers
+        names = [name for name in route.providers if only is None or name in only]
+        return [registered[name] for name in names if name in registered]
 
 
 def _model(name: str, owner: str) -> dict[str, Any]:

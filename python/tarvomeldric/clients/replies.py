@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import math
 import time
-from collections.abc import Iterable, Mapping
+from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Any
 from urllib.parse import quote
@@ -21,9 +21,11 @@ from tarvomeldric._engine import (
     ProvidersBusy,
     SemanticBoundaryViolationError,
 )
+from tarvomeldric._http import retry_after
 
 _HANDED_BACK = ("content-type", "x-request-id", "retry-after")
 _LIMITS = "x-ratelimit-"
+_SHORTEST_SECRET = 8  # a shorter one would be found in ordinary words
 _JSON = {"content-type": "application/json"}
 
 # Errors that a call ends with, as a client sees them.
@@ -62,24 +64,21 @@ def document(value: Any) -> Reply:
 
 def headers_of(reply: Any, result: Any) -> dict[str, str]:
     """Of an answer: the provider's that say something about it, and how it came about."""
-    fault = result.fault
     told = {
+        **_attempts_in(result.attempts),
         "provider": result.provider,
         "model": result.model,
         "heal": result.heal_level or "none",
-        "attempts": str(len(result.attempts)),
     }
-    if fault is not None:
-        told["fault"] = fault.sub_category or fault.category.value
     return {**_handed_back(reply.headers), **_ours(told)}
 
 
-def failed(error: Exception, records: Iterable[ProviderConfig]) -> Reply:
+def failed(error: Exception, records: Sequence[ProviderConfig]) -> Reply:
     """The end of a call that nobody answered: the last provider's own words, where it had any."""
-    end = _refused(error) or _failed_by_provider(_last_failure(error))
-    end.headers.update(_ours(_attempts_of(error)))
+    end = _refused(error) or _failed_by_provider(_last_failure(error), records)
+    end.headers.update(_ours(_attempts_in(getattr(error, "attempts", ()))))
     end.headers["x-should-retry"] = "false"
-    back_s = min(map(_back_in_s, records), default=0.0)
+    back_s = max(min(map(_back_in_s, records), default=0.0), retry_after(end.headers) or 0.0)
     if back_s > 0:
         end.headers["retry-after"] = str(math.ceil(back_s))
     return end
@@ -92,13 +91,23 @@ def _refused(error: Exception) -> Reply | None:
     return None
 
 
-def _failed_by_provider(error: BaseException) -> Reply:
+def _failed_by_provider(error: BaseException, records: Iterable[ProviderConfig]) -> Reply:
     reply = getattr(error, "_reply", None)
     if reply is not None and 400 <= reply.status <= 599:
-        return Reply(reply.status, _handed_back(reply.headers), reply.content)
-    late = getattr(error, "status_code", None) == 408
-    status, kind = (504, "timeout") if late else (502, "provider_error")
-    return Reply(status, dict(_JSON), error_body(str(error), kind))
+        content = reply.content
+        if any(_holds_secret(content, record) for record in records):
+            content = error_body(f"HTTP {reply.status}: [REDACTED]", "provider_error")
+        return Reply(reply.status, _handed_back(reply.headers), content)
+    status = getattr(error, "status_code", None) or 502
+    late = status == 408
+    kind = "timeout" if late else "provider_error"
+    return Reply(504 if late else status, dict(_JSON), error_body(str(error), kind))
+
+
+def _holds_secret(content: bytes, record: ProviderConfig) -> bool:
+    """Whether a provider's words quote what it was sent to let us in."""
+    secrets = [record.api_key, *record.extra_headers.values(), *record.extra_query.values()]
+    return any(len(it) >= _SHORTEST_SECRET and it.encode() in content for it in secrets)
 
 
 def _last_failure(error: BaseException) -> BaseException:
@@ -106,13 +115,14 @@ def _last_failure(error: BaseException) -> BaseException:
     return error.__cause__ or error if isinstance(error, CallRefused) else error
 
 
-def _attempts_of(error: Exception) -> dict[str, str]:
-    attempts = getattr(error, "attempts", ())
-    if not attempts:
-        return {"attempts": "0"}
-    last = attempts[-1]
-    told = {"provider": last.provider, "model": last.model, "attempts": str(len(attempts))}
-    return {**told, "fault": last.fault} if last.fault else told
+def _attempts_in(attempts: Sequence[Any]) -> dict[str, str]:
+    """How many there were, who made the last one, and what went wrong last."""
+    told = {"attempts": str(len(attempts))}
+    for attempt in attempts:
+        told |= {"provider": attempt.provider, "model": attempt.model}
+        if attempt.fault:
+            told["fault"] = attempt.fault
+    return told
 
 
 def _back_in_s(record: ProviderConfig) -> float:
@@ -124,12 +134,24 @@ def _back_in_s(record: ProviderConfig) -> float:
     return max(shut_s, alone_s)
 
 
-def _handed_back(headers: Mapping[str, str]) -> dict[str, str]:
+def _handed_back(headers: Any) -> dict[str, str]:
     return {
         name: value
-        for name, value in headers.items()
+        for name, value in pairs_of(headers)
         if name in _HANDED_BACK or name.startswith(_LIMITS)
     }
+
+
+def pairs_of(headers: Any) -> list[tuple[str, str]]:
+    """Names, in lower case, and values; their bytes are those of Latin-1."""
+    raw = getattr(headers, "raw", None) or []
+    return [(name.decode("latin-1").lower(), value.decode("latin-1")) for name, value in raw]
+
+
+def raw_of(headers: Mapping[str, str] | Sequence[tuple[str, str]]) -> list[tuple[bytes, bytes]]:
+    """The same as they are sent."""
+    pairs = headers.items() if isinstance(headers, Mapping) else headers
+    return [(name.encode("latin-1"), value.encode("latin-1")) for name, value in pairs]
 
 
 def _ours(told: Mapping[str, str]) -> dict[str, str]:

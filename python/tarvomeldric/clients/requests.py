@@ -16,7 +16,10 @@ SENT_ON = ("idempotency-key", "openai-organization", "openai-project")
 _OURS = "x-tarvomeldric-"
 _ACCEPTED = ("task-type", "deadline", "request-id")
 
-_BASE = re.compile(r"^/(?:[^?]*?/)?v\d+(?=/)")
+_KNOWN = re.compile(rf"(?:^|/)({'|'.join(KINDS)})/*$")
+_BASE = re.compile(r"^/(?:.*?/)?v\d+(?=/)")
+_SENDABLE = re.compile(r"[\x20-\x7e]*")
+_MOST_MEMBERS = 1000  # of a body; the API has some dozens
 _SPACE = re.compile(r"[ \t\r\n]*")
 
 
@@ -30,7 +33,10 @@ class RefusedError(Exception):
 
 
 class Incoming(NamedTuple):
-    """One request of a client, whatever it came by. Names of headers are in lower case."""
+    """One request of a client, whatever it came by.
+
+    The names of headers are in lower case, and the bytes of their values those of Latin-1.
+    """
 
     method: str
     path: str
@@ -40,8 +46,14 @@ class Incoming(NamedTuple):
 
     @property
     def operation(self) -> str:
-        """The path below the API's base, `/v1` or none."""
-        return _BASE.sub("", self.path).strip("/")
+        """One of those that are healed, below any base; else the path below `/v1`, or the whole."""
+        known = _KNOWN.search(self.path)
+        return known[1] if known else self.rest.strip("/")
+
+    @property
+    def rest(self) -> str:
+        """The path below `/v1`, or the whole, as it is."""
+        return _BASE.sub("", self.path)
 
 
 @dataclass(frozen=True)
@@ -51,6 +63,15 @@ class Options:
     task_type: str | None = None
     deadline: float | None = None  # seconds
     request_id: str | None = None
+
+
+def sent_on(headers: Mapping[str, str]) -> dict[str, str]:
+    """The headers that providers get to see. Raises RefusedError for one that nobody could send."""
+    kept = {name: value for name in SENT_ON if (value := headers.get(name))}
+    for name, value in kept.items():
+        if not _SENDABLE.fullmatch(value):
+            raise RefusedError(400, f"{name} must be printable ASCII")
+    return kept
 
 
 def options_of(headers: Mapping[str, str]) -> Options:
@@ -110,6 +131,13 @@ class Body:
         return bool(self.fields.get("stream"))
 
     @property
+    def choices(self) -> int:
+        """How many answers are asked for."""
+        wanted = self.fields.get("n")
+        counts = isinstance(wanted, _Number) and re.fullmatch(r"\d{1,4}", wanted.text, re.ASCII)
+        return int(wanted.text) if counts else 1
+
+    @property
     def has_schema(self) -> bool:
         wanted = self.fields.get("response_format")
         return isinstance(wanted, dict) and wanted.get("type") == "json_schema"
@@ -126,25 +154,33 @@ class Body:
 
 
 def _length(content: Any) -> int:
-    if isinstance(content, str):
-        return len(content)
-    if isinstance(content, dict):
-        return _length(content.get("text"))
-    return sum(map(_length, content)) if isinstance(content, list) else 0
+    """Of a text, or of those in a list; a part of a message has its own as a member."""
+    parts = content if isinstance(content, list) else [content]
+    texts = [part.get("text") if isinstance(part, dict) else part for part in parts]
+    return sum(len(text) for text in texts if isinstance(text, str))
 
 
 def _refuse_constant(name: str) -> Any:
     raise ValueError(f"{name} is not JSON")
 
 
-_decoder = json.JSONDecoder(parse_constant=_refuse_constant)
+class _Number:
+    """A number as it is written: almost nothing here is reckoned with."""
+
+    __slots__ = ("text",)
+
+    def __init__(self, text: str) -> None:
+        self.text = text
+
+
+_decoder = json.JSONDecoder(parse_int=_Number, parse_float=_Number, parse_constant=_refuse_constant)
 
 
 def _members(text: str) -> tuple[dict[str, Any], dict[str, list[tuple[int, int]]]]:
     """The members of a JSON object, and where in the text each value stands."""
     fields: dict[str, Any] = {}
     spans: dict[str, list[tuple[int, int]]] = {}
-    at = _expect("{", text, 0)
+    members, at = 0, _expect("{", text, 0)
     if text[at : at + 1] == "}":
         at += 1
     else:
@@ -155,11 +191,14 @@ def _members(text: str) -> tuple[dict[str, Any], dict[str, list[tuple[int, int]]
             start = _expect(":", text, at)
             fields[name], end = _value(text, start)
             spans.setdefault(name, []).append((start, end))
+            members += 1
             at = _skip(text, end)
             if text[at : at + 1] == "}":
                 at += 1
                 break
             at = _expect(",", text, at)
+            if members > _MOST_MEMBERS:
+                raise ValueError(f"it has more than {_MOST_MEMBERS} members")
     if _skip(text, at) != len(text):
         raise ValueError("there is more after its end")
     return fields, spans

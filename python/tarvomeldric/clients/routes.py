@@ -54,6 +54,10 @@ class Route:
 def _require_text(name: str, value: object) -> None:
     if not isinstance(value, str):
         raise TypeError(f"{name} must be str, not {type(value).__name__}")
+    try:
+        value.encode()
+    except UnicodeEncodeError:
+        raise ValueError(f"{name} must be text that UTF-8 has") from None
 
 
 class Routes:

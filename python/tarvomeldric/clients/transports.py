@@ -2,16 +2,19 @@
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import sys
 from collections.abc import Iterable
 from types import ModuleType
 from typing import Any
 
+import httpx
+
 from tarvomeldric import EngineView, SelfHealingEngine
 from tarvomeldric.clients.passing import Passing
 from tarvomeldric.clients.relay import Relay
-from tarvomeldric.clients.replies import Reply, refusal
+from tarvomeldric.clients.replies import Reply, pairs_of, raw_of, refusal
 from tarvomeldric.clients.requests import Incoming
 from tarvomeldric.clients.routes import Route
 
@@ -74,10 +77,9 @@ class _Base:
 
     def _take(self, request: Any, content: bytes) -> tuple[Incoming, Any]:
         path, _, query = request.url.raw_path.partition(b"?")
-        headers = {name.lower(): value for name, value in request.headers.items()}
+        headers = dict(pairs_of(request.headers))
         incoming = Incoming(request.method, path.decode(), query, headers, content)
-        timeout = request.extensions.get("timeout", {}).get("read")
-        return incoming, self._relay.take(incoming, timeout)
+        return incoming, self._relay.take(incoming, _patience(request))
 
 
 class _Transport(_Base):
@@ -93,14 +95,16 @@ class _Transport(_Base):
     def handle_request(self, request: Any) -> Any:
         incoming, asked = self._take(request, request.read())
         if asked is None:
-            asked = self._passing.answer(incoming) if self._passing else _unknown(incoming)
+            passing = self._passing
+            patience = _patience(request)
+            asked = passing.answer(incoming, patience) if passing else _unknown(incoming)
         elif not isinstance(asked, Reply):
             asked = asked.answer()
         library = _library(request)
         if isinstance(asked, Reply):
             return _whole(library, asked)
-        stream = _stream_class(library)(asked)
-        return library.Response(asked.status, headers=asked.headers, stream=stream)
+        stream = _stream_class(library)(asked, library)
+        return library.Response(asked.status, headers=raw_of(asked.headers), stream=stream)
 
 
 class _AsyncTransport(_Base):
@@ -117,14 +121,17 @@ class _AsyncTransport(_Base):
         incoming, asked = self._take(request, await request.aread())
         if asked is None:
             passing = self._passing
-            asked = await passing.answer_awaited(incoming) if passing else _unknown(incoming)
+            patience = _patience(request)
+            asked = (
+                await passing.answer_awaited(incoming, patience) if passing else _unknown(incoming)
+            )
         elif not isinstance(asked, Reply):
             asked = await asked.answer_awaited()
         library = _library(request)
         if isinstance(asked, Reply):
             return _whole(library, asked)
-        stream = _async_stream_class(library)(asked)
-        return library.Response(asked.status, headers=asked.headers, stream=stream)
+        stream = _async_stream_class(library)(asked, library)
+        return library.Response(asked.status, headers=raw_of(asked.headers), stream=stream)
 
 
 def _unknown(incoming: Incoming) -> Reply:
@@ -133,8 +140,14 @@ def _unknown(incoming: Incoming) -> Reply:
 
 def _whole(library: ModuleType, reply: Reply) -> Any:
     # As a stream: who asks for the pieces of an answer wants it open, short as it may be.
-    headers = {**reply.headers, "content-length": str(len(reply.content))}
+    headers = raw_of({**reply.headers, "content-length": str(len(reply.content))})
     return library.Response(reply.status, headers=headers, stream=library.ByteStream(reply.content))
+
+
+def _patience(request: Any) -> float | None:
+    """The seconds for which the client waits for anything."""
+    seconds: float | None = request.extensions.get("timeout", {}).get("read")
+    return seconds
 
 
 def _library(request: Any) -> ModuleType:
@@ -142,23 +155,40 @@ def _library(request: Any) -> ModuleType:
     return sys.modules[type(request.url).__module__.partition(".")[0]]
 
 
+def _as_of(library: Any, error: Exception) -> Exception:
+    """A failure of our own client as one of the library that asks."""
+    kind = getattr(library, type(error).__name__, library.ReadError)
+    same: Exception = kind(str(error))
+    return same
+
+
 class _Pieces:
-    def __init__(self, answer: Any) -> None:
+    def __init__(self, answer: Any, library: Any) -> None:
         self._answer = answer
+        self._library = library
 
     def __iter__(self) -> Any:
-        return self._answer.pieces()
+        try:
+            yield from self._answer.pieces()
+        except httpx.HTTPError as error:
+            raise _as_of(self._library, error) from error
 
     def close(self) -> None:
         self._answer.close()
 
 
 class _AwaitedPieces:
-    def __init__(self, answer: Any) -> None:
+    def __init__(self, answer: Any, library: Any) -> None:
         self._answer = answer
+        self._library = library
 
-    def __aiter__(self) -> Any:
-        return self._answer.apieces()
+    async def __aiter__(self) -> Any:
+        async with contextlib.aclosing(self._answer.apieces()) as pieces:
+            try:
+                async for piece in pieces:
+                    yield piece
+            except httpx.HTTPError as error:
+                raise _as_of(self._library, error) from error
 
     async def aclose(self) -> None:
         await self._answer.aclose()

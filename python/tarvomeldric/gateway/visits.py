@@ -10,7 +10,7 @@ from starlette.responses import Response
 from starlette.types import Receive, Scope, Send
 
 from tarvomeldric.clients.relay import Streamed
-from tarvomeldric.clients.replies import Reply, error_body, refusal
+from tarvomeldric.clients.replies import Reply, error_body, raw_of, refusal
 from tarvomeldric.clients.requests import Incoming
 from tarvomeldric.gateway.waiting import Limit, Presence
 
@@ -61,16 +61,13 @@ class Visit:
 
     async def answer(self, reply: Reply) -> None:
         self.status = reply.status
-        response = Response(reply.content, reply.status, _sendable(reply.headers))
+        response = Response(reply.content, reply.status, reply.headers)
         await response(self._scope, self._receive, self._send)
 
     async def hand_on(self, answer: Any) -> None:
         """Sends the pieces of an answer, all but its end, as they come."""
         self.status, self._handed_on = answer.status, answer
-        headers = [
-            (name.encode(), value.encode("latin-1"))
-            for name, value in _sendable(answer.headers).items()
-        ]
+        headers = raw_of(answer.headers)
         await self._send(
             {"type": "http.response.start", "status": answer.status, "headers": headers}
         )
@@ -100,8 +97,3 @@ class Visit:
 
 def _too_long(longest: int) -> Reply:
     return refusal(413, f"the body is longer than {longest} bytes", "body_too_long")
-
-
-def _sendable(headers: dict[str, str]) -> dict[str, str]:
-    """A provider's headers may hold anything; the protocol's own take the characters of Latin-1."""
-    return {name: it.encode("latin-1", "replace").decode("latin-1") for name, it in headers.items()}

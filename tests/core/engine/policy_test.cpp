@@ -276,6 +276,14 @@ TEST(Routes, GiveOrderAndModelsAndNeverACheaperOne) {
   routed.policy.providers = std::vector<std::string>{"anthropic", "openai"};
   EXPECT_EQ(routed.ask(two), "direct openai gpt-4o");
 
+  // A body that nobody takes is the client's doing, and no reason to leave providers alone.
+  routed.policy.providers.reset();
+  for (int i = 0; i < 9; ++i) {
+    routed.refuse_everywhere(1, 400);
+    EXPECT_EQ(routed.ask(two), "the last error");
+  }
+  EXPECT_EQ(routed.provider("deepseek")->snapshot().fail_count, 1);
+
   CallRequest one;
   one.route.emplace()["openai"] = "gpt-4o";
   routed.io.script["openai"] = failures(1, 404);
