@@ -91,7 +91,15 @@ void bind_events(nb::module_& module) {
                                     "cancelled, interrupted, dropped, or left by an error of "
                                     "other code"),
        field<&EndEvent::duration_s>("duration",
-                                    "seconds since it began; 0.0 of a call that was dropped")});
+                                    "seconds since it began; 0.0 of a call that was dropped"),
+       field<&EndEvent::model>("model", "the model that was asked for; empty where none was"),
+       field<&EndEvent::api_type>("api_type", "as in the call; empty of one that was dropped"),
+       field<&EndEvent::tokens, &TokenUsage::input>(
+           "input_tokens", "what the provider counted for the answer; None where it did not"),
+       field<&EndEvent::tokens, &TokenUsage::output>("output_tokens", "the same, of the answer"),
+       field<&EndEvent::first_output_s>("first_output",
+                                        "seconds until the first output of a streamed answer; "
+                                        "None of others")});
   bind_observation(module);
 }
 

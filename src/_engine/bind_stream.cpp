@@ -19,6 +19,8 @@ void bind_lease(nb::module_& module) {
       arg("latency_ms"));
   def(cls, "fail", &StreamLease::fail, "The answer broke off; what may be shown of the error.",
       arg("error"));
+  def(cls, "tell_end", &StreamLease::tell_end, "Tells whoever listens that the call is over.",
+      arg("outcome"), arg("usage").none());
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ struct CallRequest {
   std::optional<std::string> request_id;  // a fresh one is made when there is none
   std::size_t prompt_length = 0;          // characters
   std::string model;                      // empty: model resolution chooses
+  std::string api_type = "chat";
   std::string task_type;
   bool has_schema = false;
   bool structured_output = false;

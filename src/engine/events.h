@@ -57,11 +57,20 @@ struct HealEvent {
   std::string level;
   std::string fault;
 };
-// The call is over; told once, last.
+// The tokens that a provider counted for an answer, where it did.
+struct TokenUsage {
+  std::optional<std::int64_t> input;
+  std::optional<std::int64_t> output;
+};
+// The call is over, and with it an answer that was streamed; told once, last.
 struct EndEvent {
   std::string call_id;
   std::string outcome;  // "answered", "failed", or "abandoned" in the middle
   double duration_s = 0.0;
+  std::string model = {};  // that the caller asked for; empty where the engine chose
+  std::string api_type = {};
+  TokenUsage tokens = {};
+  std::optional<double> first_output_s = {};  // of a streamed answer, after the call's start
 };
 
 using CallEvent = std::variant<AttemptEvent, FaultEvent, SleepEvent, RefusalEvent, BreakerEvent,

@@ -90,6 +90,8 @@ class Io {
   // passes.
   virtual bool heard() const = 0;
   virtual void tell(const CallEvent& event) = 0;
+  // What the provider counted for the newest answer.
+  virtual TokenUsage tokens() const { return {}; }
 };
 
 }  // namespace tarvomeldric

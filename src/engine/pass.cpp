@@ -192,9 +192,11 @@ CallFailed Pass::out_of_requests() {
 }
 
 void Pass::tell_end(const CallOutcome* outcome) {
+  if (!io.heard()) return;
   const char* how = "abandoned";
   if (outcome) how = std::holds_alternative<CallAnswered>(*outcome) ? "answered" : "failed";
-  tell<EndEvent>(how, engine.clock.monotonic() - start_s);
+  tell<EndEvent>(how, engine.clock.monotonic() - start_s, request.model, request.api_type,
+                 io.tokens());
 }
 
 }  // namespace tarvomeldric

@@ -79,13 +79,14 @@ class _Stream:
         reader = self._connection.reader
         assert self._result is not None
         self._result._complete(reader.text or None, reader.response())
-        self._leave()
+        self._leave("answered")
 
-    def _leave(self) -> None:
+    def _leave(self, outcome: str = "abandoned") -> None:
         """Nobody wants more of it."""
         if self._lease is not None and self._result is not None:
             lease, self._lease = self._lease, None
             lease.succeed(self._result.latency_ms)
+            lease.tell_end(outcome, self._connection.reader.usage)
 
     def _broken(self, error: Exception) -> Exception:
         """What reading raises after this failure."""
@@ -100,7 +101,7 @@ class _Stream:
         told = str(error) if own else type(error).__name__
         if blame:
             told = self._lease.fail(error)
-        self._leave()
+        self._leave("failed")
         at = self._result
         assert at is not None
         failure = StreamInterrupted(

@@ -117,6 +117,11 @@ class Reader:
         """The words of the answer so far."""
         return "".join(self._parts)
 
+    @property
+    def usage(self) -> Any:
+        """What the provider counted, as it said so; None where it has not."""
+        return self._about.get("usage")
+
     def response(self) -> dict[str, Any]:
         """The answer in the form of one that is not streamed, as far as it has come."""
         message: dict[str, Any] = {"role": "assistant", "content": self.text or None}

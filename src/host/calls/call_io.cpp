@@ -91,6 +91,10 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTe
   co_return attempt;
 }
 
+TokenUsage CallIo::tokens() const {
+  return state_.response.is_valid() ? tokens_in(usage_of(state_.response)) : TokenUsage{};
+}
+
 nb::object CallIo::received(const char* what) const {
   if (state_.report.is_valid()) {
     const nb::handle reported = entry(state_.report, what);

@@ -84,6 +84,7 @@ class CallIo : public Io {
   void keep(AttemptRecord attempt) override { state_.attempts.push_back(std::move(attempt)); }
   bool heard() const override { return is_observed(state_.native()); }
   void tell(const CallEvent& event) override { tell_of(state_, event); }
+  TokenUsage tokens() const override;
 
  protected:
   PythonLearner& learner() const { return *nb::inst_ptr<PythonLearner>(state_.parts.learner); }

@@ -69,6 +69,7 @@ CallArguments call_arguments(const Text& prompt, const std::optional<Text>& mode
   CallRequest request;
   request.prompt_length = text_length(prompt);
   if (model) request.model = to_utf8(*model);
+  request.api_type = to_utf8(api_type);
   request.task_type = to_utf8(task_type);
   request.has_schema = has_schema;
   request.semantic_domain = semantic_domain;
@@ -111,7 +112,7 @@ OperationPtr failover_operation(const Caller& caller, const Text& prompt,
   if (trace) facts.trace = &**trace;
   facts.start_s = call_start.value_or(0.0);
   if (const nb::handle kind = entry(options, "api_type"_key)) {
-    convert_argument<Text>(kind, "api_type");
+    request.call.api_type = to_utf8(convert_argument<Text>(kind, "api_type"));
   }
   return std::make_unique<FailoverOperation>(caller, prompt, contract, std::move(request), diag,
                                              object_or_none(trace), options);

@@ -42,6 +42,7 @@ OperationPtr relay_operation(const Caller& caller, const std::optional<Any>& set
   CallRequest request;
   request.request_id = request_id;
   request.prompt_length = static_cast<std::size_t>(prompt_length);
+  request.api_type = api_type;
   request.task_type = task_type;
   request.has_schema = has_schema;
   request.bulkhead_timeout_s = kSlotWaitSeconds;

@@ -37,6 +37,18 @@ bool holds_nothing(nb::handle parts) {
 
 nb::object usage_of(nb::handle reply) { return member(reply, "usage"); }
 
+TokenUsage tokens_in(nb::handle usage) {
+  const auto count = [usage](const char* name, const char* other) -> std::optional<std::int64_t> {
+    nb::object told = member(usage, name);
+    if (told.is_none()) told = member(usage, other);
+    if (!PyLong_CheckExact(told.ptr())) return std::nullopt;
+    int overflow = 0;
+    const std::int64_t number = PyLong_AsLongLongAndOverflow(told.ptr(), &overflow);
+    return overflow == 0 && number >= 0 ? std::optional(number) : std::nullopt;
+  };
+  return {count("prompt_tokens", "input_tokens"), count("completion_tokens", "output_tokens")};
+}
+
 nb::object finish_reason_of(nb::handle reply) {
   return member(first_choice(reply), "finish_reason");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "engine/events.h"
 #include "host/interpreter/python.h"
 
 namespace tarvomeldric::host {
@@ -7,6 +8,8 @@ namespace tarvomeldric::host {
 // What stands in the decoded body of an answer, None where there is no such thing: providers
 // differ, and some say nothing.
 nb::object usage_of(nb::handle reply);
+// What such a usage comes to.
+TokenUsage tokens_in(nb::handle usage);
 nb::object finish_reason_of(nb::handle reply);
 nb::object tool_calls_of(nb::handle reply);
 // The words of an answer in either form of a chat, which a tool call need not have. A failure of

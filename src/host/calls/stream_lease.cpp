@@ -2,11 +2,25 @@
 
 #include <utility>
 
+#include "host/calls/call_io.h"
 #include "host/calls/exchange.h"
+#include "host/calls/observation.h"
+#include "host/calls/reply.h"
 #include "host/interpreter/errors.h"
 #include "host/records/argument.h"
 
 namespace tarvomeldric::host {
+
+StreamLease::~StreamLease() {
+  if (!engine_.is_valid()) return;
+  error_scope keep;
+  try {
+    tell_end("abandoned", nb::none());
+  } catch (...) {
+    set_error(std::current_exception());
+    PyErr_WriteUnraisable(nullptr);
+  }
+}
 
 void StreamLease::succeed(double latency_ms) {
   if (!std::exchange(recorded_, true)) provider_->record_success(latency_ms);
@@ -20,6 +34,7 @@ std::string StreamLease::fail(nb::handle error) {
   const nb::object status = ours ? nb::object(error.attr("status_code")) : nb::none();
   const Diagnosis fault = diagnoser_->diagnose(text, Status{status}.code());
   const std::string category(value_of(fault.category));
+  tell(FaultEvent{end_.call_id, provider_->name(), category, std::string(fault.fault_label())});
   provider_->record_failure(text, category);
   CircuitBreaker* tested = slot_.tested();
   if (tested && tested->state() == CircuitState::kHalfOpen) tested->trip_with_fault(category);
@@ -28,12 +43,37 @@ std::string StreamLease::fail(nb::handle error) {
   return text;
 }
 
+void StreamLease::owe(nb::object engine, EndEvent end) {
+  engine_ = std::move(engine);
+  end_ = std::move(end);
+  owed_since_s_ = system_clock().monotonic();
+}
+
+void StreamLease::tell_end(const std::string& outcome, nb::handle usage) {
+  end_.outcome = outcome;
+  end_.duration_s += system_clock().monotonic() - owed_since_s_;
+  end_.tokens = tokens_in(usage);
+  tell(end_);
+  drop(engine_);
+}
+
+void StreamLease::tell(const CallEvent& event) const {
+  const nb::object object = engine_;
+  if (!object.is_valid()) return;
+  const auto& engine = *nb::inst_ptr<Engine>(object);
+  if (is_observed(engine)) tell_observers(engine, event);
+}
+
 int StreamLease::traverse(visitproc visit, void* arg) {
   Py_VISIT(diagnoser_.ptr());
+  Py_VISIT(engine_.ptr());
   return 0;
 }
 
 // What it holds of the provider goes back with the lease itself.
-void StreamLease::clear() { drop(diagnoser_); }
+void StreamLease::clear() {
+  drop(diagnoser_);
+  drop(engine_);
+}
 
 }  // namespace tarvomeldric::host

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "engine/admission.h"
+#include "engine/events.h"
 #include "host/calls/engine.h"
 #include "host/interpreter/python.h"
 #include "providers/provider_config.h"
@@ -10,11 +11,15 @@
 namespace tarvomeldric::host {
 
 // What a streamed answer holds of its provider while it is being read: the slot, and the duty to
-// record how it ends, which is done once. One that is only dropped gives the slot back.
+// record how it ends, which is done once, and to tell it to those who heard of the call before. One
+// that is only dropped gives the slot back, and the call was abandoned.
 class StreamLease {
  public:
   StreamLease(Instance<Diagnoser> diagnoser, ProviderPtr provider, AdmittedSlot slot)
       : diagnoser_(std::move(diagnoser)), provider_(std::move(provider)), slot_(std::move(slot)) {}
+  ~StreamLease();
+  StreamLease(const StreamLease&) = delete;
+  StreamLease& operator=(const StreamLease&) = delete;
 
   // The answer came to its end, or nobody wants the rest. `latency_ms` is the time to its
   // beginning.
@@ -22,14 +27,24 @@ class StreamLease {
   // It broke off with this error. Answers with what may be shown of it.
   std::string fail(nb::handle error);
 
+  // From now on the end of the call is told here; `end` is as it stands at the first output.
+  void owe(nb::object engine, EndEvent end);
+  // Tells it: "answered", "failed" or "abandoned". `usage` is what the provider counted, or None.
+  void tell_end(const std::string& outcome, nb::handle usage);
+
   int traverse(visitproc visit, void* arg);
   void clear();
 
  private:
+  void tell(const CallEvent& event) const;
+
   Instance<Diagnoser> diagnoser_;
   ProviderPtr provider_;
   AdmittedSlot slot_;
   bool recorded_ = false;
+  nb::object engine_;  // whose listeners are to be told; null when there is nothing to tell
+  EndEvent end_;
+  double owed_since_s_ = 0.0;  // monotonic, seconds
 };
 
 }  // namespace tarvomeldric::host

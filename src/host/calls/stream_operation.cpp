@@ -11,6 +11,7 @@ namespace {
 struct StreamState {
   nb::object settings;
   nb::object lease;
+  std::optional<EndEvent> end;  // to be told once the answer has been read
 
   nb::object make_lease(const CallState& call, const ProviderPtr& provider, AdmittedSlot slot) {
     return nb::cast(new StreamLease(call.parts.diagnoser, provider, std::move(slot)),
@@ -27,6 +28,13 @@ class StreamIo : public Base {
   StreamIo(StreamState& stream, Way&... way) : Base(way...), stream_(stream) {}
   void hold(const ProviderPtr& provider, AdmittedSlot slot) override {
     stream_.lease = stream_.make_lease(this->state_, provider, std::move(slot));
+  }
+  void tell(const CallEvent& event) override {
+    const auto* end = std::get_if<EndEvent>(&event);
+    if (!end || end->outcome != "answered") return Base::tell(event);
+    stream_.end = *end;
+    stream_.end->first_output_s = end->duration_s;
+    this->state_.untold_end.reset();
   }
 
  protected:
@@ -110,6 +118,9 @@ class StreamOperation final : public PipelineOperation {
   nb::object opened(CallOutcome& outcome, double start_s) {
     if (!std::holds_alternative<CallAnswered>(outcome) && stream_.lease.is_valid()) {
       nb::inst_ptr<StreamLease>(stream_.lease)->succeed(state_.attempts.back().duration_s * 1e3);
+    }
+    if (stream_.end) {
+      nb::inst_ptr<StreamLease>(stream_.lease)->owe(state_.engine, std::move(*stream_.end));
     }
     const nb::object result = conclude(state_, outcome);
     nb::inst_ptr<CallResult>(result)->ttft_ms = (system_clock().monotonic() - start_s) * 1e3;
