@@ -6,10 +6,14 @@ from functools import partial
 from typing import Any
 
 from measuring import row, take_turns
+from opentelemetry.sdk.metrics import MeterProvider
+from opentelemetry.sdk.metrics.export import InMemoryMetricReader
+from opentelemetry.sdk.trace import TracerProvider
 from table import Row
 
 from support import provider
 from tarvomeldric import APIError, CallPolicy, SelfHealingEngine
+from tarvomeldric.telemetry import instrument
 
 PROVIDER = "openai"
 REQUEST: dict[str, Any] = {"prompt": "What is the capital of France?", "model": "gpt-4o-mini"}
@@ -30,7 +34,8 @@ class StubbedEngine(SelfHealingEngine):
 
 def measure(quick: bool) -> Iterator[Row]:
     record, loop = provider(name=PROVIDER), asyncio.new_event_loop()
-    engine = StubbedEngine({PROVIDER: record})
+    engine, traced = StubbedEngine({PROVIDER: record}), StubbedEngine({PROVIDER: record})
+    instrument(traced, TracerProvider(), MeterProvider([InMemoryMetricReader()]))
     given = {"cfg": record, "api_type": "chat", **REQUEST}
     for name, call, stub, its_loop, target in (
         ("call_sync", engine.call_sync, engine._execute_sync, None, 5.0),
@@ -38,8 +43,11 @@ def measure(quick: bool) -> Iterator[Row]:
     ):
         seen = getattr(engine.with_policy(CallPolicy.interactive()), name)
         ways = {"call": partial(call, **REQUEST), "stub": partial(stub, **given)}
-        rounds = take_turns(quick, CALLS, its_loop, view=partial(seen, **REQUEST), **ways)
+        ways |= {"view": partial(seen, **REQUEST)}
+        ways |= {"traced": partial(getattr(traced, name), **REQUEST)}
+        rounds = take_turns(quick, CALLS, its_loop, **ways)
         yield row(rounds, name, target, less="stub")
         yield row(rounds, f"{name}, mean", 15.0, figure="mean", less="stub")
         yield row(rounds, f"{name} through a view, less without", 1.0, of="view", less="call")
+        yield row(rounds, f"{name} with OpenTelemetry, less without", of="traced", less="call")
     loop.close()

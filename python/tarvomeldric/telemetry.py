@@ -2,18 +2,21 @@
 
 The engine reports every healed call to one :class:`TelemetryCollector`. To send the reports
 elsewhere, assign any object with the same ``record_fault`` to the engine's ``_telemetry``.
-:func:`log_to` writes each event of every call, healed or not, through :mod:`logging`.
+:func:`log_to` writes each event of every call, healed or not, through :mod:`logging`, and
+:func:`instrument` makes OpenTelemetry's spans and metrics of them.
 """
 
 from __future__ import annotations
 
 import logging
 import threading
+from typing import TYPE_CHECKING
 
 from tarvomeldric._engine import (
     AttemptEvent,
     BreakerEvent,
     EndEvent,
+    EngineView,
     FaultEvent,
     HealEvent,
     Observation,
@@ -21,6 +24,10 @@ from tarvomeldric._engine import (
     SelfHealingEngine,
     SleepEvent,
 )
+
+if TYPE_CHECKING:
+    from opentelemetry.metrics import MeterProvider
+    from opentelemetry.trace import TracerProvider
 
 CallEvent = (
     AttemptEvent | FaultEvent | SleepEvent | RefusalEvent | BreakerEvent | HealEvent | EndEvent
@@ -59,6 +66,38 @@ def log_to(
             log.log(severity, "%s", _in_one_line(f"{event.call_id} {_story(event)}"))
 
     return engine.observe(listen)
+
+
+def instrument(
+    engine: SelfHealingEngine | EngineView,
+    tracer_provider: TracerProvider | None = None,
+    meter_provider: MeterProvider | None = None,
+) -> Observation:
+    """Make spans and metrics of an engine's calls, in OpenTelemetry's conventions for generative AI.
+
+    Each call is a client span below the span that is the caller's current one, each of its requests
+    a span below that; waits, refusals and changes of breakers are events of the call's span. They
+    are made when the call is over, with the times at which things happened. Names, figures and
+    labels are exported: no prompt, answer, key or text of a provider. Calls at one time need
+    request ids of their own, as they have by default.
+
+    Args:
+        engine: Whose calls; of a view, those of its engine.
+        tracer_provider: Where spans go; OpenTelemetry's global one by default.
+        meter_provider: Where measurements go; the global one by default.
+
+    Returns:
+        The handle that ends it: ``close()``, or the end of a ``with`` block.
+
+    Raises:
+        ImportError: OpenTelemetry's API is not installed.
+    """
+    try:
+        from tarvomeldric._otel import Recorder
+    except ImportError:
+        raise ImportError("instrument needs OpenTelemetry: install tarvomeldric[otel]") from None
+    whole = engine.engine if isinstance(engine, EngineView) else engine
+    return whole.observe(Recorder(whole, tracer_provider, meter_provider).listen)
 
 
 def _story(event: CallEvent) -> str:
