@@ -40,14 +40,14 @@ def providers_at(base_url: str) -> Iterator[None]:
         yield
 
 
-def complaints_of_promtool(metrics: bytes) -> list[str]:
+def promtool(*arguments: Any, **more: Any) -> subprocess.CompletedProcess[bytes]:
     path = f"{os.environ['PATH']}:{Path(__file__).parents[2]}/build/tools"
-    checked = subprocess.run(
-        [shutil.which("promtool", path=path) or "promtool", "check", "metrics"],
-        input=metrics + b"\n",  # scrapers add it, too
-        capture_output=True,
-        env={},  # nothing of a sanitizer's
-    )
+    tool = shutil.which("promtool", path=path) or "promtool"
+    return subprocess.run([tool, *arguments], capture_output=True, env={}, **more)  # no sanitizer's
+
+
+def complaints_of_promtool(metrics: bytes) -> list[str]:
+    checked = promtool("check", "metrics", input=metrics + b"\n")  # scrapers add it, too
     return checked.stderr.decode().splitlines()
 
 

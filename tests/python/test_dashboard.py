@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 import threading
 from http.client import RemoteDisconnected
 from pathlib import Path
@@ -11,10 +12,10 @@ from unittest.mock import Mock, patch
 
 import pytest
 from dashboards import FIGURES, LOOPBACK, connect, left, made_up, served
-from helpers import complaints_of_promtool
+from helpers import complaints_of_promtool, promtool
 
 from support import engine_with, get, provider
-from tarvomeldric import APIError, serve_dashboard
+from tarvomeldric import APIError, FaultCategory, serve_dashboard
 from tarvomeldric._engine import _build_dashboard
 from tarvomeldric._host_names import HostNames
 
@@ -30,6 +31,7 @@ COUNTERS = {"latency_p95": 1, "calls_total": 2.0, "Rate": 3, "rated": None, "fau
 COUNTERS |= {"unhealed": True, "errors": "<i>", "success_primary": {}, "x": 5}
 DIAGNOSED = {"rate_limit": 1, "odd <": None, "": ""}
 FLYWHEEL = {"total_rules": 84.5, "high_confidence_rules": "many", "sync_mode": None}
+ROOT = Path(__file__).parents[2]
 EMPTY, FULL = (Path(__file__).with_name(f"{name}_page.html") for name in ("empty", "full"))
 
 
@@ -144,6 +146,64 @@ def test_promtool_finds_nothing_but_the_fixed_names() -> None:
             metrics = get(server, "/metrics").body
     complaints = complaints_of_promtool(metrics)
     assert {line for line in complaints if not line.endswith(" no help text")} == FIXED_NAMES
+
+
+def scrape_of_everything() -> bytes:
+    """After a day on which the engine wrote every metric that it knows."""
+    source = (ROOT / "src/observability/metric_names.h").read_text()
+    counters, histograms = (re.findall(r'"(\w+)"', part) for part in source.split("// Histograms."))
+    with engine_with() as engine, served(engine) as server:
+        for name in counters:
+            for kind in FaultCategory if name == "fault_" else [""]:
+                engine.get_metrics().inc(f"{name}{kind and kind.value}")
+        for name in histograms:
+            engine.get_metrics().observe(name, 1.0)
+        return get(server, "/metrics").body
+
+
+# Of metrics, by how much they grow in a minute, and the alerts that fire.
+DAYS = [
+    ({"calls_total_total": 60, "success_primary_total": 60}, ""),
+    ({"calls_total_total": 60, "success_primary_total": 30, "heal_l3_failover_total": 15}, "CallsFail ManyHeals"),
+    ({"calls_total_total": 60, "errors_no_provider_total": 60}, "NoProvider CallsFail"),
+    ({"calls_total_total": 0, "bulkhead_rejected_total": 1}, "SlotsFull"),
+    ({"calls_total_total": 60, "heal_l1_retry_total": 60, "fault_rate_limit_total": 12, "fault_auth_error_total": 1},
+     "ManyHeals ProvidersLimitUs KeyRefused"),
+    ({"calls_total_total": 1, "success_primary_total": 1, 'latency_primary_ms{quantile="0.95"}': 900}, "Slow"),
+]  # fmt: skip
+TRIAL = """
+- interval: 1m
+  input_series: [%s]
+  promql_expr_test:
+  - expr: count by (alertname) (ALERTS{alertstate="firing"})
+    eval_time: 30m
+    exp_samples: [%s]"""
+
+
+def test_alerts_and_the_grafana_dashboard_go_by_what_is_scraped(tmp_path: Path) -> None:
+    alerts, grafana = ROOT / "docs/alerts.yml", ROOT / "docs/grafana-dashboard.json"
+    scraped = set(re.findall(r"^tm_\w+", scrape_of_everything().decode(), re.MULTILINE))
+    for text in (alerts.read_text(), grafana.read_text()):
+        assert set(re.findall(r"\btm_\w+", text)) <= scraped
+
+    rules, trial = tmp_path / "shown.yml", tmp_path / "trial.yml"
+    shown = re.findall(
+        r'"expr": (".*?[^\\]")', grafana.read_text().replace("$__rate_interval", "5m")
+    )
+    lines = [f"  - record: shown:{at}\n    expr: {each}\n" for at, each in enumerate(shown)]
+    rules.write_text("groups:\n- name: shown\n  rules:\n" + "".join(lines))
+    trial.write_text(f"rule_files: [{alerts}]\ntests:")
+    with trial.open("a") as file:
+        for grown, firing in DAYS:
+            series = [f"{{series: 'tm_{name}', values: 0+{by}x40}}" for name, by in grown.items()]
+            told = [
+                f"""{{labels: '{{alertname="TarvoMeldric{it}"}}', value: 1}}"""
+                for it in firing.split()
+            ]
+            file.write(TRIAL % (", ".join(series), ", ".join(told)))
+    for work in (["check", "rules", alerts, rules], ["test", "rules", trial]):
+        done = promtool(*work)
+        assert done.returncode == 0, (done.stdout + done.stderr).decode()
 
 
 OURS = ["localhost", "LOCALHOST.:1", "127.0.0.1", "127.9.9.9:80", "[::1]", "[0:0::1]:9"]
