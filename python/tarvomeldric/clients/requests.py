@@ -134,8 +134,8 @@ class Body:
     def choices(self) -> int:
         """How many answers are asked for."""
         wanted = self.fields.get("n")
-        counts = isinstance(wanted, _Number) and re.fullmatch(r"\d{1,4}", wanted.text, re.ASCII)
-        return int(wanted.text) if counts else 1
+        text = wanted.text if isinstance(wanted, _Number) else ""
+        return int(text) if re.fullmatch(r"\d{1,4}", text, re.ASCII) else 1
 
     @property
     def has_schema(self) -> bool:
