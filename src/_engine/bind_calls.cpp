@@ -157,9 +157,9 @@ void bind_relay(nb::class_<EngineView>& cls) {
   const auto none = nb::none();
   const auto bind = [&](const char* name, auto form) {
     def(cls, name, form, "Hands a body on to whom its route names, and the answer back.",
-        arg("_settings"), arg("encode"), arg("route"), arg("headers"), arg("prompt_length"),
-        arg("api_type"), arg("task_type"), arg("has_schema"), arg("contract") = none,
-        arg("request_id") = none, arg("timeout") = none);
+        arg("_settings"), arg("encode"), arg("route"), arg("headers"), arg("model"),
+        arg("prompt_length"), arg("api_type"), arg("task_type"), arg("has_schema"),
+        arg("contract") = none, arg("request_id") = none);
   };
   using Relay =
       Forms<EngineView, relay_operation, "EngineView.relay", Annotated<"tuple[typing.Any, ...]">>;

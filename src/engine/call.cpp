@@ -143,8 +143,9 @@ Task<void> Call::analyze() {
   engine_.metrics.inc(metric::kLearnedRouting);
 }
 
-// Where a confident rule sends requests of this kind; empty when there is none.
+// Where a confident rule sends requests of this kind; empty when there is none, or a route says it.
 Task<std::string> Call::learned_provider() const {
+  if (pass_.request.route) co_return std::string();
   const auto hint = model_to_error_hint(pass_.request.model);
   if (!hint) co_return std::string();
   const std::optional<Advice> advice = co_await pass_.io.advise(*hint);

@@ -35,7 +35,7 @@ struct CallRequest {
   std::optional<SemanticDomain> semantic_domain;
   double bulkhead_timeout_s = 1.0;               // seconds
   bool streamed = false;                         // answered from the first output on
-  std::optional<Route> route;                    // in the place of a model
+  std::optional<Route> route;                    // of the model, by which it is sent then
   const CallPolicy* policy = &default_policy();  // outlives the call
 };
 

@@ -91,6 +91,7 @@ class Asked:
             "encode": body.encode,
             "route": dict(route.providers),
             "headers": sent_on(incoming.headers),
+            "model": body.model,
             "prompt_length": body.prompt_length,
             "api_type": kind,
             "task_type": task_type,

@@ -41,16 +41,17 @@ OperationPtr stream_operation(const Caller& caller, const Any& settings, const T
                               const Text& api_type, const nb::kwargs& options);
 
 // One pass of the loop for a body of somebody else's: `encode` gives its bytes for a model, and the
-// route says who serves it. The CallResult and the package's AttemptContext, with the answer's
-// bytes; for a body that asks for a stream, which has `settings`, what `stream_operation` gives. An
-// error has the latest provider's reply, if there was one, as `_reply`.
+// route says who serves the one that it names. The CallResult and the package's AttemptContext,
+// with the answer's bytes; for a body that asks for a stream, which has `settings`, what
+// `stream_operation` gives. An error has the latest provider's reply, if there was one, as
+// `_reply`.
 OperationPtr relay_operation(const Caller& caller, const std::optional<Any>& settings,
                              const Any& encode, const OrderedMap<std::string>& route,
-                             const Any& headers, std::int64_t prompt_length,
-                             const std::string& api_type, const std::string& task_type,
-                             bool has_schema, const std::optional<Instance<Contract>>& contract,
-                             const std::optional<std::string>& request_id,
-                             std::optional<double> timeout);
+                             const Any& headers, const std::string& model,
+                             std::int64_t prompt_length, const std::string& api_type,
+                             const std::string& task_type, bool has_schema,
+                             const std::optional<Instance<Contract>>& contract,
+                             const std::optional<std::string>& request_id);
 
 // One request to one provider, without a call around it: the answer's text, or None.
 OperationPtr execute_operation(const Caller& caller, const Instance<ProviderConfig>& cfg,

@@ -34,14 +34,15 @@ class RelayOperation final : public PipelineOperation {
 
 OperationPtr relay_operation(const Caller& caller, const std::optional<Any>& settings,
                              const Any& encode, const OrderedMap<std::string>& route,
-                             const Any& headers, std::int64_t prompt_length,
-                             const std::string& api_type, const std::string& task_type,
-                             bool has_schema, const std::optional<Instance<Contract>>& contract,
-                             const std::optional<std::string>& request_id,
-                             std::optional<double> timeout) {
+                             const Any& headers, const std::string& model,
+                             std::int64_t prompt_length, const std::string& api_type,
+                             const std::string& task_type, bool has_schema,
+                             const std::optional<Instance<Contract>>& contract,
+                             const std::optional<std::string>& request_id) {
   CallRequest request;
   request.request_id = request_id;
   request.prompt_length = static_cast<std::size_t>(prompt_length);
+  request.model = model;
   request.api_type = api_type;
   request.task_type = task_type;
   request.has_schema = has_schema;
@@ -49,7 +50,6 @@ OperationPtr relay_operation(const Caller& caller, const std::optional<Any>& set
   request.route = route;
   nb::dict execution;
   put(execution, "api_type"_key, from_utf8(api_type));
-  if (timeout) put(execution, "timeout"_key, number(*timeout));
   Relayed relayed{encode, headers};
   if (settings) {
     return relayed_stream(caller, *settings, contract, std::move(request), std::move(execution),
