@@ -1,34 +1,9 @@
-#include "_engine/engine_class.h"
+#include "_engine/forms.h"
 #include "host/calls/call_io.h"
-#include "host/calls/engine_view.h"
-#include "host/calls/operation.h"
 #include "host/interpreter/helpers.h"
-#include "host/interpreter/recursion.h"
-#include "host/records/views.h"
 
 namespace tarvomeldric::host {
 namespace {
-
-template <class C>
-using Self = nb::pointer_and_handle<C>;
-
-Caller caller(Self<Engine> self) { return {self.h}; }
-Caller caller(Self<EngineView> self) { return {self.p->engine, self.p->policy}; }
-
-// The two forms of an operation on a class.
-template <class C, auto Make, Literal Name, class Result>
-struct Forms;
-template <class C, class... P, OperationPtr (*Make)(const Caller&, P...), Literal Name,
-          class Result>
-struct Forms<C, Make, Name, Result> {
-  static Result blocking(Self<C> self, P... given) {
-    const RecursionScope scope;
-    return Make(caller(self), given...)->run_blocking();
-  }
-  static Awaitable<Result> awaited(Self<C> self, P... given) {
-    return make_coroutine(Make(caller(self), given...), Name.value);
-  }
-};
 
 constexpr const char* kCallDoc =
     "Sends a prompt through one pass of the loop and returns its CallResult.\n\n"
@@ -151,20 +126,6 @@ void bind_opening(nb::class_<C>& cls) {
   using Opening = Forms<C, stream_operation, Name, Annotated<"tuple[typing.Any, ...]">>;
   bind("_open_stream_sync", Opening::blocking);
   bind("_open_stream", Opening::awaited);
-}
-
-void bind_relay(nb::class_<EngineView>& cls) {
-  const auto none = nb::none();
-  const auto bind = [&](const char* name, auto form) {
-    def(cls, name, form, "Hands a body on to whom its route names, and the answer back.",
-        arg("_settings"), arg("encode"), arg("route"), arg("headers"), arg("model"),
-        arg("prompt_length"), arg("api_type"), arg("task_type"), arg("has_schema"),
-        arg("contract") = none, arg("request_id") = none);
-  };
-  using Relay =
-      Forms<EngineView, relay_operation, "EngineView.relay", Annotated<"tuple[typing.Any, ...]">>;
-  bind("_relay_sync", Relay::blocking);
-  bind("_relay", Relay::awaited);
 }
 
 constexpr const char* kWithPolicyDoc =
