@@ -1,7 +1,7 @@
 #include "engine/pass.h"
 
 #include <algorithm>
-#include <iterator>
+#include <array>
 #include <utility>
 
 #include "observability/metric_names.h"
@@ -19,10 +19,11 @@ Diagnosis bad_answer(const char* label) {
   return diagnosis;
 }
 
+constexpr std::array<std::int64_t, 4> kBadRequests{400, 413, 415, 422};
+
 // Whether a provider that refuses a request with this label finds fault with its body.
 bool is_bad_request(std::optional<std::int64_t> status, std::string_view label) {
-  constexpr std::int64_t kStatuses[] = {400, 413, 415, 422};
-  return status && std::ranges::find(kStatuses, *status) != std::end(kStatuses) &&
+  return status && std::ranges::find(kBadRequests, *status) != kBadRequests.end() &&
          (label == "unknown" || label.starts_with("validation_error"));
 }
 
