@@ -7,11 +7,24 @@ from contextlib import contextmanager
 from queue import SimpleQueue
 from typing import Any
 
-from outcomes import ABANDONED, ANSWERED, FAILED, REFUSED_ANSWER, UNCOUNTED, Tally
+from outcomes import (
+    ABANDONED,
+    ANSWERED,
+    BROKEN_STREAM,
+    FAILED,
+    LEFT_STREAMS,
+    REFUSED_ANSWER,
+    UNCOUNTED,
+    Tally,
+)
 
 from tarvomeldric import AttemptEvent, EndEvent, SelfHealingEngine
 
-_OUTCOMES = {"answered": ANSWERED, "failed": FAILED, "abandoned": [*ABANDONED, UNCOUNTED]}
+_OUTCOMES = {
+    "answered": ANSWERED,  # less those streams
+    "failed": [*FAILED, BROKEN_STREAM],
+    "abandoned": [*ABANDONED, UNCOUNTED, *LEFT_STREAMS],
+}
 
 
 class Listener:
@@ -44,8 +57,10 @@ class Listener:
         if self._under_way:
             yield f"{len(self._under_way)} calls told something, and then no end"
         for outcome, seen in _OUTCOMES.items():
-            if self._ends[outcome] != self._tally.sum(seen):
-                callers = self._tally.sum(seen)
+            callers = self._tally.sum(seen)
+            if outcome == "answered":
+                callers -= self._tally.sum([BROKEN_STREAM, *LEFT_STREAMS])
+            if self._ends[outcome] != callers:
                 yield f"{self._ends[outcome]} calls ended as {outcome}; by their callers {callers}"
 
     def _hear(self, event: Any) -> None:

@@ -34,6 +34,9 @@ ANSWERED = list(LEVELS.values())
 FAILED = [*ERRORS.values(), PROVIDER_ERROR, DEADLINE]
 ABANDONED = [CANCELLED, INTERRUPTED, CLOSED]
 CALLS = [*ANSWERED, *FAILED, *ABANDONED]
+# What becomes of an answer that began as a stream, beside being read whole.
+BROKEN_STREAM = "healed stream interrupted"
+LEFT_STREAMS = ["healed stream left early", "healed stream dropped", "healed stream cancelled"]
 REFUSED_ANSWER = "answer refused for its contract"
 UNCOUNTED = "given up in the pause before it counts"
 NEVER_AWAITED, NEVER_STARTED = "closed, never awaited", "cancelled, never started"
@@ -51,10 +54,8 @@ KINDS = {
     ],
     "streams that heal": [
         "healed stream read whole",
-        "healed stream interrupted",
-        "healed stream left early",
-        "healed stream dropped",
-        "healed stream cancelled",
+        BROKEN_STREAM,
+        *LEFT_STREAMS,
     ],
     "besides": [
         REFUSED_ANSWER,

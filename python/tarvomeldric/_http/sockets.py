@@ -7,6 +7,7 @@ that.
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import select
 import socket
 import ssl
@@ -208,10 +209,11 @@ async def _finish(making: Any, timeout: float | None) -> Any:
     task = asyncio.ensure_future(making)
     try:
         await asyncio.wait({task}, timeout=timeout)
-    finally:
-        if not task.done():
-            _drop(task)
+    except BaseException:
+        _drop(task)
+        raise
     if not task.done():
+        _drop(task)
         raise httpcore.ConnectTimeout("timed out")
     try:
         return task.result()
@@ -221,8 +223,12 @@ async def _finish(making: Any, timeout: float | None) -> Any:
 
 def _drop(task: asyncio.Future[Any]) -> None:
     """Nobody wants the transport any more that is being made, or was made in this very moment."""
-    task.cancel()
-    task.add_done_callback(_abort)
+    if task.done():
+        _abort(task)
+    else:
+        with contextlib.suppress(RuntimeError):  # the loop is closed
+            task.cancel()
+            task.add_done_callback(_abort)
 
 
 def _abort(task: asyncio.Future[Any]) -> None:
