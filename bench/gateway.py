@@ -26,12 +26,12 @@ from typing import Any
 
 import httpx
 
-from support import engine_with, free_port, tireless
 from tarvomeldric import CallPolicy
 from tarvomeldric.clients import Route, async_transport, transport
 from tarvomeldric.simulator import ProviderSimulator, rehearsal
 
-RESULTS = Path(__file__).resolve().parent.parent / "build" / "gateway.json"
+ROOT = Path(__file__).resolve().parent.parent
+RESULTS = ROOT / "build" / "gateway.json"
 CONNECTIONS = (1, 16, 64)
 PATIENCE_S = 90.0  # for a gateway to start
 ASKED = {"model": "fast", "messages": [{"role": "user", "content": "Hello"}]}
@@ -86,6 +86,7 @@ def main() -> None:
     parser.add_argument("--seconds", type=int, default=3, help="of each measurement")
     parser.add_argument("--rival", help="the program of LiteLLM's proxy")
     options = parser.parse_args()
+    sys.path.append(str(ROOT / "tools"))  # the support package
     if not shutil.which("wrk"):
         sys.exit("bench/gateway.py needs wrk, a Debian package")
     print(f"Python {platform.python_version()}, {os.cpu_count()} processors,", end=" ")
@@ -130,6 +131,8 @@ def running(
     program: Sequence[str], config: str, suffix: str, base_url: str
 ) -> Iterator[tuple[str, int]]:
     """A gateway that is ready: its address, and its process."""
+    from support import free_port
+
     port = free_port()
     with tempfile.TemporaryDirectory() as folder:
         path = Path(folder) / f"gateway.{suffix}"
@@ -186,6 +189,8 @@ def ask(url: str, connections: int, seconds: int) -> Taken:
 
 def measured_transports(base_url: str, rounds: int) -> dict[str, dict[str, float]]:
     """What one request costs through a client of httpx, bare and with a transport of ours."""
+    from support import engine_with, tireless
+
     engine = engine_with(tireless(base_url=base_url, name="only", slots=1000))
     view = engine.with_policy(CallPolicy.interactive())
     routes = [Route("fast", {"only": "any-model"})]
