@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
+import functools
 import threading
 import time
 import weakref
@@ -84,6 +85,10 @@ class _Worker:
         threading.Thread(target=_work, args=(self._jobs,), daemon=True, name="learner").start()
         weakref.finalize(self, self._jobs.put, None).atexit = False
 
+    def put(self, function: Callable[..., Any], *arguments: Any) -> None:
+        """Nobody hears of its result, or of its failure."""
+        self._jobs.put(functools.partial(function, *arguments))
+
     def submit(self, function: Callable[..., Any], *arguments: Any) -> Future[Any]:
         future: Future[Any] = Future()
 
@@ -103,7 +108,8 @@ class _Worker:
 
 def _work(jobs: SimpleQueue[_Job | None]) -> None:
     while job := jobs.get():
-        job()
+        with contextlib.suppress(BaseException):
+            job()
         del job  # with what it refers to
 
 
@@ -112,17 +118,19 @@ _workers: weakref.WeakKeyDictionary[Any, _Worker] = weakref.WeakKeyDictionary()
 _fork.renew(_workers.clear)
 
 
-def hand_over(learner: Any, method: str, *arguments: Any) -> Future[Any]:
+def _worker_of(learner: Any) -> _Worker:
+    return _workers.get(learner) or _workers.setdefault(learner, _Worker())
+
+
+def hand_over(learner: Any, method: str, *arguments: Any) -> None:
     """Has a method of the learner run on the learner's own worker thread, after what came before."""
-    worker = _workers.get(learner)
-    if worker is None:
-        worker = _workers.setdefault(learner, _Worker())
-    return worker.submit(getattr(learner, method), *arguments)
+    _worker_of(learner).put(getattr(learner, method), *arguments)
 
 
 async def in_worker(learner: Any, method: str, *arguments: Any) -> Any:
     """The same, awaited."""
-    return await asyncio.wrap_future(hand_over(learner, method, *arguments))
+    job = _worker_of(learner).submit(getattr(learner, method), *arguments)
+    return await asyncio.wrap_future(job)
 
 
 def at_most(steps: Any, waited: Any, end: float) -> Generator[Any, Any, Any]:

@@ -7,6 +7,7 @@ ones do: by what the operating system said.
 
 from __future__ import annotations
 
+import asyncio
 import os
 import socket
 import ssl
@@ -155,9 +156,6 @@ class AsyncStream(_Joined, httpcore.AsyncNetworkStream):
 class AsyncBackend(httpcore.AsyncNetworkBackend):
     """Makes awaited connections."""
 
-    def __init__(self, inner: httpcore.AsyncNetworkBackend) -> None:
-        self._inner = inner
-
     async def connect_tcp(
         self, host: str, port: int, timeout: float | None = None, *more: Any, **options: Any
     ) -> httpcore.AsyncNetworkStream:
@@ -168,11 +166,11 @@ class AsyncBackend(httpcore.AsyncNetworkBackend):
             raise _told(error) from error
 
     async def sleep(self, seconds: float) -> None:
-        await self._inner.sleep(seconds)
+        await asyncio.sleep(seconds)
 
 
 def _told(error: Exception, told: str = "") -> Exception:
-    """The same failure, saying what the operating system said: the awaiting library keeps it to itself."""
+    """The same failure, said as the blocking sockets say it: by the error of the operating system."""
     told = str(error) or told
     following: BaseException | None = error
     while following is not None:
@@ -180,6 +178,5 @@ def _told(error: Exception, told: str = "") -> Exception:
             told = str(following)
         elif isinstance(following, OSError) and following.errno:
             told = f"[Errno {following.errno}] {os.strerror(following.errno)}"
-        group = getattr(following, "exceptions", None)  # one for each address
-        following = group[-1] if group else following.__cause__
+        following = following.__cause__
     return type(error)(told)

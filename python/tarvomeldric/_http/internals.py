@@ -75,7 +75,7 @@ def fit(client: httpx.Client | httpx.AsyncClient) -> None:
             pool._optional_thread_lock = threading.RLock()
             pool._network_backend = backend.Backend(pool._network_backend)
         elif type(pool) in _AWAITED:
-            pool._network_backend = backend.AsyncBackend(pool._network_backend)
+            pool._network_backend = backend.AsyncBackend()
         pool.__class__ = _OURS.get(type(pool), type(pool))
 
 
