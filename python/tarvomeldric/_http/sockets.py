@@ -154,7 +154,7 @@ async def connect(
 async def _connect(host: str, port: int, local: Any) -> Any:
     """The transport. An address that is silent does not hold the next ones up."""
     loop = asyncio.get_running_loop()
-    found = await loop.getaddrinfo(host, port, type=socket.SOCK_STREAM)
+    found = await _addresses(host, port)
     untried = [socket.getnameinfo(each[4], _NUMERIC)[0] for each in found]  # with its scope
     trying: set[asyncio.Future[Any]] = set()
     try:
@@ -176,6 +176,17 @@ async def _connect(host: str, port: int, local: Any) -> Any:
     finally:
         for task in trying:
             _drop(task)
+
+
+async def _addresses(host: str, port: int) -> list[Any]:
+    """Those of a host. Only a name needs a thread, which would hang the exit that met its start."""
+    try:
+        return socket.getaddrinfo(
+            host, port, type=socket.SOCK_STREAM, flags=socket.AI_NUMERICHOST | socket.AI_NUMERICSERV
+        )
+    except socket.gaierror:
+        loop = asyncio.get_running_loop()
+        return await loop.getaddrinfo(host, port, type=socket.SOCK_STREAM)
 
 
 async def _transport(connecting: Any) -> Any:
