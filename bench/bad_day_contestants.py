@@ -69,6 +69,14 @@ class Interactive(Engine):
         self.caller = self.engine.with_policy(self.tool.interactive())
 
 
+class Hedged(Interactive):
+    title = '`interactive()`, and `hedge_after="p95"`'
+
+    def __init__(self, endpoints: Sequence[Endpoint]) -> None:
+        super().__init__(endpoints)
+        self.caller = self.engine.with_policy(self.tool.interactive().replace(hedge_after="p95"))
+
+
 class Tenacity(Contestant):
     """Three attempts at each provider, and eight seconds in all; every answer is looked at."""
 
@@ -147,6 +155,7 @@ class OpenAIClient(Contestant):
 CONTESTANTS: dict[str, type[Contestant]] = {
     "engine": Engine,
     "interactive": Interactive,
+    "hedged": Hedged,
     "tenacity": Tenacity,
     "openai": OpenAIClient,
 }

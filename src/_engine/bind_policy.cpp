@@ -103,7 +103,15 @@ void bind_policy(nb::module_& module) {
        field<&P::exact_model>("exact_model",
                               "only providers that serve the model that is asked for, and no "
                               "cheaper one"),
-       field<&P::retry_budget>("retry_budget", "what all requests after a call's first draw on")});
+       field<&P::retry_budget>("retry_budget", "what all requests after a call's first draw on"),
+       field<&P::hedge_after>("hedge_after",
+                              "seconds after which a second provider is asked beside a first one\n"
+                              "        that has not answered, or \"p95\": what 95 % of its newest "
+                              "answers took;\n        the first good answer counts, the other "
+                              "request is ended and may still be billed",
+                              "float | typing.Literal['p95'] | None"),
+       field<&P::hedge_ratio>("hedge_ratio", "such requests that each call earns"),
+       field<&P::hedge_burst>("hedge_burst", "the most that can be saved up, and the first ones")});
   cls.def_static("interactive", &P::interactive, "For calls that somebody waits for.");
   cls.def_static("batch", &P::batch, "For work that has time.");
   def(cls, "replace", replaced, "The same policy with some fields changed.", arg("changes"));

@@ -71,8 +71,10 @@ void bind_results(nb::module_& module) {
   for (Field beside : {
            field<&CallResult::attempts>("attempts",
                                         "the requests that the call sent, oldest first; like the "
-                                        "next five in neither the constructor nor `repr` and `==`",
+                                        "next six in neither the constructor nor `repr` and `==`",
                                         "tuple[Attempt, ...]"),
+           field<&CallResult::answer, &Answer::hedged>(
+               "hedged", "whether a second provider was asked while the first had not answered"),
            field<&CallResult::ttft_ms>("ttft_ms",
                                        "the time to the first output of a streamed answer, in "
                                        "milliseconds from the call's start; None of others"),

@@ -22,6 +22,19 @@ class TakenToken {
 
 void Io::hold(const ProviderPtr&, AdmittedSlot) {}
 
+std::optional<AdmittedSlot> admit_now(const ProviderPtr& provider) {
+  const RateLimiterPtr limiter = provider->rate_limiter();
+  if (!limiter->acquire()) return std::nullopt;
+  TakenToken token(limiter);
+  const BulkheadPtr bulkhead = provider->bulkhead();
+  const std::shared_ptr<Semaphore> semaphore = bulkhead->semaphore();
+  const bool granted = semaphore->try_acquire();
+  bulkhead->count(granted);
+  if (!granted) return std::nullopt;
+  token.spend();
+  return AdmittedSlot(bulkhead, semaphore);
+}
+
 Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout_s) {
   const RateLimiterPtr limiter = provider->rate_limiter();
   if (!limiter->acquire()) co_return std::nullopt;

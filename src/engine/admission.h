@@ -40,6 +40,9 @@ class AdmittedSlot {
   ProbePermit permit_;
 };
 
+// The same without waiting.
+std::optional<AdmittedSlot> admit_now(const ProviderPtr& provider);
+
 // Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most
 // `timeout_s` seconds. Nothing when refused. A wait that is refused or abandoned gives its token
 // back; an abandoned one is not counted as rejected.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "engine/cascade.h"
+#include "engine/hedge.h"
 #include "engine/pass.h"
 #include "observability/metric_names.h"
 #include "providers/models.h"
@@ -50,6 +51,7 @@ class Call {
 
   void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
   Task<bool> wait_for_the_soonest();
+  void choose_first();
   Task<std::string> learned_provider() const;
   void refuse(CallFailed::Kind kind, const char* message);
   void end(CallFailed failed);
@@ -60,6 +62,7 @@ class Call {
   std::vector<NamedProvider> available_;
   Target target_;
   bool learned_ = false;
+  bool hedged_ = false;
   CallOutcome outcome_;  // large, so it is handed on as seldom as can be
 };
 
@@ -106,7 +109,7 @@ Task<bool> Call::monitor() {
     if (pass_.state.ended_by_deadline()) end(pass_.out_of_time());
     co_return false;
   }
-  choose(pass_.candidates.pick(available_));
+  choose_first();
   pass_.facts.original_provider = target_.name;
   pass_.facts.original_model = target_.model;
   trace_.monitor_result = "provider_selected";
@@ -129,6 +132,23 @@ Task<bool> Call::wait_for_the_soonest() {
   if (!wait_s) co_return false;
   const bool waited = co_await pass_.sleep(*wait_s, "retry_after");
   co_return waited;
+}
+
+// A call that hedges passes over those who keep losing to a second provider, while others are
+// there.
+void Call::choose_first() {
+  choose(pass_.candidates.pick(available_));
+  if (!pass_.policy().hedge_after) return;
+  const CallPolicy& policy = pass_.policy();
+  engine_.hedging.budget(policy.hedge_ratio, policy.hedge_burst)->deposit();
+  std::vector<NamedProvider> others = available_;
+  while (!engine_.hedging.claim(
+      HedgeBook::lane(target_.name, target_.model, pass_.request.streamed))) {
+    std::erase_if(others, [&](const auto& one) { return one.name == target_.name; });
+    if (others.empty()) return choose(pass_.candidates.pick(available_));
+    choose(pass_.candidates.pick(others));
+  }
+  available_ = std::move(others);
 }
 
 Task<void> Call::analyze() {
@@ -195,15 +215,24 @@ Task<std::optional<AdmittedSlot>> Call::admit() {
 
 Task<void> Call::execute(AdmittedSlot slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
-  std::optional<Tried> tried = co_await pass_.attempt(target_);
-  if (!tried) co_return end(pass_.out_of_time());
-  pass_.settle(target_, *tried, slot);
-  if (tried->ok()) {
-    co_await succeed(*tried);
+  FailedAttempt first{std::move(target_), {}, std::move(slot)};
+  bool sent = false;
+  if (pass_.policy().hedge_after) {
+    sent = co_await attempt_hedged(pass_, first, hedged_);
+  } else {
+    std::optional<Tried> tried = co_await pass_.attempt(first.target);
+    sent = tried.has_value();
+    if (sent) pass_.settle(first.target, *tried, first.slot);
+    if (sent) first.tried = std::move(*tried);
+  }
+  if (!sent) co_return end(pass_.out_of_time());
+  if (first.tried.ok()) {
+    target_ = std::move(first.target);
+    co_await succeed(first.tried);
     co_return;
   }
-  FailedAttempt failed{std::move(target_), std::move(*tried), std::move(slot)};
-  outcome_ = co_await recover(pass_, std::move(failed));
+  outcome_ = co_await recover(pass_, std::move(first));
+  if (auto* answered = std::get_if<CallAnswered>(&outcome_)) answered->answer.hedged = hedged_;
 }
 
 Task<void> Call::succeed(const Tried& tried) {
@@ -219,6 +248,7 @@ Task<void> Call::succeed(const Tried& tried) {
   answered.answer =
       pass_.facts.answered_by(target_, tried.latency_ms, learned_ ? "l4_learned" : "");
   answered.answer.validation_passed = tried.validation_passed;
+  answered.answer.hedged = hedged_;
   answered.trace = std::move(trace_);
 }
 

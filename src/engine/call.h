@@ -10,6 +10,7 @@
 #include "engine/policy.h"
 #include "engine/trace.h"
 #include "flywheel/learner.h"
+#include "guards/hedge_book.h"
 #include "observability/metrics_collector.h"
 #include "providers/engine_counters.h"
 #include "providers/registry.h"
@@ -47,6 +48,7 @@ struct Surroundings {
   FlywheelLearner& learner;
   MetricsCollector& metrics;
   EngineCounters& counters;
+  HedgeBook& hedging;
   const Clock& clock = system_clock();
   const Random& random = system_random();
 

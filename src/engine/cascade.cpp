@@ -29,7 +29,10 @@ class Cascade {
         target_(std::move(failed.target)),
         tried_(std::move(failed.tried)),
         slot_(std::move(failed.slot)),
-        failover_(pass, target_.name) {}
+        recorded_(std::move(failed.fault)),
+        failover_(pass, target_.name) {
+    if (failed.other) failover_.leave_out(*failed.other);
+  }
 
   Task<CallOutcome> run();
 
@@ -53,6 +56,7 @@ class Cascade {
   Target target_;
   Tried tried_;  // the first attempt
   AdmittedSlot slot_;
+  std::optional<Diagnosis> recorded_;
   Failover failover_;
   Diagnosis first_;  // of the first attempt
   Diagnosis last_;   // of the latest failed attempt that was diagnosed
@@ -81,25 +85,15 @@ Task<CallOutcome> Cascade::run() {
 }
 
 Task<void> Cascade::analyze() {
-  if (tried_.refused) {
-    first_ = *tried_.refused;
-    co_await pass_.learn(first_.sub_category, "direct:" + target_.name, false);
+  if (recorded_) {
+    first_ = *recorded_;
   } else {
-    const ApiFailure& failure = *tried_.failure;
-    first_ = engine_.diagnoser.diagnose(failure.text, failure.status, failure.reading_s);
+    first_ = co_await pass_.diagnose(target_, tried_, slot_);
   }
   last_ = first_;
-  const std::string category(value_of(first_.category));
-  trace_.monitor_result = category;
+  trace_.monitor_result = std::string(value_of(first_.category));
   trace_.analyze_result = first_.fault_label();
-  if (tried_.is_providers_fault()) {
-    pass_.record_failure(target_, tried_.failure->text, category, &slot_);
-    provider().category_circuit_breaker(category)->record_failure(target_.name);
-  }
   slot_ = {};
-  engine_.metrics.inc(metric::kFault + category);
-  engine_.metrics.observe(metric::kFaultLatency, engine_.us_since(tried_.start_s));
-  pass_.tell<FaultEvent>(target_.name, category, std::string(first_.fault_label()));
 }
 
 Task<CallOutcome> Cascade::block() {

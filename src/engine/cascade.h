@@ -13,6 +13,8 @@ struct FailedAttempt {
   Target target;
   Tried tried;
   AdmittedSlot slot;
+  std::optional<Diagnosis> fault = {};    // where it is recorded already
+  std::optional<std::string> other = {};  // a second provider that was asked beside it, and failed
 };
 
 // Heals a call whose first attempt failed: diagnoses the failure and updates the guards, then

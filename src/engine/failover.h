@@ -35,6 +35,9 @@ class Failover {
   Failover(Pass& pass, std::string failed_provider)
       : pass_(pass), asked_{std::move(failed_provider)} {}
 
+  // Nobody of this name is asked any more.
+  void leave_out(const std::string& provider) { asked_.insert(provider); }
+
   // Those who have a free slot and a token at this moment.
   Task<Healed> at_once(Diagnosis fault);
   // All who have not been asked yet; waits a second for each one's slot.

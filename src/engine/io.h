@@ -34,10 +34,37 @@ struct Attempt {
   bool ok() const { return !failure; }
 };
 
+// What an answer must be to win a race.
+enum class Demand : std::uint8_t { kNothing, kContent, kContract };
+
 // On which terms a request is sent.
 struct AttemptTerms {
   double limit_s;      // whoever waits for it waits so long at most; infinite for no limit of ours
   bool whole = false;  // an answer that is streamed is read to its end, and not to its beginning
+  Demand demand = Demand::kNothing;
+};
+
+// A request of a call that may be under way beside another one.
+struct Leg {
+  ProviderPtr provider;
+  std::string model;
+  AttemptTerms terms;
+};
+
+// Who is asked, too, when the first request of a call takes long.
+class Rival {
+ public:
+  virtual ~Rival() = default;
+  // Asked once, from another thread maybe, while the call itself waits: no code of others is run.
+  // Null when it stays with the first.
+  virtual std::optional<Leg> enter() = 0;
+};
+
+// How one of the two requests came out.
+struct Finish {
+  bool second;  // which one it is
+  Attempt attempt;
+  double over_s;  // monotonic, seconds
 };
 
 // A healed call, as the outside hears of it.
@@ -62,6 +89,16 @@ class Io {
   // Sends the call's prompt to the provider once. An answer that is streamed is an answer as soon
   // as its first output is there.
   virtual Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) = 0;
+  // Sends a request, and one of the rival's beside it when that is not over after `patience_s`
+  // seconds. Over as soon as the second has given a good answer, or the first one has come to any
+  // end. Calls whose attempts cannot be ended from outside have no race.
+  virtual bool may_race(const ProviderPtr& provider) const = 0;
+  virtual Task<Finish> race(Leg first, double patience_s, Rival& rival) = 0;
+  // After the first has failed: how the second came out.
+  virtual Task<Finish> other() = 0;
+  // Ends the second request if it is still under way; else how it failed, if it did. Clean-up:
+  // cannot fail.
+  virtual std::optional<Finish> end_race() = 0;
   // Takes over the slot of an attempt that answered while its answer is still being streamed, and
   // with the slot the duty to record how that ends. Released at once by default.
   virtual void hold(const ProviderPtr& provider, AdmittedSlot slot);

@@ -23,6 +23,7 @@ struct Answer {
   bool downgraded = false;
   std::string heal_level;  // empty for a plain first-attempt success
   std::string semantic_domain;
+  bool hedged = false;  // a second provider was asked before the first one was done
   std::optional<bool> validation_passed;  // null when no contract was applied
 };
 

@@ -19,6 +19,7 @@ Diagnosis bad_answer(const char* label) {
   return diagnosis;
 }
 
+constexpr char kHedgeLost[] = "hedge_lost";  // in the place of a fault's label
 constexpr std::array<std::int64_t, 4> kBadRequests{400, 413, 415, 422};
 
 // Whether a provider that refuses a request with this label finds fault with its body.
@@ -72,17 +73,28 @@ void Pass::keep_permit(const Target& target, std::optional<AdmittedSlot>& slot) 
   }
 }
 
+std::optional<AdmittedSlot> Pass::admit_now(const Target& target) {
+  std::optional<AdmittedSlot> slot;
+  if (may_pass(target)) slot = tarvomeldric::admit_now(target.provider);
+  if (slot && policy().respect_breakers) keep_permit(target, slot);
+  return slot;
+}
+
 Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
   if (!state.take_request()) co_return std::nullopt;
   judged_ = whole || !request.streamed;
-  Tried tried;
-  tried.start_s = engine.clock.monotonic();
+  const double sent_s = engine.clock.monotonic();
   const AttemptTerms terms{state.attempt_limit_s(), whole};
   Attempt made = co_await io.execute(target.provider, target.model, terms);
-  const double duration_s = engine.clock.monotonic() - tried.start_s;
-  tried.latency_ms = duration_s * 1e3;
-  AttemptRecord record{target.name, target.model, tried.start_s - start_s,
-                       duration_s,  made.status,  std::nullopt};
+  co_return note(target, std::move(made), sent_s, engine.clock.monotonic());
+}
+
+Tried Pass::note(const Target& target, Attempt made, double sent_s, double over_s) {
+  Tried tried;
+  tried.start_s = sent_s;
+  tried.latency_ms = (over_s - sent_s) * 1e3;
+  AttemptRecord record{target.name,     target.model, sent_s - start_s,
+                       over_s - sent_s, made.status,  std::nullopt};
   if (made.ok()) {
     if (!request.streamed) {
       recording(target, [&] { target.provider->record_success(tried.latency_ms); });
@@ -98,9 +110,38 @@ Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
     if (tried.cut) state.stop_at_deadline();
     if (failure.retry_after_s) target.provider->leave_alone(*failure.retry_after_s);
   }
+  keep(std::move(record));
+  return tried;
+}
+
+void Pass::note_lost(const Target& target, double sent_s) {
+  const double lasted_s = engine.clock.monotonic() - sent_s;
+  keep({target.name, target.model, sent_s - start_s, lasted_s, std::nullopt, kHedgeLost});
+}
+
+void Pass::keep(AttemptRecord record) {
   tell<AttemptEvent>(record);
   io.keep(std::move(record));
-  co_return tried;
+}
+
+Task<Diagnosis> Pass::diagnose(const Target& target, const Tried& tried, const AdmittedSlot& slot) {
+  Diagnosis fault;
+  if (tried.refused) {
+    fault = *tried.refused;
+    co_await learn(fault.sub_category, "direct:" + target.name, false);
+  } else {
+    const ApiFailure& failure = *tried.failure;
+    fault = engine.diagnoser.diagnose(failure.text, failure.status, failure.reading_s);
+  }
+  const std::string category(value_of(fault.category));
+  if (tried.is_providers_fault()) {
+    record_failure(target, tried.failure->text, category, &slot);
+    target.provider->category_circuit_breaker(category)->record_failure(target.name);
+  }
+  engine.metrics.inc(metric::kFault + category);
+  engine.metrics.observe(metric::kFaultLatency, engine.us_since(tried.start_s));
+  tell<FaultEvent>(target.name, category, std::string(fault.fault_label()));
+  co_return fault;
 }
 
 void Pass::settle(const Target& target, const Tried& tried, AdmittedSlot& slot) {
@@ -111,6 +152,11 @@ void Pass::settle(const Target& target, const Tried& tried, AdmittedSlot& slot) 
   }
 }
 
+Demand Pass::demand() const {
+  if (policy().validate != Validation::kAll || request.streamed) return Demand::kNothing;
+  return domain() == SemanticDomain::kStrongEquivalence ? Demand::kContract : Demand::kContent;
+}
+
 bool Pass::judges_whole(bool elsewhere) const {
   if (!request.streamed || !io.has_contract()) return false;
   if (domain() == SemanticDomain::kStrongEquivalence) return true;
@@ -119,7 +165,7 @@ bool Pass::judges_whole(bool elsewhere) const {
 
 void Pass::judge(const Target& target, const Attempt& answer, Tried& tried) {
   tried.answer_length = answer.answer_length;
-  if (policy().validate != Validation::kAll || request.streamed) return;
+  if (demand() == Demand::kNothing) return;
   if (answer.empty) {
     io.refuse_empty(target.name);
     tried.refused = bad_answer("answer:empty");

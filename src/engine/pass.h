@@ -46,6 +46,15 @@ struct Pass {
   // Sends one request; nothing when the policy forbids another one. An answer is recorded with the
   // guards, unless it is still being streamed. `whole`: such a one is wanted to its end first.
   Task<std::optional<Tried>> attempt(const Target& target, bool whole = false);
+  // The same that can be had without waiting, and without a word to anybody who listens.
+  std::optional<AdmittedSlot> admit_now(const Target& target);
+  // What was sent and came out, each moment on the monotonic clock in seconds: tells it, and
+  // records an answer as above.
+  Tried note(const Target& target, Attempt made, double sent_s, double over_s);
+  // The same of a request that was ended because another one was faster: nobody is to blame.
+  void note_lost(const Target& target, double sent_s);
+  // What a failed attempt comes down to; the guards hear of it, and the learner of a bad answer.
+  Task<Diagnosis> diagnose(const Target& target, const Tried& tried, const AdmittedSlot& slot);
   // Gives the slot back once the attempt is over; that of a streamed answer goes along with it.
   void settle(const Target& target, const Tried& tried, AdmittedSlot& slot);
   // Whether retries need a slot of their own.
@@ -58,6 +67,8 @@ struct Pass {
   double left_alone_s(const ProviderPtr& provider) const;
   Task<void> learn(std::string label, std::string action, bool success, double latency_ms = 0.0);
 
+  // What an answer must be not to be refused.
+  Demand demand() const;
   // Whether a healed answer's verdict could end the call, so that it is wanted whole.
   bool judges_whole(bool elsewhere) const;
   // Holds an answer against the caller's contract: false, and kept as the newest error, for one
@@ -87,6 +98,7 @@ struct Pass {
   bool judged_ = true;  // whether the newest answer is there to be held against the contract
   bool may_pass(const Target& target) const;
   void keep_permit(const Target& target, std::optional<AdmittedSlot>& slot);
+  void keep(AttemptRecord record);
   void judge(const Target& target, const Attempt& answer, Tried& tried);
   template <class Record>
   void recording(const Target& target, Record&& record);

@@ -19,6 +19,10 @@ void check_count(std::string_view name, std::int64_t count) {
   if (count < 1) refuse(name, "at least 1");
 }
 
+void check_figure(std::string_view name, double figure) {
+  if (!std::isfinite(figure) || figure < 0) refuse(name, "a finite number, at least 0");
+}
+
 }  // namespace
 
 void CallPolicy::check() const {
@@ -29,6 +33,9 @@ void CallPolicy::check() const {
   check_seconds("initial_backoff", initial_backoff_s);
   check_seconds("max_backoff", max_backoff_s);
   check_seconds("retry_after_cap", retry_after_cap_s);
+  if (hedge_after && hedge_after->seconds) check_seconds("hedge_after", *hedge_after->seconds);
+  check_figure("hedge_ratio", hedge_ratio);
+  check_figure("hedge_burst", hedge_burst);
   if (providers && providers->empty()) refuse("providers", "None or at least one name");
 }
 

@@ -22,6 +22,13 @@ inline constexpr std::array kAttemptOrders{"retry_first", "failover_first"};
 enum class Validation : std::uint8_t { kHealed, kAll };
 inline constexpr std::array kValidations{"healed", "all"};
 
+// How long a first provider is waited for before a second one is asked, too.
+struct HedgeAfter {
+  std::optional<double> seconds;  // null: as long as 95 % of its newest answers took
+
+  bool operator==(const HedgeAfter&) const = default;
+};
+
 // What one call may cost, and how it is healed. The defaults are what a call without a policy does.
 // Never changed once a call goes by it.
 struct CallPolicy {
@@ -40,6 +47,9 @@ struct CallPolicy {
   std::optional<std::vector<std::string>> providers;  // only these, in this order
   bool exact_model = false;                           // the model that was asked for, or none
   std::shared_ptr<RetryBudget> retry_budget;
+  std::optional<HedgeAfter> hedge_after;  // null: nobody else is asked before the first has failed
+  double hedge_ratio = 0.05;              // second requests that each call earns
+  double hedge_burst = 10.0;  // the most that can be saved up, and what there is at first
 
   // As long as the back-off begins with this, a rate limit is waited for in even steps.
   static constexpr double kUsualBackoffSeconds = 1.0;

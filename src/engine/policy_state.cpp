@@ -57,6 +57,14 @@ bool PolicyState::take_request() {
   return true;
 }
 
+bool PolicyState::take_hedge() {
+  if (left_s() < kLeastAttemptSeconds) return false;
+  if (policy_.max_attempts && requests_ >= *policy_.max_attempts) return false;
+  if (policy_.retry_budget && !policy_.retry_budget->draw()) return false;
+  ++requests_;
+  return true;
+}
+
 bool PolicyState::may_wait(double seconds) {
   if (seconds + kLeastAttemptSeconds <= left_s()) return true;
   wait_forbidden_ = true;

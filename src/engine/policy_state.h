@@ -31,6 +31,8 @@ class PolicyState {
   bool may_send();
   // The same for a request that is sent now, which it counts.
   bool take_request();
+  // The same for one beside a request that is under way. A no concerns this one alone.
+  bool take_hedge();
   // Whether a wait ends early enough for what is to follow it. A no is remembered as the
   // deadline's.
   bool may_wait(double seconds);

@@ -40,6 +40,11 @@ bool RetryBudget::draw() {
   return true;
 }
 
+void RetryBudget::give_back() {
+  MutexLock lock(mutex_, kUninterrupted);
+  level_ = std::min(fields_.burst, level_ + 1.0);
+}
+
 double RetryBudget::level() {
   MutexLock lock(mutex_);
   refill_locked();

@@ -24,6 +24,8 @@ class RetryBudget : public GuardedRecord<RetryBudgetFields> {
 
   void deposit();
   bool draw();
+  // Takes back what was drawn for nothing.
+  void give_back();
   // The retries that could be drawn now.
   double level();
 

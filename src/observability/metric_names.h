@@ -27,7 +27,10 @@ inline constexpr char kDowngradeOutOfBounds[] = "downgrade_blocked_oob";
 inline constexpr char kContractBroken[] = "contract_validation_failed";
 inline constexpr char kContractWarning[] = "contract_warning_tau_domain";
 inline constexpr char kDrift[] = "drift_fail_loud";
-inline constexpr char kFault[] = "fault_";  // and the category of the fault
+inline constexpr char kHedgeSent[] = "hedge_sent";      // a second provider was asked
+inline constexpr char kHedgeWon[] = "hedge_won";        // and answered first
+inline constexpr char kHedgeDenied[] = "hedge_denied";  // nobody had room, or the budget was empty
+inline constexpr char kFault[] = "fault_";              // and the category of the fault
 inline constexpr char kRateLimitFault[] = "fault_rate_limit";
 
 // Histograms.

@@ -14,7 +14,7 @@ import uvloop
 
 from support import engine_on, engine_with, provider, state_of
 from tarvomeldric import SelfHealingEngine
-from tarvomeldric.simulator import ProviderSimulator
+from tarvomeldric.simulator import Fault, ProviderSimulator
 
 LOOPS = pytest.mark.parametrize("run", [asyncio.run, uvloop.run], ids=["asyncio", "uvloop"])
 USED_UP = "cannot reuse already awaited coroutine"
@@ -160,3 +160,25 @@ def test_a_call_closed_by_hand_does_not_hold_up_those_after_it() -> None:
     with ProviderSimulator(default="answer") as simulator, engine_on(simulator) as engine:
         asyncio.run(main())
         assert state_of(engine._providers["mine"]) == (10, 0, 0)
+
+
+@pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning")  # of its transport
+def test_a_call_whose_loop_is_gone_ends_when_it_is_closed_and_blames_nobody() -> None:
+    async def ask() -> None:
+        while True:
+            with contextlib.suppress(Exception):
+                await engine.call("Hi")
+
+    with ProviderSimulator(default=Fault.STALL) as simulator:
+        engine = engine_on(simulator)
+        loop = asyncio.new_event_loop()
+        asking: Any = ask()
+        task: Any = loop.create_task(asking)
+        loop.run_until_complete(asyncio.sleep(0.2))
+        task._log_destroy_pending = False
+        loop.close()
+        asking.close()
+        assert engine._providers["mine"].fail_count == 0
+        assert idle(engine)
+        del engine, task, asking, ask
+        gc.collect()

@@ -61,9 +61,10 @@ class Day:
             print(paint("red", f"  expected {scene.ends or 'a first-attempt success'}"))
 
     def hear(self, event: CallEvent, deadline: float) -> None:
-        """Count requests, and those that the deadline cut: they are held against no provider."""
+        """Count requests, and those that a deadline or a faster one cut off: nobody is blamed."""
         if isinstance(event, AttemptEvent):
-            cut = event.start + event.duration > deadline - _CLOCK_SLACK
+            late = event.start + event.duration > deadline - _CLOCK_SLACK
+            cut = late or event.fault == "hedge_lost"
             self.attempts[event.provider].update(told=1, cut=int(cut))
 
     def call(self, engine: SelfHealingEngine, scene: Scene) -> str:

@@ -6,8 +6,18 @@ more than a call does.
 
 from __future__ import annotations
 
-from tarvomeldric._http.attempt import retry_after
-from tarvomeldric._http.clients import HttpClients, own_of, ready
+from tarvomeldric._http.attempt import Abort, retry_after
+from tarvomeldric._http.clients import HttpClients, is_placed, own_of, ready
 from tarvomeldric._http.exchange import is_timeout, post, post_async
 
-__all__ = ["HttpClients", "is_timeout", "own_of", "post", "post_async", "ready", "retry_after"]
+__all__ = [
+    "Abort",
+    "HttpClients",
+    "is_placed",
+    "is_timeout",
+    "own_of",
+    "post",
+    "post_async",
+    "ready",
+    "retry_after",
+]

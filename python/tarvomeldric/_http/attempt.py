@@ -5,7 +5,10 @@ from __future__ import annotations
 import contextlib
 import email.utils
 import math
+import socket
+import threading
 import time
+from collections.abc import Iterator
 from contextvars import ContextVar, Token
 from datetime import timezone
 from time import monotonic
@@ -14,6 +17,37 @@ from typing import Any
 _LONGEST = 1e8  # seconds; for longer no socket can be told to wait
 
 _running: ContextVar[AttemptContext | None] = ContextVar("attempt", default=None)
+
+
+class Abort:
+    """Ends a blocking exchange from another thread: what it waits for on its socket is over at once.
+
+    Between two such waits only `asked` tells; the socket may serve somebody else by then.
+    """
+
+    def __init__(self) -> None:
+        self.asked = False
+        self._lock = threading.Lock()
+        self._socket: socket.socket | None = None
+
+    def ask(self) -> None:
+        with self._lock:
+            self.asked = True
+            if self._socket is not None:
+                with contextlib.suppress(OSError):
+                    # Not the TLS layer's own, which another thread is in.
+                    socket.socket.shutdown(self._socket, socket.SHUT_RDWR)
+
+    @contextlib.contextmanager
+    def watching(self, waited_for: socket.socket) -> Iterator[bool]:
+        """While a step waits for this socket; whether it should not begin."""
+        with self._lock:
+            self._socket = waited_for
+        try:
+            yield self.asked
+        finally:
+            with self._lock:
+                self._socket = None
 
 
 class AttemptContext:
@@ -26,12 +60,27 @@ class AttemptContext:
         body: The decoded JSON of an answer with status 200, else the text of the refusal.
         content: Its bytes, where those of the request were given.
         stream: The rest of an answer that is streamed.
+        abort: What another thread may end it by, if anything.
     """
 
-    __slots__ = ("_before", "_report", "body", "content", "end", "headers", "status", "stream")
+    __slots__ = (
+        "_before",
+        "_report",
+        "abort",
+        "body",
+        "content",
+        "end",
+        "headers",
+        "status",
+        "stream",
+    )
 
     def __init__(
-        self, timeout: Any, limit: float | None = None, report: dict[str, Any] | None = None
+        self,
+        timeout: Any,
+        limit: float | None = None,
+        report: dict[str, Any] | None = None,
+        abort: Abort | None = None,
     ) -> None:
         """Bound it by `timeout` and `limit` seconds from now; by nothing that is no number.
 
@@ -48,6 +97,7 @@ class AttemptContext:
         self.stream: Any = None
         self._before: Token[AttemptContext | None] | None = None
         self._report = report
+        self.abort = abort
         if self.end - now > _LONGEST:
             self.end = math.inf
 
@@ -72,6 +122,12 @@ def left(timeout: float | None) -> float | None:
         return timeout
     rest = attempt.end - monotonic()
     return rest if timeout is None else min(timeout, rest)
+
+
+def abort_of_running() -> Abort | None:
+    """What the running attempt may be ended by."""
+    attempt = _running.get()
+    return None if attempt is None else attempt.abort
 
 
 def retry_after(headers: Any) -> float | None:

@@ -11,16 +11,16 @@ import asyncio
 import os
 import socket
 import ssl
+from collections.abc import Callable, Iterable
 from typing import Any
 
 import httpcore
 
-from tarvomeldric._http.attempt import left
+from tarvomeldric._http.attempt import abort_of_running, left
 from tarvomeldric._http.sockets import connect
 
 # A blocking write is renewed by every byte that the peer takes; one of this size goes out at once.
 _SLICE = 16 * 1024
-_NUMERIC = socket.NI_NUMERICHOST | socket.NI_NUMERICSERV
 
 
 def _left(timeout: float | None, error: type[Exception]) -> float | None:
@@ -28,6 +28,17 @@ def _left(timeout: float | None, error: type[Exception]) -> float | None:
     if seconds is not None and seconds <= 0:
         raise error("timed out")
     return seconds
+
+
+def _step(waited_for: socket.socket, step: Callable[..., Any], *arguments: Any) -> Any:
+    """One wait on a socket, over as soon as the running attempt is to end."""
+    abort = abort_of_running()
+    if abort is None:
+        return step(*arguments)
+    with abort.watching(waited_for) as asked:
+        if asked:
+            raise httpcore.ReadError("the attempt was ended")
+        return step(*arguments)
 
 
 class _Joined:
@@ -52,18 +63,24 @@ class _Joined:
 class Stream(_Joined, httpcore.NetworkStream):
     """A blocking connection."""
 
+    def __init__(self, inner: Any) -> None:
+        super().__init__(inner)
+        self._socket: socket.socket = inner.get_extra_info("socket")
+
     def read(self, max_bytes: int, timeout: float | None = None) -> bytes:
         if self._head:  # it had no body
             self.write(b"", timeout)
         self._head = b""
-        received: bytes = self.inner.read(max_bytes, _left(timeout, httpcore.ReadTimeout))
+        seconds = _left(timeout, httpcore.ReadTimeout)
+        received: bytes = _step(self._socket, self.inner.read, max_bytes, seconds)
         return received
 
     def write(self, buffer: bytes, timeout: float | None = None) -> None:
         buffer = self._outgoing(buffer)
         for at in range(0, len(buffer), _SLICE):
             part = buffer[at : at + _SLICE]
-            self.inner.write(part, _left(timeout, httpcore.WriteTimeout))
+            seconds = _left(timeout, httpcore.WriteTimeout)
+            _step(self._socket, self.inner.write, part, seconds)
 
     def start_tls(
         self,
@@ -72,7 +89,10 @@ class Stream(_Joined, httpcore.NetworkStream):
         timeout: float | None = None,
     ) -> httpcore.NetworkStream:
         seconds = _left(timeout, httpcore.ConnectTimeout)
-        return Stream(self.inner.start_tls(ssl_context, server_hostname, seconds))
+        # The TLS layer takes the socket itself over.
+        with socket.socket(fileno=os.dup(self._socket.fileno())) as same:
+            secured = _step(same, self.inner.start_tls, ssl_context, server_hostname, seconds)
+        return Stream(secured)
 
     def close(self) -> None:
         self.inner.close()
@@ -84,11 +104,16 @@ class Stream(_Joined, httpcore.NetworkStream):
 class Backend(httpcore.NetworkBackend):
     """Makes blocking connections."""
 
-    def __init__(self, inner: httpcore.NetworkBackend) -> None:
-        self._inner = inner
+    def __init__(self, stream_on: Callable[[socket.socket], httpcore.NetworkStream]) -> None:
+        self._stream_on = stream_on
 
     def connect_tcp(
-        self, host: str, port: int, timeout: float | None = None, *more: Any, **options: Any
+        self,
+        host: str,
+        port: int,
+        timeout: float | None = None,
+        local_address: str | None = None,
+        socket_options: Iterable[Any] | None = None,
     ) -> httpcore.NetworkStream:
         """Tries one address after the other; each has its share of the time that is left."""
         try:
@@ -98,16 +123,37 @@ class Backend(httpcore.NetworkBackend):
         for untried in range(len(found), 0, -1):
             seconds = _left(timeout, httpcore.ConnectTimeout)
             share = seconds if seconds is None else seconds / untried
-            address = socket.getnameinfo(found[-untried][4], _NUMERIC)[0]  # with its scope
             try:
-                return Stream(self._inner.connect_tcp(address, port, share, *more, **options))
+                connected = _connected(found[-untried], share, local_address, socket_options or ())
             except (httpcore.ConnectError, httpcore.ConnectTimeout):
                 if untried == 1:
                     raise
+            else:
+                return Stream(self._stream_on(connected))
         raise httpcore.ConnectError(f"{host} has no address")
 
-    def sleep(self, seconds: float) -> None:
-        self._inner.sleep(seconds)
+
+def _connected(
+    found: Any, seconds: float | None, local_address: str | None, options: Iterable[Any]
+) -> socket.socket:
+    family, _, _, _, address = found
+    try:
+        connecting = socket.socket(family, socket.SOCK_STREAM)
+        try:
+            for option in (*options, (socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)):
+                connecting.setsockopt(*option)
+            if local_address is not None:
+                connecting.bind((local_address, 0))
+            connecting.settimeout(seconds)
+            _step(connecting, connecting.connect, address)
+        except BaseException:
+            connecting.close()
+            raise
+    except TimeoutError as error:
+        raise httpcore.ConnectTimeout(str(error)) from error
+    except OSError as error:
+        raise httpcore.ConnectError(str(error)) from error
+    return connecting
 
 
 class AsyncStream(_Joined, httpcore.AsyncNetworkStream):

@@ -176,6 +176,12 @@ async def _keep_until_shutdown(client: httpx.AsyncClient) -> AsyncGenerator[None
         await client.aclose()
 
 
+def is_placed(pool: dict[str, Any], name: str) -> bool:
+    """Whether the client of this name was put into the pool by the caller."""
+    client = pool.get(name)
+    return client is not None and client not in _made
+
+
 class HttpClients:
     """Makes the clients of one engine and knows which loop each asynchronous one belongs to.
 

@@ -7,7 +7,7 @@ import functools
 import json
 from typing import TYPE_CHECKING, Any
 
-from tarvomeldric._http.attempt import AttemptContext
+from tarvomeldric._http.attempt import Abort, AttemptContext
 from tarvomeldric._http.clients import own_of
 
 if TYPE_CHECKING:
@@ -24,15 +24,17 @@ def post(
     timeout: Any,
     limit: float | None,
     report: dict[str, Any] | None,
+    abort: Abort | None = None,
 ) -> AttemptContext:
     """Sends one request; the attempt, with status, headers and body.
 
     It is over within `timeout` and, where there is one, within `limit` seconds. A client that the
     caller placed in a pool is used as it is; the limit only shortens its time-out. What is received
-    is told in `report`, too. A body that is bytes is sent as it is, and the answer's bytes are kept.
+    is told in `report`, too; `abort` ends it, on a client made here. A body that is bytes is sent
+    as it is, and the answer's bytes are kept.
     """
     own = own_of(client)
-    with AttemptContext(timeout, limit, report) as attempt:
+    with AttemptContext(timeout, limit, report, abort) as attempt:
         if own is None:
             timeout = _shorter(timeout, limit)
             target = address(client, url)
@@ -60,7 +62,7 @@ async def post_async(
 ) -> AttemptContext:
     """The same, awaited."""
     own = own_of(client)
-    with AttemptContext(timeout, limit, report) as attempt:
+    with LeavingQuietly(), AttemptContext(timeout, limit, report) as attempt:
         if own is None:
             timeout = _shorter(timeout, limit)
             target = address(client, url)
@@ -76,6 +78,20 @@ async def post_async(
             attempt.status, attempt.headers = response.status_code, response.headers
             received = await read_async(response)
         return _take(attempt, received, body)
+
+
+class LeavingQuietly:
+    """Lets a coroutine that is closed go, though the library cannot clean up without its loop."""
+
+    def __enter__(self) -> None:
+        pass
+
+    def __exit__(self, _: object, error: BaseException | None, __: object) -> None:
+        behind = error.__context__ if isinstance(error, Exception) else None
+        while behind is not None:
+            if isinstance(behind, GeneratorExit):
+                raise behind from None
+            behind = behind.__context__
 
 
 def _request(client: Any, url: str, body: Any, headers: Any, timeout: Any) -> httpx.Request:

@@ -12,6 +12,7 @@ from typing import Any
 
 import httpcore
 import httpx
+from httpcore._backends.sync import SyncStream
 
 from tarvomeldric._http import backend
 from tarvomeldric._http.pool import assign
@@ -73,7 +74,7 @@ def fit(client: httpx.Client | httpx.AsyncClient) -> None:
             # The library's lock stays held when an interrupt meets it half-way, and a signal handler
             # that closes the client may find it held by its own thread.
             pool._optional_thread_lock = threading.RLock()
-            pool._network_backend = backend.Backend(pool._network_backend)
+            pool._network_backend = backend.Backend(SyncStream)
         elif type(pool) in _AWAITED:
             pool._network_backend = backend.AsyncBackend()
         pool.__class__ = _OURS.get(type(pool), type(pool))

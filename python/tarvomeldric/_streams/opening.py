@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import codecs
 import contextlib
 import math
@@ -13,9 +14,9 @@ from typing import Any
 import httpx
 
 from tarvomeldric._engine import APIError
-from tarvomeldric._http.attempt import AttemptContext
+from tarvomeldric._http.attempt import Abort, AttemptContext
 from tarvomeldric._http.clients import Own, own_of
-from tarvomeldric._http.exchange import address, sent_as
+from tarvomeldric._http.exchange import LeavingQuietly, address, sent_as
 from tarvomeldric._http.reading import Body, read, read_async
 from tarvomeldric._streams.reader import WHOLE_BYTES, EarlyEndError, RawReader, Reader
 
@@ -210,6 +211,7 @@ def open_blocking(
     settings: Settings,
     limit: float | None,
     whole: bool,
+    abort: Abort | None = None,
 ) -> AttemptContext:
     """Sends a request and reads its answer as far as the first output, or to its end.
 
@@ -219,6 +221,7 @@ def open_blocking(
         settings.newest.close()
     connection = BlockingConnection(client, settings, limit)
     attempt = connection.attempt
+    attempt.abort = abort
     try:
         with attempt:
             try:
@@ -236,6 +239,7 @@ def open_blocking(
     except BaseException:
         connection.close()
         raise
+    attempt.abort = None
     attempt.stream = connection
     return attempt
 
@@ -314,22 +318,37 @@ async def open_awaited(
         await settings.newest.aclose()
     connection = AwaitedConnection(client, settings, limit)
     attempt = connection.attempt
-    try:
-        with attempt:
-            try:
-                request = connection.request(url, body, headers)
-                if not connection.take_head(await client.send(request, stream=True)):
-                    assert connection.response is not None
-                    connection.take_refusal(await read_async(connection.response))
-                    await connection.aclose()
-                    return attempt
-            except BaseException as error:
-                connection.left_by(error)
-                raise
-        while not connection.is_enough(whole) and not connection.reader.is_over:
-            await connection.read_on()
-    except BaseException:
-        await connection.aclose()
-        raise
+    with LeavingQuietly():
+        try:
+            with attempt:
+                try:
+                    request = connection.request(url, body, headers)
+                    if not connection.take_head(await client.send(request, stream=True)):
+                        assert connection.response is not None
+                        connection.take_refusal(await read_async(connection.response))
+                        await connection.aclose()
+                        return attempt
+                except BaseException as error:
+                    connection.left_by(error)
+                    raise
+            while not connection.is_enough(whole) and not connection.reader.is_over:
+                await connection.read_on()
+        except BaseException:
+            await connection.aclose()
+            raise
     attempt.stream = connection
     return attempt
+
+
+def discard(settings: Settings) -> None:
+    """Closes an answer that has begun and is not wanted, an awaited one as soon as its loop can."""
+    unwanted = settings.newest
+    if isinstance(unwanted, BlockingConnection):
+        unwanted.close()
+    elif unwanted is not None:
+        closing = asyncio.ensure_future(unwanted.aclose())
+        _closing.add(closing)
+        closing.add_done_callback(_closing.discard)
+
+
+_closing: set[asyncio.Future[None]] = set()

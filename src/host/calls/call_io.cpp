@@ -14,7 +14,8 @@ using Objects =
     Held<&CallState::engine, &CallState::prompt, &CallState::contract, &CallState::options,
          &CallState::relayed, &CallState::headers, &CallState::answer, &CallState::raw_response,
          &CallState::report, &CallState::response, &CallState::policy, &CallState::error,
-         &CallState::verdict, &CallState::fault, &CallState::trace>;
+         &CallState::verdict, &CallState::fault, &CallState::trace, &CallState::settings,
+         &CallState::race, &CallState::abort>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
@@ -33,12 +34,16 @@ std::optional<std::int64_t> status_of(nb::handle error) {
 Surroundings CallState::surroundings() {
   parts = static_cast<const Parts&>(native());
   registry.emplace(parts.providers);
-  return parts.surroundings(*registry, native().counters);
+  return parts.surroundings(*registry, native().counters, native().hedging);
 }
 
 int CallState::traverse(visitproc visit, void* arg) {
   if (const int stop = Objects::traverse(*this, visit, arg)) return stop;
   if (const int stop = parts.traverse(visit, arg)) return stop;
+  for (const auto* raced : {raced_first.get(), raced_second.get()}) {
+    if (!raced || !raced->finish) continue;
+    if (const int stop = const_cast<Raced*>(raced)->state.traverse(visit, arg)) return stop;
+  }
   return exchange.traverse(visit, arg);
 }
 
@@ -65,6 +70,7 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTe
   drop(state_.raw_response);
   drop(state_.report);
   drop(state_.response);
+  drop(state_.verdict);
   drop(state_.exchange.reply);
   Attempt attempt;
   try {
@@ -139,8 +145,9 @@ bool CallIo::contract_has_schema() const {
   return has_contract() && is_true(state_.contract.attr("output_schema"));
 }
 
-// A null answer is held against the contract as an empty one.
+// Once for each answer. A null one is held against the contract as an empty one.
 bool CallIo::validate() {
+  if (state_.verdict.is_valid()) return is_true(state_.verdict.attr("passed"));
   const nb::object output = state_.answer.is_none() ? from_utf8("") : state_.answer;
   state_.verdict = call(state_.contract.attr("validate"), output);
   return is_true(state_.verdict.attr("passed"));
@@ -184,6 +191,7 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
     state_.exchange.timeout = number(*attempt_timeout_s);
   }
   state_.exchange.bound(limit_s);
+  if (state_.abort.is_valid()) state_.exchange.abort = state_.abort;
 }
 
 void CallIo::learn_later(const Outcome& outcome) {

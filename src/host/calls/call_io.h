@@ -16,6 +16,9 @@
 
 namespace tarvomeldric::host {
 
+struct Raced;
+class BlockingRace;
+
 // One call as Python code made it: its arguments, the members of the engine that it works with, and
 // what its attempts left behind. The Python objects are members, visible to the garbage collector
 // while the call is suspended.
@@ -23,9 +26,10 @@ struct CallState {
   nb::object engine;
   nb::object prompt;
   nb::object contract;
-  nb::object options;  // of every execution, `api_type` included
-  nb::object relayed;  // gives the body, as bytes, for a model; null where the prompt is sent
-  nb::object headers;  // that go along with such a body
+  nb::object options;   // of every execution, `api_type` included
+  nb::object relayed;   // gives the body, as bytes, for a model; null where the prompt is sent
+  nb::object headers;   // that go along with such a body
+  nb::object settings;  // of the package's own stream, where the answer is streamed
 
   Parts parts;
   std::optional<PythonRegistry> registry;
@@ -39,6 +43,9 @@ struct CallState {
   nb::object fault;         // the diagnosis that Python code handed in, where it did
   nb::object trace;         // and its trace
   Exchange exchange;
+  nb::object race;  // what the two requests of a race are waited for by
+  std::shared_ptr<Raced> raced_first, raced_second;
+  nb::object abort;        // what a request that is under way in this thread is ended by
   nb::object policy;       // None for a call on the engine itself
   bool own_error = false;  // whether `error` was made here
   std::vector<AttemptRecord> attempts;
@@ -60,6 +67,13 @@ inline bool is_observed(const Engine& engine) {
 // Tells those who listen to the engine. Remembers a call whose end is still to be told.
 void tell_of(CallState& state, const CallEvent& event);
 
+// What came of one request of a race, and the state that it left. Nothing while it is under way.
+struct Raced {
+  std::optional<Finish> finish;
+  bool good = false;  // its answer meets what was demanded
+  CallState state;
+};
+
 // An operation of the engine that Python code may replace, and the engine's own form of it.
 // Both members are set when the engine is bound, and stay.
 struct Seam {
@@ -75,6 +89,13 @@ class CallIo : public Io {
  public:
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
   Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) override;
+  bool may_race(const ProviderPtr& provider) const override;
+  // What executes an attempt beside this one, on a state of its own; awaited with a suspension.
+  using MakeIo = std::unique_ptr<CallIo> (*)(CallState& state, Suspension* suspension);
+  virtual MakeIo twin() const = 0;
+  bool meets(Demand demand, const Attempt& made);
+  // Closes a streamed answer that nobody wants.
+  static void discard(const CallState& left);
   bool has_contract() const override { return !state_.contract.is_none(); }
   bool contract_has_schema() const override;
   bool validate() override;
@@ -101,6 +122,8 @@ class CallIo : public Io {
   // Whether waiting for the learner could cost the call its deadline.
   bool hurried() const { return state_.asked_policy().deadline_s.has_value(); }
   void learn_later(const Outcome& outcome);
+  // Takes what came of a request of a race as the newest of the call.
+  Finish adopt(Raced& raced);
 
   CallState& state_;
 
@@ -116,6 +139,11 @@ class CallIo : public Io {
 class BlockingIo : public CallIo {
  public:
   explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
+  bool may_race(const ProviderPtr& provider) const override;
+  Task<Finish> race(Leg first, double patience_s, Rival& rival) override;
+  Task<Finish> other() override;
+  std::optional<Finish> end_race() override;
+  MakeIo twin() const override;
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;
@@ -123,6 +151,8 @@ class BlockingIo : public CallIo {
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
+
+  std::shared_ptr<BlockingRace> race_;
 };
 
 // Suspends the call's coroutine; the event loop goes on.
@@ -130,6 +160,10 @@ class AwaitingIo : public CallIo {
  public:
   AwaitingIo(CallState& state, Suspension& suspension)
       : CallIo(state, execute_seam), suspension_(suspension) {}
+  Task<Finish> race(Leg first, double patience_s, Rival& rival) override;
+  Task<Finish> other() override;
+  std::optional<Finish> end_race() override;
+  MakeIo twin() const override;
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;

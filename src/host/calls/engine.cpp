@@ -108,8 +108,9 @@ Any Engine::telemetry_collector() {
   return telemetry;
 }
 
-Surroundings Parts::surroundings(const Registry& registry, EngineCounters& counters) const {
-  return {registry, *topology, *diagnoser, *learner, *metrics, counters};
+Surroundings Parts::surroundings(const Registry& registry, EngineCounters& counters,
+                                 HedgeBook& hedging) const {
+  return {registry, *topology, *diagnoser, *learner, *metrics, counters, hedging};
 }
 
 int Parts::traverse(visitproc visit, void* arg) { return HeldParts::traverse(*this, visit, arg); }

@@ -37,7 +37,8 @@ struct Parts {
   Instance<SemanticTopology> topology;
 
   // The core's view of them.
-  Surroundings surroundings(const Registry& registry, EngineCounters& counters) const;
+  Surroundings surroundings(const Registry& registry, EngineCounters& counters,
+                            HedgeBook& hedging) const;
   int traverse(visitproc visit, void* arg);
   void clear();
 };
@@ -100,6 +101,7 @@ class Engine : public Parts {
   Any telemetry = nb::none();
   nb::object observations = nb::tuple();  // replaced, never changed
   EngineCounters counters;
+  HedgeBook hedging;
   Mutex pool_lock;
   Mutex sync_client_lock;
 

@@ -76,11 +76,11 @@ NameList Engine::available_names() const {
 }
 
 Figures Engine::stats() {
-  return engine_figures(surroundings(PythonRegistry(providers), counters));
+  return engine_figures(surroundings(PythonRegistry(providers), counters, hedging));
 }
 
 Figures Engine::mapek_stats() {
-  return loop_figures(surroundings(PythonRegistry(providers), counters));
+  return loop_figures(surroundings(PythonRegistry(providers), counters, hedging));
 }
 
 }  // namespace tarvomeldric::host

@@ -20,8 +20,9 @@ namespace {
 constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
 
-using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
-                     &Exchange::timeout, &Exchange::report, &Exchange::reply, &Exchange::decoded>;
+using Objects =
+    Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body, &Exchange::timeout,
+         &Exchange::report, &Exchange::reply, &Exchange::abort, &Exchange::decoded>;
 
 // The provider's own take the place of others with their names.
 nb::dict header_dict(const Endpoint& endpoint, const nb::dict& more = {}) {
@@ -188,7 +189,7 @@ nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
   try {
     const nb::object client = engine.sync_client(exchange.endpoint.name);
     exchange.reply = call(Helper::kPost, client, exchange.url, exchange.body, exchange.headers,
-                          exchange.timeout, exchange.left(), exchange.report);
+                          exchange.timeout, exchange.left(), exchange.report, exchange.abort);
     return read_reply(engine, exchange);
   } catch (nb::python_error& failure) {
     raise_failure(failure, exchange, false);
@@ -212,7 +213,7 @@ nb::object open_blocking(Engine& engine, Exchange& exchange, nb::handle settings
   try {
     const nb::object client = engine.sync_client(exchange.endpoint.name);
     exchange.reply = call(Helper::kOpenStream, client, exchange.url, exchange.body,
-                          exchange.headers, settings, exchange.left(), whole);
+                          exchange.headers, settings, exchange.left(), whole, exchange.abort);
     check_status(exchange);
     return exchange.reply.attr("stream").attr("text");
   } catch (nb::python_error& failure) {

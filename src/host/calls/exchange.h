@@ -25,6 +25,7 @@ struct Exchange {
   nb::object timeout = nb::none();
   nb::object report = nb::none();   // where what is received is told, if anywhere
   nb::object reply = nb::none();    // the package's AttemptContext, once it is over
+  nb::object abort = nb::none();    // what another thread ends it by, if anything
   nb::object decoded = nb::none();  // the answer's body, once it is there
   double limit_s = kUnlimited;      // seconds, beside the request's own time-out
 

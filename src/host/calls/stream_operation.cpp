@@ -9,7 +9,6 @@ namespace {
 
 // What a pass leaves of a stream, beside the state of every call.
 struct StreamState {
-  nb::object settings;
   nb::object lease;
   std::optional<EndEvent> end;  // to be told once the answer has been read
 
@@ -41,32 +40,52 @@ class StreamIo : public Base {
   void prepare(ProviderConfig& provider, const std::string& model, double limit_s) {
     drop(stream_.lease);
     this->prepare_exchange(provider, model, limit_s, Delivery::kStreamed);
-    this->state_.exchange.timeout = stream_.settings.attr("first_token_timeout");
+    this->state_.exchange.timeout = this->state_.settings.attr("first_token_timeout");
     this->state_.raw_response = nb::borrow(Py_None);
   }
 
   StreamState& stream_;
 };
 
-class BlockingStreamIo final : public StreamIo<BlockingIo> {
+// One of such an exchange beside another one.
+struct OwnStream {
+  StreamState own;
+};
+template <class Base>
+struct StreamTwin final : OwnStream, Base {
+  template <class... Way>
+  explicit StreamTwin(Way&... way) : Base(own, way...) {}
+};
+
+class BlockingStreamIo : public StreamIo<BlockingIo> {
  public:
   using StreamIo::StreamIo;
+  MakeIo twin() const override {
+    return [](CallState& state, Suspension*) -> std::unique_ptr<CallIo> {
+      return std::make_unique<StreamTwin<BlockingStreamIo>>(state);
+    };
+  }
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override {
     prepare(*provider, model, terms.limit_s);
-    co_return open_blocking(state_.native(), state_.exchange, stream_.settings, terms.whole);
+    co_return open_blocking(state_.native(), state_.exchange, state_.settings, terms.whole);
   }
 };
 
-class AwaitingStreamIo final : public StreamIo<AwaitingIo> {
+class AwaitingStreamIo : public StreamIo<AwaitingIo> {
  public:
   using StreamIo::StreamIo;
+  MakeIo twin() const override {
+    return [](CallState& state, Suspension* suspension) -> std::unique_ptr<CallIo> {
+      return std::make_unique<StreamTwin<AwaitingStreamIo>>(state, *suspension);
+    };
+  }
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override {
     prepare(*provider, model, terms.limit_s);
-    nb::object text = co_await open_awaited(state_.native(), state_.exchange, stream_.settings,
+    nb::object text = co_await open_awaited(state_.native(), state_.exchange, state_.settings,
                                             terms.whole, suspension_);
     co_return text;
   }
@@ -81,7 +100,7 @@ class StreamOperation final : public PipelineOperation {
     state_.options = std::move(given.execution);
     state_.relayed = std::move(relayed.encode);
     state_.headers = std::move(relayed.headers);
-    stream_.settings = std::move(settings);
+    state_.settings = std::move(settings);
     request_.policy = &state_.asked_policy();
     request_.streamed = true;
   }
@@ -108,7 +127,7 @@ class StreamOperation final : public PipelineOperation {
   }
 
  private:
-  using Objects = Held<&StreamState::settings, &StreamState::lease>;
+  using Objects = Held<&StreamState::lease>;
 
   Task<CallOutcome> run_pipeline(Io& io) override {
     return run_call(request_, state_.surroundings(), io);

@@ -193,13 +193,15 @@ PySendResult Coroutine::bound_awaited(PyObject** waited) {
   return send_awaited(Py_None, waited);
 }
 
-// The awaited operation hears of it first; what it makes of it is what the task gets. A
-// GeneratorExit closes it instead, and so does anything thrown at what cannot be thrown at.
+// The awaited operation hears of it first; what it makes of it is what the task gets. Anything
+// thrown at what cannot be thrown at closes it instead. A GeneratorExit closes it, too, and ends the
+// task where it is: what goes wrong with closing, for the loop may be gone, is no failure of a
+// provider.
 PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out) {
   const nb::object awaited = suspension_.awaiting;
   const ContextValue context = suspension_.context;
-  const auto raise = [&] { PyErr_SetObject(exception.type().ptr(), exception.ptr()); };
-  if (PyErr_GivenExceptionMatches(exception.ptr(), PyExc_GeneratorExit) || !has(awaited, "throw")) {
+  const bool ending = PyErr_GivenExceptionMatches(exception.ptr(), PyExc_GeneratorExit) != 0;
+  if (ending || !has(awaited, "throw")) {
     bool closed = true;
     if (has(awaited, "close")) {
       const ContextScope scope(context);
@@ -207,8 +209,13 @@ PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out)
         return nb::steal(PyObject_CallMethod(awaited.ptr(), "close", nullptr)).is_valid();
       });
     }
-    if (closed) raise();
-    return feed(PYGEN_ERROR, nullptr, out);
+    if (ending) {
+      error_scope keep;
+      abandon();
+      finish();
+    }
+    if (closed) PyErr_SetObject(exception.type().ptr(), exception.ptr());
+    return ending ? PYGEN_ERROR : feed(PYGEN_ERROR, nullptr, out);
   }
   PyObject* yielded = nullptr;
   {

@@ -157,6 +157,22 @@ struct Convert<AttemptOrder> : ConvertWord<AttemptOrder, kAttemptOrders, "order"
 template <>
 struct Convert<Validation> : ConvertWord<Validation, kValidations, "validate"> {};
 
+template <>
+struct Convert<HedgeAfter> {
+  static constexpr auto kName = const_name("float or 'p95'");
+  static bool from(nb::handle h, HedgeAfter& out) {
+    std::string word;
+    out.seconds.reset();
+    if (!Convert<std::string>::from(h, word))
+      return Convert<double>::from(h, out.seconds.emplace());
+    if (word != "p95") throw nb::value_error("hedge_after must be seconds or 'p95'");
+    return true;
+  }
+  static nb::object to(const HedgeAfter& after) {
+    return after.seconds ? number(*after.seconds) : from_utf8("p95");
+  }
+};
+
 // None stands for no budget.
 template <>
 struct Convert<std::shared_ptr<RetryBudget>> {

@@ -75,14 +75,42 @@ class ScriptedIo final : public Io {
   // A play that would take longer than the limit is a time-out at the limit.
   Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) override {
     co_await wait_for(provider->name() + " " + model);
-    Play play = next(script[provider->name()]);
-    if (play.seconds > terms.limit_s) {
-      play = {.failure = ApiFailure{"Timeout", 408}, .seconds = terms.limit_s};
-    }
-    if (play.seconds > 0) clock_.advance(play.seconds);
-    if (play.failure) refusal.clear();
-    co_return Attempt{.failure = play.failure, .answer_length = 2, .empty = play.empty};
+    const double start_s = clock_.monotonic();
+    Finish finish = play({std::move(provider), std::move(model), terms}, false, start_s);
+    if (finish.over_s > start_s) clock_.advance(finish.over_s - start_s);
+    if (!finish.attempt.ok()) refusal.clear();
+    co_return std::move(finish.attempt);
   }
+  // The first one plays at once, and the second from the moment at which it is asked.
+  bool may_race(const ProviderPtr&) const override { return true; }
+  Task<Finish> race(Leg first, double patience_s, Rival& rival) override {
+    co_await wait_for(told("race ", first.provider->name(), " ", first.model, " ", patience_s));
+    const double start_s = clock_.monotonic();
+    const Finish one = play(first, false, start_s);
+    second_.reset();
+    if (one.over_s - start_s > patience_s) {
+      clock_.advance(patience_s);
+      if (const std::optional<Leg> leg = rival.enter()) {
+        second_ = play(*leg, true, clock_.monotonic());
+        waits.push_back(told("beside ", leg->provider->name(), " ", leg->model));
+      }
+    }
+    const bool good = second_ && second_->attempt.ok() && !second_->attempt.empty;
+    const Finish& over = good && second_->over_s < one.over_s ? *second_ : one;
+    clock_.advance(over.over_s - clock_.monotonic());
+    co_return over;
+  }
+  Task<Finish> other() override {
+    co_await wait_for("other");
+    clock_.advance(std::max(0.0, second_->over_s - clock_.monotonic()));
+    co_return *second_;
+  }
+  std::optional<Finish> end_race() override {
+    ++races_ended;
+    if (!second_ || second_->attempt.ok() || second_->over_s > clock_.monotonic()) return {};
+    return std::exchange(second_, std::nullopt);
+  }
+  int races_ended = 0;
   Task<void> sleep(double seconds) override {
     co_await wait_for(told("sleep ", seconds));
     clock_.advance(seconds);
@@ -133,8 +161,18 @@ class ScriptedIo final : public Io {
     return queue.pop_front(), front;
   }
 
+  Finish play(const Leg& leg, bool second, double start_s) {
+    Play play = next(script[leg.provider->name()]);
+    if (play.seconds > leg.terms.limit_s) {
+      play = {.failure = ApiFailure{"Timeout", 408}, .seconds = leg.terms.limit_s};
+    }
+    Attempt made{.failure = play.failure, .answer_length = 2, .empty = play.empty};
+    return {second, std::move(made), start_s + play.seconds};
+  }
+
   ManualClock& clock_;
   FlywheelLearner& learner_;
+  std::optional<Finish> second_;
   std::size_t hold_at_ = 0;
   std::coroutine_handle<> held_;
   std::exception_ptr thrown_;
@@ -162,7 +200,7 @@ struct World {
     return std::ranges::find(registry.all, name, &NamedProvider::name)->provider;
   }
   Surroundings engine() {
-    return {registry, topology, diagnoser, learner, metrics, counters, clock};
+    return {registry, topology, diagnoser, learner, metrics, counters, hedging, clock};
   }
   // How the call ended: "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500".
   std::string ask(const CallRequest& request = {.model = "gpt-4o"}) {
@@ -230,6 +268,7 @@ struct World {
   FlywheelLearner learner{"", clock};
   MetricsCollector metrics;
   EngineCounters counters;
+  HedgeBook hedging{clock};
   ScriptedIo io{clock, learner};
   CallOutcome outcome;
 };

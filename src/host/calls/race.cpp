@@ -1,0 +1,240 @@
+#include "host/calls/race.h"
+
+#include <utility>
+
+#include "host/interpreter/errors.h"
+#include "host/interpreter/helpers.h"
+#include "support/clock.h"
+
+namespace tarvomeldric::host {
+namespace {
+
+constexpr const char* kLegName = "SelfHealingEngine._race";
+
+// The settings of a stream hold its newest connection, and each leg has its own.
+CallState beside(const CallState& asked) {
+  CallState state = asked;
+  if (state.settings.is_valid()) {
+    state.settings = call(import("copy").attr("copy"), state.settings);
+    state.settings.attr("newest") = nb::none();
+  }
+  return state;
+}
+
+}  // namespace
+
+LegWork::LegWork(const CallState& call, Leg leg, bool second, CallIo::MakeIo make_io,
+                 std::shared_ptr<Raced> raced)
+    : state_(beside(call)),
+      leg_(std::move(leg)),
+      second_(second),
+      make_io_(make_io),
+      raced_(std::move(raced)) {}
+
+Task<void> LegWork::send(Suspension* suspension) {
+  const std::unique_ptr<CallIo> io = make_io_(state_, suspension);
+  Attempt made = co_await io->execute(leg_.provider, leg_.model, leg_.terms);
+  raced_->good = io->meets(leg_.terms.demand, made);
+  raced_->finish = Finish{second_, std::move(made), system_clock().monotonic()};
+  raced_->state = std::move(state_);
+}
+
+Task<nb::object> LegWork::run(Suspension& suspension) {
+  co_await send(&suspension);
+  co_return truth(raced_->good);
+}
+
+BlockingRace::BlockingRace(const CallState& call, Rival& rival, CallIo::MakeIo make_io)
+    : call_(call),
+      make_io_(make_io),
+      abort_first_(host::call(Helper::kAbort)),
+      abort_second_(host::call(Helper::kAbort)),
+      done_(host::call(import("threading").attr("Event"))),
+      rival_(&rival) {}
+
+void BlockingRace::start(double patience_s) {
+  const nb::object job = nb::cpp_function([race = shared_from_this()] { race->send(); });
+  due_ = host::call(Helper::kHedgeAt, system_clock().monotonic() + patience_s, job);
+}
+
+std::unique_ptr<LegWork> BlockingRace::enter() {
+  MutexLock lock(mutex_);
+  if (!rival_) return nullptr;
+  std::optional<Leg> entered = rival_->enter();
+  if (!entered) return nullptr;
+  sent_ = true;
+  CallState state = call_;
+  state.abort = abort_second_;
+  return std::make_unique<LegWork>(state, std::move(*entered), true, make_io_, raced_);
+}
+
+void BlockingRace::send() {
+  const std::unique_ptr<LegWork> second = enter();
+  if (!second) return;
+  std::exception_ptr error;
+  try {
+    second->run_blocking();
+  } catch (...) {
+    error = std::current_exception();
+  }
+  bool won = false;
+  bool unwanted = false;
+  {
+    MutexLock lock(mutex_, kUninterrupted);
+    over_ = true;
+    error_ = std::move(error);
+    won = won_ = rival_ && raced_->good;
+    unwanted = left_ && raced_->good;
+  }
+  if (won) host::call(abort_first_.attr("ask"));
+  if (unwanted) CallIo::discard(raced_->state);
+  host::call(done_.attr("set"));
+}
+
+bool BlockingRace::first_is_over() {
+  call_off();
+  MutexLock lock(mutex_);
+  rival_ = nullptr;
+  return won_;
+}
+
+Raced& BlockingRace::wait() {
+  host::call(done_.attr("wait"));
+  MutexLock lock(mutex_);
+  if (error_) std::rethrow_exception(std::exchange(error_, nullptr));
+  return *raced_;
+}
+
+std::optional<Finish> BlockingRace::leave() {
+  call_off();
+  MutexLock lock(mutex_, kUninterrupted);
+  rival_ = nullptr;
+  const bool before = std::exchange(left_, true);
+  if (before || !sent_ || won_) return std::nullopt;
+  if (!over_) {
+    host::call(abort_second_.attr("ask"));
+  } else if (raced_->good) {
+    CallIo::discard(raced_->state);
+  } else if (raced_->finish && !raced_->finish->attempt.ok()) {
+    return raced_->finish;
+  }
+  return std::nullopt;
+}
+
+// What is due refers to this, and the other way round.
+void BlockingRace::call_off() {
+  if (!due_.is_valid()) return;
+  host::call(due_.attr("call_off"));
+  drop(due_);
+}
+
+bool CallIo::may_race(const ProviderPtr&) const { return !replacement().is_valid(); }
+
+bool CallIo::meets(Demand demand, const Attempt& made) {
+  if (!made.ok()) return false;
+  if (demand == Demand::kNothing) return true;
+  if (made.empty) return false;
+  return demand == Demand::kContent || !has_contract() || validate();
+}
+
+Finish CallIo::adopt(Raced& raced) {
+  CallState& from = raced.state;
+  state_.exchange = std::move(from.exchange);
+  state_.answer = std::move(from.answer);
+  state_.raw_response = std::move(from.raw_response);
+  state_.report = std::move(from.report);
+  state_.response = std::move(from.response);
+  state_.verdict = std::move(from.verdict);
+  if (from.error.is_valid()) {
+    state_.error = std::move(from.error);
+    state_.own_error = from.own_error;
+  }
+  if (state_.settings.is_valid()) {
+    state_.settings.attr("newest") = from.settings.attr("newest");
+  }
+  Finish finish = std::move(*raced.finish);
+  raced = {};
+  return finish;
+}
+
+void CallIo::discard(const CallState& left) {
+  if (left.settings.is_valid()) quietly([&] { call(Helper::kDiscardStream, left.settings); });
+}
+
+// Another thread can end the requests of our own clients alone.
+bool BlockingIo::may_race(const ProviderPtr& provider) const {
+  if (!CallIo::may_race(provider)) return false;
+  const nb::object placed =
+      call(Helper::kIsPlaced, state_.native().sync_client_pool, from_utf8(provider->name()));
+  return !is_true(placed);
+}
+
+Task<Finish> BlockingIo::race(Leg first, double patience_s, Rival& rival) {
+  race_ = std::make_shared<BlockingRace>(state_, rival, twin());
+  race_->start(patience_s);
+  state_.abort = race_->abort_of_first();
+  Attempt made = co_await execute(first.provider, first.model, first.terms);
+  drop(state_.abort);
+  Finish finish{false, std::move(made), system_clock().monotonic()};
+  if (!race_->first_is_over()) co_return finish;
+  discard(state_);
+  co_return adopt(race_->second());
+}
+
+Task<Finish> BlockingIo::other() { co_return adopt(race_->wait()); }
+
+std::optional<Finish> BlockingIo::end_race() { return race_->leave(); }
+
+CallIo::MakeIo BlockingIo::twin() const {
+  return [](CallState& state, Suspension*) -> std::unique_ptr<CallIo> {
+    return std::make_unique<BlockingIo>(state);
+  };
+}
+
+Task<Finish> AwaitingIo::race(Leg first, double patience_s, Rival& rival) {
+  const auto leg = [&](Leg sent, std::shared_ptr<Raced>& raced) {
+    raced = std::make_shared<Raced>();
+    const bool second = &raced == &state_.raced_second;
+    auto work = std::make_unique<LegWork>(state_, std::move(sent), second, twin(), raced);
+    return make_coroutine(std::move(work), kLegName);
+  };
+  state_.race = call(Helper::kRace, leg(std::move(first), state_.raced_first));
+  PythonAwait waiting(suspension_, call(state_.race.attr("first"), patience_s));
+  const nb::object over = co_await waiting;
+  if (is_true(over)) co_return adopt(*state_.raced_first);
+  nb::object beside = nb::none();
+  if (std::optional<Leg> entered = rival.enter()) {
+    beside = leg(std::move(*entered), state_.raced_second);
+  }
+  PythonAwait racing(suspension_, call(state_.race.attr("both"), beside));
+  drop(beside);
+  const nb::object won = co_await racing;
+  if (!is_true(won)) co_return adopt(*state_.raced_first);
+  if (state_.raced_first->good) discard(state_.raced_first->state);
+  co_return adopt(*state_.raced_second);
+}
+
+Task<Finish> AwaitingIo::other() {
+  PythonAwait waiting(suspension_, call(state_.race.attr("other")));
+  co_await waiting;
+  co_return adopt(*state_.raced_second);
+}
+
+std::optional<Finish> AwaitingIo::end_race() {
+  if (!state_.race.is_valid()) return std::nullopt;
+  quietly([&] { call(state_.race.attr("end")); });
+  drop(state_.race);
+  const std::shared_ptr<Raced> second = std::exchange(state_.raced_second, nullptr);
+  if (!second || !second->finish) return std::nullopt;
+  if (second->good) discard(second->state);
+  if (second->finish->attempt.ok()) return std::nullopt;
+  return second->finish;
+}
+
+CallIo::MakeIo AwaitingIo::twin() const {
+  return [](CallState& state, Suspension* suspension) -> std::unique_ptr<CallIo> {
+    return std::make_unique<AwaitingIo>(state, *suspension);
+  };
+}
+
+}  // namespace tarvomeldric::host
