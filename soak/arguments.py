@@ -75,4 +75,6 @@ def of_policy(chance: random.Random) -> CallPolicy:
         providers=chance.choice((None, None, ("google", "openai"), ("anthropic", "nobody"))),
         exact_model=chance.random() < 0.2,
         retry_budget=chance.choice((None, None, _BUDGET)),
+        hedge_after=chance.choice((None, None, 0.002, 0.02, "p95")),
+        hedge_burst=100.0,
     )

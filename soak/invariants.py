@@ -56,6 +56,9 @@ COUNTERS = (
     "contract_warning_tau_domain",
     "tau_domain_failover",
     "errors_requests_spent",
+    "hedge_sent",
+    "hedge_won",
+    "hedge_denied",
 )
 
 

@@ -132,6 +132,9 @@ class World:
         self.good, self.bad, self.healing = engine_on(200), engine_on(401), engine_on(429, 200)
         self.careful = self.good.with_policy(tm.CallPolicy.interactive())
         self.bounded = self.wired.with_policy(tm.CallPolicy.interactive())
+        self.raced = engine_with(
+            *(tireless(name=name, base_url=base_url) for name in ("openai", "groq"))
+        ).with_policy(tm.CallPolicy(hedge_after=1e-4, hedge_burst=_MANY))
         self.nobody = self.good.with_policy(tm.CallPolicy(providers=["nobody"]))
         self.pending = engine_on()
         self.pending._execute = lambda *_, **__: Pending()
@@ -141,7 +144,8 @@ class World:
         self.failing = "Hi", None, "other", self.diagnosis, exact, "other", "m", "r"
 
     def close(self) -> None:
-        self.loop.run_until_complete(self.wired.close())
+        for engine in (self.wired, self.raced.engine):
+            self.loop.run_until_complete(engine.close())
         self.loop.run_until_complete(self.loop.shutdown_asyncgens())
         self.loop.close()
 
@@ -170,6 +174,23 @@ class World:
         reading = self.loop.create_task(read())
         refused(asyncio.CancelledError, lambda: self.loop.run_until_complete(reading))
 
+    def races(self) -> None:
+        """The second request is under way when the first one is answered, or the other way round."""
+
+        async def both() -> None:
+            await self.raced.call("Hi")
+            async with self.raced.stream("Hi") as stream:
+                assert [text async for text in stream.text]
+            given_up = self.loop.create_task(self.raced.call("Hi"))
+            await asyncio.wait({given_up}, timeout=0.001)
+            given_up.cancel()
+            await asyncio.wait({given_up})
+
+        self.raced.call_sync("Hi")
+        with self.raced.stream_sync("Hi") as stream:
+            assert list(stream.text)
+        self.loop.run_until_complete(both())
+
     def rescued_streams(self) -> None:
         """Their first attempt fails."""
 
@@ -188,7 +209,8 @@ class World:
 
     def forget(self) -> None:
         """Drops the samples that the metrics may keep thousands of."""
-        for engine in (self.good, self.bad, self.healing, self.pending, self.wired):
+        raced = self.raced.engine
+        for engine in (self.good, self.bad, self.healing, self.pending, self.wired, raced):
             engine._metrics, engine._diagnoser = tm.MetricsCollector(), tm.Diagnoser()
 
 
@@ -243,6 +265,7 @@ OPERATIONS: dict[str, Callable[[World], Any]] = {
     "awaited healed stream, cancelled": lambda w: w.cancelled_stream(),
     "healed stream, cut off": lambda w: refused(tm.StreamInterrupted, lambda: w.stream("cut off")),
     "healed streams, rescued": lambda w: w.rescued_streams(),
+    "races": lambda w: w.races(),
     "refused healed stream": lambda w: refused(FAILURES, w.bounded.stream_sync("refuse").__enter__),
     "failover": lambda w: w.good._failover_sync(*w.failing),
     "broken contract": lambda w: refused(

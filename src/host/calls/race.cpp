@@ -11,9 +11,12 @@ namespace {
 
 constexpr const char* kLegName = "SelfHealingEngine._race";
 
-// The settings of a stream hold its newest connection, and each leg has its own.
+// What is known of the race is the call's own: the garbage collector must see it once. The settings
+// of a stream hold its newest connection, and each leg has its own.
 CallState beside(const CallState& asked) {
   CallState state = asked;
+  state.race = {};
+  state.raced_first = state.raced_second = nullptr;
   if (state.settings.is_valid()) {
     state.settings = call(import("copy").attr("copy"), state.settings);
     state.settings.attr("newest") = nb::none();
