@@ -148,7 +148,7 @@ class Recorder:
             about["http.response.status_code"] = event.status
         name = f"attempt {about['gen_ai.provider.name']}"
         span = self._tracer.start_span(name, below, SpanKind.CLIENT, about, start_time=start)
-        if event.fault:
+        if event.fault not in (None, "hedge_lost"):  # which was ended because it was not needed
             span.set_status(StatusCode.ERROR)
         span.end(start + _ns(event.duration))
 

@@ -69,10 +69,11 @@ void bind_results(nb::module_& module) {
        field<&CallResult::raw_response>("raw_response",
                                         "the decoded body of a first-attempt answer")});
   for (Field beside : {
-           field<&CallResult::attempts>("attempts",
-                                        "the requests that the call sent, oldest first; like the "
-                                        "next six in neither the constructor nor `repr` and `==`",
-                                        "tuple[Attempt, ...]"),
+           field<&CallResult::attempts>(
+               "attempts",
+               "the requests that the call sent, the one that answered "
+               "last; like the next six in neither the constructor nor `repr` and `==`",
+               "tuple[Attempt, ...]"),
            field<&CallResult::answer, &Answer::hedged>(
                "hedged", "whether a second provider was asked while the first had not answered"),
            field<&CallResult::ttft_ms>("ttft_ms",

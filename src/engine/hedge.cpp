@@ -43,6 +43,7 @@ class Race final : public Rival {
   std::optional<Sent> admit(const NamedProvider& candidate) const;
   std::optional<Sent> find();
 
+  Tried weigh(const Sent& request, Finish finish, AttemptRecord& record);
   Tried note(const Sent& request, Finish finish);
   Task<void> after_first(Finish finish);
   Task<void> wait_for_second();
@@ -152,13 +153,24 @@ std::optional<Sent> Race::admit(const NamedProvider& candidate) const {
   return sent(std::move(target), std::move(*slot));
 }
 
-Tried Race::note(const Sent& request, Finish finish) {
-  return pass_.note(request.target, std::move(finish.attempt), request.sent_s, finish.over_s);
+Tried Race::weigh(const Sent& request, Finish finish, AttemptRecord& record) {
+  return pass_.weigh(request.target, std::move(finish.attempt), request.sent_s, finish.over_s,
+                     record);
 }
 
+Tried Race::note(const Sent& request, Finish finish) {
+  AttemptRecord record;
+  Tried tried = weigh(request, std::move(finish), record);
+  pass_.keep(std::move(record));
+  return tried;
+}
+
+// The one that answered is told of last.
 Task<void> Race::after_first(Finish finish) {
-  Tried tried = note(*first_, std::move(finish));
+  AttemptRecord record;
+  Tried tried = weigh(*first_, std::move(finish), record);
   if (!tried.ok()) {
+    pass_.keep(std::move(record));
     pass_.settle(first_->target, tried, first_->slot);
     result_ = {first_->target, std::move(tried), std::move(first_->slot)};
     if (second_) co_await wait_for_second();
@@ -172,6 +184,7 @@ Task<void> Race::after_first(Finish finish) {
   } else if (second_) {
     lose(*second_);
   }
+  pass_.keep(std::move(record));
   answer(*first_, std::move(tried));
 }
 

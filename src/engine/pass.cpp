@@ -86,15 +86,20 @@ Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
   const double sent_s = engine.clock.monotonic();
   const AttemptTerms terms{state.attempt_limit_s(), whole};
   Attempt made = co_await io.execute(target.provider, target.model, terms);
-  co_return note(target, std::move(made), sent_s, engine.clock.monotonic());
+  AttemptRecord record;
+  const double over_s = engine.clock.monotonic();
+  Tried tried = weigh(target, std::move(made), sent_s, over_s, record);
+  keep(std::move(record));
+  co_return tried;
 }
 
-Tried Pass::note(const Target& target, Attempt made, double sent_s, double over_s) {
+Tried Pass::weigh(const Target& target, Attempt made, double sent_s, double over_s,
+                  AttemptRecord& record) {
   Tried tried;
   tried.start_s = sent_s;
   tried.latency_ms = (over_s - sent_s) * 1e3;
-  AttemptRecord record{target.name,     target.model, sent_s - start_s,
-                       over_s - sent_s, made.status,  std::nullopt};
+  record = {target.name,     target.model, sent_s - start_s,
+            over_s - sent_s, made.status,  std::nullopt};
   if (made.ok()) {
     if (!request.streamed) {
       recording(target, [&] { target.provider->record_success(tried.latency_ms); });
@@ -110,7 +115,6 @@ Tried Pass::note(const Target& target, Attempt made, double sent_s, double over_
     if (tried.cut) state.stop_at_deadline();
     if (failure.retry_after_s) target.provider->leave_alone(*failure.retry_after_s);
   }
-  keep(std::move(record));
   return tried;
 }
 

@@ -48,9 +48,12 @@ struct Pass {
   Task<std::optional<Tried>> attempt(const Target& target, bool whole = false);
   // The same that can be had without waiting, and without a word to anybody who listens.
   std::optional<AdmittedSlot> admit_now(const Target& target);
-  // What was sent and came out, each moment on the monotonic clock in seconds: tells it, and
-  // records an answer as above.
-  Tried note(const Target& target, Attempt made, double sent_s, double over_s);
+  // What was sent and came out, each moment on the monotonic clock in seconds. An answer is
+  // recorded as above; the record is for `keep`.
+  Tried weigh(const Target& target, Attempt made, double sent_s, double over_s,
+              AttemptRecord& record);
+  // Tells of a request that is over, and keeps its record.
+  void keep(AttemptRecord record);
   // The same of a request that was ended because another one was faster: nobody is to blame.
   void note_lost(const Target& target, double sent_s);
   // What a failed attempt comes down to; the guards hear of it, and the learner of a bad answer.
@@ -98,7 +101,6 @@ struct Pass {
   bool judged_ = true;  // whether the newest answer is there to be held against the contract
   bool may_pass(const Target& target) const;
   void keep_permit(const Target& target, std::optional<AdmittedSlot>& slot);
-  void keep(AttemptRecord record);
   void judge(const Target& target, const Attempt& answer, Tried& tried);
   template <class Record>
   void recording(const Target& target, Record&& record);

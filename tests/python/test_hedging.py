@@ -135,7 +135,7 @@ def test_the_loser_among_two_that_answer_is_ended(ask: Any) -> None:
         )
         result = ask(engine.with_policy(POLICY))
         assert (result.provider, result.hedged) == ("openai", True)
-        assert [attempt.fault for attempt in result.attempts] == [None, "hedge_lost"]
+        assert [attempt.fault for attempt in result.attempts] == ["hedge_lost", None]
         assert second.closed.wait(1.0)
         assert state_of(engine._providers["groq"]) == (10, 0, 0)
         assert "hedge_won" not in engine.get_metrics().get_all()["counters"]

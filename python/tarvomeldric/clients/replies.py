@@ -120,7 +120,7 @@ def _attempts_in(attempts: Sequence[Any]) -> dict[str, str]:
     told = {"attempts": str(len(attempts))}
     for attempt in attempts:
         told |= {"provider": attempt.provider, "model": attempt.model}
-        if attempt.fault:
+        if attempt.fault and attempt.fault != "hedge_lost":
             told["fault"] = attempt.fault
     return told
 

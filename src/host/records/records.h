@@ -63,7 +63,7 @@ struct CallResult {
   nb::object contract_result = nb::none();
   ShownLate<MapeKTrace> mapek_trace;
   nb::object raw_response = nb::none();
-  ShownLate<std::vector<AttemptRecord>> attempts;  // oldest first
+  ShownLate<std::vector<AttemptRecord>> attempts;  // the one that answered last
   std::optional<double> ttft_ms;                   // of a streamed answer
   nb::object response = nb::none();                // the decoded body of the attempt that answered
 };

@@ -52,7 +52,7 @@ TEST(Hedge, TheFirstGoodAnswerCountsAndTheLoserIsNobodysFailure) {
             "direct anthropic claude-3-5-haiku-20241022; openai 0+3 hedge_lost, anthropic 2+1 ok");
   EXPECT_TRUE(world.hedged());
   EXPECT_EQ(world.race(answer(3), answer(5)),
-            "direct openai gpt-4o; openai 0+3 ok, anthropic 2+1 hedge_lost");
+            "direct openai gpt-4o; anthropic 2+1 hedge_lost, openai 0+3 ok");
   EXPECT_TRUE(world.hedged());
   EXPECT_EQ(world.hedges(), "2 sent, 1 won, 0 denied");
   EXPECT_EQ(world.provider("openai")->snapshot().fail_count, 0);
@@ -67,7 +67,7 @@ TEST(Hedge, AFailureIsRecordedAndTheOtherOneWaitedFor) {
             "openai 0+3 server_error:http_500, anthropic 2+4 ok");
   EXPECT_EQ(world.provider("openai")->snapshot().fail_count, 1);
   EXPECT_EQ(world.race(answer(4), failure(1)),
-            "direct openai gpt-4o; openai 0+4 ok, anthropic 2+1 server_error:http_500");
+            "direct openai gpt-4o; anthropic 2+1 server_error:http_500, openai 0+4 ok");
   EXPECT_EQ(world.provider("anthropic")->snapshot().fail_count, 1);
   EXPECT_EQ(world.slots(), "openai 10/0, anthropic 10/0, deepseek 10/0");
 }
@@ -86,7 +86,7 @@ TEST(Hedge, WhenBothFailTheCascadeGoesOnAndAsksNobodyElseTwice) {
 TEST(Hedge, AnAnswerThatWouldBeRefusedWinsNothing) {
   Hedged world({.validate = Validation::kAll, .hedge_after = HedgeAfter{2.0}});
   EXPECT_EQ(world.race(answer(9), Play{.seconds = 1, .empty = true}),
-            "direct openai gpt-4o; openai 0+9 ok, anthropic 2+7 hedge_lost");
+            "direct openai gpt-4o; anthropic 2+7 hedge_lost, openai 0+9 ok");
   EXPECT_EQ(
       world.race(Play{.seconds = 3, .empty = true}, answer(5)),
       "direct anthropic claude-3-5-haiku-20241022; openai 0+3 answer:empty, anthropic 2+5 ok");
