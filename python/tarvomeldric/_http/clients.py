@@ -10,6 +10,7 @@ import asyncio
 import contextlib
 import threading
 import weakref
+from collections import deque
 from collections.abc import AsyncGenerator, Callable, Coroutine, Iterator
 from typing import TYPE_CHECKING, Any
 
@@ -194,6 +195,8 @@ class HttpClients:
         self._tls: ssl.SSLContext | None = None
         self._open: set[Own] = set()  # not known to be closed
         self._on_loop: dict[tuple[int, str], OwnAwaited] = {}
+        self._preparing = False
+        self._waiting: deque[asyncio.Future[None]] = deque()
 
     def prepare(self) -> ssl.SSLContext:
         """Loads the HTTP library and makes the TLS context that all clients share."""
@@ -236,7 +239,7 @@ class HttpClients:
     async def session(self, pool: dict[str, Any], _lock: Any, name: str) -> Any:
         """The client for the running loop, made when there is none."""
         if self._tls is None:
-            await _on_daemon_thread(self.prepare)
+            await self._prepared()
         client = self.find(pool, name)
         if client is not None:
             return client
@@ -246,6 +249,28 @@ class HttpClients:
         pool[name] = own.client
         await own.keeper.__anext__()
         return own.client
+
+    async def _prepared(self) -> None:
+        """Prepares on a daemon thread, one for all who wait: should it never end, everything else can."""
+        done: asyncio.Future[None] = asyncio.get_running_loop().create_future()
+        self._waiting.append(done)
+        if not self._preparing:
+            self._preparing = True
+            threading.Thread(target=self._prepare_for_all, name="http", daemon=True).start()
+        await done
+
+    def _prepare_for_all(self) -> None:
+        failure = None
+        try:
+            self.prepare()
+        except BaseException as error:
+            failure = error
+        self._preparing = False  # before the last look at who waits
+        while self._waiting:
+            # Another thread was faster, or the loop is closed.
+            with contextlib.suppress(IndexError, RuntimeError):
+                done = self._waiting.popleft()
+                done.get_loop().call_soon_threadsafe(_conclude, done, failure)
 
     def _make(self, awaited: bool) -> Any:
         import httpx
@@ -321,26 +346,9 @@ class HttpClients:
         return [own for own in list(self._open) if isinstance(own, OwnAwaited)]
 
 
-async def _on_daemon_thread(work: Callable[[], object]) -> None:
-    """Awaits what takes its time. Should it never end, it keeps neither loop nor program from ending."""
-    loop = asyncio.get_running_loop()
-    done: asyncio.Future[None] = loop.create_future()
-
-    def conclude(failure: BaseException | None) -> None:
-        if not done.done():
-            done.set_exception(failure) if failure else done.set_result(None)
-
-    def run() -> None:
-        failure = None
-        try:
-            work()
-        except BaseException as error:
-            failure = error
-        with contextlib.suppress(RuntimeError):  # the loop is closed
-            loop.call_soon_threadsafe(conclude, failure)
-
-    threading.Thread(target=run, name="http", daemon=True).start()
-    await done
+def _conclude(done: asyncio.Future[None], failure: BaseException | None) -> None:
+    if not done.done():
+        done.set_exception(failure) if failure else done.set_result(None)
 
 
 def _lead_nowhere(response: httpx.Response) -> None:

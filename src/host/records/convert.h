@@ -69,9 +69,11 @@ struct Named {};
 template <class T>
 inline constexpr auto kPythonName = python_name(Named<T>{});
 
-// A Python object kept by reference, of which signatures say `Type`; `Check`, where there is one,
-// refuses what is of another type.
-template <Literal Type, int (*Check)(PyObject*) = nullptr>
+inline int is_anything(PyObject*) { return 1; }
+
+// A Python object kept by reference, of which signatures say `Type`; `Check` refuses what is of
+// another type.
+template <Literal Type, int (*Check)(PyObject*) = is_anything>
 struct Annotated : nb::object {
   Annotated() = default;
   Annotated(nb::object any)  // NOLINT(google-explicit-constructor): one is the other, annotated
@@ -81,9 +83,7 @@ template <Literal Type, int (*Check)(PyObject*)>
 struct Convert<Annotated<Type, Check>> {
   static constexpr auto kName = const_name(Type.value);
   static bool from(nb::handle h, Annotated<Type, Check>& out) {
-    if constexpr (Check != nullptr) {
-      if (!Check(h.ptr())) return false;
-    }
+    if (!Check(h.ptr())) return false;
     out = nb::borrow(h);
     return true;
   }
