@@ -24,7 +24,10 @@ constexpr const char* kServeDoc =
     "        beside `host` itself, localhost, 127.0.0.0/8 and [::1]; any other is refused with\n"
     "        421, and several at once with 400. By default this is so on a loopback address,\n"
     "        where a page from elsewhere could read the figures under a name of its own; on any\n"
-    "        other address nothing is refused.\n\n"
+    "        other address nothing is refused.\n"
+    "    live: whether \"/live\" is served, the page for a bad day, and \"/live.json\", which "
+    "that\n"
+    "        reads every 2 seconds. Calls are recorded for it until `server_close()`.\n\n"
     "Returns the running server; `server_close()` ends it.\n\n"
     "Raises:\n"
     "    OSError: the address is in use or cannot be bound.\n"
@@ -39,14 +42,14 @@ void bind_dashboard(nb::module_& module) {
       module, "serve_dashboard",
       [](const Annotated<"SelfHealingEngine">& engine, const std::string& host, std::int64_t port,
          bool with_prometheus, bool with_health, bool with_dashboard,
-         const Annotated<"collections.abc.Sequence[str] | None">& allowed_hosts)
-          -> Annotated<"http.server.HTTPServer"> {
+         const Annotated<"collections.abc.Sequence[str] | None">& allowed_hosts,
+         bool live) -> Annotated<"http.server.HTTPServer"> {
         return call(Helper::kServeDashboard, engine, from_utf8(host), port, with_prometheus,
-                    with_health, with_dashboard, allowed_hosts);
+                    with_health, with_dashboard, allowed_hosts, live);
       },
       kServeDoc, arg("engine"), arg("host") = "0.0.0.0", arg("port") = 9898,
       arg("with_prometheus") = true, arg("with_health") = true, arg("with_dashboard") = true,
-      arg("allowed_hosts") = nb::none());
+      arg("allowed_hosts") = nb::none(), arg("live") = false);
   def(
       module, "_build_dashboard",
       [](const Annotated<"SelfHealingEngine">& engine) { return dashboard_page(engine); },

@@ -36,6 +36,7 @@ NB_MODULE(engine, module) {
   bind_stream(module);
   bind_engine(module);
   bind_view(module);
+  bind_live(module);
   bind_dashboard(module);
   bind_quick_start(module);
   bind_tables(module);

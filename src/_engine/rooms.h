@@ -22,6 +22,7 @@ void bind_policy(nb::module_& module);
 void bind_results(nb::module_& module);
 void bind_coroutine(nb::module_& module);
 void bind_stream(nb::module_& module);
+void bind_live(nb::module_& module);
 void bind_dashboard(nb::module_& module);
 void bind_quick_start(nb::module_& module);
 void bind_engine(nb::module_& module);

@@ -138,4 +138,10 @@ CircuitSummary CircuitBreaker::summary() {
           static_cast<std::int64_t>(fields_.window.size())};
 }
 
+double CircuitBreaker::cooldown_left_s() const {
+  MutexLock lock(mutex_);
+  if (fields_.state != CircuitState::kOpen) return 0.0;
+  return std::max(0.0, fields_.opened_at_s + fields_.cooldown_seconds - clock_.wall());
+}
+
 }  // namespace tarvomeldric

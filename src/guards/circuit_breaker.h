@@ -79,6 +79,8 @@ class CircuitBreaker : public GuardedRecord<CircuitBreakerFields> {
   bool probe();
   CircuitState state();
   CircuitSummary summary();
+  // Seconds for which an open breaker still bars traffic, 0 of any other. Looking changes nothing.
+  double cooldown_left_s() const;
 
   // In the child of a fork nobody tests it.
   void renew_after_fork();

@@ -10,9 +10,7 @@ RateLimiter::RateLimiter(const Clock& clock)
 bool RateLimiter::acquire(std::int64_t tokens) {
   MutexLock lock(mutex_);
   const double now = clock_.wall();
-  const double elapsed = std::max(0.0, now - fields_.last_refill_s);
-  fields_.tokens = std::min(static_cast<double>(fields_.max_tokens),
-                            fields_.tokens + elapsed * fields_.refill_rate);
+  fields_.tokens = level_locked(now);
   fields_.last_refill_s = now;
   if (fields_.tokens < static_cast<double>(tokens)) {
     ++fields_.rejected;
@@ -25,6 +23,17 @@ bool RateLimiter::acquire(std::int64_t tokens) {
 void RateLimiter::refund() {
   MutexLock lock(mutex_, kUninterrupted);
   fields_.tokens += 1.0;
+}
+
+double RateLimiter::level() const {
+  MutexLock lock(mutex_);
+  return level_locked(clock_.wall());
+}
+
+double RateLimiter::level_locked(double now_s) const {
+  const double elapsed = std::max(0.0, now_s - fields_.last_refill_s);
+  return std::min(static_cast<double>(fields_.max_tokens),
+                  fields_.tokens + elapsed * fields_.refill_rate);
 }
 
 }  // namespace tarvomeldric

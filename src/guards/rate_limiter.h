@@ -28,8 +28,12 @@ class RateLimiter : public GuardedRecord<RateLimiterFields> {
   bool acquire(std::int64_t tokens = 1);
   // Gives one token back, for an admission that came to nothing. Clean-up: waits uninterrupted.
   void refund();
+  // The tokens that are there now. Looking changes nothing.
+  double level() const;
 
  private:
+  double level_locked(double now_s) const REQUIRES(mutex_);
+
   const Clock& clock_;
 };
 

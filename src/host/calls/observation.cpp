@@ -4,7 +4,9 @@
 
 namespace tarvomeldric::host {
 
-Annotated<"Observation"> Engine::observe(const Any& listener) {
+namespace {
+
+void require_plain_function(const Any& listener) {
   if (PyCallable_Check(listener.ptr()) == 0) {
     refuse_argument("listener", "callable", listener);
   }
@@ -16,6 +18,12 @@ Annotated<"Observation"> Engine::observe(const Any& listener) {
   if (awaited) {
     throw nb::type_error("listener must be a plain function: nobody would await its coroutine");
   }
+}
+
+}  // namespace
+
+Annotated<"Observation"> Engine::observe(const Any& listener) {
+  if (!nb::isinstance<RecentCalls>(listener)) require_plain_function(listener);
   const nb::object made =
       nb::cast(new Observation(nb::find(this), listener), nb::rv_policy::take_ownership);
   observations = observations + nb::make_tuple(made);
@@ -33,10 +41,17 @@ void Observation::close() {
   clear();
 }
 
-void Observation::tell(nb::handle event) const {
+void Observation::tell(const CallEvent& event, nb::object& shown) const {
   if (!listener_.is_valid()) return;  // closed while others were told
   const nb::object listener = listener_;
-  quietly([&] { call(listener, event); });
+  if (nb::isinstance<RecentCalls>(listener)) {
+    nb::inst_ptr<RecentCalls>(listener)->record(event);
+    return;
+  }
+  if (!shown.is_valid()) {
+    shown = std::visit([](const auto& one) { return nb::cast(one); }, event);
+  }
+  quietly([&] { call(listener, shown); });
 }
 
 int Observation::traverse(visitproc visit, void* arg) {
@@ -51,9 +66,9 @@ void Observation::clear() {
 }
 
 void tell_observers(const Engine& engine, const CallEvent& event) {
-  const nb::object told = std::visit([](const auto& one) { return nb::cast(one); }, event);
+  nb::object shown;
   const nb::object observations = engine.observations;
-  for (nb::handle each : observations) nb::inst_ptr<Observation>(each)->tell(told);
+  for (nb::handle each : observations) nb::inst_ptr<Observation>(each)->tell(event, shown);
 }
 
 }  // namespace tarvomeldric::host

@@ -1,20 +1,23 @@
 #pragma once
 
 #include "engine/events.h"
+#include "engine/recent_calls.h"
 #include "host/calls/engine.h"
 #include "host/interpreter/python.h"
 
 namespace tarvomeldric::host {
 
-// A listener of an engine, from `observe` until `close`. Of the engine and of whoever holds it.
+// A listener of an engine, from `observe` until `close`: a function, or the record of recent calls.
+// Of the engine and of whoever holds it.
 class Observation {
  public:
   Observation(nb::object engine, nb::object listener)
       : engine_(std::move(engine)), listener_(std::move(listener)) {}
 
   void close();
-  // What the listener raises is nobody's failure; what is no `Exception` passes.
-  void tell(nb::handle event) const;
+  // Makes Python's form of the event for the first listener that is a function. What one raises is
+  // nobody's failure; what is no `Exception` passes.
+  void tell(const CallEvent& event, nb::object& shown) const;
 
   int traverse(visitproc visit, void* arg);
   void clear();

@@ -78,8 +78,10 @@ TEST_F(CircuitBreakerTest, OpenBreakerKeepsTheMomentItOpened) {
   clock.advance(9);
   play("tfs");
   expect_open_for(1);
+  EXPECT_DOUBLE_EQ(breaker.cooldown_left_s(), 0.0);
   breaker.trip();
   clock.step_wall(-100);
+  EXPECT_DOUBLE_EQ(breaker.cooldown_left_s(), 110.0);
   expect_open_for(110);
 }
 
@@ -128,8 +130,10 @@ TEST(RateLimiter, AllowsABurstThenTheRateWhateverTheWallClockDoes) {
   clock.step_wall(-3600);  // counts as no time elapsed
   EXPECT_EQ(granted_of(1), 0);
   EXPECT_EQ(limiter.snapshot().rejected, 5);
+  EXPECT_DOUBLE_EQ(limiter.level(), 0.25);
   clock.advance(3600);
   limiter.refund();
+  EXPECT_DOUBLE_EQ(limiter.level(), 60.0);
   EXPECT_EQ(granted_of(61), 60);
 }
 
