@@ -18,6 +18,7 @@ from typing import Any
 from tarvomeldric import _fork
 from tarvomeldric._engine import _build_dashboard
 from tarvomeldric._host_names import HostNames, is_loopback, require_names
+from tarvomeldric._live import Live, live_page
 
 _PATIENCE = 3.0  # seconds that a client may take for the head of its request, and for the reply
 _LONGEST = 65536  # bytes of a head; the library's own bound for its first line
@@ -35,6 +36,7 @@ def serve(
     with_health: bool,
     with_dashboard: bool,
     allowed_hosts: Sequence[str] | None,
+    live: bool,
 ) -> HTTPServer:
     """Starts a server for one engine on a daemon thread and prints where it is."""
     allowed = None if allowed_hosts is None else require_names(allowed_hosts, "allowed_hosts")
@@ -64,6 +66,10 @@ def serve(
                 self._send_json(engine.get_stats())
             elif path == "/" and with_dashboard:
                 self._send_html(_build_dashboard(engine))
+            elif path == "/live" and server.live:
+                self._send_whole(200, *live_page())
+            elif path == "/live.json" and server.live:
+                self._send_whole(200, *server.live.figures())
             else:
                 self.send_error(404)
 
@@ -71,12 +77,15 @@ def serve(
         "Dashboard": with_dashboard and "/",
         "Prometheus": with_prometheus and "/metrics",
         "Health": with_health and "/health",
+        "Live": live and "/live",
     }
     shown = f"[{host}]" if ":" in host else host
     server = _Server((host, port), _Handler)
     if allowed is not None or is_loopback(server.server_name):
         server.names = HostNames(host, allowed or ())
     try:
+        if live:
+            server.live = Live(engine)
         server.start()
         for label, path in pages.items():
             if path:
@@ -112,8 +121,12 @@ class _PromptHandler(BaseHTTPRequestHandler):
 
     def _send(self, status: int, content_type: str, text: str) -> None:
         body = text.encode("utf-8", "replace")  # names are free text, half characters included
+        self._send_whole(status, {"Content-Type": content_type}, body)
+
+    def _send_whole(self, status: int, headers: dict[str, str], body: bytes) -> None:
         self.send_response(status)
-        self.send_header("Content-Type", content_type)
+        for name, value in headers.items():
+            self.send_header(name, value)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
@@ -150,6 +163,7 @@ class _Server(HTTPServer):
 
     request_queue_size = _ROOM
     names: HostNames | None = None  # None: whatever a request calls us
+    live: Live | None = None
     _serving = False
 
     def __init__(self, address: tuple[str, int], handler: type[BaseHTTPRequestHandler]) -> None:
@@ -218,6 +232,8 @@ class _Server(HTTPServer):
             client.connection.close()
         self._arrivals.close()
         super().server_close()
+        if self.live is not None:
+            self.live.close()
 
     def _after_fork(self) -> None:
         # The parent serves; a child that kept the port would keep it from being bound again.

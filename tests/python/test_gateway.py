@@ -156,7 +156,7 @@ allowed_hosts = ["gateway.example"]
 max_body = 1000
 body_timeout = 0.5
 """
-PATHS = [CHAT, "/v1/models", "/metrics", "/openapi.json", "/v1/files"]
+PATHS = [CHAT, "/v1/models", "/metrics", "/live", "/live.json", "/openapi.json", "/v1/files"]
 
 
 def test_who_is_let_in_and_what_is_passed_on(tmp_path: Path, monkeypatch: Any) -> None:
@@ -180,6 +180,9 @@ def test_who_is_let_in_and_what_is_passed_on(tmp_path: Path, monkeypatch: Any) -
         assert running.ask({"origin": "http://127.0.0.1:4000"}).status_code == 403
         assert provider.request_count == 0
         assert running.ask().status_code == 200
+        assert "script-src 'sha256-" in client.get("/live").headers["content-security-policy"]
+        [call] = client.get("/live.json").json()["calls"]
+        assert (call["outcome"], call["steps"][0]["provider"]) == ("answered", "p0")
 
         passed = client.post("/v1/moderations?a=b", content=b"any", headers={"x-mine": "1"})
         assert passed.status_code == 404  # the simulator's own

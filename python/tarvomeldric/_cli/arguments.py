@@ -57,10 +57,11 @@ takes a quarter of a minute, needs no key and leaves nothing behind."""
 
 _SERVE = """\
 Have simulated visitors call simulated providers (one healthy, one slow, one failing, one that
-refuses its key until its breaker opens) and show it all on the dashboard, until Ctrl-C."""
+refuses its key until its breaker opens) and show it all on the live page, until Ctrl-C."""
 
 _SERVE_EPILOG = """\
-  /         the page; it reloads itself every 5 seconds
+  /live     the page; it reads new figures every 2 seconds
+  /         the plain page; it reloads itself every 5 seconds
   /metrics  Prometheus text
   /health   JSON
   /stats    JSON
@@ -74,6 +75,7 @@ Requests go to the providers that the configuration names, and are healed on the
 
 _GATEWAY_EPILOG = """\
   /health        JSON, for everybody
+  /live          the page for a bad day
   /metrics       Prometheus text
   /openapi.json  what is served, for tools
 

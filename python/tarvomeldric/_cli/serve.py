@@ -1,4 +1,4 @@
-"""``serve``: a bad day without end, and the dashboard to watch it on."""
+"""``serve``: a bad day without end, and the live page to watch it on."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ _ENDS = (signal.SIGINT, signal.SIGTERM)
 def main(options: argparse.Namespace) -> int:
     """Serve until Ctrl-C, a request to terminate, or for the given seconds; all are good ends."""
     with rehearsal(), _simulated_engine() as engine:
-        server = serve_dashboard(engine, options.host, options.port)
+        server = serve_dashboard(engine, options.host, options.port, live=True)
         print(end="", flush=True)  # whoever reads the addresses from a pipe wants them now
         handlers = {number: signal.getsignal(number) for number in _ENDS}
         try:

@@ -13,6 +13,7 @@ from starlette.requests import ClientDisconnect
 from starlette.types import Receive, Scope, Send
 
 from tarvomeldric import SelfHealingEngine, __version__
+from tarvomeldric._live import Live, live_page
 from tarvomeldric.clients.passing import Passing
 from tarvomeldric.clients.relay import Asked, Relay
 from tarvomeldric.clients.replies import Reply, document, refusal
@@ -39,11 +40,14 @@ class Gateway:
         self._metrics = Metrics(engine)
         models = list(self._relay.routes.models())
         self._description = document(description(models, bool(config.server.tokens)))
+        live = Live(engine)
         self._waiting = 0
         self._pages: dict[str, Callable[[], Reply]] = {
             "health": self._health,
             "metrics": self._metrics.page,
             "openapi.json": lambda: self._description,
+            "live": lambda: Reply(200, *live_page()),
+            "live.json": lambda: Reply(200, *live.figures()),
         }
 
     async def __call__(self, scope: Scope, receive: Receive, send: Send) -> None:
