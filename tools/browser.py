@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import base64
 import json
+import math
 import os
 import shutil
 import subprocess
@@ -89,9 +90,10 @@ class Browser:
             return None  # between two pages there is nothing to ask
         return answer["result"].get("value")
 
-    def screenshot(self) -> bytes:
-        """The whole page as a PNG picture."""
+    def screenshot(self, height: float = math.inf) -> bytes:
+        """The whole page, or so much of it from its top, as a PNG picture."""
         size = self.command("Page.getLayoutMetrics")["cssContentSize"]
+        size["height"] = min(size["height"], height)
         picture = self.command(
             "Page.captureScreenshot", clip={**size, "scale": 1}, captureBeyondViewport=True
         )

@@ -23,7 +23,7 @@ Figures live_figures(const ProviderConfig& provider) {
   const CircuitBreaker& breaker = *fields.circuit_breaker;
   const BulkheadFields slots = fields.bulkhead->snapshot();
   return {{"healthy", fields.healthy},
-          {"circuit", std::string(value_of(breaker.snapshot().state))},
+          {"circuit", std::string(value_of(breaker.standing_state()))},
           {"cooldown_left", breaker.cooldown_left_s()},
           {"left_alone", provider.left_alone_s()},
           {"slots", Figures{{"used", slots.active}, {"of", slots.max_concurrent}}},

@@ -208,10 +208,9 @@ template <class Record>
 void Pass::recording(const Target& target, Record&& record) {
   if (!io.heard()) return record();
   const BreakerPtr breaker = target.provider->circuit_breaker();
-  // Asking for the state could change it.
-  const CircuitState before = breaker->snapshot().state;
+  const CircuitState before = breaker->standing_state();
   record();
-  const CircuitState after = breaker->snapshot().state;
+  const CircuitState after = breaker->standing_state();
   if (before == after) return;
   tell<BreakerEvent>(target.name, std::string(value_of(before)), std::string(value_of(after)));
 }

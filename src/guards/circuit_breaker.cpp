@@ -131,6 +131,11 @@ CircuitState CircuitBreaker::state() {
   return fields_.state;
 }
 
+CircuitState CircuitBreaker::standing_state() const {
+  MutexLock lock(mutex_);
+  return fields_.state;
+}
+
 CircuitSummary CircuitBreaker::summary() {
   MutexLock lock(mutex_);
   half_open_if_cooled_locked();

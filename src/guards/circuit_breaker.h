@@ -78,6 +78,8 @@ class CircuitBreaker : public GuardedRecord<CircuitBreakerFields> {
   // Counts a probe while half-open; false in any other state. The gate is `is_available`.
   bool probe();
   CircuitState state();
+  // The state as it stands, of one that has cooled down, too. Looking changes nothing.
+  CircuitState standing_state() const;
   CircuitSummary summary();
   // Seconds for which an open breaker still bars traffic, 0 of any other. Looking changes nothing.
   double cooldown_left_s() const;
