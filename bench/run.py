@@ -21,7 +21,7 @@ from tarvomeldric.simulator import rehearsal
 
 SECTIONS = [
     *("diagnosis", "calls", "loopback", "wire", "streaming"),
-    *("parts", "footprint", "healing", "fleet"),
+    *("parts", "footprint", "healing", "fleet", "live"),
 ]
 ROOT = Path(__file__).resolve().parent.parent
 RESULTS = ROOT / "build" / "bench.json"

@@ -2,13 +2,12 @@
 
 #include <string>
 
+#include "engine/read_outs.h"
 #include "support/samples.h"
 #include "support/text.h"
 
 namespace tarvomeldric {
 namespace {
-
-constexpr std::size_t kShownErrorCharacters = 200;
 
 // Nothing of a provider that has not answered yet.
 Figures latency_figures(const ProviderFields& fields) {

@@ -10,8 +10,6 @@
 namespace tarvomeldric {
 namespace {
 
-constexpr std::size_t kShownErrorCharacters = 80;
-
 std::int64_t whole(std::size_t count) { return static_cast<std::int64_t>(count); }
 
 std::string decimal(double value) { return text::fixed(value, 1); }

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstddef>
+
 #include "engine/call.h"
 #include "support/figures.h"
 
 namespace tarvomeldric {
+
+inline constexpr std::size_t kShownErrorCharacters = 80;  // of a provider's last error
 
 // What each part says of itself to operators. Any thread; a snapshot of the moment. The figures of
 // a limiter and of a bulkhead are read without their locks, which the caller may hold.

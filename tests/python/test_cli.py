@@ -95,6 +95,7 @@ def test_serve_shows_every_kind_of_provider_until_it_is_told_to_end() -> None:
         assert list(fetch("stats")["providers"]) == ["anthropic", "google", "openai", "deepseek"]
         until(lambda: seen("deepseek")["circuit"]["state"] == "open", patience=60)
         until(lambda: seen("openai")["fail"] and seen("anthropic")["success"], patience=60)
+        assert fetch("live.json")["calls"]
         program.terminate()
         out, err = program.communicate(timeout=20)
     assert err == ""

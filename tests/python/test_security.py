@@ -17,6 +17,7 @@ from tarvomeldric.simulator import ProviderSimulator, Reply
 
 PROMPT, ANSWER = "the secret prompt", "the secret answer"
 SCRIPT = "<script>alert(1)</script>"
+PAGES = ("/", "/metrics", "/health", "/stats", "/live", "/live.json")
 
 
 def test_a_redirect_takes_no_key_elsewhere() -> None:
@@ -49,14 +50,14 @@ def test_keys_and_what_was_said_are_told_to_nobody(home: Path, monkeypatch: Any)
         engine_with(
             provider(one.base_url, "openai"), provider(other.base_url, "anthropic")
         ) as engine,
-        served(engine) as server,
+        served(engine, live=True) as server,
     ):
         results = [engine.call_sync(PROMPT, "gpt-4o") for _ in range(4)]
         levels = [result.heal_level for result in results]
         assert levels == ["", "l1_retry", "l2_downgrade", "l3_failover"]
         engine._learner._persist()
         before = engine.get_stats()
-        pages = [get(server, path).body.decode() for path in ("/", "/metrics", "/health", "/stats")]
+        pages = [get(server, path).body.decode() for path in PAGES]
         assert engine.get_stats() == before
         [rules] = home.rglob("*.json")
         told = [engine, engine._providers, engine._get_telemetry(), vars(engine._get_telemetry())]

@@ -89,6 +89,7 @@ def description(models: list[str], guarded: bool) -> dict[str, Any]:
             "/v1/models": _looking("The models that can be asked for", listed),
             "/v1/models/{model}": model,
             "/health": health,
+            "/live": _looking("The live page", {"type": "string"}, "text/html"),
             "/metrics": _looking("Figures for Prometheus", {"type": "string"}, "text/plain"),
         },
     }
