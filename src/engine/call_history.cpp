@@ -1,6 +1,8 @@
 #include "engine/call_history.h"
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "support/samples.h"
 
@@ -42,12 +44,13 @@ std::vector<HistoryStep> CallHistory::steps(double now_s) {
 
 void CallHistory::end_steps_before(double now_s) {
   if (now_s < step_end_s_) return;
-  const double passed = std::floor((now_s - step_end_s_) / kStepSeconds) + 1;
-  step_end_s_ += passed * kStepSeconds;
   end_step();
-  // Nothing happened in the others; after a long silence it is all that there is.
-  const double silent = std::min(passed - 1, static_cast<double>(kMostSteps));
-  for (double i = 0; i < silent; ++i) end_step();
+  const double silent = std::floor((now_s - step_end_s_) / kStepSeconds);
+  step_end_s_ += (silent + 1) * kStepSeconds;
+  // Nothing happened in those; after a long silence they are all that there is.
+  const double most = static_cast<double>(kMostSteps);
+  const auto empty = static_cast<std::size_t>(std::min(silent, most));
+  for (std::size_t i = 0; i < empty; ++i) end_step();
 }
 
 void CallHistory::end_step() {

@@ -13,7 +13,7 @@ namespace tarvomeldric {
 // What happened in one step of the history.
 struct HistoryStep {
   std::int64_t calls = 0;   // that ended
-  std::int64_t healed = 0;  // of them, as they ended or before
+  std::int64_t healed = 0;  // just before they end
   std::int64_t failed = 0;
   std::int64_t faults = 0;      // requests that went wrong, healed or not
   std::optional<double> p50_s;  // of the calls that were answered, where there were any
