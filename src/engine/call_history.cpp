@@ -17,7 +17,8 @@ constexpr std::size_t kMostDurations = 500;
 void CallHistory::count(const CallEvent& event, double now_s) {
   end_steps_before(now_s);
   if (const auto* attempt = std::get_if<AttemptEvent>(&event)) {
-    if (attempt->attempt.fault) ++current_.faults;
+    const auto& fault = attempt->attempt.fault;
+    if (fault && *fault != kHedgeLost) ++current_.faults;
   } else if (std::holds_alternative<HealEvent>(event)) {
     ++current_.healed;
   } else if (const auto* end = std::get_if<EndEvent>(&event)) {

@@ -17,6 +17,9 @@ struct AttemptRecord {
   std::optional<std::string> fault;  // its label; nothing of an attempt that answered
 };
 
+// In the place of a fault's label: the request was ended, because another one had answered.
+inline constexpr char kHedgeLost[] = "hedge_lost";
+
 // What happens in a call, told while it happens to those who listen. `call_id` is the name of the
 // call in its trace.
 struct AttemptEvent {

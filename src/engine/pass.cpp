@@ -19,7 +19,6 @@ Diagnosis bad_answer(const char* label) {
   return diagnosis;
 }
 
-constexpr char kHedgeLost[] = "hedge_lost";  // in the place of a fault's label
 constexpr std::array<std::int64_t, 4> kBadRequests{400, 413, 415, 422};
 
 // Whether a provider that refuses a request with this label finds fault with its body.

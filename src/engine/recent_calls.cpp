@@ -11,6 +11,11 @@ std::string cut(std::string_view text) {
   return std::string(text::first(text, RecentCalls::kMostCharacters));
 }
 
+const char* kind_of(const AttemptRecord& made) {
+  if (!made.fault) return "answered";
+  return *made.fault == kHedgeLost ? "lost" : "failed";
+}
+
 void add(RecentCall& call, CallStep step) {
   if (call.steps.size() == RecentCalls::kMostSteps) {
     ++call.steps_left_out;
@@ -29,7 +34,7 @@ struct RecentCalls::Recording {
   void operator()(const AttemptEvent& event) const {
     const AttemptRecord& made = event.attempt;
     if (call.steps.empty()) call.start_s -= made.start_s + made.duration_s;
-    add(call, {.kind = made.fault ? "failed" : "answered",
+    add(call, {.kind = kind_of(made),
                .provider = cut(made.provider),
                .model = cut(made.model),
                .reason = cut(made.fault.value_or("")),

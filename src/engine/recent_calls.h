@@ -19,7 +19,7 @@ namespace tarvomeldric {
 // A stretch of a call: a request, a wait, or a provider's refusal, which takes no time. Moments are
 // seconds after the record's own start.
 struct CallStep {
-  std::string kind;  // "answered", "failed", "wait" or "refused"
+  std::string kind;  // "answered", "failed", "lost" to a faster one, "wait" or "refused"
   std::string provider;
   std::string model;
   std::string reason;  // a fault's label, or why it was waited or refused
