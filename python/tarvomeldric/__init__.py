@@ -54,6 +54,7 @@ from tarvomeldric._engine import (
     run,
     serve_dashboard,
 )
+from tarvomeldric._fleet_limits import FleetRateLimiter
 from tarvomeldric._streams import Stream, SyncStream
 
 __all__ = [
@@ -79,6 +80,7 @@ __all__ = [
     "EngineView",
     "FaultCategory",
     "FaultEvent",
+    "FleetRateLimiter",
     "FlywheelLearner",
     "HealEvent",
     "LearnedRule",

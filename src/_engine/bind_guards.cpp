@@ -1,6 +1,12 @@
+#include <functional>
+#include <memory>
+#include <utility>
+
 #include "_engine/bind_record.h"
 #include "_engine/rooms.h"
 #include "engine/read_outs.h"
+#include "guards/fleet_rate_limiter.h"
+#include "host/interpreter/errors.h"
 #include "host/records/read_outs.h"
 #include "host/records/records.h"
 
@@ -64,11 +70,86 @@ void bind_limiter(nb::module_& module) {
        lock_field<RateLimiter>(),
        field<&F::rejected>("_rejected", "requests that found too few tokens")},
       [] { return RateLimiter().snapshot(); });
-  def(cls, "acquire", &RateLimiter::acquire,
+  def(
+      cls, "acquire", [](RateLimiter& self, std::int64_t tokens) { return self.acquire(tokens); },
       "Takes tokens if they are there; returns whether it did. Never waits.", arg("tokens") = 1);
   def(
       cls, "to_dict", [](RateLimiter& self) { return figures_of(self); },
       "tokens_remaining, max, refill_rate and rejected.");
+}
+
+// Time that stands still until it is moved: simulations of a fleet go by it.
+struct SimulatedClock final : Clock {
+  double wall() const override { return now_s; }
+  double monotonic() const override { return now_s; }
+  double now_s = 0.0;
+};
+
+// What rings is Python's; an error of it concerns nobody who asks for tokens.
+std::function<void()> ringing(nb::object ring, std::shared_ptr<SimulatedClock> kept) {
+  return [ring = std::move(ring), kept = std::move(kept)] {
+    static_cast<void>(quietly([&] { call(ring); }));
+  };
+}
+
+double us(double seconds) { return seconds * 1e6; }
+
+// What is sent to Redis, in the order in which the script reads it.
+nb::tuple sent(const FleetRequest& request) {
+  return nb::make_tuple(request.interval_us, request.burst, request.slice, request.held,
+                        request.wanted, request.returned, request.in_demand ? 1 : 0, request.owed,
+                        us(request.cut_off_s), request.born_us, request.idle_us,
+                        us(request.alone_s));
+}
+
+void bind_fleet_limiter(nb::module_& module) {
+  nb::class_<SimulatedClock>(module, "_SimulatedClock", "Time that is moved by hand.")
+      .def(nb::init<>())
+      .def_rw("now", &SimulatedClock::now_s, "Seconds.");
+  nb::class_<FleetRateLimiter, RateLimiter> cls(
+      module, "_FleetRateLimiter", "A limiter that is filled from Redis, by whom it rings for.");
+  cls.def(
+      "__init__",
+      [](FleetRateLimiter* self, double tokens_a_second, std::int64_t burst,
+         bool shares_retry_after, nb::object ring, std::shared_ptr<SimulatedClock> clock) {
+        const Clock& time = clock ? static_cast<const Clock&>(*clock) : system_clock();
+        auto rings = ringing(std::move(ring), std::move(clock));
+        new (self)
+            FleetRateLimiter(tokens_a_second, burst, shares_retry_after, std::move(rings), time);
+      },
+      nb::arg("tokens_a_second"), nb::arg("burst"), nb::arg("shares_retry_after"), nb::arg("ring"),
+      nb::arg("clock").none() = nb::none());
+  def(cls, "_due", &FleetRateLimiter::due_s, "Seconds until it wants to hear of Redis.");
+  cls.def(
+      "_ask", [](FleetRateLimiter& self) { return sent(self.ask()); },
+      nb::sig("def _ask(self) -> tuple[float, ...]"),
+      "Begins an exchange: what the script is to be told.");
+  def(
+      cls, "_settle",
+      [](FleetRateLimiter& self, std::int64_t granted, std::int64_t members, std::int64_t most,
+         std::int64_t in_need, std::int64_t wait_us, std::int64_t spare, std::int64_t born_us,
+         std::int64_t idle_us, std::int64_t alone_us) {
+        const auto seconds = [](std::int64_t us) { return static_cast<double>(us) * 1e-6; };
+        self.settle({granted, members, most, in_need, seconds(wait_us), spare != 0, born_us,
+                     idle_us, seconds(alone_us)});
+      },
+      "Ends an exchange with what the script answered.", arg("granted"), arg("members"),
+      arg("most"), arg("in_need"), arg("wait"), arg("spare"), arg("born"), arg("idle"),
+      arg("alone"));
+  def(cls, "_fail", &FleetRateLimiter::fail, "Ends an exchange, or an attempt at one, in vain.");
+  cls.def(
+      "_figures",
+      [](FleetRateLimiter& self) {
+        const FleetRateLimiter::Figures figures = self.figures();
+        nb::dict all;
+        put(all, "members", number(figures.members));
+        put(all, "largest_membership", number(figures.most));
+        put(all, "holding", number(figures.holding));
+        put(all, "owed", number(figures.owed));
+        put(all, "connected", truth(figures.connected));
+        return all;
+      },
+      nb::sig("def _figures(self) -> dict[str, typing.Any]"));
 }
 
 void bind_bulkhead(nb::module_& module) {
@@ -95,6 +176,7 @@ void bind_bulkhead(nb::module_& module) {
 void bind_guards(nb::module_& module) {
   bind_breaker(module);
   bind_limiter(module);
+  bind_fleet_limiter(module);
   bind_bulkhead(module);
 }
 

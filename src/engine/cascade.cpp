@@ -174,7 +174,7 @@ Task<bool> Cascade::wait_before(int attempt) {
 
 // Whether the same provider may be asked again; with a slot, where its guards are asked.
 Task<bool> Cascade::admit_again(std::optional<AdmittedSlot>& slot) {
-  if (!pass_.admits_retries()) co_return true;
+  if (!pass_.admits_retries(target_)) co_return true;
   slot = co_await pass_.admit(target_, 0.0);
   co_return slot.has_value();
 }

@@ -26,8 +26,8 @@ struct FailedAttempt {
 //
 // A policy may ask the other providers first that have room at this moment, and L1 and L2 after
 // them. A call out of the semantic bounds is not healed at all. Retries and the downgraded attempt
-// are made without admission, unless the policy respects breakers: they hold no slot and spend no
-// token. The pass outlives the task.
+// are made without admission, unless the policy respects breakers or the provider's limiter charges
+// every request: they hold no slot and spend no token. The pass outlives the task.
 Task<CallOutcome> recover(Pass& pass, FailedAttempt failed);
 
 }  // namespace tarvomeldric

@@ -60,8 +60,11 @@ struct Pass {
   Task<Diagnosis> diagnose(const Target& target, const Tried& tried, const AdmittedSlot& slot);
   // Gives the slot back once the attempt is over; that of a streamed answer goes along with it.
   void settle(const Target& target, const Tried& tried, AdmittedSlot& slot);
-  // Whether retries need a slot of their own.
-  bool admits_retries() const { return policy().respect_breakers || request.streamed; }
+  // Whether retries need a token and a slot of their own.
+  bool admits_retries(const Target& target) const {
+    return policy().respect_breakers || request.streamed ||
+           target.provider->rate_limiter()->charges_every_request();
+  }
   void record_failure(const Target& target, const std::string& text, const std::string& category,
                       const AdmittedSlot* slot = nullptr);
   // Whether the wait was made; one that would end after the deadline is not begun.

@@ -23,13 +23,22 @@ class RateLimiter : public GuardedRecord<RateLimiterFields> {
   explicit RateLimiter(const Clock& clock = system_clock());
   explicit RateLimiter(RateLimiterFields fields, const Clock& clock = system_clock())
       : GuardedRecord(fields), clock_(clock) {}
+  virtual ~RateLimiter() = default;
 
   // Takes the tokens if they are there; a refusal is counted.
-  bool acquire(std::int64_t tokens = 1);
+  virtual bool acquire(std::int64_t tokens);
+  bool acquire() { return acquire(1); }
   // Gives one token back, for an admission that came to nothing. Clean-up: waits uninterrupted.
-  void refund();
+  virtual void refund();
   // The tokens that are there now. Looking changes nothing.
   double level() const;
+
+  // Whether retries are charged, too, which by themselves spend no token.
+  virtual bool charges_every_request() const { return false; }
+  // A limiter that others share tells them how long the provider wants to be left alone, and says
+  // what they told.
+  virtual void leave_alone(double) {}
+  virtual double left_alone_s() const { return 0.0; }
 
  private:
   double level_locked(double now_s) const REQUIRES(mutex_);

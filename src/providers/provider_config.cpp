@@ -148,13 +148,16 @@ void ProviderConfig::record_failure(std::string_view error, std::string_view fau
 }
 
 void ProviderConfig::leave_alone(double seconds) {
+  const double alone_s = std::min(seconds, kLongestAloneSeconds);
+  rate_limiter()->leave_alone(alone_s);
   MutexLock lock(mutex_);
-  not_before_s_ = clock_.monotonic() + std::min(seconds, kLongestAloneSeconds);
+  not_before_s_ = clock_.monotonic() + alone_s;
 }
 
 double ProviderConfig::left_alone_s() const {
+  const double others_s = rate_limiter()->left_alone_s();
   MutexLock lock(mutex_);
-  return std::max(0.0, not_before_s_ - clock_.monotonic());
+  return std::max(others_s, not_before_s_ - clock_.monotonic());
 }
 
 }  // namespace tarvomeldric

@@ -86,7 +86,8 @@ class ProviderConfig : public GuardedRecord<ProviderFields> {
   void record_failure(std::string_view error, std::string_view fault_category = "");
 
   // The provider asked to be left alone for so long; at most 15 minutes of it are heeded. Kept
-  // beside the fields: it concerns this process, and only calls whose policy heeds it.
+  // beside the fields: it concerns this process, and whom its rate limiter tells, and only calls
+  // whose policy heeds it.
   void leave_alone(double seconds);
   // Seconds until it may be asked again, 0 when it may be now.
   double left_alone_s() const;
