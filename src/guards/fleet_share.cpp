@@ -148,8 +148,8 @@ void FleetShare::lapse(double now_s) {
   leased_ = 0;
 }
 
-// Counts the member's own part up to now. It holds no more than a moment's worth, so that a process
-// that was stopped finds no heap of it.
+// Counts the member's own part up to now. It holds no more than a token and a moment's worth, so that
+// a process that was stopped finds no heap of it.
 void FleetShare::drift(double now_s) {
   if (!cut_off_s_ || most_ == 0) return;
   if (now_s > *cut_off_s_ + kAdriftSeconds) {
@@ -157,7 +157,7 @@ void FleetShare::drift(double now_s) {
     return;
   }
   const double part = rate_ / static_cast<double>(most_);
-  own_ = std::min(std::max(1.0, part * kSliceSeconds), own_ + (now_s - drifted_s_) * part);
+  own_ = std::min(1.0 + part * kSliceSeconds, own_ + (now_s - drifted_s_) * part);
   drifted_s_ = now_s;
 }
 

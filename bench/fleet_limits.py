@@ -1,0 +1,129 @@
+"""Whether a fleet keeps to its limit, uses it, and pays nothing for that on the call path.
+
+Processes share one `FleetRateLimiter` on a Redis of their own, while that Redis is well, stopped,
+restarted, and while one of them is killed. Every admission of every process and every draw is
+logged; afterwards the logs are held against the bound: over every window of time at most
+
+    limit x time + burst + a slice a member
+
+It takes `redis-server`, and about three minutes: `python bench/fleet_limits.py`.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import signal
+import subprocess
+import sys
+import time
+from collections.abc import Callable, Iterator
+from itertools import chain
+from pathlib import Path
+from typing import Any
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT / "tools"))  # the support package
+
+from support import RedisServer, start_child, until  # noqa: E402
+
+SLACK = 0.5  # tokens, for the clock of Redis and ours
+
+# One process of the fleet: asks all the time, and says when it was admitted and what it drew. The
+# moments are from before and after `acquire`, for what is between them has no order.
+MEMBER = """
+import json, os, sys, time
+from tarvomeldric import FleetRateLimiter, _fleet_limits
+url, rate, burst, start, end, pause, path = sys.argv[1], *map(float, sys.argv[2:7]), sys.argv[7]
+settle, draws = _fleet_limits._settle, []
+limiter = FleetRateLimiter("bench", requests_per_minute=rate * 60, burst=int(burst), redis_url=url)
+ask, asked = limiter._ask, []
+def log(one, reply):
+    if isinstance(reply, list): draws.append(reply)
+    settle(one, reply)
+_fleet_limits._settle = log
+file = open(path, "w", buffering=1)
+print("ready", flush=True)
+while time.monotonic() < start: time.sleep(0.001)
+tries = 0
+while time.monotonic() < end:
+    before, cpu = time.monotonic(), time.perf_counter_ns()
+    admitted = limiter.acquire()
+    took = time.perf_counter_ns() - cpu
+    if admitted: file.write(f"{before!r} {time.monotonic()!r}\\n")
+    tries += 1
+    time.sleep(pause)
+print(json.dumps({"draws": draws, "tries": tries, "fleet": limiter.fleet}))
+"""
+
+
+class Log:
+    """What a fleet did: admissions as (before, after), oldest first, and its draws."""
+
+    def __init__(self, admissions: list[tuple[float, float]], draws: list[list[int]]) -> None:
+        self.admissions = sorted(admissions)
+        self.draws = sorted(draws, key=lambda draw: draw[9])
+
+    def worst_excess(self, rate: float) -> float:
+        """The most admissions of any window of time, less what the rate gives in it."""
+        return worst_excess(self.admissions, rate)
+
+    def used(self, rate: float, start: float, end: float) -> float:
+        count = sum(start <= after <= end for _, after in self.admissions)
+        return count / (rate * (end - start))
+
+
+def worst_excess(admissions: list[tuple[float, float]], rate: float) -> float:
+    lowest = worst = 0.0
+    for number, (before, after) in enumerate(admissions):
+        lowest = min(lowest, number - rate * before) if number else number - rate * before
+        worst = max(worst, number + 1 - rate * after - lowest)
+    return worst
+
+
+def violations(draws: list[list[int]], rate: float, burst: int) -> int:
+    """How many draws took more than a bucket of that rate and burst held, by the clock of Redis."""
+    level, at, wrong = 0.0, None, 0
+    for draw in draws:
+        granted, now = draw[0], draw[9]
+        level = min(float(burst), level + rate * (now - (now if at is None else at)) / 1e6)
+        level, at = level - granted, now
+        wrong += level < -SLACK
+    return wrong
+
+
+def run_fleet(
+    server: RedisServer,
+    folder: Path,
+    seconds: float,
+    members: int = 8,
+    rate: float = 50.0,
+    burst: int = 10,
+    meanwhile: Callable[[list[Any]], None] = lambda _: None,
+) -> tuple[Log, float, float]:
+    """Runs the members side by side; the log, and when they began and ended."""
+    start = time.monotonic() + 2.0 + 0.3 * members
+    paths = [folder / f"{number}.log" for number in range(members)]
+    figures = [*map(str, (rate, burst, start, start + seconds, 0.002))]
+    children = [start_child(MEMBER, server.url, *figures, str(path)) for path in paths]
+    draws: list[list[int]] = []
+    try:
+        for child in children:
+            assert child.stdout is not None
+            assert child.stdout.readline() == "ready\n"
+        assert time.monotonic() < start, "the machine is too busy to start so many at once"
+        time.sleep(start - time.monotonic())
+        meanwhile(children)
+        for child in children:
+            out, err = child.communicate(timeout=seconds + 60)
+            assert child.returncode in (0, -signal.SIGKILL), err
+            if out:
+                draws += json.loads(out)["draws"]
+    finally:
+        for child in children:
+            child.kill()
+            child.wait()
+    lines = chain.from_iterable(path.read_text().splitlines(True) for path in paths)
+    pairs = (line.split() for line in lines if line.endswith("\n"))
+    admissions = [(float(before), float(after)) for before, after in pairs]
+    return Log(admissions, draws), start, start + seconds
