@@ -20,6 +20,7 @@ import time
 from collections.abc import Callable, Iterator
 from itertools import chain
 from pathlib import Path
+from tempfile import TemporaryDirectory
 from typing import Any
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -35,13 +36,15 @@ MEMBER = """
 import json, os, sys, time
 from tarvomeldric import FleetRateLimiter, _fleet_limits
 url, rate, burst, start, end, pause, path = sys.argv[1], *map(float, sys.argv[2:7]), sys.argv[7]
-settle, draws = _fleet_limits._settle, []
 limiter = FleetRateLimiter("bench", requests_per_minute=rate * 60, burst=int(burst), redis_url=url)
-ask, asked = limiter._ask, []
-def log(one, reply):
-    if isinstance(reply, list): draws.append(reply)
-    settle(one, reply)
-_fleet_limits._settle = log
+ask, settle, asked, draws = limiter._ask, _fleet_limits._settle, [], []
+def log_request():
+    asked[:] = [ask()]
+    return asked[0]
+def log_reply(_, reply):
+    if isinstance(reply, list) and asked: draws.append([reply[7], reply[5], asked[0][5], reply[0]])
+    settle(_, reply)
+limiter._ask, _fleet_limits._settle = log_request, log_reply
 file = open(path, "w", buffering=1)
 print("ready", flush=True)
 while time.monotonic() < start: time.sleep(0.001)
@@ -58,11 +61,15 @@ print(json.dumps({"draws": draws, "tries": tries, "fleet": limiter.fleet}))
 
 
 class Log:
-    """What a fleet did: admissions as (before, after), oldest first, and its draws."""
+    """What a fleet did: admissions as (before, after), oldest first, and its draws.
+
+    A draw has its moment on the clock of Redis, when the bucket was made, what was given back to it,
+    and what was granted. Times of Redis are in microseconds.
+    """
 
     def __init__(self, admissions: list[tuple[float, float]], draws: list[list[int]]) -> None:
         self.admissions = sorted(admissions)
-        self.draws = sorted(draws, key=lambda draw: draw[9])
+        self.draws = sorted(draws)
 
     def worst_excess(self, rate: float) -> float:
         """The most admissions of any window of time, less what the rate gives in it."""
@@ -82,12 +89,13 @@ def worst_excess(admissions: list[tuple[float, float]], rate: float) -> float:
 
 
 def violations(draws: list[list[int]], rate: float, burst: int) -> int:
-    """How many draws took more than a bucket of that rate and burst held, by the clock of Redis."""
-    level, at, wrong = 0.0, None, 0
-    for draw in draws:
-        granted, now = draw[0], draw[9]
-        level = min(float(burst), level + rate * (now - (now if at is None else at)) / 1e6)
-        level, at = level - granted, now
+    """How many draws took more than a bucket of that rate and burst held, which was empty at first."""
+    level, at, bucket, wrong = 0.0, 0, 0, 0
+    for now, born, returned, granted in draws:
+        if born != bucket:
+            level, at, bucket = 0.0, born, born
+        level = min(float(burst), level + rate * (now - at) / 1e6 + returned) - granted
+        at = now
         wrong += level < -SLACK
     return wrong
 
@@ -102,7 +110,7 @@ def run_fleet(
     meanwhile: Callable[[list[Any]], None] = lambda _: None,
 ) -> tuple[Log, float, float]:
     """Runs the members side by side; the log, and when they began and ended."""
-    start = time.monotonic() + 2.0 + 0.3 * members
+    start = time.monotonic() + 2.0 + 1.0 * members
     paths = [folder / f"{number}.log" for number in range(members)]
     figures = [*map(str, (rate, burst, start, start + seconds, 0.002))]
     children = [start_child(MEMBER, server.url, *figures, str(path)) for path in paths]
@@ -127,3 +135,68 @@ def run_fleet(
     pairs = (line.split() for line in lines if line.endswith("\n"))
     admissions = [(float(before), float(after)) for before, after in pairs]
     return Log(admissions, draws), start, start + seconds
+
+
+Happening = Callable[[list[Any]], None]
+
+
+def well(_server: RedisServer, _seconds: float) -> Happening:
+    return lambda _: None
+
+
+def stopped(server: RedisServer, seconds: float) -> Happening:
+    def act(_: list[Any]) -> None:
+        time.sleep(seconds)
+        server.pause()
+        time.sleep(seconds)
+        server.resume()
+
+    return act
+
+
+def restarted(server: RedisServer, seconds: float) -> Happening:
+    def act(_: list[Any]) -> None:
+        time.sleep(seconds)
+        server.stop()
+        time.sleep(seconds / 3)
+        server.start()
+
+    return act
+
+
+def killed(_: RedisServer, seconds: float) -> Happening:
+    def act(children: list[Any]) -> None:
+        time.sleep(seconds)
+        children[0].kill()
+
+    return act
+
+
+def measure_fleets(folder: Path, seconds: float) -> Iterator[str]:
+    members, rate, burst = 8, 50.0, 10
+    room = burst + members * max(1, int(rate / 20))
+    for happens in (well, stopped, restarted, killed):
+        with RedisServer() as server:
+            log, start, end = run_fleet(
+                server, folder, seconds, members, rate, burst, happens(server, 3)
+            )
+        excess, used = log.worst_excess(rate), log.used(rate, start, end)
+        wrong = violations(log.draws, rate, burst)
+        yield (
+            f"{happens.__name__:<10} admitted {len(log.admissions):>5}, used {used:6.1%}, "
+            f"worst window {excess:5.1f} above limit x time of {room} allowed, "
+            f"{len(log.draws)} draws, {wrong} of them too large"
+        )
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
+    parser.add_argument("--seconds", type=float, default=10.0, help="of each run")
+    options = parser.parse_args()
+    with TemporaryDirectory() as folder:
+        for line in measure_fleets(Path(folder), options.seconds):
+            print(line, flush=True)
+
+
+if __name__ == "__main__":
+    main()

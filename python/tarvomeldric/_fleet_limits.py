@@ -242,7 +242,7 @@ class _Courier:
                 replies = self._exchange(due)
         except Exception as error:
             self._silent = True
-            replies = [error] * len(due)
+            replies = [error.with_traceback(None)] * len(due)
         else:
             self._silent = False
         for (_, limiter), reply in zip(due, replies, strict=True):
@@ -276,7 +276,7 @@ def _settle(limiter: FleetRateLimiter, reply: Any) -> None:
     try:
         if isinstance(reply, Exception):
             raise reply
-        limiter._settle(*reply[:9])
+        limiter._settle(*reply[:7])
         limiter._error = ""
     except Exception as error:
         limiter._fail()

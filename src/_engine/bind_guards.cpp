@@ -11,6 +11,9 @@
 #include "host/records/records.h"
 
 namespace tarvomeldric::host {
+
+constexpr auto python_name(Named<FleetRateLimiter>) { return const_name("_FleetRateLimiter"); }
+
 namespace {
 
 void bind_breaker(nb::module_& module) {
@@ -98,7 +101,7 @@ double us(double seconds) { return seconds * 1e6; }
 nb::tuple sent(const FleetRequest& request) {
   return nb::make_tuple(request.interval_us, request.burst, request.slice, request.held,
                         request.wanted, request.returned, request.in_demand ? 1 : 0, request.owed,
-                        us(request.cut_off_s), request.born_us, request.idle_us,
+                        us(request.cut_off_s), us(request.patience_s), request.born_us,
                         us(request.alone_s));
 }
 
@@ -127,15 +130,13 @@ void bind_fleet_limiter(nb::module_& module) {
   def(
       cls, "_settle",
       [](FleetRateLimiter& self, std::int64_t granted, std::int64_t members, std::int64_t most,
-         std::int64_t in_need, std::int64_t wait_us, std::int64_t spare, std::int64_t born_us,
-         std::int64_t idle_us, std::int64_t alone_us) {
+         std::int64_t in_need, std::int64_t wait_us, std::int64_t born_us, std::int64_t alone_us) {
         const auto seconds = [](std::int64_t us) { return static_cast<double>(us) * 1e-6; };
-        self.settle({granted, members, most, in_need, seconds(wait_us), spare != 0, born_us,
-                     idle_us, seconds(alone_us)});
+        self.settle(
+            {granted, members, most, in_need, seconds(wait_us), born_us, seconds(alone_us)});
       },
       "Ends an exchange with what the script answered.", arg("granted"), arg("members"),
-      arg("most"), arg("in_need"), arg("wait"), arg("spare"), arg("born"), arg("idle"),
-      arg("alone"));
+      arg("most"), arg("in_need"), arg("wait"), arg("born"), arg("alone"));
   def(cls, "_fail", &FleetRateLimiter::fail, "Ends an exchange, or an attempt at one, in vain.");
   cls.def(
       "_figures",

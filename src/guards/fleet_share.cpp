@@ -10,7 +10,8 @@ namespace {
 
 constexpr double kDemandSeconds = 2.0;   // for so long after a request a member counts as asked
 constexpr double kRenewalSeconds = 1.5;  // below a lease's time, with what an exchange may take
-constexpr double kRetrySeconds = 1.0;
+// Members that are cut off try again after this, or later where they are many.
+constexpr double kRetrySeconds = 0.2, kLongestRetrySeconds = 1.0, kRetriesASecond = 400.0;
 constexpr double kSliceSeconds = 0.05;  // a slice is what the limit gives in this time
 // When tokens are short, members in need ask for them so many times as often as there are slices.
 constexpr double kAsksPerSlice = 3.0;
@@ -74,7 +75,7 @@ FleetRequest FleetShare::ask(double now_s) {
   lapse(now_s);
   const bool in_demand = this->in_demand(now_s);
   const std::int64_t enough = in_demand ? lease() : slice_;
-  const std::int64_t kept = std::min(held_, in_demand || spare_ ? enough : 0);
+  const std::int64_t kept = std::min(held_, enough);
   returned_ += held_ - kept;
   held_ = leased_ = kept;
   FleetRequest request{.interval_us = 1e6 / rate_,
@@ -86,11 +87,9 @@ FleetRequest FleetShare::ask(double now_s) {
                        .in_demand = in_demand,
                        .owed = owed_,
                        .cut_off_s = cut_off_s_ ? now_s - *cut_off_s_ : 0.0,
+                       .patience_s = patience_s(),
+                       .born_us = born_us_.value_or(0),
                        .alone_s = std::max(0.0, alone_told_s_ - now_s)};
-  if (bucket_) {
-    request.born_us = bucket_->born_us;
-    request.idle_us = bucket_->idle_us;
-  }
   asking_ = request;
   sent_s_ = now_s;
   return request;
@@ -100,14 +99,17 @@ void FleetShare::settle(const FleetReply& reply, double now_s, double chance) {
   if (!asking_) return;
   const FleetRequest asked = *std::exchange(asking_, std::nullopt);
   lapse(now_s);
-  const std::int64_t granted = std::clamp<std::int64_t>(reply.granted, 0, asked.wanted);
+  const std::int64_t granted = std::clamp(reply.granted, -asked.held, asked.wanted);
   held_ += granted;
+  if (held_ < 0) {  // spent while it was being given back
+    owed_ -= static_cast<double>(held_);
+    held_ = 0;
+  }
   leased_ = asked.held + granted;
   lapses_s_ = sent_s_ + kLeaseSeconds;
-  bucket_ = Bucket{reply.born_us, reply.idle_us};
+  born_us_ = reply.born_us;
   members_ = std::max<std::int64_t>(1, reply.members);
   most_ = std::max({most_, members_, reply.most});
-  spare_ = reply.spare;
   alone_until_s_ = now_s + bounded(reply.alone_s, 0.0, kLongestAloneSeconds);
   cut_off_s_.reset();
   own_ = 0.0;
@@ -122,9 +124,9 @@ void FleetShare::settle(const FleetReply& reply, double now_s, double chance) {
 }
 
 void FleetShare::fail(double now_s, double chance) {
+  if (!cut_off_s_) cut_off_s_ = drifted_s_ = asking_ ? sent_s_ : now_s;
   asking_.reset();
-  if (!cut_off_s_) cut_off_s_ = drifted_s_ = now_s;
-  renewal_s_ = earliest_s_ = now_s + kRetrySeconds * (0.5 + 0.5 * chance);
+  renewal_s_ = earliest_s_ = now_s + patience_s() * (0.5 + 0.5 * chance);
 }
 
 double FleetShare::left_alone_s(double now_s) const {
@@ -142,14 +144,18 @@ bool FleetShare::runs_low(double now_s) const {
   return in_demand(now_s) && 2 * held_ <= lease() && !cut_off_s_;
 }
 
+double FleetShare::patience_s() const {
+  return bounded(static_cast<double>(most_) / kRetriesASecond, kRetrySeconds, kLongestRetrySeconds);
+}
+
 void FleetShare::lapse(double now_s) {
   if (now_s < lapses_s_) return;
   returned_ += std::exchange(held_, 0);
   leased_ = 0;
 }
 
-// Counts the member's own part up to now. It holds no more than a token and a moment's worth, so that
-// a process that was stopped finds no heap of it.
+// Counts the member's own part up to now. It holds no more than a token and a moment's worth, so
+// that a process that was stopped finds no heap of it.
 void FleetShare::drift(double now_s) {
   if (!cut_off_s_ || most_ == 0) return;
   if (now_s > *cut_off_s_ + kAdriftSeconds) {

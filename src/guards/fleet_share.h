@@ -16,21 +16,19 @@ struct FleetRequest {
   bool in_demand = false;     // whether anybody asked this member lately
   double owed = 0.0;          // spent while it was cut off ...
   double cut_off_s = 0.0;     // ... which lasted so long
-  std::int64_t born_us = 0;   // which bucket the member knows, ...
-  std::int64_t idle_us = 0;   // ... and what that had left unused
+  double patience_s = 0.0;    // after which members that are cut off have tried again
+  std::int64_t born_us = 0;   // which bucket the member knows
   double alone_s = 0.0;       // how long the provider wants to be left alone, as this member heard
 };
 
 // What Redis answers. Nothing in it is trusted further than it was asked for.
 struct FleetReply {
-  std::int64_t granted = 0;
+  std::int64_t granted = 0;  // below 0: to be given back, of what is held
   std::int64_t members = 1;
   std::int64_t most = 1;     // the largest membership ever published
   std::int64_t in_need = 0;  // members that are asked for tokens and have none
   double wait_s = 0.0;       // until there is a token again, 0 when there is one
-  bool spare = false;        // whether members that nobody asks may keep tokens, too
   std::int64_t born_us = 0;  // when the bucket was made
-  std::int64_t idle_us = 0;  // the time whose tokens nobody drew, and which it cannot hold
   double alone_s = 0.0;      // how long the provider wants to be left alone, as anybody heard
 };
 
@@ -70,7 +68,7 @@ class FleetShare {
   void leave_alone(double seconds, double now_s) { alone_told_s_ = now_s + seconds; }
   double left_alone_s(double now_s) const;
 
-  bool connected() const { return bucket_ && !cut_off_s_; }
+  bool connected() const { return born_us_ && !cut_off_s_; }
   // Tokens at a time: of a busy member, and of one that nobody asks.
   std::int64_t lease() const;
   std::int64_t slice() const { return slice_; }
@@ -82,12 +80,9 @@ class FleetShare {
   static constexpr double kAdriftSeconds = 60.0;
 
  private:
-  struct Bucket {
-    std::int64_t born_us, idle_us;
-  };
-
   bool in_demand(double now_s) const;
   bool runs_low(double now_s) const;
+  double patience_s() const;
   void lapse(double now_s);
   void drift(double now_s);
 
@@ -101,9 +96,8 @@ class FleetShare {
   std::int64_t returned_ = 0;  // to be given back
   std::optional<double> asked_s_;
 
-  std::optional<Bucket> bucket_;  // as of the newest reply
+  std::optional<std::int64_t> born_us_;  // of the bucket, as of the newest reply
   std::int64_t members_ = 1, most_ = 0;
-  bool spare_ = false;
   double alone_told_s_ = 0.0, alone_until_s_ = 0.0;
 
   std::optional<double> cut_off_s_;  // since when

@@ -17,11 +17,13 @@ from tarvomeldric import (
     CallPolicy,
     CircuitBreaker,
     Contract,
+    FleetRateLimiter,
     ProviderConfig,
     RateLimiter,
     SelfHealingEngine,
     _engine,
 )
+from tarvomeldric._fleet_limits import check_settings
 from tarvomeldric._host_names import is_loopback, require_names
 from tarvomeldric.clients.routes import Route
 from tarvomeldric.gateway.tables import WRONG, Reader, below, parameters_of, reference
@@ -103,6 +105,23 @@ class Streams:
 
 
 @dataclass(frozen=True)
+class Fleet:
+    """A limit that several gateways have in common; what it holds is that of `FleetRateLimiter`."""
+
+    name: str
+    requests_per_minute: float
+    burst: int | None = None
+    redis_url: Secret | None = field(default=None, repr=False)
+    share_retry_after: bool = True
+
+    def __post_init__(self) -> None:
+        check_settings(**vars(self))
+
+    def limiter(self) -> FleetRateLimiter:
+        return FleetRateLimiter(**vars(self))
+
+
+@dataclass(frozen=True)
 class Provider:
     """One provider. Where it is need not be said of the presets, which then have their models, too."""
 
@@ -112,6 +131,7 @@ class Provider:
     slots: int = 10
     burst: int = 60
     requests_per_second: float = 10.0
+    fleet: Fleet | None = None
     breaker: CircuitBreaker | None = None
     extra_headers: dict[str, str] | None = field(default=None, repr=False)
     extra_query: dict[str, str] | None = field(default=None, repr=False)
@@ -223,7 +243,11 @@ class Config:
     passthrough: Name | None = None
 
     def engine(self) -> SelfHealingEngine:
-        return SelfHealingEngine({name: it.record(name) for name, it in self.providers.items()})
+        records = {name: it.record(name) for name, it in self.providers.items()}
+        for name, provider in self.providers.items():
+            if provider.fleet is not None:
+                records[name].rate_limiter = provider.fleet.limiter()
+        return SelfHealingEngine(records)
 
 
 def load(path: Path) -> Config:

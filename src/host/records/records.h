@@ -12,7 +12,6 @@
 #include "engine/policy.h"
 #include "engine/trace.h"
 #include "flywheel/learner.h"
-#include "guards/fleet_rate_limiter.h"
 #include "host/records/convert.h"
 #include "observability/metrics_collector.h"
 #include "providers/provider_config.h"
@@ -112,7 +111,6 @@ constexpr auto python_name(Named<SemanticTopology>) { return const_name("Semanti
 constexpr auto python_name(Named<MetricsCollector>) { return const_name("MetricsCollector"); }
 constexpr auto python_name(Named<CircuitBreaker>) { return const_name("CircuitBreaker"); }
 constexpr auto python_name(Named<RateLimiter>) { return const_name("RateLimiter"); }
-constexpr auto python_name(Named<FleetRateLimiter>) { return const_name("_FleetRateLimiter"); }
 constexpr auto python_name(Named<Bulkhead>) { return const_name("Bulkhead"); }
 constexpr auto python_name(Named<ProviderConfig>) { return const_name("ProviderConfig"); }
 constexpr auto python_name(Named<Diagnosis>) { return const_name("Diagnosis"); }

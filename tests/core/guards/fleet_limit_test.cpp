@@ -71,15 +71,18 @@ TEST_F(FleetLimitTest, RefundMakesNoTokenBeyondTheLease) {
   EXPECT_EQ(exchange({}).returned, 1);
 }
 
-TEST_F(FleetLimitTest, IdleMemberKeepsASliceWhereThereIsSpare) {
-  EXPECT_EQ(exchange({.granted = 3, .spare = true}).wanted, 3);
+TEST_F(FleetLimitTest, IdleMemberKeepsASliceUntilItIsAskedBack) {
+  EXPECT_EQ(exchange({.granted = 3}).wanted, 3);
   clock.advance(1.5);
   EXPECT_LE(limiter.due_s(), 0.0);
-  EXPECT_EQ(exchange({.granted = 0, .spare = false}).held, 3);
+  EXPECT_EQ(exchange({}).held, 3);
+  EXPECT_EQ(limiter.snapshot().tokens, 3.0);
   clock.advance(1.5);
-  const FleetRequest asked = exchange({});
-  EXPECT_EQ(asked.held, 0);
-  EXPECT_EQ(asked.returned, 3);
+  limiter.ask();
+  EXPECT_EQ(taken(2), 2);
+  limiter.settle({.granted = -3});
+  EXPECT_EQ(taken(1), 0);
+  EXPECT_EQ(exchange({}).owed, 2.0) << "spent while they were being given back";
 }
 
 TEST_F(FleetLimitTest, MembersInNeedTakeTurns) {
@@ -100,7 +103,7 @@ TEST_F(FleetLimitTest, MemberThatIsCutOffSpendsItsPartForAMinuteAndOwesIt) {
   limiter.fail();
   clock.advance(10.0);
   EXPECT_EQ(taken(9), 0) << "it never saw Redis";
-  exchange({.granted = 1, .members = 2, .most = 6, .born_us = 7, .idle_us = 8});
+  exchange({.granted = 1, .members = 2, .most = 6, .born_us = 7});
   limiter.fail();
   EXPECT_EQ(taken(9), 1) << "what it held";
   double count = 0;
@@ -111,7 +114,6 @@ TEST_F(FleetLimitTest, MemberThatIsCutOffSpendsItsPartForAMinuteAndOwesIt) {
   const FleetRequest asked = exchange({});
   EXPECT_EQ(asked.owed, count);
   EXPECT_EQ(asked.born_us, 7);
-  EXPECT_EQ(asked.idle_us, 8);
   EXPECT_NEAR(asked.cut_off_s, 90.0, 1e-6);
   EXPECT_EQ(limiter.figures().owed, 0.0);
   EXPECT_EQ(taken(9), 0);
@@ -134,8 +136,7 @@ TEST_F(FleetLimitTest, NothingInAReplyGrantsMoreThanWasAskedFor) {
   for (const std::int64_t count : {least, std::int64_t{-1}, std::int64_t{0}, most}) {
     for (const double time : {-huge, none, huge}) {
       limiter.acquire();
-      const FleetRequest asked =
-          exchange({count, count, count, count, time, true, count, count, time});
+      const FleetRequest asked = exchange({count, count, count, count, time, count, time});
       EXPECT_LE(taken(20), asked.held + asked.wanted);
       EXPECT_LE(limiter.left_alone_s(), 900.0);
       EXPECT_LE(limiter.due_s(), 1.5);
