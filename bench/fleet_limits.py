@@ -14,7 +14,6 @@ from __future__ import annotations
 import argparse
 import json
 import signal
-import subprocess
 import sys
 import time
 from collections.abc import Callable, Iterator
@@ -26,7 +25,7 @@ from typing import Any
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.append(str(ROOT / "tools"))  # the support package
 
-from support import RedisServer, start_child, until  # noqa: E402
+from support import RedisServer, start_child  # noqa: E402
 
 SLACK = 0.5  # tokens, for the clock of Redis and ours
 
@@ -190,7 +189,9 @@ def measure_fleets(folder: Path, seconds: float) -> Iterator[str]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawTextHelpFormatter
+    )
     parser.add_argument("--seconds", type=float, default=10.0, help="of each run")
     options = parser.parse_args()
     with TemporaryDirectory() as folder:

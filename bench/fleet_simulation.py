@@ -17,11 +17,11 @@ from typing import Any, NamedTuple
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "tools"))  # the support package
 
-import redis  # noqa: E402
+import redis
 
-from support import RedisServer  # noqa: E402
-from tarvomeldric._engine import _FleetRateLimiter, _SimulatedClock  # noqa: E402
-from tarvomeldric._fleet_limits import SCRIPT  # noqa: E402
+from support import RedisServer
+from tarvomeldric._engine import _FleetRateLimiter, _SimulatedClock
+from tarvomeldric._fleet_limits import SCRIPT
 
 TOLD = "{math.floor(ARGV[#ARGV] / 1000000), ARGV[#ARGV] % 1000000}"
 EPOCH = 1_700_000_000.0  # seconds

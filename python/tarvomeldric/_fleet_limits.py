@@ -178,7 +178,7 @@ class _Courier:
     def _begin(self) -> None:
         self._bell: SimpleQueue[None] = SimpleQueue()
         self._client: Any = None
-        self._silent = False
+        self._silent = True
 
     def ring(self) -> None:
         """Wakes the thread, from wherever; never waits."""
@@ -214,14 +214,17 @@ class _Courier:
             except Empty:
                 pass
             self._serve_due()
-        if self._client is not None:
-            self._client.close()
 
     def _keep_members(self) -> bool:
         with _changing:
             self._members = [member for member in self._members if member.limiter()]
             self._running = bool(self._members)
-            return self._running
+            if self._running:
+                return True
+            client, self._client, self._silent = self._client, None, True
+        if client is not None:
+            client.close()
+        return False
 
     def _alive(self) -> Iterator[tuple[_Member, FleetRateLimiter]]:
         for member in list(self._members):
@@ -242,9 +245,7 @@ class _Courier:
                 replies = self._exchange(due)
         except Exception as error:
             self._silent = True
-            replies = [error.with_traceback(None)] * len(due)
-        else:
-            self._silent = False
+            replies = [error] * len(due)
         for (_, limiter), reply in zip(due, replies, strict=True):
             _settle(limiter, reply)
 
@@ -252,35 +253,31 @@ class _Courier:
         if self._client is None:
             self._client = _redis.connect(self._url)
         if self._silent:
-            # A server that was stopped would come to what it was asked meanwhile, and grant it.
-            self._client.ping()
-        asked = [(member.key, member.name, *limiter._ask()) for member, limiter in due]
+            # Answered before anything is asked for: a server that was stopped comes to what it was
+            # sent meanwhile, and would grant it. It may not know the script, or no longer.
+            self._client.script_load(SCRIPT)
         batch = self._client.pipeline(transaction=False)
-        for arguments in asked:
-            batch.evalsha(_DIGEST, 1, *arguments)
+        for member, limiter in due:
+            batch.evalsha(_DIGEST, 1, member.key, member.name, *limiter._ask())
         replies: list[Any] = batch.execute(raise_on_error=False)
-        return [
-            self._client.eval(SCRIPT, 1, *arguments) if _is_unknown(reply) else reply
-            for arguments, reply in zip(asked, replies, strict=True)
-        ]
-
-
-def _is_unknown(reply: Any) -> bool:
-    """Whether the server has no such script, as after it was started."""
-    import redis
-
-    return isinstance(reply, redis.exceptions.NoScriptError)
+        self._silent = any(isinstance(reply, Exception) for reply in replies)
+        return replies
 
 
 def _settle(limiter: FleetRateLimiter, reply: Any) -> None:
-    try:
-        if isinstance(reply, Exception):
-            raise reply
-        limiter._settle(*reply[:7])
-        limiter._error = ""
-    except Exception as error:
+    failure: Exception | None = None
+    if isinstance(reply, Exception):
+        failure = reply
+    else:
+        try:
+            limiter._settle(*reply[:7])
+        except Exception as error:
+            failure = error
+    limiter._error = ""
+    if failure is not None:
         limiter._fail()
-        limiter._error = f"{type(error).__name__}: {error}"[:_LONGEST_ERROR]
+        limiter._error = f"{type(failure).__name__}: {failure}"[:_LONGEST_ERROR]
+        failure.__traceback__ = None  # its frames know the limiter, which would outlive its owners
 
 
 _changing = threading.Lock()

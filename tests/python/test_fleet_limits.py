@@ -16,7 +16,7 @@ import pytest
 import redis
 
 from support import RedisServer, engine_with, provider, run_child, tireless, until
-from tarvomeldric import CallPolicy, CallRefused, FleetRateLimiter
+from tarvomeldric import APIError, CallPolicy, CallRefused, FleetRateLimiter
 from tarvomeldric.simulator import ProviderSimulator, Reply
 
 sys.path.append(str(Path(__file__).parents[2] / "bench"))
@@ -37,6 +37,10 @@ def limiter(name: str = "a", a_minute: float = 6000, **more: Any) -> FleetRateLi
     made = FleetRateLimiter(name, requests_per_minute=a_minute, **more)
     until(made.acquire)
     return made
+
+
+def assert_nobody_serves() -> None:
+    until(lambda: "fleet limits" not in {thread.name for thread in threading.enumerate()})
 
 
 @pytest.mark.parametrize(
@@ -85,19 +89,22 @@ def test_copies_are_members_of_their_own(server: RedisServer) -> None:
     assert repr(first) == (
         "FleetRateLimiter(name='a', requests_per_minute=6000, burst=7, share_retry_after=False)"
     )
-    until(lambda: first.fleet["members"] == 3)
+    until(lambda: others[1].fleet["members"] == 3)
     record = provider(rate_limiter=first)
     assert record.rate_limiter is first
-    del first, others, record
-    until(lambda: "fleet limits" not in {thread.name for thread in threading.enumerate()})
+
+
+def test_the_thread_ends_with_its_limiters(server: RedisServer) -> None:
+    limiter()
+    assert_nobody_serves()
 
 
 def test_every_request_is_charged(server: RedisServer) -> None:
     shared = limiter(a_minute=60, burst=1)
     until(lambda: shared.fleet["holding"] == 1)
     with ProviderSimulator(default=500) as simulator:
-        engine = engine_with(tireless(base_url=simulator.base_url, rate_limiter=shared))
-        with pytest.raises(CallRefused):
+        record = tireless(base_url=simulator.base_url, rate_limiter=shared)
+        with engine_with(record) as engine, pytest.raises(CallRefused):
             engine.with_policy(CallPolicy(initial_backoff=0.01)).call_sync("Hi")
         assert simulator.request_count <= 2
     assert shared.to_dict()["rejected"] > 0
@@ -109,8 +116,9 @@ def test_what_a_provider_asked_for_is_known_to_all(server: RedisServer) -> None:
     with ProviderSimulator(default="answer") as simulator:
         simulator.script(Reply(status=429, headers={"Retry-After": "100"}))
         records[0].base_url = simulator.base_url
-        with pytest.raises(CallRefused):
-            engine_with(records[0]).with_policy(CallPolicy(max_retries=0)).call_sync("Hi")
+        policy = CallPolicy(max_attempts=1, retry_after=True)
+        with engine_with(records[0]) as engine, pytest.raises(APIError, match="429"):
+            engine.with_policy(policy).call_sync("Hi")
     until(lambda: records[1]._left_alone_s() > 90)
     until(deaf.acquire)
     assert records[2]._left_alone_s() == 0
@@ -170,9 +178,12 @@ def test_an_odd_reply_grants_no_more_than_was_asked_for(reply: bytes) -> None:
             while asked := client.recv(65536):
                 client.sendall(b"+PONG\r\n" if b"PING" in asked else reply)
 
-    with socket.create_server(("127.0.0.1", 0)) as listener:
-        threading.Thread(target=serve, daemon=True).start()
-        url = f"redis://127.0.0.1:{listener.getsockname()[1]}"
+    def use(url: str) -> None:
         shared = FleetRateLimiter("a", requests_per_minute=60, burst=5, redis_url=url)
         until(lambda: shared.fleet["connected"] or bool(shared.fleet["error"]))
         assert sum(shared.acquire() for _ in range(9)) <= 1
+
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        threading.Thread(target=serve, daemon=True).start()
+        use(f"redis://127.0.0.1:{listener.getsockname()[1]}")
+        assert_nobody_serves()

@@ -337,6 +337,7 @@ base_url = "http://${HOST}"
 api_key = "${NOT_SET}"
 slots = 0
 breaker = { cooldown_seconds = -1 }
+fleet = { name = "a b", requests_per_minute = 500, redis_url = "${REDIS}" }
 [policy]
 base = "intractive"
 deadline = -1
@@ -361,6 +362,7 @@ COMPLAINTS = [
     "providers.local.api_key: the environment has no NOT_SET",
     "providers.local.slots: must be above 0, and finite",
     "providers.local.breaker: cooldown_seconds must be above 0, and finite",
+    "providers.local.fleet.name: must be 1 to 200 of: letters, digits, . : / @ + - _",
     'policy.base: must be "interactive" or "batch" or "none"',
     "policy.retry_budget.ratio: must be a finite number, at least 0",
     "policy.deadline: must be a positive, finite number of seconds",
@@ -412,6 +414,7 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
 
     monkeypatch.setenv("OPENAI_API_KEY", "sk-secret")
     monkeypatch.setenv("HOST", "x")
+    monkeypatch.setenv("REDIS", "redis://:secret@localhost")
     for verb in "check", "gateway --config":
         status, out, err = told(verb, WRONG)
         assert (status, out) == (1, "")
