@@ -109,7 +109,7 @@ def run_fleet(
     meanwhile: Callable[[list[Any]], None] = lambda _: None,
 ) -> tuple[Log, float, float]:
     """Runs the members side by side; the log, and when they began and ended."""
-    start = time.monotonic() + 2.0 + 1.0 * members
+    start = time.monotonic() + 2.0 + 0.5 * members
     paths = [folder / f"{number}.log" for number in range(members)]
     figures = [*map(str, (rate, burst, start, start + seconds, 0.002))]
     children = [start_child(MEMBER, server.url, *figures, str(path)) for path in paths]
@@ -188,6 +188,35 @@ def measure_fleets(folder: Path, seconds: float) -> Iterator[str]:
         )
 
 
+def measure_acquire(tries: int = 20_000) -> Iterator[str]:
+    """What `acquire` takes, in turns with a plain limiter, while Redis is well and while it is stopped."""
+    plain = RateLimiter(max_tokens=50, refill_rate=100.0)
+    with RedisServer() as server:
+        shared = FleetRateLimiter("bench", requests_per_minute=6000, burst=50, redis_url=server.url)
+        until(shared.acquire)
+        for state in ("well", "stopped"):
+            if state == "stopped":
+                server.pause()
+                until(lambda: not shared.fleet["connected"])
+            taken: dict[str, list[int]] = {"plain": [], "fleet": []}
+            for _ in range(tries):
+                for name, limiter in ("plain", plain), ("fleet", shared):
+                    began = time.perf_counter_ns()
+                    limiter.acquire()
+                    taken[name].append(time.perf_counter_ns() - began)
+                time.sleep(0.0001)
+            figures = {name: sorted(each) for name, each in taken.items()}
+            for share, called in (0.5, "p50"), (0.99, "p99"):
+                own, other = (
+                    figures[name][int(tries * share)] / 1e3 for name in ("fleet", "plain")
+                )
+                yield (
+                    f"acquire, Redis {state:<8} {called} {own:6.2f} us, "
+                    f"{own / other:.2f} of a plain limiter's {other:.2f} us"
+                )
+        server.resume()
+
+
 def main() -> None:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawTextHelpFormatter
@@ -195,7 +224,7 @@ def main() -> None:
     parser.add_argument("--seconds", type=float, default=10.0, help="of each run")
     options = parser.parse_args()
     with TemporaryDirectory() as folder:
-        for line in measure_fleets(Path(folder), options.seconds):
+        for line in chain(measure_acquire(), measure_fleets(Path(folder), options.seconds)):
             print(line, flush=True)
 
 

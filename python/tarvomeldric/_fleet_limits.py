@@ -245,7 +245,7 @@ class _Courier:
                 replies = self._exchange(due)
         except Exception as error:
             self._silent = True
-            replies = [error] * len(due)
+            replies = [_told(error)] * len(due)
         for (_, limiter), reply in zip(due, replies, strict=True):
             _settle(limiter, reply)
 
@@ -259,25 +259,30 @@ class _Courier:
         batch = self._client.pipeline(transaction=False)
         for member, limiter in due:
             batch.evalsha(_DIGEST, 1, member.key, member.name, *limiter._ask())
-        replies: list[Any] = batch.execute(raise_on_error=False)
-        self._silent = any(isinstance(reply, Exception) for reply in replies)
+        replies = [
+            _told(reply) if isinstance(reply, Exception) else reply
+            for reply in batch.execute(raise_on_error=False)
+        ]
+        self._silent = any(isinstance(reply, str) for reply in replies)
         return replies
 
 
+def _told(failure: Exception) -> str:
+    # The frames of its traceback know the limiters, which would outlive their owners.
+    failure.__traceback__ = None
+    return f"{type(failure).__name__}: {failure}"[:_LONGEST_ERROR]
+
+
 def _settle(limiter: FleetRateLimiter, reply: Any) -> None:
-    failure: Exception | None = None
-    if isinstance(reply, Exception):
-        failure = reply
-    else:
-        try:
-            limiter._settle(*reply[:7])
-        except Exception as error:
-            failure = error
+    """Ends a limiter's exchange with a reply, or with the text of what went wrong."""
     limiter._error = ""
-    if failure is not None:
+    try:
+        if isinstance(reply, str):
+            raise ValueError(reply)
+        limiter._settle(*reply[:7])
+    except Exception as error:
         limiter._fail()
-        limiter._error = f"{type(failure).__name__}: {failure}"[:_LONGEST_ERROR]
-        failure.__traceback__ = None  # its frames know the limiter, which would outlive its owners
+        limiter._error = reply if isinstance(reply, str) else _told(error)
 
 
 _changing = threading.Lock()

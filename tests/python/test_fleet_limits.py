@@ -100,7 +100,7 @@ def test_the_thread_ends_with_its_limiters(server: RedisServer) -> None:
 
 
 def test_every_request_is_charged(server: RedisServer) -> None:
-    shared = limiter(a_minute=60, burst=1)
+    shared = FleetRateLimiter("a", requests_per_minute=20, burst=1)
     until(lambda: shared.fleet["holding"] == 1)
     with ProviderSimulator(default=500) as simulator:
         record = tireless(base_url=simulator.base_url, rate_limiter=shared)
