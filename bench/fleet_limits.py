@@ -25,8 +25,10 @@ from typing import Any
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.append(str(ROOT / "tools"))  # the support package
 
-from support import RedisServer, start_child  # noqa: E402
+from support import RedisServer, start_child, until  # noqa: E402
+from tarvomeldric import FleetRateLimiter, RateLimiter  # noqa: E402
 
+WARM_UP = 2.0  # seconds in which members take what idle ones keep
 SLACK = 0.5  # tokens, for the clock of Redis and ours
 
 # One process of the fleet: asks all the time, and says when it was admitted and what it drew. The
@@ -34,7 +36,7 @@ SLACK = 0.5  # tokens, for the clock of Redis and ours
 MEMBER = """
 import json, os, sys, time
 from tarvomeldric import FleetRateLimiter, _fleet_limits
-url, rate, burst, start, end, pause, path = sys.argv[1], *map(float, sys.argv[2:7]), sys.argv[7]
+url, rate, burst, seconds, pause, path, go = sys.argv[1], *map(float, sys.argv[2:6]), *sys.argv[6:]
 limiter = FleetRateLimiter("bench", requests_per_minute=rate * 60, burst=int(burst), redis_url=url)
 ask, settle, asked, draws = limiter._ask, _fleet_limits._settle, [], []
 def log_request():
@@ -46,8 +48,8 @@ def log_reply(_, reply):
 limiter._ask, _fleet_limits._settle = log_request, log_reply
 file = open(path, "w", buffering=1)
 print("ready", flush=True)
-while time.monotonic() < start: time.sleep(0.001)
-tries = 0
+while not os.path.exists(go): time.sleep(0.01)
+end, tries = time.monotonic() + seconds, 0
 while time.monotonic() < end:
     before, cpu = time.monotonic(), time.perf_counter_ns()
     admitted = limiter.acquire()
@@ -109,17 +111,19 @@ def run_fleet(
     meanwhile: Callable[[list[Any]], None] = lambda _: None,
 ) -> tuple[Log, float, float]:
     """Runs the members side by side; the log, and when they began and ended."""
-    start = time.monotonic() + 2.0 + 0.5 * members
     paths = [folder / f"{number}.log" for number in range(members)]
-    figures = [*map(str, (rate, burst, start, start + seconds, 0.002))]
-    children = [start_child(MEMBER, server.url, *figures, str(path)) for path in paths]
+    go = folder / "go"
+    go.unlink(missing_ok=True)
+    figures = [*map(str, (rate, burst, seconds, 0.002))]
+    children = [start_child(MEMBER, server.url, *figures, str(path), str(go)) for path in paths]
     draws: list[list[int]] = []
     try:
         for child in children:
             assert child.stdout is not None
             assert child.stdout.readline() == "ready\n"
-        assert time.monotonic() < start, "the machine is too busy to start so many at once"
-        time.sleep(start - time.monotonic())
+        time.sleep(WARM_UP)
+        start = time.monotonic()
+        go.touch()
         meanwhile(children)
         for child in children:
             out, err = child.communicate(timeout=seconds + 60)
@@ -199,8 +203,10 @@ def measure_acquire(tries: int = 20_000) -> Iterator[str]:
                 server.pause()
                 until(lambda: not shared.fleet["connected"])
             taken: dict[str, list[int]] = {"plain": [], "fleet": []}
+            turns = [("plain", plain), ("fleet", shared)]
             for _ in range(tries):
-                for name, limiter in ("plain", plain), ("fleet", shared):
+                turns.reverse()  # the first one pays for the pause
+                for name, limiter in turns:
                     began = time.perf_counter_ns()
                     limiter.acquire()
                     taken[name].append(time.perf_counter_ns() - began)
