@@ -138,6 +138,7 @@ std::optional<Sent> Race::find() {
 
 bool Race::fits(const Target& candidate) const {
   if (candidate.name == first_->target.name) return false;
+  if (!pass_.io.may_race(candidate.provider)) return false;
   if (pass_.left_alone_s(candidate.provider) > 0) return false;
   if (engine_.hedging.is_aside(lane_of(candidate))) return false;
   const bool exact = pass_.domain() == SemanticDomain::kStrongEquivalence;
