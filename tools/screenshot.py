@@ -22,6 +22,7 @@ from tarvomeldric.simulator import ProviderSimulator, Reply, ReplyLike, rehearsa
 
 ROOT = Path(__file__).resolve().parent.parent
 QUARTER = 15 * 60  # seconds
+HEALED = "at('state').textContent == 'live' && document.querySelector('li:nth-child(-n + 4) > * > .healed')"
 MODELS = ["gpt-4o", "claude-sonnet-4-20250514", "gpt-4o-mini", "gemini-1.5-pro", None]
 # How long an answer takes (in seconds), how often a provider fails, and in which ways.
 PROVIDERS: dict[str, tuple[float, float, list[ReplyLike]]] = {
@@ -70,12 +71,14 @@ def picture_of_the_live_page() -> None:
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as program:
         assert program.stdout
         address = next(line.split()[-1] for line in program.stdout if "/live" in line)
-        time.sleep(QUARTER)
-        with opened(address, 1280, 800) as browser:
-            wait_for(browser, "document.querySelectorAll('.card').length")
-            keep("live.png", browser.screenshot(880))
-        program.terminate()
-        program.communicate()
+        try:
+            time.sleep(QUARTER)
+            with opened(address, 1280, 800) as browser:
+                wait_for(browser, HEALED)
+                keep("live.png", browser.screenshot(820))
+        finally:
+            program.terminate()
+            program.communicate()
 
 
 @contextmanager
