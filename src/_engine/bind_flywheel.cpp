@@ -147,6 +147,9 @@ void bind_fleet(LearnerClass& cls) {
       },
       "Puts a rule of the shared hash into the table, while there is room.", arg("key"),
       arg("rule"));
+  def(
+      cls, "_record_kept", [](PythonLearner& self) { self.record_kept(); },
+      "Records what calls that could not wait have kept for this.");
   def(cls, "_after_fork", &PythonLearner::after_fork, "Starts afresh in the child of a fork.");
   bind_member<&PythonLearner::redis_url>(cls, "_redis_url");
   bind_member<&PythonLearner::redis_channel>(cls, "_redis_channel");

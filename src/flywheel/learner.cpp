@@ -98,6 +98,38 @@ void FlywheelLearner::record(const Outcome& outcome) {
   if (shared && publisher_) publisher_->publish(key, *rule);
 }
 
+bool FlywheelLearner::keep(Outcome outcome) {
+  MutexLock lock(kept_mutex_);
+  kept_.push_back(std::move(outcome));
+  return !is_asked_.exchange(true);
+}
+
+void FlywheelLearner::record_kept() {
+  for (;;) {
+    std::vector<Outcome> kept;
+    {
+      MutexLock lock(kept_mutex_);
+      kept.swap(kept_);
+      if (kept.empty()) {
+        is_asked_ = false;
+        return;
+      }
+    }
+    try {
+      for (const Outcome& outcome : kept) record(outcome);
+    } catch (...) {
+      is_asked_ = false;
+      throw;
+    }
+  }
+}
+
+void FlywheelLearner::forget_kept() {
+  MutexLock lock(kept_mutex_);
+  kept_.clear();
+  is_asked_ = false;
+}
+
 // Left out of the analysis: `record` and `seed` hold the lock, and Python code that calls it by
 // hand may.
 void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
@@ -109,7 +141,7 @@ void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
 
 // Left out of the analysis: the answer may be out of date as soon as it is given, locked or not.
 bool FlywheelLearner::would_wait() const NO_THREAD_SAFETY_ANALYSIS {
-  return mutex_.locked() || (publisher_ && fields_.sync_mode == "redis");
+  return mutex_.locked() || is_asked_ || (publisher_ && fields_.sync_mode == "redis");
 }
 
 bool FlywheelLearner::would_write() const NO_THREAD_SAFETY_ANALYSIS {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -70,6 +71,13 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   explicit FlywheelLearner(std::string persist_path = "", const Clock& clock = system_clock());
 
   void record(const Outcome& outcome);
+  // For one who must not wait: keeps an outcome for `record_kept`, which somebody else is to call.
+  // True where nobody has been asked to yet.
+  bool keep(Outcome outcome);
+  // Records what is kept, in order, until nothing is.
+  void record_kept();
+  // Nobody can be asked; or this is the child of a fork, and what is kept the parent's to record.
+  void forget_kept();
   // The most confident rule above 0.6 for exactly this pattern, else for its category (the part
   // before the first colon); null when there is none. Rules gone stale lose confidence first.
   RulePtr match(std::string_view error_pattern);
@@ -96,7 +104,8 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.
   void persist();
   RulesFile& file() { return file_; }
-  // Whether `record` would wait: the lock is held, or there is a fleet to tell.
+  // Whether `record` would wait, or come before what is kept: the lock is held, somebody is to
+  // record what is kept, or there is a fleet to tell.
   bool would_wait() const;
   // Whether the next `record` writes the rules file.
   bool would_write() const;
@@ -117,6 +126,9 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   RulesFile file_;
   RulePublisher* publisher_ = nullptr;
   std::int64_t rules_passed_over_ GUARDED_BY(mutex_) = 0;
+  Mutex kept_mutex_;
+  std::vector<Outcome> kept_ GUARDED_BY(kept_mutex_);
+  std::atomic<bool> is_asked_{false};  // somebody is to record them
 };
 
 }  // namespace tarvomeldric

@@ -194,9 +194,14 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
   if (state_.abort.is_valid()) state_.exchange.abort = state_.abort;
 }
 
-void CallIo::learn_later(const Outcome& outcome) {
-  call(Helper::kHandOver, state_.parts.learner, "record", from_utf8(outcome.error_pattern),
-       from_utf8(outcome.action), outcome.success, outcome.heal_time_ms);
+void CallIo::learn_later(Outcome outcome) {
+  if (!learner().keep(std::move(outcome))) return;
+  try {
+    call(Helper::kHandOver, state_.parts.learner, "_record_kept");
+  } catch (...) {
+    learner().forget_kept();
+    throw;
+  }
 }
 
 nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& provider,
@@ -229,7 +234,7 @@ Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model, At
 
 Task<void> BlockingIo::learn(Outcome outcome) {
   if (hurried() && (learner().would_wait() || learner().would_write())) {
-    learn_later(outcome);
+    learn_later(std::move(outcome));
   } else {
     learner().record(outcome);
   }
@@ -257,7 +262,7 @@ Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, dou
 // What would hold up the event loop is done by the learner's worker thread, in order.
 Task<void> AwaitingIo::learn(Outcome outcome) {
   if (hurried() && (learner().would_wait() || learner().would_write())) {
-    learn_later(outcome);
+    learn_later(std::move(outcome));
     co_return;
   }
   if (!learner().would_wait()) {

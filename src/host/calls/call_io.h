@@ -121,7 +121,7 @@ class CallIo : public Io {
   ContextValue open_report(double limit_s);
   // Whether waiting for the learner could cost the call its deadline.
   bool hurried() const { return state_.asked_policy().deadline_s.has_value(); }
-  void learn_later(const Outcome& outcome);
+  void learn_later(Outcome outcome);
   // Takes what came of a request of a race as the newest of the call.
   Finish adopt(Raced& raced);
 

@@ -98,6 +98,7 @@ void PythonLearner::subscribe() {
 }
 
 void PythonLearner::after_fork() {
+  forget_kept();
   call(Helper::kKeepAfterFork, redis_client, redis_sub_thread, link);
   if (shares()) init_redis();
 }

@@ -96,6 +96,21 @@ struct Fleet final : RulePublisher {
   std::string told;
 };
 
+TEST_F(LearnerTest, KeepsWhatIsToBeRecordedLaterInOrderAndAsksOnce) {
+  EXPECT_TRUE(learner.keep({"odd", "first", true}));
+  EXPECT_FALSE(learner.keep({"odd", "second", false}));
+  EXPECT_TRUE(learner.would_wait());
+  EXPECT_EQ(learner.stats().total_records, 0);
+  learner.record_kept();
+  EXPECT_FALSE(learner.would_wait());
+  EXPECT_EQ(learner.rules()[84]->action, "first");
+  EXPECT_EQ(learner.rules()[85]->action, "second");
+  EXPECT_TRUE(learner.keep({"odd", "third", true}));
+  learner.forget_kept();
+  learner.record_kept();
+  EXPECT_EQ(learner.rules().size(), 86U);
+}
+
 TEST_F(LearnerTest, TellsAFleetAndTakesFromItOnlyWhatIsMoreConfident) {
   Fleet fleet;
   learner.set_publisher(&fleet);
