@@ -164,15 +164,14 @@ def test_a_call_closed_by_hand_does_not_hold_up_those_after_it() -> None:
 
 @pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning")  # of its transport
 def test_a_call_whose_loop_is_gone_ends_when_it_is_closed_and_blames_nobody() -> None:
-    async def ask() -> None:
+    async def ask(engine: SelfHealingEngine) -> None:
         while True:
             with contextlib.suppress(Exception):
                 await engine.call("Hi")
 
-    with ProviderSimulator(default=Fault.STALL) as simulator:
-        engine = engine_on(simulator)
+    def close_by_hand(engine: SelfHealingEngine) -> None:
         loop = asyncio.new_event_loop()
-        asking: Any = ask()
+        asking: Any = ask(engine)
         task: Any = loop.create_task(asking)
         loop.run_until_complete(asyncio.sleep(0.2))
         task._log_destroy_pending = False
@@ -180,5 +179,7 @@ def test_a_call_whose_loop_is_gone_ends_when_it_is_closed_and_blames_nobody() ->
         asking.close()
         assert engine._providers["mine"].fail_count == 0
         assert idle(engine)
-        del engine, task, asking, ask
+
+    with ProviderSimulator(default=Fault.STALL) as simulator:
+        close_by_hand(engine_on(simulator))
         gc.collect()

@@ -194,8 +194,8 @@ PySendResult Coroutine::bound_awaited(PyObject** waited) {
 }
 
 // The awaited operation hears of it first; what it makes of it is what the task gets. Anything
-// thrown at what cannot be thrown at closes it instead. A GeneratorExit closes it, too, and ends the
-// task where it is: what goes wrong with closing, for the loop may be gone, is no failure of a
+// thrown at what cannot be thrown at closes it instead. A GeneratorExit closes it, too, and ends
+// the task where it is: what goes wrong with closing, for the loop may be gone, is no failure of a
 // provider.
 PySendResult Coroutine::throw_into_awaited(nb::handle exception, PyObject** out) {
   const nb::object awaited = suspension_.awaiting;
