@@ -23,7 +23,7 @@ class Race final : public Rival {
  public:
   Race(Pass& pass, FailedAttempt& first) : pass_(pass), result_(first) {}
   ~Race() override {
-    if (second_) pass_.io.end_race();
+    if (racing_) pass_.io.end_race();  // nobody asks for a second one from now on
   }
   Race(const Race&) = delete;
   Race& operator=(const Race&) = delete;
@@ -59,6 +59,7 @@ class Race final : public Rival {
   FailedAttempt& result_;
   std::optional<Sent> first_;
   std::optional<Sent> second_;
+  bool racing_ = false;
   bool asked_ = false;  // whether there was reason to
 };
 
@@ -68,6 +69,7 @@ Task<bool> Race::run() {
   const std::optional<double> patience = patience_s();
   std::optional<Finish> finish;
   if (patience) {
+    racing_ = true;
     finish = co_await pass_.io.race(leg(*first_), *patience, *this);
   } else {
     const AttemptTerms terms = leg(*first_).terms;

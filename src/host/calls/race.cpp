@@ -186,7 +186,7 @@ Task<Finish> BlockingIo::race(Leg first, double patience_s, Rival& rival) {
 
 Task<Finish> BlockingIo::other() { co_return adopt(race_->wait()); }
 
-std::optional<Finish> BlockingIo::end_race() { return race_->leave(); }
+std::optional<Finish> BlockingIo::end_race() { return race_ ? race_->leave() : std::nullopt; }
 
 CallIo::MakeIo BlockingIo::twin() const {
   return [](CallState& state, Suspension*) -> std::unique_ptr<CallIo> {
