@@ -58,7 +58,6 @@ COUNTERS = (
     "errors_requests_spent",
     "hedge_sent",
     "hedge_won",
-    "hedge_denied",
 )
 
 

@@ -9,9 +9,9 @@ import asyncio
 import contextlib
 import contextvars
 import heapq
-import itertools
 import threading
 from collections.abc import Callable, Coroutine
+from queue import Empty, SimpleQueue
 from time import monotonic
 from typing import Any
 
@@ -20,13 +20,15 @@ from tarvomeldric import _fork
 _Leg = Coroutine[Any, Any, bool]  # sends a request; whether its answer is a good one
 
 _MOST_THREADS = 16
-_IDLE_S = 10.0  # after which a thread that has nothing to do ends
+_IDLE_S = 10.0  # after which the thread that keeps the time ends, when there is nothing to wait for
+_MANY = 64
 
 
 class Race:
     """The two requests of an awaited call, each as a task of its own.
 
-    What one of them raises is no failure of a provider, and passes.
+    What the first one raises is no failure of a provider, and passes; what the second one raises
+    passes when there is nothing but that.
     """
 
     def __init__(self, first: _Leg) -> None:
@@ -45,7 +47,7 @@ class Race:
         if second is not None:
             self._second = _task(second)
             await self._wait(self._first, self._second)
-            if not self._first.done() and self._second.result():
+            if not self._first.done() and _is_good(self._second):
                 self._first.cancel()
                 return True
         await self._wait(self._first)
@@ -79,6 +81,10 @@ def _task(leg: _Leg) -> asyncio.Task[bool]:
     return task
 
 
+def _is_good(second: asyncio.Task[bool]) -> bool:
+    return not second.cancelled() and second.exception() is None and second.result()
+
+
 def _hear(task: asyncio.Task[bool]) -> None:
     """Nobody asks the loser how it ended."""
     if not task.cancelled():
@@ -86,81 +92,104 @@ def _hear(task: asyncio.Task[bool]) -> None:
 
 
 class Due:
-    """Something that is to be done by one of the threads at its moment, unless it is called off."""
+    """Something that is to be done at a moment of the monotonic clock, unless it is called off."""
 
-    def __init__(self, job: Callable[[], None]) -> None:
-        self._context = contextvars.copy_context()
-        self._job: Callable[[], None] | None = job
+    def __init__(self, moment: float, job: Callable[[bool], None]) -> None:
+        self.moment = moment
+        self._work: tuple[contextvars.Context, Callable[[bool], None]] | None = None
+        self._work = contextvars.copy_context(), job
+
+    def __lt__(self, other: Due) -> bool:
+        return self.moment < other.moment
 
     def call_off(self) -> None:
-        self._job = None
+        self._work = None
 
     def is_off(self) -> bool:
-        return self._job is None
+        return self._work is None
 
-    def run(self) -> None:
-        if (job := self._job) is not None:
+    def run(self, in_time: bool) -> None:
+        """Has it done; or says that nobody can do it."""
+        work, self._work = self._work, None
+        if work is not None:
+            context, job = work
             with contextlib.suppress(Exception):
-                self._context.run(job)
+                context.run(job, in_time)
 
 
 class Threads:
-    """A few daemon threads that do things when they are due, or as soon after as one is free."""
+    """Does what is due on daemon threads: one keeps the time, and each job has one of its own.
+
+    Whoever asks takes no lock, for a signal handler may come in between and ask as well.
+    """
 
     def __init__(self) -> None:
-        self._changed = threading.Condition()  # its lock may be taken again by a signal handler
-        self._due: list[tuple[float, int, Due]] = []
-        self._order = itertools.count()
-        self._threads = 0
-        self._waiting = 0
+        self._inbox: SimpleQueue[Due] = SimpleQueue()
+        self._keeper: threading.Thread | None = None  # None while nobody keeps the time
+        self._working: set[object] = set()
 
-    def at(self, moment: float, job: Callable[[], None]) -> Due:
-        """Has the job done at a moment of the monotonic clock, in a copy of the caller's context."""
-        due = Due(job)
-        with self._changed:
-            heapq.heappush(self._due, (moment, next(self._order), due))
-            if self._due[0][2] is due:
-                self._keep_watch()
+    def at(self, moment: float, job: Callable[[bool], None]) -> Due:
+        """Has the job done, in a copy of the caller's context.
+
+        It is called with True; or with False when too many are at work.
+        """
+        due = Due(moment, job)
+        self._inbox.put(due)
+        if self._keeper is None:
+            self._keeper = _started(self._keep_time)
         return due
 
-    def _keep_watch(self) -> None:
-        if self._waiting:
-            self._changed.notify()
-        elif self._threads < _MOST_THREADS:
-            self._threads += 1
-            threading.Thread(target=self._work, name="hedge", daemon=True).start()
+    def _keep_time(self) -> None:
+        waiting: list[Due] = []
+        many = _MANY
+        while True:
+            patience = waiting[0].moment - monotonic() if waiting else _IDLE_S
+            with contextlib.suppress(Empty):
+                heapq.heappush(waiting, self._inbox.get(timeout=max(0.0, patience)))
+                if len(waiting) > many:  # of whom most may have been called off
+                    waiting = [due for due in waiting if not due.is_off()]
+                    heapq.heapify(waiting)
+                    many = max(_MANY, 2 * len(waiting))
+                continue
+            if waiting:
+                self._begin(heapq.heappop(waiting))
+            else:
+                self._keeper = None  # before the last look
+                if self._inbox.empty():
+                    return
 
-    def _work(self) -> None:
-        while (due := self._next()) is not None:
-            due.run()
-            del due  # with what it refers to
+    def _begin(self, due: Due) -> None:
+        if due.is_off():
+            return
 
-    def _next(self) -> Due | None:
-        """Waits for what is due next; None when there is nothing to wait for."""
-        with self._changed:
-            idle_since = monotonic()
-            while True:
-                while self._due and self._due[0][2].is_off():
-                    heapq.heappop(self._due)
-                now = monotonic()
-                if self._due and self._due[0][0] <= now:
-                    due = heapq.heappop(self._due)[2]
-                    self._keep_watch()
-                    return due
-                if not self._due and now - idle_since >= _IDLE_S:
-                    self._threads -= 1
-                    return None
-                self._waiting += 1
-                try:
-                    self._changed.wait(self._due[0][0] - now if self._due else _IDLE_S)
-                finally:
-                    self._waiting -= 1
+        def work() -> None:
+            try:
+                due.run(True)
+            finally:
+                self._working.discard(due)
+
+        if len(self._working) < _MOST_THREADS:
+            self._working.add(due)
+            if _started(work):
+                return
+            self._working.discard(due)
+        due.run(False)
+
+
+def _started(work: Callable[[], None]) -> threading.Thread | None:
+    """A thread for it, if there can be one."""
+    thread = threading.Thread(target=work, name="hedge", daemon=True)
+    try:
+        thread.start()
+    except RuntimeError:
+        return None
+    return thread
 
 
 _threads = Threads()
 
 
-def at(moment: float, job: Callable[[], None]) -> Due:
+def at(moment: float, job: Callable[[bool], None]) -> Due:
     """Has something done by one of this process's threads; see `Threads.at`."""
     return _threads.at(moment, job)
 

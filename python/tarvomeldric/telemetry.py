@@ -104,6 +104,9 @@ def _story(event: CallEvent) -> str:
     match event:
         case AttemptEvent(fault=None):
             return f"{event.provider}/{event.model} answered in {event.duration:.3f} s"
+        case AttemptEvent(fault="hedge_lost"):
+            asked = f"{event.provider}/{event.model}"
+            return f"{asked} is ended after {event.duration:.3f} s: another one has answered"
         case AttemptEvent():
             status = f", status {event.status}" if event.status else ""
             asked = f"{event.provider}/{event.model}"
@@ -124,7 +127,7 @@ def _story(event: CallEvent) -> str:
 
 def _is_trouble(event: CallEvent) -> bool:
     match event:
-        case AttemptEvent(fault=None):
+        case AttemptEvent(fault=None | "hedge_lost"):
             return False
         case AttemptEvent() | FaultEvent() | RefusalEvent():
             return True

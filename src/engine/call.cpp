@@ -52,6 +52,13 @@ class Call {
   void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
   Task<bool> wait_for_the_soonest();
   void choose_first();
+  std::string lane_of(const Target& target) const {
+    return HedgeBook::lane(target.name, target.model, pass_.request.streamed);
+  }
+  bool is_passed_over(const NamedProvider& at) const {
+    return pass_.policy().hedge_after &&
+           engine_.hedging.is_aside(lane_of(pass_.candidates.target(at)));
+  }
   Task<std::string> learned_provider() const;
   void refuse(CallFailed::Kind kind, const char* message);
   void end(CallFailed failed);
@@ -142,13 +149,11 @@ void Call::choose_first() {
   const CallPolicy& policy = pass_.policy();
   engine_.hedging.budget(policy.hedge_ratio, policy.hedge_burst)->deposit();
   std::vector<NamedProvider> others = available_;
-  while (!engine_.hedging.claim(
-      HedgeBook::lane(target_.name, target_.model, pass_.request.streamed))) {
+  while (!engine_.hedging.claim(lane_of(target_))) {
     std::erase_if(others, [&](const auto& one) { return one.name == target_.name; });
     if (others.empty()) return choose(pass_.candidates.pick(available_));
     choose(pass_.candidates.pick(others));
   }
-  available_ = std::move(others);
 }
 
 Task<void> Call::analyze() {
@@ -156,7 +161,7 @@ Task<void> Call::analyze() {
   const std::string name = co_await learned_provider();
   if (name.empty() || name == target_.name) co_return;
   const auto learned = std::ranges::find(available_, name, &NamedProvider::name);
-  if (learned == available_.end()) co_return;
+  if (learned == available_.end() || is_passed_over(*learned)) co_return;
   learned_ = true;
   choose(*learned);
   engine_.counters.count({Counter::kL4Learned});

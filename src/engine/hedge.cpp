@@ -23,7 +23,7 @@ class Race final : public Rival {
  public:
   Race(Pass& pass, FailedAttempt& first) : pass_(pass), result_(first) {}
   ~Race() override {
-    if (racing_) pass_.io.end_race();  // nobody asks for a second one from now on
+    if (racing_) pass_.io.leave_race();
   }
   Race(const Race&) = delete;
   Race& operator=(const Race&) = delete;
@@ -31,6 +31,7 @@ class Race final : public Rival {
   Task<bool> run();
   bool hedged() const { return second_.has_value(); }
   std::optional<Leg> enter() override;
+  void miss() override { engine_.metrics.inc(metric::kHedgeDenied); }
 
  private:
   std::optional<double> patience_s() const;
@@ -60,7 +61,6 @@ class Race final : public Rival {
   std::optional<Sent> first_;
   std::optional<Sent> second_;
   bool racing_ = false;
-  bool asked_ = false;  // whether there was reason to
 };
 
 Task<bool> Race::run() {
@@ -76,7 +76,6 @@ Task<bool> Race::run() {
     Attempt made = co_await pass_.io.execute(first_->target.provider, first_->target.model, terms);
     finish = Finish{false, std::move(made), engine_.clock.monotonic()};
   }
-  if (asked_) engine_.metrics.inc(second_ ? metric::kHedgeSent : metric::kHedgeDenied);
   if (!finish->second) {
     co_await after_first(std::move(*finish));
     co_return true;
@@ -111,8 +110,8 @@ Leg Race::leg(const Sent& request) const {
 
 // Nothing of others is run in here: the call may be waiting in another thread.
 std::optional<Leg> Race::enter() {
-  asked_ = true;
   second_ = find();
+  engine_.metrics.inc(second_ ? metric::kHedgeSent : metric::kHedgeDenied);
   if (!second_) return std::nullopt;
   engine_.hedging.overdue(first_->lane);
   return leg(*second_);
@@ -179,10 +178,10 @@ Task<void> Race::after_first(Finish finish) {
     if (second_) co_await wait_for_second();
     co_return;
   }
-  std::optional<Finish> failed;
-  if (second_) failed = pass_.io.end_race();
-  if (failed) {
-    const Tried other = note(*second_, std::move(*failed));
+  std::optional<Finish> no_good;
+  if (second_) no_good = pass_.io.end_race();
+  if (no_good) {
+    const Tried other = note(*second_, std::move(*no_good));
     co_await record_second(other);
   } else if (second_) {
     lose(*second_);

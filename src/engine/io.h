@@ -29,6 +29,7 @@ struct Attempt {
   std::optional<ApiFailure> failure;
   std::size_t answer_length = 0;       // characters
   bool empty = false;                  // an answer without content, where that is asked
+  const char* refused = nullptr;       // the label of one that was judged already, and is no good
   std::optional<std::int64_t> status;  // of an answer, where one was seen
 
   bool ok() const { return !failure; }
@@ -58,6 +59,8 @@ class Rival {
   // Asked once, from another thread maybe, while the call itself waits: no code of others is run.
   // Null when it stays with the first.
   virtual std::optional<Leg> enter() = 0;
+  // In its place: there is nobody to send the request.
+  virtual void miss() = 0;
 };
 
 // How one of the two requests came out.
@@ -96,9 +99,11 @@ class Io {
   virtual Task<Finish> race(Leg first, double patience_s, Rival& rival) = 0;
   // After the first has failed: how the second came out.
   virtual Task<Finish> other() = 0;
-  // Ends the second request if it is still under way; else how it failed, if it did. Clean-up:
-  // cannot fail.
+  // Ends the second request if it is still under way; else how it came out, where that is no good
+  // answer.
   virtual std::optional<Finish> end_race() = 0;
+  // The same for clean-up. From now on the rival is not asked.
+  virtual void leave_race() noexcept = 0;
   // Takes over the slot of an attempt that answered while its answer is still being streamed, and
   // with the slot the duty to record how that ends. Released at once by default.
   virtual void hold(const ProviderPtr& provider, AdmittedSlot slot);

@@ -110,7 +110,7 @@ Tried Pass::weigh(const Target& target, Attempt made, double sent_s, double over
     record.status = failure.status;
     record.fault = fault_label_of(failure.text, failure.status);
     tried.clients_fault = request.route && is_bad_request(failure.status, *record.fault);
-    tried.cut = state.cut_by_deadline();
+    tried.cut = state.cut_by_deadline(over_s);
     if (tried.cut) state.stop_at_deadline();
     if (failure.retry_after_s) target.provider->leave_alone(*failure.retry_after_s);
   }
@@ -169,7 +169,9 @@ bool Pass::judges_whole(bool elsewhere) const {
 void Pass::judge(const Target& target, const Attempt& answer, Tried& tried) {
   tried.answer_length = answer.answer_length;
   if (demand() == Demand::kNothing) return;
-  if (answer.empty) {
+  if (answer.refused) {
+    tried.refused = bad_answer(answer.refused);
+  } else if (answer.empty) {
     io.refuse_empty(target.name);
     tried.refused = bad_answer("answer:empty");
   } else if (domain() != SemanticDomain::kOutOfBounds &&

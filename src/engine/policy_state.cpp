@@ -71,7 +71,9 @@ bool PolicyState::may_wait(double seconds) {
   return false;
 }
 
-bool PolicyState::cut_by_deadline() const { return left_s() < kClockSlackSeconds; }
+bool PolicyState::cut_by_deadline(double over_s) const {
+  return end_s_ - over_s < kClockSlackSeconds;
+}
 
 std::optional<double> PolicyState::delay_s(int retry, const Diagnosis& fault,
                                            double alone_s) const {

@@ -36,8 +36,8 @@ class PolicyState {
   // Whether a wait ends early enough for what is to follow it. A no is remembered as the
   // deadline's.
   bool may_wait(double seconds);
-  // The newest attempt ended with the deadline rather than with its own limit.
-  bool cut_by_deadline() const;
+  // An attempt that was over then ended with the deadline rather than with its own limit.
+  bool cut_by_deadline(double over_s) const;
   void stop_at_deadline() { forbidden_by_ = Forbidden::kDeadline; }
 
   // Whether the deadline kept the call from a step, or the count or the budget did.

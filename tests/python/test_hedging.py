@@ -243,21 +243,22 @@ ENDED = """
 import asyncio, os, sys, threading, time
 import tarvomeldric as tm
 engine = tm.SelfHealingEngine({})
-for name, url in zip(("openai", "groq"), sys.argv[2:]):
+for name, url in zip(("openai", "groq"), sys.argv[2:4]):
     engine.add_provider(tm.ProviderConfig(name, url, "sk-0123456789abcdef"))
-view = engine.with_policy(tm.CallPolicy(hedge_after=0.05))
+view = engine.with_policy(tm.CallPolicy(hedge_after=0.1))
 how = sys.argv[1]
 if how == "daemon":
     threading.Thread(target=view.call_sync, args=("Hi",), daemon=True).start()
     time.sleep(0.2)
 elif how == "interrupt":
     import signal
-    signal.setitimer(signal.ITIMER_REAL, 0.2)
+    signal.setitimer(signal.ITIMER_REAL, float(sys.argv[4]))
     signal.signal(signal.SIGALRM, signal.default_int_handler)
     try:
         view.call_sync("Hi")
     except KeyboardInterrupt:
         print("interrupted")
+    time.sleep(0.2)
 elif how == "loop":
     loop = asyncio.new_event_loop()
     task = loop.create_task(view.call("Hi"))
@@ -276,10 +277,13 @@ else:
 """
 
 
-@pytest.mark.parametrize("how", ["daemon", "interrupt", "loop", "fork"])
-def test_a_program_ends_amid_a_race(how: str) -> None:
+@pytest.mark.parametrize(
+    ("how", "after"),
+    [("daemon", 0), ("interrupt", 0.05), ("interrupt", 0.2), ("loop", 0), ("fork", 0)],
+)
+def test_a_program_ends_amid_a_race(how: str, after: float) -> None:
     with Mute(True) as first, Mute(True) as second:
-        told = run_child(ENDED, how, first.base_url, second.base_url)
+        told = run_child(ENDED, how, first.base_url, second.base_url, str(after))
     assert told == {"interrupt": "interrupted", "fork": "0"}.get(how, "")
 
 

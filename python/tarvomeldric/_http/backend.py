@@ -89,8 +89,14 @@ class Stream(_Joined, httpcore.NetworkStream):
         timeout: float | None = None,
     ) -> httpcore.NetworkStream:
         seconds = _left(timeout, httpcore.ConnectTimeout)
+        if abort_of_running() is None:
+            return Stream(self.inner.start_tls(ssl_context, server_hostname, seconds))
         # The TLS layer takes the socket itself over.
-        with socket.socket(fileno=os.dup(self._socket.fileno())) as same:
+        try:
+            same = socket.socket(fileno=os.dup(self._socket.fileno()))
+        except OSError as error:
+            raise httpcore.ConnectError(str(error)) from error
+        with same:
             secured = _step(same, self.inner.start_tls, ssl_context, server_hostname, seconds)
         return Stream(secured)
 

@@ -153,16 +153,13 @@ async def connect(
 
 async def _connect(host: str, port: int, local: Any) -> Any:
     """The transport. An address that is silent does not hold the next ones up."""
-    loop = asyncio.get_running_loop()
     found = await _addresses(host, port)
     untried = [socket.getnameinfo(each[4], _NUMERIC)[0] for each in found]  # with its scope
     trying: set[asyncio.Future[Any]] = set()
     try:
         while True:
             if untried:
-                making = _transport(
-                    loop.create_connection(Socket, untried.pop(0), port, local_addr=local)
-                )
+                making = _transport(untried.pop(0), port, local)
                 trying.add(asyncio.ensure_future(making))
             patience = _NEXT_ADDRESS_S if untried else None
             done, _ = await asyncio.wait(trying, timeout=patience, return_when="FIRST_COMPLETED")
@@ -189,8 +186,9 @@ async def _addresses(host: str, port: int) -> list[Any]:
         return await loop.getaddrinfo(host, port, type=socket.SOCK_STREAM)
 
 
-async def _transport(connecting: Any) -> Any:
-    transport, _ = await connecting
+async def _transport(address: str, port: int, local: Any) -> Any:
+    loop = asyncio.get_running_loop()
+    transport, _ = await loop.create_connection(Socket, address, port, local_addr=local)
     return transport
 
 

@@ -70,7 +70,7 @@ void tell_of(CallState& state, const CallEvent& event);
 // What came of one request of a race, and the state that it left. Nothing while it is under way.
 struct Raced {
   std::optional<Finish> finish;
-  bool good = false;  // its answer meets what was demanded
+  bool good = false;  // its answer meets what was demanded, as far as it is one
   CallState state;
 };
 
@@ -93,7 +93,9 @@ class CallIo : public Io {
   // What executes an attempt beside this one, on a state of its own; awaited with a suspension.
   using MakeIo = std::unique_ptr<CallIo> (*)(CallState& state, Suspension* suspension);
   virtual MakeIo twin() const = 0;
-  bool meets(Demand demand, const Attempt& made);
+  void leave_race() noexcept override;
+  // The label of what is wrong with an answer, by what is demanded of it; null when nothing is.
+  const char* objection(Demand demand, const Attempt& made);
   // Closes a streamed answer that nobody wants.
   static void discard(const CallState& left);
   bool has_contract() const override { return !state_.contract.is_none(); }

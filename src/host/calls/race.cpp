@@ -37,7 +37,8 @@ LegWork::LegWork(const CallState& call, Leg leg, bool second, CallIo::MakeIo mak
 Task<void> LegWork::send(Suspension* suspension) {
   const std::unique_ptr<CallIo> io = make_io_(state_, suspension);
   Attempt made = co_await io->execute(leg_.provider, leg_.model, leg_.terms);
-  raced_->good = io->meets(leg_.terms.demand, made);
+  made.refused = io->objection(leg_.terms.demand, made);
+  raced_->good = made.ok() && !made.refused;
   raced_->finish = Finish{second_, std::move(made), system_clock().monotonic()};
   raced_->state = std::move(state_);
 }
@@ -56,7 +57,9 @@ BlockingRace::BlockingRace(const CallState& call, Rival& rival, CallIo::MakeIo m
       rival_(&rival) {}
 
 void BlockingRace::start(double patience_s) {
-  const nb::object job = nb::cpp_function([race = shared_from_this()] { race->send(); });
+  const nb::object job = nb::cpp_function([race = weak_from_this()](bool in_time) {
+    if (const auto alive = race.lock()) in_time ? alive->send() : alive->miss();
+  });
   due_ = host::call(Helper::kHedgeAt, system_clock().monotonic() + patience_s, job);
 }
 
@@ -95,9 +98,12 @@ void BlockingRace::send() {
 }
 
 bool BlockingRace::first_is_over() {
+  {
+    MutexLock lock(mutex_);
+    rival_ = nullptr;
+  }
   call_off();
   MutexLock lock(mutex_);
-  rival_ = nullptr;
   return won_;
 }
 
@@ -108,36 +114,53 @@ Raced& BlockingRace::wait() {
   return *raced_;
 }
 
+// First of all nobody asks the rival any more, whatever may go wrong after that.
 std::optional<Finish> BlockingRace::leave() {
-  call_off();
-  MutexLock lock(mutex_, kUninterrupted);
-  rival_ = nullptr;
-  const bool before = std::exchange(left_, true);
-  if (before || !sent_ || won_) return std::nullopt;
-  if (!over_) {
-    host::call(abort_second_.attr("ask"));
-  } else if (raced_->good) {
-    CallIo::discard(raced_->state);
-  } else if (raced_->finish && !raced_->finish->attempt.ok()) {
-    return raced_->finish;
+  enum class Second { kNone, kUnderWay, kUnwanted } second = Second::kNone;
+  std::optional<Finish> no_good;
+  {
+    MutexLock lock(mutex_, kUninterrupted);
+    rival_ = nullptr;
+    const bool before = std::exchange(left_, true);
+    if (!before && sent_ && !won_) {
+      second = !over_ ? Second::kUnderWay : raced_->good ? Second::kUnwanted : Second::kNone;
+      if (over_ && !raced_->good) no_good = raced_->finish;
+    }
   }
-  return std::nullopt;
+  if (second == Second::kUnderWay) host::call(abort_second_.attr("ask"));
+  if (second == Second::kUnwanted) CallIo::discard(raced_->state);
+  call_off();
+  return no_good;
 }
 
-// What is due refers to this, and the other way round.
+void BlockingRace::miss() {
+  MutexLock lock(mutex_);
+  if (rival_) rival_->miss();
+}
+
 void BlockingRace::call_off() {
   if (!due_.is_valid()) return;
-  host::call(due_.attr("call_off"));
-  drop(due_);
+  const nb::object due = std::move(due_);
+  host::call(due.attr("call_off"));
 }
 
 bool CallIo::may_race(const ProviderPtr&) const { return !replacement().is_valid(); }
 
-bool CallIo::meets(Demand demand, const Attempt& made) {
-  if (!made.ok()) return false;
-  if (demand == Demand::kNothing) return true;
-  if (made.empty) return false;
-  return demand == Demand::kContent || !has_contract() || validate();
+const char* CallIo::objection(Demand demand, const Attempt& made) {
+  if (!made.ok() || demand == Demand::kNothing) return nullptr;
+  if (made.empty) return "answer:empty";
+  if (demand == Demand::kContent || !has_contract()) return nullptr;
+  return validate() ? nullptr : "answer:contract";
+}
+
+void CallIo::leave_race() noexcept {
+  error_scope keep;
+  try {
+    end_race();
+  } catch (...) {
+    set_error(std::current_exception());
+    PyErr_WriteUnraisable(nullptr);
+  }
 }
 
 Finish CallIo::adopt(Raced& raced) {
@@ -156,6 +179,7 @@ Finish CallIo::adopt(Raced& raced) {
     state_.settings.attr("newest") = from.settings.attr("newest");
   }
   Finish finish = std::move(*raced.finish);
+  finish.attempt.refused = nullptr;  // the pass judges what is now the newest answer
   raced = {};
   return finish;
 }
@@ -229,9 +253,9 @@ std::optional<Finish> AwaitingIo::end_race() {
   drop(state_.race);
   const std::shared_ptr<Raced> second = std::exchange(state_.raced_second, nullptr);
   if (!second || !second->finish) return std::nullopt;
-  if (second->good) discard(second->state);
-  if (second->finish->attempt.ok()) return std::nullopt;
-  return second->finish;
+  if (!second->good) return second->finish;
+  discard(second->state);
+  return std::nullopt;
 }
 
 CallIo::MakeIo AwaitingIo::twin() const {

@@ -52,6 +52,7 @@ class BlockingRace : public std::enable_shared_from_this<BlockingRace> {
 
  private:
   void send();
+  void miss();
   std::unique_ptr<LegWork> enter();
   void call_off();
 

@@ -86,7 +86,7 @@ TEST(Hedge, WhenBothFailTheCascadeGoesOnAndAsksNobodyElseTwice) {
 TEST(Hedge, AnAnswerThatWouldBeRefusedWinsNothing) {
   Hedged world({.validate = Validation::kAll, .hedge_after = HedgeAfter{2.0}});
   EXPECT_EQ(world.race(answer(9), Play{.seconds = 1, .empty = true}),
-            "direct openai gpt-4o; anthropic 2+7 hedge_lost, openai 0+9 ok");
+            "direct openai gpt-4o; anthropic 2+1 answer:empty, openai 0+9 ok");
   EXPECT_EQ(
       world.race(Play{.seconds = 3, .empty = true}, answer(5)),
       "direct anthropic claude-3-5-haiku-20241022; openai 0+3 answer:empty, anthropic 2+5 ok");

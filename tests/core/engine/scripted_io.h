@@ -106,11 +106,12 @@ class ScriptedIo final : public Io {
     co_return *second_;
   }
   std::optional<Finish> end_race() override {
-    ++races_ended;
-    if (!second_ || second_->attempt.ok() || second_->over_s > clock_.monotonic()) return {};
+    const bool good = second_ && second_->attempt.ok() && !second_->attempt.empty;
+    if (!second_ || good || second_->over_s > clock_.monotonic()) return {};
+    if (second_->attempt.empty) second_->attempt.refused = "answer:empty";
     return std::exchange(second_, std::nullopt);
   }
-  int races_ended = 0;
+  void leave_race() noexcept override {}
   Task<void> sleep(double seconds) override {
     co_await wait_for(told("sleep ", seconds));
     clock_.advance(seconds);
