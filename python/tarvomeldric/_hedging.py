@@ -19,7 +19,7 @@ from tarvomeldric import _fork
 
 _Leg = Coroutine[Any, Any, bool]  # sends a request; whether its answer is a good one
 
-_MOST_THREADS = 16
+_MOST_THREADS = 32
 _IDLE_S = 10.0  # after which the thread that keeps the time ends, when there is nothing to wait for
 _MANY = 64
 
