@@ -35,9 +35,9 @@ FleetShare::FleetShare(double tokens_a_second, std::int64_t burst)
 bool FleetShare::take(std::int64_t tokens, double now_s) {
   asked_s_ = now_s;
   lapse(now_s);
+  drift(now_s);
   const std::int64_t missing = std::max<std::int64_t>(0, tokens - held_);
   if (missing > 0) {
-    drift(now_s);
     if (own_ < static_cast<double>(missing)) return false;
     own_ -= static_cast<double>(missing);
     owed_ += static_cast<double>(missing);
@@ -154,16 +154,18 @@ void FleetShare::lapse(double now_s) {
   leased_ = 0;
 }
 
-// Counts the member's own part up to now. It holds no more than a token and a moment's worth, so
-// that a process that was stopped finds no heap of it.
+// Counts the member's own part up to now, from the exchange that failed on, of which it may have heard
+// late. With what is held that is no more than a slice and a part of the burst: all members together
+// then have no more than bucket and leases had.
 void FleetShare::drift(double now_s) {
   if (!cut_off_s_ || most_ == 0) return;
   if (now_s > *cut_off_s_ + kAdriftSeconds) {
     own_ = 0.0;
     return;
   }
-  const double part = rate_ / static_cast<double>(most_);
-  own_ = std::min(1.0 + part * kSliceSeconds, own_ + (now_s - drifted_s_) * part);
+  const double parts = static_cast<double>(most_);
+  const double room = static_cast<double>(slice_ - held_) + static_cast<double>(burst_) / parts;
+  own_ = std::min(std::max(0.0, room), own_ + (now_s - drifted_s_) * rate_ / parts);
   drifted_s_ = now_s;
 }
 

@@ -117,6 +117,10 @@ TEST_F(FleetLimitTest, MemberThatIsCutOffSpendsItsPartForAMinuteAndOwesIt) {
   EXPECT_NEAR(asked.cut_off_s, 90.0, 1e-6);
   EXPECT_EQ(limiter.figures().owed, 0.0);
   EXPECT_EQ(taken(9), 0);
+  exchange({.granted = 4, .members = 2, .most = 6});
+  limiter.fail();
+  clock.advance(1.9);
+  EXPECT_EQ(taken(9), 5) << "at once no more than a slice and a sixth of the burst";
 }
 
 TEST_F(FleetLimitTest, LostReplyGrantsNothing) {
