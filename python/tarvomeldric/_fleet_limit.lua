@@ -74,8 +74,10 @@ elseif cut_off > 0 then
   tat = tat + owed * interval * math.min(1, since / cut_off)
 end
 
--- No more than the burst is there, nor with what is leased more than that and a slice a member.
-local room = math.min(burst, math.max(0, burst + members * slice - math.max(0, others) - held))
+-- No more than the burst is there, nor with what is leased more than that and a slice a member. What
+-- this member has spent since it was last heard of was leased until now: nothing came in its place.
+local leased = math.max(held, (state[me] and read(state[me], now) or 0) - returned)
+local room = math.min(burst, math.max(0, burst + members * slice - math.max(0, others) - leased))
 tat = math.max(tat, now - room * interval)
 
 -- A busy member takes half of what is there and leaves the rest to others. One that nobody asks takes

@@ -81,6 +81,15 @@ def test_a_fleet_is_admitted_its_limit_and_no_more(
     assert happens is not bench.well or log.used(rate, start, end) > 0.5
 
 
+def test_what_was_spent_is_not_there_again_before_it_was_paid_for(server: RedisServer) -> None:
+    members = [limiter(a_minute=3000, burst=30) for _ in range(3)]
+    time.sleep(1.2)  # all of them still have leases of ten, and the bucket fills up
+    admitted, start = 0, time.monotonic()
+    while time.monotonic() < start + 0.2:
+        admitted += sum(member.acquire() for member in members)
+    assert admitted <= 30 + 3 * 2 + 50 * (time.monotonic() - start)
+
+
 def test_copies_are_members_of_their_own(server: RedisServer) -> None:
     first = limiter(burst=7, share_retry_after=False)
     others = [copy.copy(first), pickle.loads(pickle.dumps(first))]
