@@ -336,6 +336,7 @@ api_key = "sk-secret"
 base_url = "http://${HOST}"
 api_key = "${NOT_SET}"
 slots = 0
+burst = 5
 breaker = { cooldown_seconds = -1 }
 fleet = { name = "a b", requests_per_minute = 500, redis_url = "${REDIS}" }
 [policy]
@@ -361,6 +362,7 @@ COMPLAINTS = [
     "providers.openai.api_key: must be ${NAME}, a variable of the environment",
     "providers.local.api_key: the environment has no NOT_SET",
     "providers.local.slots: must be above 0, and finite",
+    "providers.local.burst: cannot be beside fleet, which has the limit",
     "providers.local.breaker: cooldown_seconds must be above 0, and finite",
     "providers.local.fleet.name: must be 1 to 200 of: letters, digits, . : / @ + - _",
     'policy.base: must be "interactive" or "batch" or "none"',

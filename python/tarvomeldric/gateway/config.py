@@ -306,8 +306,13 @@ def _check(reader: Reader, document: dict[str, Any], found: dict[str, Any]) -> N
     if listed == {}:
         reader.wrong("providers", "at least one is needed")
     for name, table in listed.items() if isinstance(listed, dict) else ():
-        if isinstance(table, dict) and not table.get("base_url"):
-            path = below("providers", name)
+        path = below("providers", name)
+        if not isinstance(table, dict):
+            continue
+        for own in ("burst", "requests_per_second"):
+            if own in table and "fleet" in table:
+                reader.wrong(below(path, own), "cannot be beside fleet, which has the limit")
+        if not table.get("base_url"):
             if name not in _PRESETS:
                 what = "is missing, and the name is not a preset's"
                 reader.unknown(below(path, "base_url"), what, name, _PRESETS)
