@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import re
+import time
 from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Any
@@ -21,6 +22,7 @@ class ReceivedRequest:
         headers: Name and value of each header, in the order and the letter case received.
         body: The decoded JSON, or the body as text when it is not JSON.
         disconnected: The client had gone before its answer was complete.
+        arrived: When all of it was there, by `time.monotonic()`.
     """
 
     method: str
@@ -28,6 +30,7 @@ class ReceivedRequest:
     headers: tuple[tuple[str, str], ...]
     body: Any
     disconnected: bool
+    arrived: float
 
     def header(self, name: str) -> str | None:
         """Return the value of the first header ``name`` in any letter case, else None."""
@@ -42,7 +45,7 @@ class Exchange:
     somebody asks, since a load test asks for none of its many thousand requests.
     """
 
-    __slots__ = ("body", "disconnected", "head", "keep_alive", "method", "path")
+    __slots__ = ("arrived", "body", "disconnected", "head", "keep_alive", "method", "path")
 
     def __init__(self, head: bytes, body: bytes) -> None:
         """Take a request apart; ValueError when the first line of ``head`` is not one."""
@@ -55,6 +58,7 @@ class Exchange:
         self.body = body
         self.keep_alive = version == "HTTP/1.1" and not _CLOSE.search(head)
         self.disconnected = False
+        self.arrived = time.monotonic()
 
     def members(self) -> Mapping[str, Any]:
         """Return the members of the JSON body, none when it is something else."""
@@ -69,7 +73,9 @@ class Exchange:
         lines = self.head.decode("latin-1").split("\r\n")[1:]
         pairs = [line.partition(":") for line in lines]
         headers = tuple((name, value.strip()) for name, _, value in pairs)
-        return ReceivedRequest(self.method, self.path, headers, self._decoded(), self.disconnected)
+        return ReceivedRequest(
+            self.method, self.path, headers, self._decoded(), self.disconnected, self.arrived
+        )
 
     def _decoded(self) -> Any:
         try:
