@@ -6,6 +6,9 @@ logged; afterwards the logs are held against the bound: over every window of tim
 
     limit x time + burst + a slice a member
 
+Then three gateways share a limit by their files, and what arrives at the provider is held against the
+same bound.
+
 It takes `redis-server`, and about three minutes: `python bench/fleet_limits.py`.
 """
 
@@ -17,19 +20,45 @@ import signal
 import sys
 import time
 from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import ExitStack
 from itertools import chain
+from operator import itemgetter
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any
 
+import httpx
+
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.append(str(ROOT / "tools"))  # the support package
 
+from gateway import ASKED, running  # noqa: E402
+
 from support import RedisServer, start_child, until  # noqa: E402
 from tarvomeldric import FleetRateLimiter, RateLimiter  # noqa: E402
+from tarvomeldric.simulator import ProviderSimulator, rehearsal  # noqa: E402
 
 WARM_UP = 2.0  # seconds in which members take what idle ones keep
 SLACK = 0.5  # tokens, for the clock of Redis and ours
+
+GATEWAY = """
+[providers.only]
+base_url = "{base_url}"
+
+[providers.only.fleet]
+name = "bench"
+requests_per_minute = {a_minute}
+burst = {burst}
+redis_url = "${{REDIS_URL}}"
+
+[policy]
+base = "none"
+
+[[routes]]
+name = "fast"
+providers = {{ only = "any-model" }}
+"""
 
 # One process of the fleet: asks all the time, and says when it was admitted and what it drew. The
 # moments are from before and after `acquire`, for what is between them has no order.
@@ -82,10 +111,12 @@ class Log:
 
 
 def worst_excess(admissions: list[tuple[float, float]], rate: float) -> float:
-    lowest = worst = 0.0
-    for number, (before, after) in enumerate(admissions):
-        lowest = min(lowest, number - rate * before) if number else number - rate * before
-        worst = max(worst, number + 1 - rate * after - lowest)
+    """The most that were surely admitted within a window of time, less what the rate gives in it."""
+    by_end = sorted(admissions, key=itemgetter(1))
+    worst = 0.0
+    for start, _ in admissions:
+        ends = (after for before, after in by_end if before >= start)
+        worst = max(worst, *(n - rate * (end - start) for n, end in enumerate(ends, 1)))
     return worst
 
 
@@ -140,6 +171,45 @@ def run_fleet(
     return Log(admissions, draws), start, start + seconds
 
 
+def run_gateways(
+    server: RedisServer, seconds: float, members: int = 3, rate: float = 50.0, burst: int = 10
+) -> tuple[Log, float, float]:
+    """Keeps gateways busy side by side; what arrived at their provider, and when they began and ended.
+
+    An admission is somewhere between its client's request and its arrival; bodies tell the former.
+    """
+    program = [sys.executable, "-m", "tarvomeldric", "gateway"]
+    with ExitStack() as stack:
+        provider = stack.enter_context(ProviderSimulator(process=True))
+        config = GATEWAY.format(base_url=provider.base_url, a_minute=rate * 60, burst=burst)
+        gateways = [running(program, config, "toml", REDIS_URL=server.url) for _ in range(members)]
+        urls = [stack.enter_context(gateway)[0] for gateway in gateways]
+        clients = [
+            stack.enter_context(httpx.Client(base_url=url, timeout=60, trust_env=False))
+            for url in urls
+        ]
+
+        def answers(client: httpx.Client) -> bool:
+            body = {**ASKED, "user": repr(time.monotonic())}
+            return client.post("/chat/completions", json=body).status_code == 200
+
+        def keep_asking(client: httpx.Client) -> None:
+            while time.monotonic() < end:
+                answers(client)
+                time.sleep(0.005)
+
+        for client in clients:  # its first request is a slow one
+            until(lambda client=client: answers(client), patience=60)
+        time.sleep(WARM_UP / 2)  # all of them still have leases, and the bucket fills up
+        provider.clear()
+        start = time.monotonic()
+        end = start + seconds
+        with ThreadPoolExecutor(members) as threads:
+            list(threads.map(keep_asking, clients))
+        arrived = [(float(each.body["user"]), each.arrived) for each in provider.requests]
+    return Log(arrived, []), start, end
+
+
 Happening = Callable[[list[Any]], None]
 
 
@@ -192,6 +262,19 @@ def measure_fleets(folder: Path, seconds: float) -> Iterator[str]:
         )
 
 
+def measure_gateways(seconds: float) -> Iterator[str]:
+    members, rate, burst = 3, 50.0, 10
+    room = burst + members * int(rate / 20)
+    with RedisServer() as server:
+        log, start, end = run_gateways(server, seconds, members, rate, burst)
+    arrivals = worst_excess([(at, at) for _, at in log.admissions], rate)
+    yield (
+        f"{members} gateways: {len(log.admissions):>4} arrived, used {log.used(rate, start, end):6.1%}, "
+        f"worst window {log.worst_excess(rate):5.1f} above limit x time of {room} allowed "
+        f"({arrivals:.1f} with what delayed the first of them on its way)"
+    )
+
+
 def measure_acquire(tries: int = 20_000) -> Iterator[str]:
     """What `acquire` takes, in turns with a plain limiter, while Redis is well and while it is stopped."""
     plain = RateLimiter(max_tokens=50, refill_rate=100.0)
@@ -228,9 +311,14 @@ def main() -> None:
         description=__doc__, formatter_class=argparse.RawTextHelpFormatter
     )
     parser.add_argument("--seconds", type=float, default=10.0, help="of each run")
+    parser.add_argument("--gateways", action="store_true", help="nothing but the gateways")
     options = parser.parse_args()
-    with TemporaryDirectory() as folder:
-        for line in chain(measure_acquire(), measure_fleets(Path(folder), options.seconds)):
+    with TemporaryDirectory() as folder, rehearsal():
+        lines = measure_gateways(options.seconds)
+        if not options.gateways:
+            fleets = measure_fleets(Path(folder), options.seconds)
+            lines = chain(measure_acquire(), fleets, lines)
+        for line in lines:
             print(line, flush=True)
 
 

@@ -106,12 +106,12 @@ def measured_gateways(provider: ProviderSimulator, options: Any) -> dict[str, Fi
     with ExitStack() as stack:
         contestants: dict[str, tuple[str, int | None]] = {"direct": (provider.base_url, None)}
         contestants["TarvoMeldric"] = stack.enter_context(
-            running(own, _CONFIG, "toml", provider.base_url)
+            running(own, _CONFIG.format(base_url=provider.base_url), "toml")
         )
         if options.rival and shutil.which(options.rival):
             program = [options.rival, "--num_workers", "1"]
             contestants["LiteLLM's proxy, one worker"] = stack.enter_context(
-                running(program, _RIVALS_CONFIG, "yaml", provider.base_url)
+                running(program, _RIVALS_CONFIG.format(base_url=provider.base_url), "yaml")
             )
         else:
             print("LiteLLM's proxy is left out: --rival names no program that can be run")
@@ -128,7 +128,7 @@ def measured_gateways(provider: ProviderSimulator, options: Any) -> dict[str, Fi
 
 @contextmanager
 def running(
-    program: Sequence[str], config: str, suffix: str, base_url: str
+    program: Sequence[str], config: str, suffix: str, **environment: str
 ) -> Iterator[tuple[str, int]]:
     """A gateway that is ready: its address, and its process."""
     from support import free_port
@@ -136,11 +136,12 @@ def running(
     port = free_port()
     with tempfile.TemporaryDirectory() as folder:
         path = Path(folder) / f"gateway.{suffix}"
-        path.write_text(config.format(base_url=base_url))
+        path.write_text(config)
         process = subprocess.Popen(
             [*program, "--config", str(path), "--host", "127.0.0.1", "--port", str(port)],
             stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL,
+            env={**os.environ, **environment},
         )
         try:
             wait_for(port, process)

@@ -8,6 +8,7 @@ import tempfile
 import threading
 from collections.abc import Iterator
 from pathlib import Path
+from typing import Any
 
 import pytest
 
@@ -37,6 +38,16 @@ def home(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     home.mkdir()
     monkeypatch.setenv("HOME", str(home))
     return home
+
+
+@pytest.fixture
+def server(monkeypatch: pytest.MonkeyPatch) -> Iterator[Any]:
+    """A Redis of its own, which engines and limiters find by the environment."""
+    from support import RedisServer
+
+    with RedisServer() as server:
+        monkeypatch.setenv("TARVOMELDRIC_REDIS_URL", server.url)
+        yield server
 
 
 @pytest.fixture

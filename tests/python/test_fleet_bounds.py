@@ -29,13 +29,6 @@ PROPER = {
 }
 
 
-@pytest.fixture
-def server(monkeypatch: pytest.MonkeyPatch) -> Iterator[RedisServer]:
-    with RedisServer() as server:
-        monkeypatch.setenv("TARVOMELDRIC_REDIS_URL", server.url)
-        yield server
-
-
 @contextlib.contextmanager
 def odd_redis(command: bytes, reply: Reply) -> Iterator[str]:
     """The URL of one that answers one command in a way of its own."""
