@@ -108,6 +108,7 @@ def test_what_a_provider_asked_for_is_known_to_all(server: RedisServer) -> None:
         simulator.script(Reply(status=429, headers={"Retry-After": "100"}))
         records[0].base_url = simulator.base_url
         policy = CallPolicy(max_attempts=1, retry_after=True)
+        until(lambda: told.acquire(0) and told.fleet["holding"] > 1)
         with engine_with(records[0]) as engine, pytest.raises(APIError, match="429"):
             engine.with_policy(policy).call_sync("Hi")
     until(lambda: records[1]._left_alone_s() > 90)

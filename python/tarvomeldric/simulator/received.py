@@ -6,7 +6,7 @@ import json
 import re
 import time
 from collections.abc import Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import Any
 
 _CLOSE = re.compile(rb"\r\nconnection:[ \t]*close", re.IGNORECASE)
@@ -30,7 +30,7 @@ class ReceivedRequest:
     headers: tuple[tuple[str, str], ...]
     body: Any
     disconnected: bool
-    arrived: float
+    arrived: float = field(compare=False)
 
     def header(self, name: str) -> str | None:
         """Return the value of the first header ``name`` in any letter case, else None."""
