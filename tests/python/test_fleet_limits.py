@@ -117,7 +117,8 @@ def test_what_a_provider_asked_for_is_known_to_all(server: RedisServer) -> None:
 
 
 FORKING = """
-import os, sys, time
+import os, sys, time, warnings
+warnings.simplefilter("ignore", DeprecationWarning)  # newer Pythons warn of a fork among threads
 from support import until
 from tarvomeldric import FleetRateLimiter
 limiter = FleetRateLimiter("a", requests_per_minute=6000, burst=50)
