@@ -154,9 +154,9 @@ void FleetShare::lapse(double now_s) {
   leased_ = 0;
 }
 
-// Counts the member's own part up to now, from the exchange that failed on, of which it may have heard
-// late. With what is held that is no more than a slice and a part of the burst: all members together
-// then have no more than bucket and leases had.
+// Counts the member's own part up to now, from the exchange that failed on: that is heard of late.
+// With what is held it is no more than a slice and a part of the burst, so that all members have
+// together no more than bucket and leases had.
 void FleetShare::drift(double now_s) {
   if (!cut_off_s_ || most_ == 0) return;
   if (now_s > *cut_off_s_ + kAdriftSeconds) {
