@@ -6,6 +6,8 @@ engine = SelfHealingEngine()          # finds providers by the API keys in the e
 print(engine.call_sync("Hello"))      # or: await engine.call("Hello")
 """
 
+from typing import TYPE_CHECKING, Any
+
 from tarvomeldric._engine import (
     AllProvidersFailed,
     APIError,
@@ -54,8 +56,10 @@ from tarvomeldric._engine import (
     run,
     serve_dashboard,
 )
-from tarvomeldric._fleet_limits import FleetRateLimiter
 from tarvomeldric._streams import Stream, SyncStream
+
+if TYPE_CHECKING:
+    from tarvomeldric._fleet_limits import FleetRateLimiter
 
 __all__ = [
     "APIError",
@@ -108,3 +112,12 @@ __all__ = [
     "run",
     "serve_dashboard",
 ]
+
+
+def __getattr__(name: str) -> Any:
+    """What few programs use and takes as long to load as all the rest."""
+    if name != "FleetRateLimiter":
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    from tarvomeldric._fleet_limits import FleetRateLimiter
+
+    return FleetRateLimiter

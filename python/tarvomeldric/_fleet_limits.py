@@ -18,7 +18,7 @@ from pathlib import Path
 from queue import Empty, SimpleQueue
 from typing import Any
 
-from tarvomeldric import _fork
+from tarvomeldric import _fork, _redis
 from tarvomeldric._engine import _FleetRateLimiter
 
 PREFIX = "tarvomeldric:limit:"  # of a limiter's key
@@ -240,8 +240,6 @@ class _Courier:
         due = [(member, limiter) for member, limiter in self._alive() if limiter._due() <= 0]
         if not due:
             return
-        from tarvomeldric import _redis  # which loads TLS
-
         try:
             with _redis.exchange(_TIMEOUT):
                 replies = self._exchange(due)
@@ -252,8 +250,6 @@ class _Courier:
             _settle(limiter, reply)
 
     def _exchange(self, due: list[tuple[_Member, FleetRateLimiter]]) -> list[Any]:
-        from tarvomeldric import _redis
-
         if self._client is None:
             self._client = _redis.connect(self._url)
         if self._silent:

@@ -52,12 +52,9 @@ class Call {
   void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
   Task<bool> wait_for_the_soonest();
   void choose_first();
-  std::string lane_of(const Target& target) const {
-    return HedgeBook::lane(target.name, target.model, pass_.request.streamed);
-  }
   bool is_passed_over(const NamedProvider& at) const {
     return pass_.policy().hedge_after &&
-           engine_.hedging.is_aside(lane_of(pass_.candidates.target(at)));
+           engine_.hedging.is_aside(pass_.lane_of(pass_.candidates.target(at)));
   }
   Task<std::string> learned_provider() const;
   void refuse(CallFailed::Kind kind, const char* message);
@@ -148,8 +145,9 @@ void Call::choose_first() {
   if (!pass_.policy().hedge_after) return;
   const CallPolicy& policy = pass_.policy();
   engine_.hedging.budget(policy.hedge_ratio, policy.hedge_burst)->deposit();
-  std::vector<NamedProvider> others = available_;
-  while (!engine_.hedging.claim(lane_of(target_))) {
+  std::vector<NamedProvider> others;
+  while (!engine_.hedging.claim(pass_.lane_of(target_))) {
+    if (others.empty()) others = available_;
     std::erase_if(others, [&](const auto& one) { return one.name == target_.name; });
     if (others.empty()) return choose(pass_.candidates.pick(available_));
     choose(pass_.candidates.pick(others));
@@ -220,10 +218,10 @@ Task<std::optional<AdmittedSlot>> Call::admit() {
 
 Task<void> Call::execute(AdmittedSlot slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
-  FailedAttempt first{std::move(target_), {}, std::move(slot)};
+  FirstAttempt first{std::move(target_), {}, std::move(slot)};
   bool sent = false;
   if (pass_.policy().hedge_after) {
-    sent = co_await attempt_hedged(pass_, first, hedged_);
+    sent = co_await attempt_hedged(pass_, first);
   } else {
     std::optional<Tried> tried = co_await pass_.attempt(first.target);
     sent = tried.has_value();
@@ -231,6 +229,7 @@ Task<void> Call::execute(AdmittedSlot slot) {
     if (sent) first.tried = std::move(*tried);
   }
   if (!sent) co_return end(pass_.out_of_time());
+  hedged_ = first.hedged;
   if (first.tried.ok()) {
     target_ = std::move(first.target);
     co_await succeed(first.tried);

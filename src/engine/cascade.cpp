@@ -24,7 +24,7 @@ constexpr const char* kDowngradeBroken = "Contract validation failed after L2 do
 
 class Cascade {
  public:
-  Cascade(Pass& pass, FailedAttempt failed)
+  Cascade(Pass& pass, FirstAttempt failed)
       : pass_(pass),
         target_(std::move(failed.target)),
         tried_(std::move(failed.tried)),
@@ -242,7 +242,7 @@ Task<Healed> Cascade::heal(Level level, Diagnosis fault, std::string action, Tri
 
 }  // namespace
 
-Task<CallOutcome> recover(Pass& pass, FailedAttempt failed) {
+Task<CallOutcome> recover(Pass& pass, FirstAttempt failed) {
   Cascade cascade(pass, std::move(failed));
   co_return co_await cascade.run();
 }

@@ -8,8 +8,8 @@
 namespace tarvomeldric {
 namespace {
 
-constexpr double kBusy =
-    0.8;  // the share of its slots in use above which nobody is asked as second
+// Nobody is asked as second who has this share of the slots in use.
+constexpr double kBusy = 0.8;
 
 // A request that was sent.
 struct Sent {
@@ -21,7 +21,7 @@ struct Sent {
 
 class Race final : public Rival {
  public:
-  Race(Pass& pass, FailedAttempt& first) : pass_(pass), result_(first) {}
+  Race(Pass& pass, FirstAttempt& first) : pass_(pass), result_(first) {}
   ~Race() override {
     if (racing_) pass_.io.leave_race();
   }
@@ -35,9 +35,6 @@ class Race final : public Rival {
 
  private:
   std::optional<double> patience_s() const;
-  std::string lane_of(const Target& target) const {
-    return HedgeBook::lane(target.name, target.model, pass_.request.streamed);
-  }
   Sent sent(Target target, AdmittedSlot slot) const;
   Leg leg(const Sent& request) const;
   bool fits(const Target& candidate) const;
@@ -57,7 +54,7 @@ class Race final : public Rival {
 
   Pass& pass_;
   const Surroundings& engine_ = pass_.engine;
-  FailedAttempt& result_;
+  FirstAttempt& result_;
   std::optional<Sent> first_;
   std::optional<Sent> second_;
   bool racing_ = false;
@@ -99,7 +96,7 @@ std::optional<double> Race::patience_s() const {
 }
 
 Sent Race::sent(Target target, AdmittedSlot slot) const {
-  std::string lane = lane_of(target);
+  std::string lane = pass_.lane_of(target);
   return {std::move(target), std::move(slot), engine_.clock.monotonic(), std::move(lane)};
 }
 
@@ -141,7 +138,7 @@ bool Race::fits(const Target& candidate) const {
   if (candidate.name == first_->target.name) return false;
   if (!pass_.io.may_race(candidate.provider)) return false;
   if (pass_.left_alone_s(candidate.provider) > 0) return false;
-  if (engine_.hedging.is_aside(lane_of(candidate))) return false;
+  if (engine_.hedging.is_aside(pass_.lane_of(candidate))) return false;
   const bool exact = pass_.domain() == SemanticDomain::kStrongEquivalence;
   if (exact && candidate.model != first_->target.model) return false;
   const BulkheadFields slots = candidate.provider->bulkhead()->snapshot();
@@ -218,10 +215,10 @@ void Race::answer(Sent& by, Tried tried) {
 
 }  // namespace
 
-Task<bool> attempt_hedged(Pass& pass, FailedAttempt& first, bool& hedged) {
+Task<bool> attempt_hedged(Pass& pass, FirstAttempt& first) {
   Race race(pass, first);
   const bool sent = co_await race.run();
-  hedged = race.hedged();
+  first.hedged = race.hedged();
   co_return sent;
 }
 

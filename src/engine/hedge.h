@@ -13,8 +13,8 @@ namespace tarvomeldric {
 // waited for.
 //
 // `first` comes in with the target and its slot. It goes out with the attempt that counts: the one
-// that answered, else the first one, and then recorded, where a second one failed as well. The
-// answer tells whether anything was sent; `hedged` whether a second request was.
-Task<bool> attempt_hedged(Pass& pass, FailedAttempt& first, bool& hedged);
+// that answered, else the first one, and then recorded, where a second one failed as well. False
+// when nothing was sent.
+Task<bool> attempt_hedged(Pass& pass, FirstAttempt& first);
 
 }  // namespace tarvomeldric

@@ -69,6 +69,10 @@ struct Pass {
                       const AdmittedSlot* slot = nullptr);
   // Whether the wait was made; one that would end after the deadline is not begun.
   Task<bool> sleep(double seconds, const char* reason);
+  // What the times of such a request belong to.
+  std::string lane_of(const Target& target) const {
+    return HedgeBook::lane(target.name, target.model, request.streamed);
+  }
   // How long the provider wants to be left alone, where the policy heeds that.
   double left_alone_s(const ProviderPtr& provider) const;
   Task<void> learn(std::string label, std::string action, bool success, double latency_ms = 0.0);

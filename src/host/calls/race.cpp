@@ -54,7 +54,9 @@ BlockingRace::BlockingRace(const CallState& call, Rival& rival, CallIo::MakeIo m
       abort_first_(host::call(Helper::kAbort)),
       abort_second_(host::call(Helper::kAbort)),
       done_(host::call(import("threading").attr("Event"))),
-      rival_(&rival) {}
+      rival_(&rival) {
+  call_.abort = abort_second_;
+}
 
 void BlockingRace::start(double patience_s) {
   const nb::object job = nb::cpp_function([race = weak_from_this()](bool in_time) {
@@ -69,9 +71,7 @@ std::unique_ptr<LegWork> BlockingRace::enter() {
   std::optional<Leg> entered = rival_->enter();
   if (!entered) return nullptr;
   sent_ = true;
-  CallState state = call_;
-  state.abort = abort_second_;
-  return std::make_unique<LegWork>(state, std::move(*entered), true, make_io_, raced_);
+  return std::make_unique<LegWork>(call_, std::move(*entered), true, make_io_, raced_);
 }
 
 void BlockingRace::send() {

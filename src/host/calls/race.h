@@ -56,7 +56,7 @@ class BlockingRace : public std::enable_shared_from_this<BlockingRace> {
   std::unique_ptr<LegWork> enter();
   void call_off();
 
-  const CallState call_;
+  CallState call_;  // as it stood before the first request
   const CallIo::MakeIo make_io_;
   const std::shared_ptr<Raced> raced_ = std::make_shared<Raced>();
   const nb::object abort_first_;
