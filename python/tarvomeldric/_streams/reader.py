@@ -201,6 +201,7 @@ class RawReader(Reader):
         self._line: list[str] = []  # the pieces of one that is not complete
         self._unfinished = 0
         self._good: list[str] = []  # lines that wait for others
+        self._handed = 0  # the bytes that were handed out
 
     def feed(self, piece: str) -> bool:
         end = max(piece.rfind("\n"), piece.rfind("\r")) + 1
@@ -223,9 +224,15 @@ class RawReader(Reader):
                     count = len(self._good)
         finally:
             if count:
-                self.events.append("".join(self._good[:count]).encode())
+                self._hand_over("".join(self._good[:count]).encode())
                 del self._good[:count]
         return self.size > before
+
+    def _hand_over(self, content: bytes) -> None:
+        self.events.append(content)
+        self._handed += len(content)
+        if self._handed > _HELD_BYTES:  # of comments, for instance
+            self.is_open = True
 
     def end(self) -> None:
         rest = "".join(self._line)
