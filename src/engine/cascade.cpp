@@ -66,7 +66,7 @@ Task<CallOutcome> Cascade::run() {
   co_await analyze();
   if (pass_.domain() == SemanticDomain::kOutOfBounds) co_return co_await block();
   Healed healed;
-  if (pass_.policy().order == AttemptOrder::kFailoverFirst && transient() && !answered_badly()) {
+  if (pass_.policy().order == AttemptOrder::kFailoverFirst && transient()) {
     trace_.plan_result = "l3_failover";
     healed = co_await failover_.at_once(last_);
   }

@@ -222,6 +222,15 @@ TEST(Validation, OfEveryAnswerRetriesOnceAndMovesOn) {
   alone.only("openai");
   EXPECT_EQ(alone.ask(), "Empty answer from openai");
 
+  const CallPolicy others_first{.order = AttemptOrder::kFailoverFirst,
+                                .validate = Validation::kAll};
+  Policed elsewhere(others_first, {kEmpty});
+  EXPECT_EQ(elsewhere.ask(), "l3_failover anthropic claude-3-5-haiku-20241022");
+  EXPECT_EQ(elsewhere.road(), "openai, anthropic");
+  Policed nobody_else(others_first, {kEmpty});
+  nobody_else.only("openai");
+  EXPECT_EQ(nobody_else.ask(), "l1_retry openai gpt-4o");
+
   const auto exact = SemanticDomain::kStrongEquivalence;
   Policed broken(all);
   broken.io.contract_holds = false;
