@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "engine/recording.h"
 #include "observability/metric_names.h"
 
 namespace tarvomeldric {
@@ -195,25 +196,16 @@ bool Pass::holds_contract(const std::string& message, std::optional<bool>& valid
   return *validation_passed || domain() != SemanticDomain::kStrongEquivalence;
 }
 
-// A probe that fails opens its breaker again, whatever the thresholds say.
 void Pass::record_failure(const Target& target, const std::string& text,
                           const std::string& category, const AdmittedSlot* slot) {
-  recording(target, [&] {
-    target.provider->record_failure(text, category);
-    CircuitBreaker* tested = slot ? slot->tested() : nullptr;
-    if (tested && tested->state() == CircuitState::kHalfOpen) tested->trip_with_fault(category);
-  });
+  recording(target, [&] { tarvomeldric::record_failure(*target.provider, text, category, slot); });
 }
 
 template <class Record>
 void Pass::recording(const Target& target, Record&& record) {
   if (!io.heard()) return record();
-  const BreakerPtr breaker = target.provider->circuit_breaker();
-  const CircuitState before = breaker->standing_state();
-  record();
-  const CircuitState after = breaker->standing_state();
-  if (before == after) return;
-  tell<BreakerEvent>(target.name, std::string(value_of(before)), std::string(value_of(after)));
+  const auto moved = breaker_move(*target.provider, call_id, std::forward<Record>(record));
+  if (moved) io.tell(*moved);
 }
 
 Task<bool> Pass::sleep(double seconds, const char* reason) {

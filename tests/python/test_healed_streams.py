@@ -198,11 +198,16 @@ def test_after_the_first_output_time_is_kept_and_the_prefix_told(take: Any) -> N
         assert type(take(engine, total_timeout=0.3)[1]) is DeadlineExceeded
     broken = Reply(stream=["One ", Raw("data: {oops\n\n")])
     with serving(broken) as engine:
+        heard: list[Any] = []
         engine._providers["p0"].circuit_breaker.failure_threshold = 2
-        for _ in range(2):  # one that always breaks in the middle opens its breaker
-            words, error, _ = take(engine)
-            assert (words, error.text) == (["One "], "One ")
+        with engine.observe(heard.append):
+            for _ in range(2):  # one that always breaks in the middle opens its breaker
+                words, error, _ = take(engine)
+                assert (words, error.text) == (["One "], "One ")
         assert engine._providers["p0"].circuit_breaker._state.value == "open"
+        broken_off = ["AttemptEvent", "FaultEvent", "EndEvent"]
+        opened = ["AttemptEvent", "BreakerEvent", "FaultEvent", "EndEvent"]
+        assert [type(event).__name__ for event in heard] == broken_off + opened
 
 
 def test_an_end_needs_a_reason_or_a_mark(take: Any) -> None:

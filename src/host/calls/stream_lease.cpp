@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "engine/recording.h"
 #include "host/calls/call_io.h"
 #include "host/calls/exchange.h"
 #include "host/calls/observation.h"
@@ -23,24 +24,32 @@ StreamLease::~StreamLease() {
 }
 
 void StreamLease::succeed(double latency_ms) {
-  if (!std::exchange(recorded_, true)) provider_->record_success(latency_ms);
-  slot_ = {};
+  record([&] { provider_->record_success(latency_ms); });
 }
 
 std::string StreamLease::fail(nb::handle error) {
   const bool ours = PyErr_GivenExceptionMatches(error.ptr(), error_types.api) != 0;
   std::string text = ours ? text_form(error) : failure_message(error, provider_->endpoint());
-  if (std::exchange(recorded_, true)) return text;
+  if (recorded_) return text;
   const nb::object status = ours ? nb::object(error.attr("status_code")) : nb::none();
   const Diagnosis fault = diagnoser_->diagnose(text, Status{status}.code());
   const std::string category(value_of(fault.category));
+  record([&] {
+    record_failure(*provider_, text, category, &slot_);
+    provider_->category_circuit_breaker(category)->record_failure(provider_->name());
+  });
   tell(FaultEvent{end_.call_id, provider_->name(), category, std::string(fault.fault_label())});
-  provider_->record_failure(text, category);
-  CircuitBreaker* tested = slot_.tested();
-  if (tested && tested->state() == CircuitState::kHalfOpen) tested->trip_with_fault(category);
-  provider_->category_circuit_breaker(category)->record_failure(provider_->name());
-  slot_ = {};
   return text;
+}
+
+template <class Record>
+void StreamLease::record(Record&& record) {
+  std::optional<BreakerEvent> moved;
+  if (!std::exchange(recorded_, true)) {
+    moved = breaker_move(*provider_, end_.call_id, std::forward<Record>(record));
+  }
+  slot_ = {};
+  if (moved) tell(*moved);
 }
 
 void StreamLease::owe(nb::object engine, EndEvent end) {

@@ -36,6 +36,8 @@ class StreamLease {
   void clear();
 
  private:
+  template <class Record>
+  void record(Record&& record);
   void tell(const CallEvent& event) const;
 
   Instance<Diagnoser> diagnoser_;
