@@ -168,6 +168,7 @@ def test_who_is_let_in_and_what_is_passed_on(tmp_path: Path, monkeypatch: Any) -
     ):
         client = running.client
         assert client.get("/health").json()["status"] == "ok"
+        assert client.post("/health").status_code == 401  # that is passed on, like any other path
         for shown in "", "Bearer", "Bearer first-tokenn", "Basic first-token", "Bearer \xe9":
             for path in PATHS:
                 refused = client.get(path, headers={"authorization": shown.encode("latin-1")})

@@ -65,7 +65,8 @@ class Gateway:
     async def _serve(self, visit: Visit) -> None:
         incoming = visit.incoming()
         page = self._pages.get(incoming.operation) if incoming.method in ("GET", "HEAD") else None
-        refused = self._entrance.refused(visit.headers, incoming.operation == "health")
+        is_open = page is not None and incoming.operation == "health"
+        refused = self._entrance.refused(visit.headers, is_open)
         if refused is not None:
             await visit.answer(refused)
         elif page is not None:
