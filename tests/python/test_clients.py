@@ -252,6 +252,9 @@ def test_a_final_failure_is_the_providers_own(send: Any) -> None:
 
     record = provider(name="p")
     assert ends(record) == (502, "provider_error", None)
+    for status in 201, 204, 302, 700:  # a client would take the first two for answers
+        with RawServer(says(answer(b"", status))) as server:
+            assert ends(provider(server.url, "p")) == (502, "provider_error", None)
     record.circuit_breaker._trip()
     assert ends(record) == (503, "no_provider_available", "30")
     assert ends(provider(name="p", slots=0)) == (503, "providers_busy", None)

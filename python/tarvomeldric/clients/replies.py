@@ -99,9 +99,11 @@ def _failed_by_provider(error: BaseException, records: Iterable[ProviderConfig])
             content = error_body(f"HTTP {reply.status}: [REDACTED]", "provider_error")
         return Reply(reply.status, _handed_back(reply.headers), content)
     status = getattr(error, "status_code", None) or 502
-    late = status == 408
-    kind = "timeout" if late else "provider_error"
-    return Reply(504 if late else status, dict(_JSON), error_body(str(error), kind))
+    if status == 408:
+        return Reply(504, dict(_JSON), error_body(str(error), "timeout"))
+    if not 400 <= status <= 599:  # a failure must not look like a success, or a redirection
+        status = 502
+    return Reply(status, dict(_JSON), error_body(str(error), "provider_error"))
 
 
 def _holds_secret(content: bytes, record: ProviderConfig) -> bool:
