@@ -35,8 +35,8 @@ HELD = b"data: " + WORDS + b"\n\n"
 class Running:
     """A gateway and a client of it."""
 
-    def __init__(self, *arguments: str) -> None:
-        command = [*COMMAND, "gateway", *arguments, "--port", "0"]
+    def __init__(self, *arguments: str, program: list[str] = COMMAND) -> None:
+        command = [*program, "gateway", *arguments, "--port", "0"]
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
         self.program = subprocess.Popen(command, text=True, **pipes)  # type: ignore[call-overload]
         self.url = self.program.stdout.readline().split()[-1].removesuffix("/v1")
@@ -69,8 +69,8 @@ class Running:
 
 
 @contextlib.contextmanager
-def gateway(*arguments: str) -> Iterator[Running]:
-    running = Running(*arguments)
+def gateway(*arguments: str, program: list[str] = COMMAND) -> Iterator[Running]:
+    running = Running(*arguments, program=program)
     try:
         yield running
         if running.program.poll() is None:
@@ -247,6 +247,12 @@ def test_bodies_that_are_not_taken(tmp_path: Path) -> None:
             each.close()
 
 
+def written_out(**more: Any) -> bytes:
+    body = json.dumps({**ASKED, **more}).encode()
+    head = f"POST {CHAT} HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+    return f"{head}Content-Length: {len(body)}\r\n\r\n".encode() + body
+
+
 def test_a_client_that_leaves_ends_its_call(tmp_path: Path) -> None:
     left: list[str] = []
 
@@ -267,11 +273,8 @@ def test_a_client_that_leaves_ends_its_call(tmp_path: Path) -> None:
     ):
         used = 'tarvomeldric_slots_in_use{provider="p0"}'
         for more in {}, {"stream": True}:
-            body = json.dumps({**ASKED, **more}).encode()
-            head = f"POST {CHAT} HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
-            head += f"Content-Length: {len(body)}\r\n\r\n"
             with socket.create_connection(("127.0.0.1", running.port), timeout=20) as connection:
-                connection.sendall(head.encode() + body)
+                connection.sendall(written_out(**more))
                 until(lambda: left == ["open"])
                 if more:
                     received = b""
@@ -283,6 +286,33 @@ def test_a_client_that_leaves_ends_its_call(tmp_path: Path) -> None:
             left.clear()
         assert running.figure('tarvomeldric_requests_total{route="fast",status="left"}') == 1
         assert running.figure("tarvomeldric_streams_under_way") == 0
+
+
+IMPATIENT = """
+import tarvomeldric.gateway.protocol as protocol
+protocol._READER_S = 0.2
+from tarvomeldric._cli import main
+raise SystemExit(main())
+"""
+
+
+def test_a_client_that_reads_nothing_of_its_answer_is_cut_off(tmp_path: Path) -> None:
+    long = 16_000_000  # more than the sockets' buffers hold
+    big = b'{"choices": [{"index": 0, "message": {"content": "' + b"x" * long + b'"}}]}'
+    program = [sys.executable, "-W", "error", "-c", IMPATIENT]
+    with (
+        RawServer(says(answer(big))) as provider,
+        gateway("--config", written(tmp_path, provider.url), program=program) as running,
+        socket.create_connection(("127.0.0.1", running.port), timeout=20) as connection,
+    ):
+        connection.sendall(written_out())
+        until(lambda: running.figure('tarvomeldric_requests_total{route="fast",status="2xx"}') == 1)
+        time.sleep(2)
+        received = 0
+        with contextlib.suppress(ConnectionResetError):
+            while piece := connection.recv(1 << 20):
+                received += len(piece)
+        assert received < long
 
 
 @pytest.mark.parametrize("stop", [signal.SIGTERM, signal.SIGINT])

@@ -1,4 +1,4 @@
-"""How long a connection may take to say what it wants."""
+"""How long a connection may take to say what it wants, and to take its answer."""
 
 from __future__ import annotations
 
@@ -11,11 +11,12 @@ from uvicorn.protocols.http.httptools_impl import HttpToolsProtocol
 _HEAD_S = 10.0
 _LONGEST_HEAD = 64 * 1024  # bytes
 _OFFER = re.compile(rb"\r\nupgrade:[^\r\n]*", re.IGNORECASE)
+_READER_S = 60.0  # in which a client takes at least something of its answer
 _SLACK_S = 10.0  # what the application says to a slow client comes first
 
 
 class PatientProtocol(HttpToolsProtocol):
-    """The server's own, which waits for ever for heads and bodies that never end.
+    """The server's own, which waits for ever for what never ends or is never read.
 
     Attributes:
         body_timeout: Seconds that the body of a request may take.
@@ -23,6 +24,7 @@ class PatientProtocol(HttpToolsProtocol):
 
     body_timeout: float
     _timer: asyncio.TimerHandle | None = None
+    _reader: asyncio.TimerHandle | None = None
     _part = ""  # of a request, that is arriving
     _head = 0  # bytes of a head so far
 
@@ -32,7 +34,18 @@ class PatientProtocol(HttpToolsProtocol):
 
     def connection_lost(self, exc: Exception | None) -> None:
         self._stop_waiting()
+        self.resume_writing()
         super().connection_lost(exc)
+
+    def pause_writing(self) -> None:
+        super().pause_writing()
+        self._watch_reader()
+
+    def resume_writing(self) -> None:
+        super().resume_writing()
+        if self._reader is not None:
+            self._reader.cancel()
+            self._reader = None
 
     def data_received(self, data: bytes) -> None:
         super().data_received(data if self._part == "body" else _without_offer(data))
@@ -67,6 +80,16 @@ class PatientProtocol(HttpToolsProtocol):
 
     def _give_up(self) -> None:
         self.transport.abort()
+
+    def _watch_reader(self) -> None:
+        unread = self.transport.get_write_buffer_size()
+        self._reader = self.loop.call_later(_READER_S, self._look_at_reader, unread)
+
+    def _look_at_reader(self, unread: int) -> None:
+        if self.transport.get_write_buffer_size() < unread:
+            self._watch_reader()
+        else:
+            self._give_up()
 
 
 def _without_offer(data: bytes) -> bytes:

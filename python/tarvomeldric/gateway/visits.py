@@ -5,7 +5,7 @@ from __future__ import annotations
 from typing import Any
 
 from starlette.datastructures import Headers
-from starlette.requests import ClientDisconnect, Request
+from starlette.requests import Request
 from starlette.responses import Response
 from starlette.types import Receive, Scope, Send
 
@@ -14,7 +14,6 @@ from tarvomeldric.clients.replies import Reply, error_body, raw_of, refusal
 from tarvomeldric.clients.requests import Incoming
 from tarvomeldric.gateway.waiting import Limit, Presence
 
-_PATIENCE = 60.0  # seconds that a client may take to accept a piece of its answer
 _STOPPED = error_body("the gateway is being stopped", "gateway_stopped")
 
 
@@ -72,14 +71,7 @@ class Visit:
             {"type": "http.response.start", "status": answer.status, "headers": headers}
         )
         async for piece in answer.apieces():
-            await self._send_piece(piece)
-
-    async def _send_piece(self, piece: bytes) -> None:
-        try:
-            with Limit(_PATIENCE):
-                await self._send({"type": "http.response.body", "body": piece, "more_body": True})
-        except TimeoutError:
-            raise ClientDisconnect from None
+            await self._send({"type": "http.response.body", "body": piece, "more_body": True})
 
     async def end(self, piece: bytes = b"") -> None:
         await self._send({"type": "http.response.body", "body": piece})
