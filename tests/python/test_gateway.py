@@ -268,13 +268,13 @@ def test_a_client_that_leaves_ends_its_call(tmp_path: Path) -> None:
     chunk = b"%x\r\n%b\r\n" % (len(HELD), HELD)
     stream = CHUNKED.replace(b"\r\n\r\n", b"\r\nContent-Type: text/event-stream\r\n\r\n") + chunk
     with (
-        RawServer(until_closed(), until_closed(stream)) as provider,
+        RawServer(until_closed(), until_closed(), until_closed(stream)) as provider,
         gateway("--config", written(tmp_path, provider.url)) as running,
     ):
         used = 'tarvomeldric_slots_in_use{provider="p0"}'
-        for more in {}, {"stream": True}:
+        for requests, more in (1, {}), (2, {}), (1, {"stream": True}):
             with socket.create_connection(("127.0.0.1", running.port), timeout=20) as connection:
-                connection.sendall(written_out(**more))
+                connection.sendall(requests * written_out(**more))
                 until(lambda: left == ["open"])
                 if more:
                     received = b""
@@ -284,7 +284,7 @@ def test_a_client_that_leaves_ends_its_call(tmp_path: Path) -> None:
             until(lambda: left == ["open", "closed"], patience=3)
             until(lambda: running.figure(used) == 0, patience=3)
             left.clear()
-        assert running.figure('tarvomeldric_requests_total{route="fast",status="left"}') == 1
+        assert running.figure('tarvomeldric_requests_total{route="fast",status="left"}') == 2
         assert running.figure("tarvomeldric_streams_under_way") == 0
 
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import re
+from collections.abc import Sequence
 from typing import Any
 
 from uvicorn.protocols.http.httptools_impl import HttpToolsProtocol
@@ -27,6 +28,7 @@ class PatientProtocol(HttpToolsProtocol):
     _reader: asyncio.TimerHandle | None = None
     _part = ""  # of a request, that is arriving
     _head = 0  # bytes of a head so far
+    _ahead: Sequence[Any] = ()  # unanswered requests before the newest one
 
     def connection_made(self, transport: Any) -> None:
         super().connection_made(transport)
@@ -35,6 +37,9 @@ class PatientProtocol(HttpToolsProtocol):
     def connection_lost(self, exc: Exception | None) -> None:
         self._stop_waiting()
         self.resume_writing()
+        for cycle in self._ahead:  # the newest one is told by the server itself
+            cycle.disconnected = True
+            cycle.message_event.set()
         super().connection_lost(exc)
 
     def pause_writing(self) -> None:
@@ -62,6 +67,8 @@ class PatientProtocol(HttpToolsProtocol):
     def on_headers_complete(self) -> None:
         self._part = "body"
         self._wait(self.body_timeout + _SLACK_S)
+        earlier = [*self._ahead, self.cycle] if self.cycle else ()
+        self._ahead = [cycle for cycle in earlier if not cycle.response_complete]
         super().on_headers_complete()
 
     def on_message_complete(self) -> None:
