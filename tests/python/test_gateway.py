@@ -363,6 +363,10 @@ prt = 3
 max_body = "a"
 [providers.openai]
 api_key = "sk-secret"
+[providers.elsewhere]
+base_url = "http://${EMPTY}"
+[providers.google]
+base_url = "${EMPTY}"
 [providers.local]
 base_url = "http://${HOST}"
 api_key = "${NOT_SET}"
@@ -391,6 +395,8 @@ COMPLAINTS = [
     "server.prt: unknown; did you mean 'port'?",
     "server.max_body: must be a whole number",
     "providers.openai.api_key: must be ${NAME}, a variable of the environment",
+    "providers.elsewhere.base_url: must be http:// or https:// and a host, without a query",
+    "providers.google.base_url: must be http:// or https:// and a host, without a query",
     "providers.local.api_key: the environment has no NOT_SET",
     "providers.local.slots: must be above 0, and finite",
     "providers.local.burst: cannot be beside fleet, which has the limit",
@@ -447,6 +453,7 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
 
     monkeypatch.setenv("OPENAI_API_KEY", "sk-secret")
     monkeypatch.setenv("HOST", "x")
+    monkeypatch.setenv("EMPTY", "")
     monkeypatch.setenv("REDIS", "redis://:secret@localhost")
     for verb in "check", "gateway --config":
         status, out, err = told(verb, WRONG)

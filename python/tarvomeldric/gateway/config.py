@@ -11,6 +11,7 @@ from collections.abc import Sequence
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 from typing import Any, Literal, NewType
+from urllib.parse import urlsplit
 
 from tarvomeldric import (
     Bulkhead,
@@ -48,6 +49,19 @@ def _require_positive(record: Any, names: Sequence[str]) -> None:
         value = getattr(record, name)
         if isinstance(value, int | float) and not 0 < value < float("inf"):
             raise ValueError(f"{name} must be above 0, and finite")
+
+
+def _is_address(url: str) -> bool:
+    try:
+        parts = urlsplit(url)
+        return bool(
+            parts.scheme in ("http", "https")
+            and parts.hostname
+            and parts.port != 0
+            and not (parts.query or parts.fragment)
+        )
+    except ValueError:  # the port, or an address in brackets
+        return False
 
 
 @dataclass(frozen=True)
@@ -126,7 +140,7 @@ class Provider:
     """One provider. Where it is need not be said of the presets, which then have their models, too."""
 
     api_key: Secret = field(default=Secret(""), repr=False)
-    base_url: str = ""
+    base_url: str | None = None
     models: Sequence[str] | None = None
     slots: int = 10
     burst: int = 60
@@ -138,8 +152,8 @@ class Provider:
 
     def __post_init__(self) -> None:
         _require_positive(self, ("slots", "burst", "requests_per_second"))
-        if self.base_url and not self.base_url.startswith(("http://", "https://")):
-            raise ValueError("base_url must begin with http:// or https://")
+        if self.base_url is not None and not _is_address(self.base_url):
+            raise ValueError("base_url must be http:// or https:// and a host, without a query")
         if self.breaker is not None:
             try:
                 _require_positive(self.breaker, list(parameters_of(CircuitBreaker)))
@@ -147,9 +161,8 @@ class Provider:
                 raise ValueError(f"breaker {error}") from None
 
     def record(self, name: str) -> ProviderConfig:
-        preset = "" if self.base_url else _PRESETS[name]
-        if preset:
-            record = _engine._preset_record(name, preset, {name: self.api_key})
+        if self.base_url is None:
+            record = _engine._preset_record(name, _PRESETS[name], {name: self.api_key})
         else:
             record = ProviderConfig(name, self.base_url.rstrip("/"), self.api_key)
         if self.models is not None:
@@ -312,7 +325,7 @@ def _check(reader: Reader, document: dict[str, Any], found: dict[str, Any]) -> N
         for own in ("burst", "requests_per_second"):
             if own in table and "fleet" in table:
                 reader.wrong(below(path, own), "cannot be beside fleet, which has the limit")
-        if not table.get("base_url"):
+        if "base_url" not in table:
             if name not in _PRESETS:
                 what = "is missing, and the name is not a preset's"
                 reader.unknown(below(path, "base_url"), what, name, _PRESETS)
