@@ -161,7 +161,7 @@ PATHS = [CHAT, "/v1/models", "/metrics", "/live", "/live.json", "/openapi.json",
 
 def test_who_is_let_in_and_what_is_passed_on(tmp_path: Path, monkeypatch: Any) -> None:
     monkeypatch.setenv("FIRST_TOKEN", "first-token")
-    monkeypatch.setenv("SECOND_TOKEN", "second-token")
+    monkeypatch.setenv("SECOND_TOKEN", "second-token\n")
     with (
         ProviderSimulator() as provider,
         gateway("--config", written(tmp_path, provider.base_url, head=GUARDED)) as running,
@@ -367,6 +367,8 @@ api_key = "sk-secret"
 base_url = "http://${EMPTY}"
 [providers.google]
 base_url = "${EMPTY}"
+api_key = "${QUOTED}"
+extra_headers = { "x-a" = "1\\r\\nX-B: secret" }
 [providers.local]
 base_url = "http://${HOST}"
 api_key = "${NOT_SET}"
@@ -396,6 +398,8 @@ COMPLAINTS = [
     "server.max_body: must be a whole number",
     "providers.openai.api_key: must be ${NAME}, a variable of the environment",
     "providers.elsewhere.base_url: must be http:// or https:// and a host, without a query",
+    "providers.google.api_key: must be printable ASCII",
+    "providers.google.extra_headers: must be names and printable ASCII",
     "providers.google.base_url: must be http:// or https:// and a host, without a query",
     "providers.local.api_key: the environment has no NOT_SET",
     "providers.local.slots: must be above 0, and finite",
@@ -454,6 +458,7 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
     monkeypatch.setenv("OPENAI_API_KEY", "sk-secret")
     monkeypatch.setenv("HOST", "x")
     monkeypatch.setenv("EMPTY", "")
+    monkeypatch.setenv("QUOTED", "\u201csecret\u201d")
     monkeypatch.setenv("REDIS", "redis://:secret@localhost")
     for verb in "check", "gateway --config":
         status, out, err = told(verb, WRONG)
@@ -468,7 +473,7 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
     unguarded = told("gateway --config", SOUND, "--host", "0.0.0.0")
     assert unguarded[0] == 1
     assert "server.tokens: an address that others can reach needs at least one" in unguarded[2]
-    monkeypatch.setenv("OPENAI_API_KEY", "")
+    monkeypatch.setenv("OPENAI_API_KEY", " \n")
     assert told("check", SOUND)[2].endswith("OPENAI_API_KEY is empty in the environment\n")
     assert told("check", "[server\nx = secret")[2].startswith("tarvomeldric: the file is not TOML")
     assert "pip install 'tarvomeldric[gateway]'\n1" in run_child(WITHOUT_EXTRA)

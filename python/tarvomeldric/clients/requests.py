@@ -18,7 +18,7 @@ _ACCEPTED = ("task-type", "deadline", "request-id")
 
 _KNOWN = re.compile(rf"(?:^|/)({'|'.join(KINDS)})/*$")
 _BASE = re.compile(r"^/(?:.*?/)?v\d+(?=/)")
-_SENDABLE = re.compile(r"[\x20-\x7e]*")
+SENDABLE = re.compile(r"[\x20-\x7e]*")
 _MOST_MEMBERS = 1000  # of a body; the API has some dozens
 _SPACE = re.compile(r"[ \t\r\n]*")
 
@@ -69,7 +69,7 @@ def sent_on(headers: Mapping[str, str]) -> dict[str, str]:
     """The headers that providers get to see. Raises RefusedError for one that nobody could send."""
     kept = {name: value for name in SENT_ON if (value := headers.get(name))}
     for name, value in kept.items():
-        if not _SENDABLE.fullmatch(value):
+        if not SENDABLE.fullmatch(value):
             raise RefusedError(400, f"{name} must be printable ASCII")
     return kept
 

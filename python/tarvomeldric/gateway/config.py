@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import inspect
-import os
 import re
 import sys
 from collections import Counter
@@ -26,6 +25,7 @@ from tarvomeldric import (
 )
 from tarvomeldric._fleet_limits import check_settings
 from tarvomeldric._host_names import is_loopback, require_names
+from tarvomeldric.clients.requests import SENDABLE
 from tarvomeldric.clients.routes import Route
 from tarvomeldric.gateway.tables import WRONG, Reader, below, parameters_of, reference
 
@@ -33,6 +33,7 @@ Secret = NewType("Secret", str)  # stands in the environment, never in the file
 Name = NewType("Name", str)  # of a provider in the file
 
 _PRESETS = dict(_engine._ENV_MAP.values())
+_HEADER_NAME = re.compile(r"[!#$%&'*+.^_`|~\w-]+", re.ASCII)
 _UNGUARDED = "server.tokens: an address that others can reach needs at least one"
 
 
@@ -154,6 +155,11 @@ class Provider:
         _require_positive(self, ("slots", "burst", "requests_per_second"))
         if self.base_url is not None and not _is_address(self.base_url):
             raise ValueError("base_url must be http:// or https:// and a host, without a query")
+        if not SENDABLE.fullmatch(self.api_key):
+            raise ValueError("api_key must be printable ASCII")
+        for name, value in (self.extra_headers or {}).items():
+            if not (_HEADER_NAME.fullmatch(name) and SENDABLE.fullmatch(value)):
+                raise ValueError("extra_headers must be names and printable ASCII")
         if self.breaker is not None:
             try:
                 _require_positive(self.breaker, list(parameters_of(CircuitBreaker)))
@@ -301,9 +307,10 @@ def config_of(document: dict[str, Any]) -> Config:
         variable = reference(given)
         if variable is None:
             return reader.wrong(path, "must be ${NAME}, a variable of the environment")
-        if os.environ.get(variable) == "":
+        said = reader.text(given, path)
+        if said is not WRONG and not (said := said.strip()):  # a file's last line has its end
             return reader.wrong(path, f"{variable} is empty in the environment")
-        return reader.text(given, path)
+        return said
 
     reader = Reader({Name: provider, Secret: secret})
     found = reader.members(Config, document, "")
