@@ -20,6 +20,7 @@ _KNOWN = re.compile(rf"(?:^|/)({'|'.join(KINDS)})/*$")
 _BASE = re.compile(r"^/(?:.*?/)?v\d+(?=/)")
 SENDABLE = re.compile(r"[\x20-\x7e]*")
 _MOST_MEMBERS = 1000  # of a body; the API has some dozens
+_MOST_CHOICES = 9999
 _SPACE = re.compile(r"[ \t\r\n]*")
 
 
@@ -134,8 +135,9 @@ class Body:
     def choices(self) -> int:
         """How many answers are asked for."""
         wanted = self.fields.get("n")
-        text = wanted.text if isinstance(wanted, _Number) else ""
-        return int(text) if re.fullmatch(r"\d{1,4}", text, re.ASCII) else 1
+        if isinstance(wanted, float) and wanted.is_integer() and 1 <= wanted <= _MOST_CHOICES:
+            return int(wanted)
+        return 1
 
     @property
     def has_schema(self) -> bool:
@@ -155,8 +157,11 @@ class Body:
 
 def _length(content: Any) -> int:
     """Of a text, or of those in a list; a part of a message has its own as a member."""
-    parts = content if isinstance(content, list) else [content]
-    texts = [part.get("text") if isinstance(part, dict) else part for part in parts]
+    if isinstance(content, str):
+        return len(content)
+    if not isinstance(content, list):
+        return 0
+    texts = (part.get("text") if isinstance(part, dict) else part for part in content)
     return sum(len(text) for text in texts if isinstance(text, str))
 
 
@@ -164,16 +169,9 @@ def _refuse_constant(name: str) -> Any:
     raise ValueError(f"{name} is not JSON")
 
 
-class _Number:
-    """A number as it is written: almost nothing here is reckoned with."""
-
-    __slots__ = ("text",)
-
-    def __init__(self, text: str) -> None:
-        self.text = text
-
-
-_decoder = json.JSONDecoder(parse_int=_Number, parse_float=_Number, parse_constant=_refuse_constant)
+# A body may hold millions of numbers, and only one of them is looked at: floats are made at once,
+# and of any number of digits.
+_decoder = json.JSONDecoder(parse_int=float, parse_constant=_refuse_constant)
 
 
 def _members(text: str) -> tuple[dict[str, Any], dict[str, list[tuple[int, int]]]]:
