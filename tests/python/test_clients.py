@@ -324,7 +324,13 @@ def test_other_requests_pass_through_untouched(send: Any) -> None:
     echoed = Reply(
         status=307,
         body={"id": "resp"},
-        headers={"X-Other": "caf\xe9", "Location": "/there", "Content-Type": "application/json"},
+        headers={
+            "X-Other": "caf\xe9",
+            "Location": "/there",
+            "Content-Type": "application/json",
+            "Connection": "x-hop",
+            "X-Hop": "1",
+        },
     )
     with ProviderSimulator(default=echoed) as simulator:
         record = provider(simulator.base_url, "p")
@@ -332,13 +338,16 @@ def test_other_requests_pass_through_untouched(send: Any) -> None:
         engine = engine_with(record)
         url = "http://x/openai/v1/responses//abc/?include=a&x=%20"
         theirs = {"cookie": "a", "x-api-key": "k", "api-key": "k", "authorization": "Bearer k"}
+        theirs |= {"connection": "close, X-Hop", "x-hop": "1"}
         response = send(engine, [], b'{"x": 1}', url, passthrough="p", headers=theirs)
         assert (response.status_code, response.json()) == (307, {"id": "resp"})
         assert (response.headers["x-other"], response.headers["location"]) == ("café", "/there")
+        assert "x-hop" not in response.headers
         request = simulator.requests[0]
         assert request.path == "/v1/responses//abc/?include=a&x=%20&version=2"
         assert request.header("authorization") == f"Bearer {record.api_key}"
-        assert [request.header(name) for name in ("cookie", "x-api-key", "api-key")] == [None] * 3
+        for name in "cookie", "x-api-key", "api-key", "x-hop":
+            assert request.header(name) is None
         assert send(engine, [], b"", "http://x/v1/a%2F..%2Fb", passthrough="p").status_code == 404
         assert send(engine, [], b"", url).status_code == 404
     assert send(engine, [], b"", url, passthrough="p").status_code == 502

@@ -21,7 +21,10 @@ _OF_A_CONNECTION = {
     *("connection", "keep-alive", "proxy-connection", "te", "trailer", "transfer-encoding"),
     *("upgrade", "host", "content-length", "expect"),
 }
-_IDENTITY = {"authorization", "proxy-authorization", "cookie", "x-api-key", "api-key"}
+_IDENTITY = {
+    *("authorization", "proxy-authorization", "cookie"),
+    *("x-api-key", "api-key", "x-goog-api-key"),
+}
 _NOT_SENT = {*_OF_A_CONNECTION, *_IDENTITY, "accept-encoding"}
 _NOT_HANDED_BACK = {*_OF_A_CONNECTION, "content-encoding"}  # which is undone
 
@@ -31,11 +34,9 @@ class Passed:
 
     def __init__(self, response: httpx.Response, serving: contextlib.ExitStack) -> None:
         self.status = response.status_code
-        self.headers = [
-            (name, value)
-            for name, value in pairs_of(response.headers)
-            if name not in _NOT_HANDED_BACK
-        ]
+        pairs = pairs_of(response.headers)
+        left_out = _NOT_HANDED_BACK | _listed(response.headers.get("connection", ""))
+        self.headers = [(name, value) for name, value in pairs if name not in left_out]
         if place := response.extensions.get("location"):
             self.headers.append(("location", place))
         self._response = response
@@ -164,11 +165,17 @@ def serve(client: Any, serving: contextlib.ExitStack) -> None:
         serving.enter_context(own.serving())
 
 
+def _listed(connection: str) -> set[str]:
+    """The headers that a connection names as its own."""
+    return {name.strip().lower() for name in connection.split(",")}
+
+
 def _sent(incoming: Incoming, own: dict[str, str]) -> Sequence[tuple[str, str]]:
+    left_out = _NOT_SENT | _listed(incoming.headers.get("connection", "")) | own.keys()
     kept = [
         (name, value)
         for name, value in incoming.headers.items()
-        if name not in _NOT_SENT and name not in own and not name.startswith("x-tarvomeldric-")
+        if name not in left_out and not name.startswith("x-tarvomeldric-")
     ]
     return [*kept, ("accept-encoding", "gzip, deflate"), *own.items()]
 
