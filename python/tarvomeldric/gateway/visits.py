@@ -65,11 +65,10 @@ class Visit:
 
     async def hand_on(self, answer: Any) -> None:
         """Sends the pieces of an answer, all but its end, as they come."""
-        self.status, self._handed_on = answer.status, answer
+        self._handed_on = answer
+        self.status = answer.status if answer.status <= 599 else 502  # there are none above
         headers = raw_of(answer.headers)
-        await self._send(
-            {"type": "http.response.start", "status": answer.status, "headers": headers}
-        )
+        await self._send({"type": "http.response.start", "status": self.status, "headers": headers})
         async for piece in answer.apieces():
             await self._send({"type": "http.response.body", "body": piece, "more_body": True})
 
