@@ -53,6 +53,8 @@ class PatientProtocol(HttpToolsProtocol):
             self._reader = None
 
     def data_received(self, data: bytes) -> None:
+        if not self._part and not data.strip(b"\r\n"):
+            return  # blank lines between requests, by which a connection would never be idle
         super().data_received(data if self._part == "body" else _without_offer(data))
         if self._part == "head":
             self._head += len(data)
