@@ -240,6 +240,13 @@ def test_a_final_failure_is_the_providers_own(send: Any) -> None:
     with RawServer(lambda c: c.sendall(answer(b"your key is " + KEY.encode(), 401))) as server:
         response = send(engine_with(provider(server.url, "p")), routes, asking())
     assert (response.status_code, KEY in response.text) == (401, False)
+    quoted = b'data: {"error": {"message": "your key is %b"}}\n\n' % KEY.encode()
+    for events in quoted, b'data: {"choices":[{"delta":{"content":"x"}}]}\n\n' + quoted:
+        with RawServer(says(answer(events, Content_Type="text/event-stream"))) as server:
+            engine = engine_with(provider(server.url, "p")).with_policy(ONCE)
+            response = send(engine, routes, asking(stream=True))
+        assert "[REDACTED]" in response.text
+        assert KEY not in response.text
 
     def ends(record: Any, model: str = "fast") -> tuple[int, str, str | None]:
         engine = engine_with(record).with_policy(ONCE.replace(validate="all"))

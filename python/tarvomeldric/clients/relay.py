@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import AsyncGenerator, Generator, Iterable
+from collections.abc import AsyncGenerator, Generator, Iterable, Sequence
 from typing import Any
 from urllib.parse import unquote
 
@@ -18,6 +18,7 @@ from tarvomeldric.clients.replies import (
     failed,
     headers_of,
     refusal,
+    told_of,
 )
 from tarvomeldric.clients.requests import KINDS, Body, Incoming, RefusedError, options_of, sent_on
 from tarvomeldric.clients.routes import Route, Routes
@@ -31,17 +32,18 @@ class Streamed:
         headers: Those of the answer.
     """
 
-    def __init__(self, stream: Any, headers: dict[str, str]) -> None:
+    def __init__(self, stream: Any, headers: dict[str, str], records: Sequence[Any]) -> None:
         self.status = 200
         self.headers = headers
         self._stream = stream
+        self._records = records  # of those that may have answered
 
     def pieces(self) -> Generator[bytes, None, None]:
         """What the provider sent; an error in the same form where it broke off."""
         try:
             yield from self._stream
         except StreamInterrupted as error:
-            yield _broken_off(error)
+            yield _broken_off(error, self._records)
         finally:
             self._stream.close()
 
@@ -51,7 +53,7 @@ class Streamed:
             async for piece in self._stream:
                 yield piece
         except StreamInterrupted as error:
-            yield _broken_off(error)
+            yield _broken_off(error, self._records)
         finally:
             await self._stream.aclose()
 
@@ -62,8 +64,9 @@ class Streamed:
         await self._stream.aclose()
 
 
-def _broken_off(error: StreamInterrupted) -> bytes:
-    return b"\n\ndata: " + error_body(str(error), "stream_interrupted") + b"\n\n"
+def _broken_off(error: StreamInterrupted, records: Sequence[Any]) -> bytes:
+    told = error_body(told_of(error, records), "stream_interrupted")
+    return b"\n\ndata: " + told + b"\n\n"
 
 
 class _Relayed(SyncStream):
@@ -114,7 +117,7 @@ class Asked:
             stream.__enter__()
         except HEALED_FAILURES as error:
             return failed(error, self._relay.records(self._route))
-        return _streamed(stream)
+        return self._streamed(stream)
 
     async def answer_awaited(self) -> Reply | Streamed:
         """The same, awaited."""
@@ -125,15 +128,15 @@ class Asked:
             await stream.__aenter__()
         except HEALED_FAILURES as error:
             return failed(error, self._relay.records(self._route))
-        return _streamed(stream)
+        return self._streamed(stream)
+
+    def _streamed(self, stream: Any) -> Streamed:
+        headers = headers_of(stream._connection.attempt, stream._result)
+        return Streamed(stream, headers, self._relay.records(self._route))
 
 
 def _whole(result: Any, reply: Any) -> Reply:
     return Reply(reply.status, headers_of(reply, result), reply.content)
-
-
-def _streamed(stream: Any) -> Streamed:
-    return Streamed(stream, headers_of(stream._connection.attempt, stream._result))
 
 
 class Relay:

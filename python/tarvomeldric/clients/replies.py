@@ -98,12 +98,20 @@ def _failed_by_provider(error: BaseException, records: Iterable[ProviderConfig])
         if any(_holds_secret(content, record) for record in records):
             content = error_body(f"HTTP {reply.status}: [REDACTED]", "provider_error")
         return Reply(reply.status, _handed_back(reply.headers), content)
+    told = told_of(error, records)
     status = getattr(error, "status_code", None) or 502
     if status == 408:
-        return Reply(504, dict(_JSON), error_body(str(error), "timeout"))
+        return Reply(504, dict(_JSON), error_body(told, "timeout"))
     if not 400 <= status <= 599:  # a failure must not look like a success, or a redirection
         status = 502
-    return Reply(status, dict(_JSON), error_body(str(error), "provider_error"))
+    return Reply(status, dict(_JSON), error_body(told, "provider_error"))
+
+
+def told_of(error: BaseException, records: Iterable[ProviderConfig]) -> str:
+    """What an error says, unless it quotes a provider that quotes its key."""
+    told = str(error)
+    secret = any(_holds_secret(told.encode(errors="replace"), record) for record in records)
+    return "[REDACTED]" if secret else told
 
 
 def _holds_secret(content: bytes, record: ProviderConfig) -> bool:
