@@ -465,6 +465,13 @@ def test_a_configuration_is_checked_as_a_whole(tmp_path: Path, monkeypatch: Any)
         assert (status, out) == (1, "")
         assert sorted(err.splitlines()) == sorted(f"tarvomeldric: {it}" for it in COMPLAINTS)
     assert told("check", SOUND) == (0, SHOWN, "")
+    nobody = (
+        SOUND.replace("deadline = 5", 'providers = ["other"]')
+        + '[providers.other]\nbase_url = "http://x"\n'
+    )
+    assert (
+        "routes[0].providers: policy.providers leaves all of them out" in told("check", nobody)[2]
+    )
     page = (Path(__file__).parents[2] / "docs" / "gateway.md").read_text()
     file, lines = re.findall(r"```(?:toml|console)\n(.*?)```", page, re.DOTALL)[1:3]
     out = told("check", file)[1]

@@ -342,6 +342,11 @@ def _check(reader: Reader, document: dict[str, Any], found: dict[str, Any]) -> N
     for name, times in Counter(it.get("name") for it in tables if isinstance(it, dict)).items():
         if times > 1 and isinstance(name, str):
             reader.wrong("routes", f"{name!r} is there {times} times")
+    policy, routes = found.get("policy", WRONG), found.get("routes", WRONG)
+    if policy is not WRONG and routes is not WRONG and policy.calls.providers is not None:
+        for at, table in enumerate(routes):
+            if not set(policy.calls.providers) & set(table.route.providers):
+                reader.wrong(f"routes[{at}].providers", "policy.providers leaves all of them out")
     server = found.get("server", WRONG)
     if server is not WRONG:
         try:
