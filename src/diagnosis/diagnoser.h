@@ -42,6 +42,7 @@ struct LatencyStats {
 // The label alone, without keeping count of it.
 std::string fault_label_of(std::string_view error_text, std::optional<std::int64_t> status);
 
+// What a diagnoser counts.
 struct DiagnoserFields {
   OrderedMap<std::int64_t> stats;    // category values and labels, in one flat map
   std::vector<double> latencies_us;  // microseconds, oldest first

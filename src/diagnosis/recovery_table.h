@@ -6,7 +6,7 @@
 
 namespace tarvomeldric {
 
-// The recovery step that suits a fault, as a suggestion to whoever asks. The cascade itself decides
+// The recovery step that suits a fault, as a suggestion to the caller. The cascade itself decides
 // by the flags of the diagnosis.
 struct RecoverySuggestion {
   const char* category;

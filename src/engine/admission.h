@@ -11,7 +11,7 @@ namespace tarvomeldric {
 
 // The slot of an admitted attempt. It goes back exactly once: when asked to, or with its owner,
 // however the attempt ends. The leave to test a breaker, where the attempt has one, is kept until
-// its outcome is recorded: it goes back with the owner alone.
+// its outcome is recorded: it goes back with the owner alone. Of one thread at a time.
 class AdmittedSlot {
  public:
   AdmittedSlot() = default;

@@ -64,7 +64,7 @@ struct CallFacts {
   double start_s = 0.0;         // monotonic, seconds; 0 when unknown
   MapeKTrace* trace = nullptr;  // left alone when null
 
-  // What is said of an answer by this target; whoever healed the call adds how.
+  // What is said of an answer by this target; the level that healed the call adds how.
   Answer answered_by(const Target& target, double latency_ms, const char* heal_level) const;
 };
 

@@ -21,7 +21,7 @@ struct HistoryStep {
 };
 
 // What an engine's calls came to over the last quarter of an hour, in steps of five seconds.
-// Moments are monotonic and handed in. It has no lock.
+// Moments are monotonic and handed in. It has no lock: `RecentCalls` holds its own around it.
 class CallHistory {
  public:
   static constexpr double kStepSeconds = 5.0;

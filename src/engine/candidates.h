@@ -21,7 +21,7 @@ struct Target {
 using Route = OrderedMap<std::string>;
 
 // Who may be asked in one call, in which order, and for which model. What it is made of outlives
-// it.
+// it. Does not change; of one call.
 class Candidates {
  public:
   Candidates(const std::string& model, const CallPolicy& policy, const std::optional<Route>& route)

@@ -28,7 +28,8 @@ using Healed = std::optional<CallOutcome>;
 double provider_priority(const NamedProvider& candidate, const std::optional<Advice>& advice);
 
 // L3: tries the other available providers, best first, one after the other, until one answers;
-// checks its answer against the caller's contract and for drift. Nobody is sent the request twice.
+// checks its answer against the caller's contract and for drift. No provider is sent the request
+// twice. Of one call.
 class Failover {
  public:
   // The pass outlives it.

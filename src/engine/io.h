@@ -40,7 +40,7 @@ enum class Demand : std::uint8_t { kNothing, kContent, kContract };
 
 // On which terms a request is sent.
 struct AttemptTerms {
-  double limit_s;      // whoever waits for it waits so long at most; infinite for no limit of ours
+  double limit_s;      // the longest wait for its end; infinite for no limit of ours
   bool whole = false;  // an answer that is streamed is read to its end, and not to its beginning
   Demand demand = Demand::kNothing;
 };
@@ -52,7 +52,7 @@ struct Leg {
   AttemptTerms terms;
 };
 
-// Who is asked, too, when the first request of a call takes long.
+// The second provider of a race, which is chosen when the first request of a call takes long.
 class Rival {
  public:
   virtual ~Rival() = default;
@@ -82,7 +82,7 @@ struct Recovery {
 
 // Everything in which a call waits for somebody else. The pipeline is written once over it and does
 // not know whether it blocks a thread or suspends on an event loop. An `Io` serves one call; it
-// keeps the answer and the error of the latest attempt for whoever made it.
+// keeps the answer and the error of the latest attempt for what made it.
 //
 // A task of an `Io` may end with an exception at any await (a cancellation), or never be resumed
 // and be destroyed: what the pipeline holds must be owned by its locals.
@@ -110,14 +110,14 @@ class Io {
   virtual Task<void> sleep(double seconds) = 0;
   // Waits at most `timeout_s` seconds for a permit; answers whether it was taken.
   virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) = 0;
-  // The learner's two steps, which may have to wait for somebody who uses it at the moment.
+  // The learner's two steps, which may have to wait for a thread that uses it at the moment.
   virtual Task<void> learn(Outcome outcome) = 0;
   virtual Task<std::optional<Advice>> advise(std::string error_pattern) = 0;
 
   // The caller's contract for healed output, if there is one, and whether it declares a structure.
   virtual bool has_contract() const = 0;
   virtual bool contract_has_schema() const = 0;
-  // Whether the latest answer holds the contract; the verdict is kept for whoever made the `Io`.
+  // Whether the latest answer holds the contract; the verdict is kept for what made the `Io`.
   virtual bool validate() = 0;
   // Makes an error of an answer that is no good, in place of the newest one: the answer has no
   // content, or breaks the contract. The message is the beginning of the error's.
@@ -126,7 +126,7 @@ class Io {
   // Tells the outside that a call was healed. What goes wrong there is nobody's failure.
   virtual void report(const Recovery& recovery) = 0;
 
-  // Keeps the record of a request for whoever made the call.
+  // Keeps the record of a request for the result.
   virtual void keep(AttemptRecord attempt) = 0;
   // Whether anybody listens to events; telling one has no other use, and no failure of theirs
   // passes.

@@ -4,6 +4,7 @@
 
 namespace tarvomeldric {
 
+// A rule that every learner starts from.
 struct BootstrapRule {
   const char* pattern;
   const char* action;

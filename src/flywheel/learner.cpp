@@ -131,7 +131,7 @@ void FlywheelLearner::forget_kept() {
 }
 
 // Left out of the analysis: `record` and `seed` hold the lock, and Python code that calls it by
-// hand may.
+// hand may hold it, too.
 void FlywheelLearner::persist() NO_THREAD_SAFETY_ANALYSIS {
   if (file_.path().empty()) return;
   const std::string text = rules_file_text(fields_.rules);

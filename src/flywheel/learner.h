@@ -32,6 +32,7 @@ struct Advice {
   double confidence = 0.0;
 };
 
+// What a learner holds.
 struct LearnerFields {
   OrderedMap<RulePtr> rules;  // by rule_key
   std::int64_t records = 0;
@@ -39,6 +40,7 @@ struct LearnerFields {
   std::string sync_mode = "local";  // "redis" while rules are shared with a fleet
 };
 
+// The figures of a learner, as of one moment.
 struct LearnerStats {
   std::int64_t total_rules;
   std::int64_t total_records;
@@ -47,8 +49,8 @@ struct LearnerStats {
   std::string sync_mode;
 };
 
-// Who is told of every recorded rule while the learner shares its rules. Called under the learner's
-// lock; must not throw and must not call back.
+// Hears of every recorded rule while the learner shares its rules. Called by any thread, under the
+// learner's lock; must not throw and must not call back.
 class RulePublisher {
  public:
   virtual ~RulePublisher() = default;
@@ -71,19 +73,20 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   explicit FlywheelLearner(std::string persist_path = "", const Clock& clock = system_clock());
 
   void record(const Outcome& outcome);
-  // For one who must not wait: keeps an outcome for `record_kept`, which somebody else is to call.
-  // True where nobody has been asked to yet.
+  // For a call that must not wait: keeps an outcome for `record_kept`, which another thread is to
+  // call. True where none has been asked to yet.
   bool keep(Outcome outcome);
   // Records what is kept, in order, until nothing is.
   void record_kept();
-  // Nobody can be asked; or this is the child of a fork, and what is kept the parent's to record.
+  // Drops what is kept: no thread can be asked, or this is the child of a fork, and the parent
+  // records it.
   void forget_kept();
   // The most confident rule above 0.6 for exactly this pattern, else for its category (the part
   // before the first colon); null when there is none. Rules gone stale lose confidence first.
   RulePtr match(std::string_view error_pattern);
   // What `match` finds, read under the lock.
   std::optional<Advice> advise(std::string_view error_pattern);
-  // The same for one who must not wait. False, and nothing asked, when somebody holds the lock.
+  // The same for a call that must not wait. False, and nothing asked, while the lock is held.
   bool try_advise(std::string_view error_pattern, std::optional<Advice>& advice);
   std::vector<RulePtr> rules() const;
   LearnerStats stats() const;
@@ -101,7 +104,8 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   // How many rules of the fleet found no room. Nothing is ever removed to make it.
   std::int64_t rules_passed_over() const;
 
-  // Writes the table to the rules file, with the lock held by the caller or by nobody else's need.
+  // Writes the table to the rules file. Takes no lock: `record` and `seed` hold it, and so may
+  // Python code that calls this by hand.
   void persist();
   RulesFile& file() { return file_; }
   // Whether `record` would wait, or come before what is kept: the lock is held, somebody is to

@@ -79,7 +79,7 @@ bool RulesFile::write(std::string_view text) {
     file = make_temporary(path_, name);
   }
   if (file < 0) return false;
-  // Who may read the file is the business of whoever made it.
+  // Which users may read the file is up to the one who made it.
   struct stat present = {};
   const bool over_a_file = ::stat(path_.c_str(), &present) == 0 && S_ISREG(present.st_mode);
   static_cast<void>(::fchmod(file, over_a_file ? present.st_mode & 0777 : kFreshMode));

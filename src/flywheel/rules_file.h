@@ -9,7 +9,8 @@ namespace tarvomeldric {
 
 // Where a learner's table is kept. Several processes may share it: a reader sees the old or the new
 // file, whole, never a part of one. Writing blocks, though not for the disk: a file written shortly
-// before a power failure may be empty after it. It never fails for the caller.
+// before a power failure may be empty after it. It never fails for the caller. One
+// thread at a time; its learner writes with its own lock held.
 class RulesFile {
  public:
   // The path as the operating system takes it; empty for none.

@@ -8,6 +8,7 @@
 
 namespace tarvomeldric {
 
+// What a bulkhead is set to, and how full it is.
 struct BulkheadFields {
   std::int64_t max_concurrent = 10;      // permits the semaphore starts with
   std::shared_ptr<Semaphore> semaphore;  // made by the bulkhead

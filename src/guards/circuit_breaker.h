@@ -26,6 +26,7 @@ constexpr std::string_view value_of(CircuitState state) {
   return kCircuitStates[static_cast<std::size_t>(state)].second;
 }
 
+// What a breaker is set to, and what it has counted.
 struct CircuitBreakerFields {
   std::int64_t failure_threshold = 5;  // failures in a row that open it
   double error_rate_threshold = 0.5;   // share of failures in a full window that opens it
@@ -41,6 +42,7 @@ struct CircuitBreakerFields {
   std::int64_t trip_count = 0;
 };
 
+// The read-out of a breaker.
 struct CircuitSummary {
   CircuitState state;
   std::int64_t consecutive_fails;
@@ -51,7 +53,7 @@ struct CircuitSummary {
 
 // Bars traffic to what keeps failing. It opens on `failure_threshold` failures in a row, or when at
 // least `error_rate_threshold` of a full window failed; an open breaker turns half-open when
-// somebody asks after the cooldown; a success then closes it, and the failure that reaches a
+// it is asked after the cooldown; a success then closes it, and the failure that reaches a
 // threshold again opens it again.
 //
 //   breaker.record_failure("openai");
@@ -103,7 +105,7 @@ class CircuitBreaker : public GuardedRecord<CircuitBreakerFields> {
 
 // The leave to go through a breaker, given back with its owner, however the attempt ends: a probe
 // that is abandoned must not bar the provider for good. A closed breaker needs none, and gives one
-// that is empty.
+// that is empty. Of one thread at a time.
 class ProbePermit {
  public:
   ProbePermit() = default;

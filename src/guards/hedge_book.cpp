@@ -62,7 +62,7 @@ bool HedgeBook::is_aside(const std::string& lane) const {
   return known && known->on_probation() && clock_.monotonic() < known->aside_until_s;
 }
 
-// Whoever tests it keeps the others away until the test is over, or has been forgotten.
+// The call that tests it keeps the others away until the test is over, or has been forgotten.
 bool HedgeBook::claim(const std::string& lane) {
   MutexLock lock(mutex_);
   Lane* known = lanes_.find(lane);

@@ -7,10 +7,11 @@
 
 namespace tarvomeldric {
 
+// What a limiter is set to, and what it has left.
 struct RateLimiterFields {
   std::int64_t max_tokens = 60;
   double refill_rate = 10.0;   // tokens a second
-  double tokens = 60.0;        // as of `last_refill`
+  double tokens = 60.0;        // as of `last_refill_s`
   double last_refill_s = 0.0;  // wall clock, seconds
   std::int64_t rejected = 0;
 };

@@ -5,6 +5,7 @@
 
 namespace tarvomeldric {
 
+// What a budget is set to.
 struct RetryBudgetFields {
   double ratio = 0.2;                   // retries that each call earns
   double min_retries_per_second = 1.0;  // retries that time earns

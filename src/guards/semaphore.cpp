@@ -129,8 +129,8 @@ bool Semaphore::take_locked(std::int64_t claims) {
   return true;
 }
 
-// Those who were woken a moment ago. One who takes longer has lost the claim, and takes what is
-// there.
+// The waiters that were woken a moment ago. One that takes longer has lost the claim, and takes
+// what is there.
 std::int64_t Semaphore::on_their_way_locked() {
   while (!woken_.empty() && clock_.monotonic() - woken_.front().at_s > kGraceSeconds)
     woken_.pop_front();

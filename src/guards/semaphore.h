@@ -13,16 +13,16 @@ namespace tarvomeldric {
 // Permits, and a line of those who wait for one: threads and coroutines alike.
 //
 // A release makes a permit free and wakes the first in line; who wakes takes the permit if it is
-// still there. A permit is therefore never handed to somebody who may not be able to run: a waiter
+// still there. A permit is therefore never handed to a waiter that may not be able to run: one
 // that cannot be woken is skipped, one that leaves after it was woken passes the wake-up on, and
-// everybody in line looks for themselves every `kLookAgain` seconds, so that a wake-up lost with a
-// loop that stopped costs the others that long at most. Newcomers go behind those in line, and for
-// the moment `kGrace` behind one who was woken and is on the way. There is no upper bound: every
+// every waiter looks for itself each `kLookAgainSeconds`, so that a wake-up lost with a loop that
+// stopped costs the others that long at most. Newcomers go behind those in line, and for
+// `kGraceSeconds` behind a waiter that was woken and is on the way. There is no upper bound: every
 // release adds a permit. Any thread; the inner lock is never held while somebody is woken.
 class Semaphore {
  public:
-  // One who waits. `wake` says that a permit may be there; false when the waiter cannot be told. It
-  // may be called by any thread, with no lock of the core held, and must not throw.
+  // A place in the line. `wake` says that a permit may be there; false when the waiter cannot be
+  // told. It may be called by any thread, with no lock of the core held, and must not throw.
   class Waiter {
    public:
     virtual ~Waiter() = default;
@@ -39,15 +39,15 @@ class Semaphore {
 
   // Takes a permit unless others have a better claim to it; does not wait.
   bool try_acquire();
-  // Takes a permit if there is one at all: the last look of one who waited, or will not wait.
+  // Takes a permit if there is one at all: the last look of a waiter whose time is up.
   bool take_any();
   // Waits at most `timeout_s` seconds, in a blocking region; 0 or less does not wait. Throws what
-  // the host raises when it interrupts the wait.
+  // Python raises when it interrupts the wait.
   bool acquire(double timeout_s);
   void release();
 
   // For those who wait in their own way (coroutines): into the line, a look from within it, out of
-  // it. Whoever joined must leave, or be destroyed: the line holds nobody alive. `look` answers
+  // it. What joined must leave, or be destroyed: the line keeps no waiter alive. `look` answers
   // whether a permit was taken.
   void join(const std::shared_ptr<Waiter>& waiter);
   bool look(Waiter& waiter);
@@ -62,8 +62,8 @@ class Semaphore {
   std::int64_t permits() const;
   std::size_t waiting() const;
 
-  static constexpr double kLookAgainSeconds = 0.25;  // seconds
-  static constexpr double kGraceSeconds = 0.1;       // seconds
+  static constexpr double kLookAgainSeconds = 0.25;
+  static constexpr double kGraceSeconds = 0.1;
 
  private:
   struct InLine {

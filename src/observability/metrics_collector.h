@@ -14,12 +14,14 @@ namespace tarvomeldric {
 
 using Samples = std::vector<double>;
 
+// Every metric by its name.
 struct MetricsFields {
   OrderedMap<std::int64_t> counters;
   OrderedMap<double> gauges;
   OrderedMap<std::shared_ptr<Samples>> histograms;  // shared, so that a view of one stays valid
 };
 
+// A histogram in figures, in the unit of its samples.
 struct HistogramSummary {
   std::size_t count;
   double p50;
@@ -28,6 +30,7 @@ struct HistogramSummary {
   double avg;
 };
 
+// All metrics, as of one moment.
 struct MetricsSnapshot {
   std::vector<std::pair<std::string, std::int64_t>> counters;
   std::vector<std::pair<std::string, double>> gauges;

@@ -29,7 +29,7 @@ using CounterValues = std::array<std::int64_t, kCounterNames.size()>;
 
 // The engine's counters under `counter_lock`, and the engine's general lock, which a call holds
 // around its counts so that counts that belong together change together. The general lock is taken
-// first.
+// first. Any thread.
 class EngineCounters {
  public:
   void count(std::initializer_list<Counter> counters);

@@ -20,6 +20,7 @@ using BreakerPtr = std::shared_ptr<CircuitBreaker>;
 using RateLimiterPtr = std::shared_ptr<RateLimiter>;
 using BulkheadPtr = std::shared_ptr<Bulkhead>;
 
+// What is known of a provider, and its guards.
 struct ProviderFields {
   std::string name;
   std::string base_url;

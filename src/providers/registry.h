@@ -8,13 +8,14 @@
 
 namespace tarvomeldric {
 
+// A provider and its name in the registry.
 struct NamedProvider {
   std::string name;
   ProviderPtr provider;
 };
 
 // The providers of an engine by the names they were registered under, in order of registration. The
-// engine's own stands on a Python dictionary.
+// engine's own stands on a Python dictionary, and is read with the interpreter lock held.
 class Registry {
  public:
   virtual ~Registry() = default;

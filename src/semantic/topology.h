@@ -33,13 +33,15 @@ inline constexpr std::array kOobTasks{
     "creative_writing", "brainstorming",           "persuasion",
     "storytelling",     "philosophical_reasoning", "open_dialogue"};
 
+// The domain of a request or answer, and why.
 struct SemanticClassification {
   SemanticDomain domain = SemanticDomain::kTauNeighborhood;
   std::string reason;
   std::optional<double> tau_threshold;  // of a TAU_NEIGHBORHOOD result only
 };
 
-// Labels requests and the drift of answers with a domain. Pure functions: no state, no effect.
+// Labels requests and the drift of answers with a domain. Pure functions: no state, no effect. Any
+// thread.
 class SemanticTopology {
  public:
   // A declared structure makes a task exact whatever its type; else the task type decides.

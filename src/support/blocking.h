@@ -4,21 +4,22 @@
 
 namespace tarvomeldric {
 
-// What the host wants done around a wait. The core calls these and knows nothing of the
-// interpreter; without hooks (in the C++ tests) a region is free of cost and effect.
+// What the interpreter wants done around a wait. The core calls these and knows nothing else of
+// it; without hooks (in the C++ tests) a region is free of cost and effect.
 struct BlockingHooks {
-  // Gives up what this thread holds of the host; returns a token, or null when it holds nothing.
+  // Gives up this thread's interpreter lock; returns a token, or null when it holds none.
   void* (*release)() = nullptr;
   // Takes back what `release` gave up.
   void (*reacquire)(void* token) = nullptr;
-  // Throws when the host asked this thread to stop (Ctrl-C). Called with the host's lock held.
+  // Throws when Python asked this thread to stop (Ctrl-C). Called with the interpreter lock held.
   void (*check_interrupt)() = nullptr;
 };
 
 void install_blocking_hooks(const BlockingHooks& hooks);
 
-// The scope in which a thread waits for another one. No lock of the core may be held when a region
-// begins, is interrupted or ends, except the one that the region's owner is about to give up.
+// The scope in which a thread waits for another one, without the interpreter lock. No lock of the
+// core may be held when a region begins, is interrupted or ends, except the one that the region's
+// owner is about to give up. Of the thread that makes it.
 class BlockingRegion {
  public:
   BlockingRegion();
@@ -26,8 +27,8 @@ class BlockingRegion {
   BlockingRegion(const BlockingRegion&) = delete;
   BlockingRegion& operator=(const BlockingRegion&) = delete;
 
-  // Leaves the region for a moment to see whether the host wants this thread to stop; throws the
-  // host's error then. Waits call it every `kInterruptSlice`.
+  // Leaves the region for a moment to see whether Python wants this thread to stop; throws its
+  // error then. Waits call it every `kInterruptSlice`.
   void check_interrupt();
 
  private:

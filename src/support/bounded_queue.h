@@ -7,6 +7,7 @@
 namespace tarvomeldric {
 
 // A queue of at most `Capacity` values: appending to a full one drops the oldest.
+// Has no lock; its record's counts.
 template <class T, std::size_t Capacity>
 class BoundedQueue {
  public:

@@ -5,6 +5,7 @@
 namespace tarvomeldric {
 
 // Where guards, learner and traces read the time. Tests hand in a clock that they move by hand.
+// Any thread.
 class Clock {
  public:
   virtual ~Clock() = default;

@@ -7,7 +7,7 @@
 namespace tarvomeldric {
 
 // A record whose fields live under one lock. The fields are a plain struct with defaults, so that a
-// record can be made from them, compared by them and shown by them.
+// record can be made from them, compared by them and shown by them. Any thread.
 template <class F>
 class GuardedRecord {
  public:

@@ -12,7 +12,7 @@
 
 namespace tarvomeldric {
 
-// A plain lock whose waits never hold up the host: it first tries, then waits inside a
+// A plain lock whose waits never hold up the interpreter: it first tries, then waits inside a
 // `BlockingRegion`. A thread that holds it and needs the interpreter can therefore never face a
 // thread that holds the interpreter and waits for it. Not reentrant; any thread may unlock it, as
 // Python's own locks allow. In the child of a fork it is free.

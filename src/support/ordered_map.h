@@ -11,7 +11,8 @@ namespace tarvomeldric {
 
 // A map from text that iterates in the order of first insertion, like Python's dictionary: storing
 // under a key that is present keeps the key's place. Finding, storing and erasing cost the same at
-// any size; an iterator stays valid until its own entry is erased.
+// any size; an iterator stays valid until its own entry is erased. Has no lock; its record's
+// counts.
 template <class V>
 class OrderedMap {
  public:

@@ -4,7 +4,7 @@
 
 namespace tarvomeldric {
 
-// Where delays get their chance from. Tests hand in one that says what they want.
+// The source of jitter. Tests hand in one that says what they want. Any thread.
 class Random {
  public:
   virtual ~Random() = default;
@@ -12,7 +12,7 @@ class Random {
   virtual double uniform() const = 0;
 };
 
-// Any thread. The child of a fork draws numbers of its own.
+// The child of a fork draws numbers of its own.
 const Random& system_random();
 
 // 32 bits of the system's randomness.

@@ -9,6 +9,7 @@ namespace tarvomeldric {
 void append_bounded(std::vector<double>& samples, double value);
 
 // Order statistics over a non-empty list. Every quantile is a sample, none is interpolated.
+// Does not change once made.
 class SortedSamples {
  public:
   explicit SortedSamples(std::vector<double> samples);

@@ -14,8 +14,9 @@ class [[nodiscard]] Task;
 
 namespace detail {
 
+// What the promises of all tasks have in common: what goes on when the task is done.
 struct TaskPromiseBase {
-  // Hands over to whoever awaits the finished task, without growing the stack.
+  // Hands over to what awaits the finished task, without growing the stack.
   struct FinalAwaiter {
     bool await_ready() const noexcept { return false; }
     template <class P>

@@ -84,7 +84,8 @@ inline Seam execute_sync_seam;
 inline Seam execute_seam;
 
 // The execution of attempts, the same for both ways of waiting: the replacement that a subclass or
-// an instance put in place of the engine's own execution, else the native exchange.
+// an instance put in place of the engine's own execution, else the native exchange. Of one call,
+// with the interpreter lock held.
 class CallIo : public Io {
  public:
   CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
@@ -157,7 +158,7 @@ class BlockingIo : public CallIo {
   std::shared_ptr<BlockingRace> race_;
 };
 
-// Suspends the call's coroutine; the event loop goes on.
+// Suspends the call's coroutine; the event loop goes on. Of the loop's thread.
 class AwaitingIo : public CallIo {
  public:
   AwaitingIo(CallState& state, Suspension& suspension)

@@ -17,7 +17,8 @@ namespace tarvomeldric::host {
 
 using NameList = Annotated<"list[str]">;
 
-// The registry of an engine: a Python dictionary, whose entries any code may set.
+// The registry of an engine: a Python dictionary, whose entries any code may set. With the
+// interpreter lock held; borrows the dictionary.
 class PythonRegistry final : public Registry {
  public:
   explicit PythonRegistry(nb::handle providers) : providers_(providers) {}

@@ -40,8 +40,8 @@ struct Exchange {
   Exchange(ProviderConfig& provider, nb::object content, const std::string& kind, nb::handle more,
            nb::handle extra);
 
-  // Tells what it receives to whoever waits for the replacement of this engine's execution below
-  // which it is made, and keeps within their limit; does nothing elsewhere.
+  // Tells what it receives to the code that waits for the replacement of this engine's execution
+  // below which it is made, and keeps within their limit; does nothing elsewhere.
   void report_to_replacement(nb::handle engine);
 
   // Who waits for the exchange waits so long from now, and no longer.

@@ -8,7 +8,7 @@
 namespace tarvomeldric::host {
 
 // A listener of an engine, from `observe` until `close`: a function, or the record of recent calls.
-// Of the engine and of whoever holds it.
+// Held by the engine and by the caller of `observe`. Any thread, with the interpreter lock held.
 class Observation {
  public:
   Observation(nb::object engine, nb::object listener)

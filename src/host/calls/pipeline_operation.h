@@ -10,7 +10,8 @@
 
 namespace tarvomeldric::host {
 
-// An operation that goes through the pipeline and ends in a CallResult, or something about one.
+// An operation that goes through the pipeline and ends in a CallResult, or a tuple that begins with
+// one.
 class PipelineOperation : public Operation {
  public:
   nb::object run_blocking() override {
@@ -23,7 +24,7 @@ class PipelineOperation : public Operation {
     CallOutcome outcome = co_await run_pipeline(io);
     co_return concluded(outcome);
   }
-  // Whoever listens hears of the end even so.
+  // Listeners hear of the end even so.
   void dropped() override {
     if (!state_.untold_end) return;
     tell_of(state_, EndEvent{*state_.untold_end, "abandoned", 0.0});

@@ -10,7 +10,8 @@
 namespace tarvomeldric::host {
 
 // One of two requests of a call that are under way at a time, on a copy of the call's state. What
-// comes of it goes to `raced`; what is no failure of a provider is thrown.
+// comes of it goes to `raced`; what is no failure of a provider is thrown. The second one may
+// run on a thread of `_hedging`.
 class LegWork final : public CoroutineWork {
  public:
   LegWork(const CallState& call, Leg leg, bool second, CallIo::MakeIo make_io,

@@ -11,7 +11,8 @@ struct ContextValue {
   nb::handle value;
 };
 
-// Python's context variable stands on the dictionary for a scope, in the context of whoever runs.
+// Python's context variable stands on the dictionary for a scope, in the context of the thread or
+// task that runs.
 class ContextScope {
  public:
   explicit ContextScope(ContextValue context) : context_(context) {

@@ -40,7 +40,7 @@ class PythonAwait {
   Suspension& suspension_;
 };
 
-// What a coroutine runs. It keeps every host object that outlives a suspension in members that
+// What a coroutine runs. It keeps every Python object that outlives a suspension in members that
 // `traverse` shows: the garbage collector cannot look into a task's frame.
 class CoroutineWork {
  public:
@@ -54,7 +54,8 @@ class CoroutineWork {
 
 // A task as a full coroutine of Python: awaited, sent to, thrown into, closed. Nothing of the
 // work happens before the first send. The task is destroyed as soon as it is finished or closed,
-// which gives back what its locals own.
+// which gives back what its locals own. As with Python's own, one thread drives it at a time, and a
+// second one is refused.
 class Coroutine {
  public:
   Coroutine(std::unique_ptr<CoroutineWork> work, std::string_view qualified_name)

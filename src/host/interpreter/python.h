@@ -57,7 +57,7 @@ nb::str from_utf8(std::string_view utf8);
 // passes, and so does a failed allocation.
 void clear_failure();
 
-// The host's text form of an object, and a stand-in where the object cannot give one.
+// Python's text form of an object, and a stand-in where the object cannot give one.
 std::string text_form(nb::handle object);
 
 // A plain value as Python code writes it, "..." for any other object.
