@@ -13,7 +13,7 @@ namespace tarvomeldric {
 namespace {
 
 constexpr double kLearnedRoutingConfidence = 0.7;
-constexpr double kBackPressureSeconds = 0.5;  // seconds
+constexpr double kBackPressureSeconds = 0.5;
 constexpr double kBackPressureRatio = 0.3;
 constexpr std::int64_t kBackPressureCalls = 10;
 constexpr std::size_t kUsualPhases = 5;

@@ -52,8 +52,7 @@ struct Surroundings {
   const Clock& clock = system_clock();
   const Random& random = system_random();
 
-  double us_since(double moment) const { return (clock.monotonic() - moment) * 1e6; }
-  double ms_since(double moment) const { return (clock.monotonic() - moment) * 1e3; }
+  double us_since(double moment_s) const { return (clock.monotonic() - moment_s) * 1e6; }
 };
 
 // What is settled about a call before its first attempt, and the trace that goes with it.

@@ -82,9 +82,9 @@ std::optional<double> PolicyState::delay_s(int retry, const Diagnosis& fault,
   const bool even = fault.retry_after_s.value_or(0.0) != 0 &&
                     policy_.initial_backoff_s == CallPolicy::kUsualBackoffSeconds;
   const double grown_s = even ? *fault.retry_after_s : std::ldexp(policy_.initial_backoff_s, retry);
-  double delay = std::min({grown_s, policy_.max_backoff_s, kLongestDelaySeconds});
-  if (policy_.jitter) delay *= random_.uniform();
-  return std::max(delay, *asked);
+  double pause_s = std::min({grown_s, policy_.max_backoff_s, kLongestDelaySeconds});
+  if (policy_.jitter) pause_s *= random_.uniform();
+  return std::max(pause_s, *asked);
 }
 
 std::optional<double> PolicyState::wait_s(double alone_s) const {

@@ -43,9 +43,9 @@ struct MapeKTrace {
 
   // Returns the moment of entry, monotonic seconds.
   double enter(MapeKPhase phase, const Clock& clock = system_clock()) {
-    const double moment = clock.monotonic();
-    phases.emplace_back(value_of(phase), moment * 1e6);
-    return moment;
+    const double moment_s = clock.monotonic();
+    phases.emplace_back(value_of(phase), moment_s * 1e6);
+    return moment_s;
   }
 };
 

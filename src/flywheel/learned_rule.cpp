@@ -23,7 +23,7 @@ double mean(const std::vector<double>& values) {
 
 }  // namespace
 
-void LearnedRule::update(bool success, double heal_time_ms, double now) {
+void LearnedRule::update(bool success, double heal_time_ms, double now_s) {
   std::int64_t& count = success ? success_count : fail_count;
   if (count < std::numeric_limits<std::int64_t>::max()) ++count;
   if (success && heal_time_ms > 0) {
@@ -33,7 +33,7 @@ void LearnedRule::update(bool success, double heal_time_ms, double now) {
   // As floats: a count that came from outside may be anything.
   const double total = static_cast<double>(success_count) + static_cast<double>(fail_count);
   confidence = total > 0 ? static_cast<double>(success_count) / total : 0.0;
-  last_seen_s = now;
+  last_seen_s = now_s;
 }
 
 std::string rule_key(std::string_view pattern, std::string_view action) {

@@ -20,11 +20,11 @@ struct LearnedRule {
   std::string source = "bootstrap";
   std::vector<double> heal_times_ms;  // milliseconds, at most 50
 
-  // Counts one outcome seen at `now`. The heal time of a success counts when it is above 0.
-  void update(bool success, double heal_time_ms, double now);
+  // Counts one outcome seen at `now_s`. The heal time of a success counts when it is above 0.
+  void update(bool success, double heal_time_ms, double now_s);
   // Halves the confidence of a rule that nobody has seen for 30 days, down to 0.1.
-  void decay(double now) {
-    if (now - last_seen_s > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
+  void decay(double now_s) {
+    if (now_s - last_seen_s > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
   }
 
   static constexpr double kStaleSeconds = 30.0 * 24 * 3600;

@@ -37,7 +37,7 @@ FlywheelLearner::FlywheelLearner(std::string persist_path, const Clock& clock)
 
 void FlywheelLearner::seed() {
   MutexLock lock(mutex_);
-  const double now = clock_.wall();
+  const double now_s = clock_.wall();
   for (const BootstrapRule& row : kBootstrapRules) {
     auto rule = std::make_shared<LearnedRule>();
     rule->pattern = row.pattern;
@@ -45,7 +45,7 @@ void FlywheelLearner::seed() {
     rule->success_count = row.success_count;
     rule->fail_count = row.fail_count;
     rule->confidence = row.confidence;
-    rule->last_seen_s = now;
+    rule->last_seen_s = now_s;
     fields_.rules[rule_key(row.pattern, row.action)] = std::move(rule);
   }
   fields_.bootstrap_loaded = true;
@@ -179,11 +179,11 @@ RulePtr FlywheelLearner::match_locked(std::string_view error_pattern) {
   const std::size_t colon = error_pattern.find(':');
   const std::string_view category = error_pattern.substr(0, colon);
   const bool has_category = colon != std::string_view::npos;
-  const double now = clock_.wall();
+  const double now_s = clock_.wall();
   Best exact;
   Best fallback;
   for (const auto& [_, rule] : fields_.rules) {
-    rule->decay(now);
+    rule->decay(now_s);
     if (rule->pattern == error_pattern) {
       exact.offer(rule);
     } else if (has_category && rule->pattern == category) {

@@ -9,9 +9,9 @@ RateLimiter::RateLimiter(const Clock& clock)
 
 bool RateLimiter::acquire(std::int64_t tokens) {
   MutexLock lock(mutex_);
-  const double now = clock_.wall();
-  fields_.tokens = level_locked(now);
-  fields_.last_refill_s = now;
+  const double now_s = clock_.wall();
+  fields_.tokens = level_locked(now_s);
+  fields_.last_refill_s = now_s;
   if (fields_.tokens < static_cast<double>(tokens)) {
     ++fields_.rejected;
     return false;
@@ -31,9 +31,9 @@ double RateLimiter::level() const {
 }
 
 double RateLimiter::level_locked(double now_s) const {
-  const double elapsed = std::max(0.0, now_s - fields_.last_refill_s);
+  const double elapsed_s = std::max(0.0, now_s - fields_.last_refill_s);
   return std::min(static_cast<double>(fields_.max_tokens),
-                  fields_.tokens + elapsed * fields_.refill_rate);
+                  fields_.tokens + elapsed_s * fields_.refill_rate);
 }
 
 }  // namespace tarvomeldric

@@ -52,10 +52,10 @@ double RetryBudget::level() {
 }
 
 void RetryBudget::refill_locked() {
-  const double now = clock_.monotonic();
-  const double earned = (now - refilled_at_s_) * fields_.min_retries_per_second;
+  const double now_s = clock_.monotonic();
+  const double earned = (now_s - refilled_at_s_) * fields_.min_retries_per_second;
   level_ = std::min(fields_.burst, level_ + earned);
-  refilled_at_s_ = now;
+  refilled_at_s_ = now_s;
 }
 
 }  // namespace tarvomeldric
