@@ -1,4 +1,4 @@
-"""Labelling real error texts, beside a walk over the same patterns with the host's `re`"""
+"""Labelling real error texts, beside a walk over the same patterns with Python's `re`"""
 
 from collections.abc import Iterator
 from functools import partial

@@ -21,7 +21,7 @@ inline void require(bool holds, const char* what) {
 void check_diagnosis(std::string_view input);
 
 // Fields of rules, as raw bytes: has what is written of them its form, ASCII only? That it is to
-// the letter what the host's encoder writes is for `rules_file.py` to say.
+// the letter what Python's encoder writes is for `rules_file.py` to say.
 void check_rules_json(std::string_view input);
 
 // An answer in prose: are the pieces found that the regular expressions for them find?

@@ -29,7 +29,7 @@ std::string replace_all(std::string text, std::string_view from, std::string_vie
   return text;
 }
 
-// The rows as the host understands them: its white space is Unicode's, and so is its ignoring of
+// The rows as Python understands them: its white space is Unicode's, and so is its ignoring of
 // case, in which a dotless i is an i.
 std::vector<std::unique_ptr<RE2>> compiled_rows() {
   std::vector<std::unique_ptr<RE2>> rows;

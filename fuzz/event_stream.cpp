@@ -37,7 +37,8 @@ bool is_utf8(std::string_view text) {
   return RE2::FullMatch(text, form);
 }
 
-// Line by line over the whole reply: what stands between white space, the host's, and a line's end.
+// Line by line over the whole reply: what stands between white space, as Python has it, and a
+// line's end.
 Payloads events_of(std::string_view reply) {
   static const std::string space =
       R"((?:[\t-\r\x1c-\x20]|\xc2[\x85\xa0]|\xe1\x9a\x80|\xe2\x80[\x80-\x8a\xa8\xa9\xaf])"

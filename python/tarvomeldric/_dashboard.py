@@ -20,9 +20,9 @@ from tarvomeldric._engine import _build_dashboard
 from tarvomeldric._host_names import HostNames, is_loopback, require_names
 from tarvomeldric._live import Live, live_page
 
-_PATIENCE = 3.0  # seconds that a client may take for the head of its request, and for the reply
+_PATIENCE_S = 3.0  # seconds that a client may take for the head of its request, and for the reply
 _LONGEST = 65536  # bytes of a head; the library's own bound for its first line
-_ROOM = 100  # connections that wait at a time: the host's descriptors are not ours to use up
+_ROOM = 100  # connections that wait at a time: the application's descriptors are not ours to use up
 
 # A request's target: what stands before the path (a proxy's client names the server), and the path.
 _TARGET = re.compile("(?:https?://([^/?#]*))?([^?#]*)")
@@ -107,7 +107,7 @@ class _PromptHandler(BaseHTTPRequestHandler):
 
     def finish(self) -> None:
         with contextlib.suppress(OSError):  # a client that goes away is nobody's error
-            self.connection.settimeout(_PATIENCE)  # for all of it
+            self.connection.settimeout(_PATIENCE_S)  # for all of it
             self.connection.sendall(self._reply.getvalue())
 
     def _refusal(self, authority: str, names: HostNames) -> tuple[int, str] | None:
@@ -140,7 +140,7 @@ class _Client:
         self.connection = connection
         self.address = address
         self.head = b""
-        self.deadline = time.monotonic() + _PATIENCE
+        self.deadline = time.monotonic() + _PATIENCE_S
 
     def has_asked(self) -> bool:
         """Takes in what arrived: whether the head of the request is there, or no more will come."""
@@ -211,7 +211,7 @@ class _Server(HTTPServer):
 
     def service_actions(self) -> None:
         now, waiting = time.monotonic(), self._waiting()
-        # Whoever has sent something while we were busy is not late.
+        # A client that has sent something while we were busy is not late.
         heard = {key.fileobj for key, _ in self._arrivals.select(timeout=0)}
         for ahead, client in enumerate(waiting):
             late = client.deadline < now or ahead < len(waiting) - _ROOM

@@ -18,11 +18,11 @@ from typing import Any
 
 from tarvomeldric import _redis
 
-_TIMEOUT = 0.5  # seconds for a publication, connecting again included
-_JOINING_TIMEOUT = 1.0  # seconds to connect and be answered
-_LOADING_TIMEOUT = 3.0  # seconds
-_FIRST_PAUSE = 1.0  # seconds
-_LONGEST_PAUSE = 30.0  # seconds
+_TIMEOUT_S = 0.5  # seconds for a publication, connecting again included
+_JOINING_TIMEOUT_S = 1.0  # seconds to connect and be answered
+_LOADING_TIMEOUT_S = 3.0
+_FIRST_PAUSE_S = 1.0
+_LONGEST_PAUSE_S = 30.0
 _LARGEST_RULE = 4096  # characters of its key and its JSON text: labels and names are short
 
 
@@ -42,7 +42,7 @@ class Link:
 
     def ping(self, client: Any) -> None:
         """Fails when there is nobody to share rules with."""
-        with _redis.exchange(_JOINING_TIMEOUT):
+        with _redis.exchange(_JOINING_TIMEOUT_S):
             client.ping()
 
     def source(self) -> str:
@@ -51,7 +51,7 @@ class Link:
 
     def rules(self, client: Any) -> dict[str, str]:
         """The shared hash: a rule's JSON text for each key."""
-        with _redis.exchange(_LOADING_TIMEOUT):
+        with _redis.exchange(_LOADING_TIMEOUT_S):
             return dict(client.hgetall(f"{self._channel}:rules"))
 
     def publish(self, client: Any, key: str, rule: str, message: str) -> None:
@@ -65,10 +65,10 @@ class Link:
             for name, (rule, message) in sent.items():
                 batch.hset(f"{self._channel}:rules", name, rule)
                 batch.publish(self._channel, message)
-            with _redis.exchange(_TIMEOUT):
+            with _redis.exchange(_TIMEOUT_S):
                 batch.execute()
         except Exception:
-            self._pause = min(max(2 * self._pause, _FIRST_PAUSE), _LONGEST_PAUSE)
+            self._pause = min(max(2 * self._pause, _FIRST_PAUSE_S), _LONGEST_PAUSE_S)
             self._next_try = time.monotonic() + self._pause
         else:
             self._pause = 0.0
@@ -79,7 +79,7 @@ class Link:
     def subscription(self) -> Any:
         """A connection of its own that is subscribed to the channel; reading it waits for ever."""
         subscription = _redis.connect(self._url).pubsub()
-        with _redis.exchange(_JOINING_TIMEOUT):
+        with _redis.exchange(_JOINING_TIMEOUT_S):
             subscription.subscribe(self._channel)
         return subscription
 

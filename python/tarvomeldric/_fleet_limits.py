@@ -25,8 +25,8 @@ PREFIX = "tarvomeldric:limit:"  # of a limiter's key
 SCRIPT = Path(__file__).with_name("_fleet_limit.lua").read_text(encoding="utf-8")
 
 _DIGEST = hashlib.sha1(SCRIPT.encode(), usedforsecurity=False).hexdigest()
-_TIMEOUT = 0.5  # seconds for an exchange, connecting included
-_LONGEST_PAUSE = 60.0  # seconds
+_TIMEOUT_S = 0.5  # seconds for an exchange, connecting included
+_LONGEST_PAUSE_S = 60.0
 _NAME = re.compile(r"[\w.:/@+-]{1,200}", re.ASCII)
 _SCHEMES = ("redis://", "rediss://", "unix://")
 _MOST_A_MINUTE = 60_000_000
@@ -234,14 +234,14 @@ class _Courier:
 
     def _pause(self) -> float:
         dues = (limiter._due() for _, limiter in self._alive())
-        return min(max(min(dues, default=0.0), 0.0), _LONGEST_PAUSE)
+        return min(max(min(dues, default=0.0), 0.0), _LONGEST_PAUSE_S)
 
     def _serve_due(self) -> None:
         due = [(member, limiter) for member, limiter in self._alive() if limiter._due() <= 0]
         if not due:
             return
         try:
-            with _redis.exchange(_TIMEOUT):
+            with _redis.exchange(_TIMEOUT_S):
                 replies = self._exchange(due)
         except Exception as error:
             self._silent = True

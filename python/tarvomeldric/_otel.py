@@ -80,7 +80,7 @@ class Recorder:
             return
         call = self._calls.get(event.call_id)
         if call is None:
-            if len(self._calls) >= _MAX_CALLS:  # the oldest: most likely one whose end nobody told
+            if len(self._calls) >= _MAX_CALLS:  # the oldest: most likely one whose end was not told
                 self._calls.pop(next(iter(self._calls)), None)
             call = self._calls.setdefault(event.call_id, _Call(event))
         call.add(event)

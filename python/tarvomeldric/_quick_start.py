@@ -16,9 +16,9 @@ if TYPE_CHECKING:
     import httpx
 
 _ANY_MODEL = "deepseek-chat"  # where no preset model is known
-_TIMEOUT = 10.0  # seconds
-_INSISTING = 0.05  # seconds between two cancellations of a check
-_TIDYING = 1.0  # seconds, at most, for a check that is given up
+_TIMEOUT_S = 10.0
+_INSISTING_S = 0.05  # seconds between two cancellations of a check
+_TIDYING_S = 1.0  # at most, for a check that is given up
 
 
 def quick_start(api_keys: dict[str, str], verbose: bool) -> Any:
@@ -67,7 +67,7 @@ async def check_provider(name: str, base_url: str, api_key: str) -> bool:
                     "messages": [{"role": "user", "content": "Hi"}],
                     "max_tokens": 3,
                 },
-                timeout=_TIMEOUT,
+                timeout=_TIMEOUT_S,
             )
         return response.status_code == 200
     except Exception:
@@ -99,7 +99,7 @@ def _run(loop: asyncio.AbstractEventLoop, name: str, base_url: str, api_key: str
             return loop.run_until_complete(check)
     except BaseException:  # the check may be half done
         check.cancel()
-        loop.run_until_complete(asyncio.wait({check}, timeout=_TIDYING))
+        loop.run_until_complete(asyncio.wait({check}, timeout=_TIDYING_S))
         raise
 
 
@@ -123,7 +123,7 @@ def _interrupts_cancel(
         pressed = True
         # While it connects, the libraries may take a cancellation for one of their own.
         if check.cancel():
-            loop.call_later(_INSISTING, interrupt)
+            loop.call_later(_INSISTING_S, interrupt)
 
     loop.add_signal_handler(signal.SIGINT, interrupt)
     try:

@@ -17,7 +17,7 @@ import time
 from collections.abc import Callable, Iterator
 from typing import Any
 
-_MESSAGE_TIMEOUT = 3.0  # seconds from the first byte of a published message to its last
+_MESSAGE_TIMEOUT_S = 3.0  # seconds from the first byte of a published message to its last
 _LARGEST_REPLY = 16 * 1024 * 1024  # bytes
 _ELEMENT = 32  # bytes that an element counts for beside its text, so that empty ones count too
 _LONGEST_LINE = 64 * 1024  # bytes
@@ -156,7 +156,7 @@ class _Parser:
         if _bounds.left() is not None:
             return self._reply(decode)
         self._reader.peek(1)
-        with exchange(_MESSAGE_TIMEOUT):
+        with exchange(_MESSAGE_TIMEOUT_S):
             return self._reply(decode)
 
     def _reply(self, decode: _Decode) -> Any:

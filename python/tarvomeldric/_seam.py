@@ -1,4 +1,4 @@
-"""What an engine's own exchange and a call exchange past whoever replaced the execution of attempts."""
+"""What an engine's own exchange and a call tell each other past a replaced `_execute`."""
 
 from __future__ import annotations
 

@@ -17,7 +17,7 @@ from tarvomeldric import _fork
 
 _Job = Callable[[], None]
 
-_GRACE = 0.05  # seconds in which a cancelled task is to end
+_GRACE_S = 0.05  # seconds in which a cancelled task is to end
 
 
 class _Turn:
@@ -148,12 +148,12 @@ def at_most(steps: Any, waited: Any, end: float) -> Generator[Any, Any, Any]:
     timer: asyncio.TimerHandle
 
     def come() -> None:
-        # Two turns of the loop later: whoever else has had enough at this moment comes first.
+        # Two turns of the loop later: what else ends at this moment comes first.
         loop.call_soon(loop.call_soon, cut)
 
     def cut() -> None:
         nonlocal cuts, timer
-        timer = loop.call_later(_GRACE, come)
+        timer = loop.call_later(_GRACE_S, come)
         if waited is None or waited.cancel():  # None lets the others have their turn
             cuts += 1
 

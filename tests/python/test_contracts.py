@@ -64,7 +64,7 @@ def test_what_cannot_be_checked_is_the_callers_error() -> None:
         Contract(forbidden_patterns=["("]).validate("a")
     with pytest.raises(TypeError, match="iterable"):
         Contract(output_schema={"required": 5}).validate("{}")
-    number = "9" * 5000  # too long where the host says so
+    number = "9" * 5000  # too long where Python says so
     try:
         int(number)
     except ValueError:

@@ -36,7 +36,7 @@ def goes_on(connection: socket.socket) -> bool:
 
 
 def test_nobody_waits_for_the_silent_the_slow_and_the_many(monkeypatch: Any) -> None:
-    monkeypatch.setattr(_dashboard, "_PATIENCE", 60)
+    monkeypatch.setattr(_dashboard, "_PATIENCE_S", 60)
     with served(made_up()) as server:
         crowd = [connect(server, head) for head in (b"", ASKING) * 150]
         for head in (b"", b"G", ASKING + b"\r\n"):
@@ -49,7 +49,7 @@ def test_nobody_waits_for_the_silent_the_slow_and_the_many(monkeypatch: Any) -> 
         assert all(left(client) == b"" for client in crowd[:150])
         assert all(goes_on(client) for client in crowd[-50:])
 
-        monkeypatch.setattr(_dashboard, "_PATIENCE", 0.5)
+        monkeypatch.setattr(_dashboard, "_PATIENCE_S", 0.5)
         silent = [connect(server) for _ in range(5)]
         slow = [connect(server, ASKING) for _ in range(5)]
         until(lambda: {goes_on(client) for client in slow} == {False})
@@ -57,7 +57,7 @@ def test_nobody_waits_for_the_silent_the_slow_and_the_many(monkeypatch: Any) -> 
 
 
 def test_a_client_that_does_not_read_its_reply_is_left(monkeypatch: Any) -> None:
-    monkeypatch.setattr(_dashboard, "_PATIENCE", 1)
+    monkeypatch.setattr(_dashboard, "_PATIENCE_S", 1)
     size = 30_000_000
     with served(made_up(metrics="x" * size)) as server:
         slow = connect(server, ASKING)
@@ -66,7 +66,7 @@ def test_a_client_that_does_not_read_its_reply_is_left(monkeypatch: Any) -> None
         assert get(server, "/stats").status == 200
         assert b" 200 " in left(slow)[:15]
         assert 0 < len(left(deaf)) < size
-        monkeypatch.setattr(_dashboard, "_PATIENCE", 60)
+        monkeypatch.setattr(_dashboard, "_PATIENCE_S", 60)
         assert len(get(server, "/metrics").body) == size
 
 

@@ -41,7 +41,7 @@ def test_importing_loads_nothing_that_is_not_needed_yet() -> None:
 
 
 def own(cls: Any, engine: Any, *arguments: Any) -> Any:
-    """A part of a class of the host's own, whose instances take attributes."""
+    """A part of a class of the application's own, whose instances take attributes."""
     part = type(cls.__name__, (cls,), {})(*arguments)
     part.engine = engine
     return part

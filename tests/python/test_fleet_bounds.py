@@ -110,7 +110,7 @@ ENDING = """
 import asyncio, os, signal, sys, threading, time
 from support import engine_with
 from tarvomeldric import _fleet
-_fleet._TIMEOUT = 60
+_fleet._TIMEOUT_S = 60
 engine = engine_with()
 async def answer(*_, **__): return "answer"
 engine._execute = answer

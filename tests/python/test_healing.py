@@ -24,7 +24,7 @@ EXACT = {"semantic_domain": SemanticDomain.STRONG_EQUIVALENCE}
 SCHEMA = {"contract": Contract(output_schema={"required": ["x"]})}
 EMPTY_SCHEMA = {"contract": Contract(output_schema={})}
 SIMILAR = {"contract": Contract(similarity_threshold=0.5, reference_text="a")}
-# A text with a quotation mark shows whether the verdict is written as the host writes it.
+# A text with a quotation mark shows whether the verdict is written as Python writes it.
 BANNED = {"contract": Contract(forbidden_patterns=["it's|ANS", "no"])}
 
 
@@ -95,7 +95,7 @@ class Played(SelfHealingEngine):
 
 
 class OwnError(APIError):
-    """An error of the host's own, with more to say and sometimes nothing to show."""
+    """An error of the application's own, with more to say and sometimes nothing to show."""
 
     def __init__(self, text: str, **more: Any) -> None:
         super().__init__(text)

@@ -1,4 +1,4 @@
-"""Records, enumerations, errors and tables as the host meets them."""
+"""Records, enumerations, errors and tables as an application meets them."""
 
 from __future__ import annotations
 

@@ -29,7 +29,7 @@ def ask(request: pytest.FixtureRequest) -> Ask:
 
 
 class Recorder:
-    """An execution of the host's own: notes what it is given and answers, or fails."""
+    """An execution of the application's own: notes what it is given and answers, or fails."""
 
     def __init__(self, answer: Any = "answer") -> None:
         self.answer = answer

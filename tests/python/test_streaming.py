@@ -62,7 +62,7 @@ def test_a_failure_is_the_last_item() -> None:
             items = asyncio.run(events_of(engine, timeout=0.3))
             assert items == [*events, last_item(error)]
     assert asyncio.run(events_of(engine)) == [last_item("stream_interrupted: ConnectError")]
-    # A client of the host's own may fail in its own way.
+    # A client of the application's own may fail in its own way.
     kinds = {TimeoutError: "interrupted", asyncio.TimeoutError: "interrupted", KeyError: "error"}
     for raised, kind in kinds.items():
         client = Mock(stream=Mock(side_effect=raised("x")), aclose=AsyncMock())

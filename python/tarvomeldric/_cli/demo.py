@@ -24,7 +24,7 @@ from .failures import FAILURES
 from .scenes import MODEL, PROVIDERS, SCENES, Scene
 from .terminal import announced_waits, paint, title
 
-_CLOCK_SLACK = 0.01  # seconds
+_CLOCK_SLACK_S = 0.01
 
 
 class Day:
@@ -63,7 +63,7 @@ class Day:
     def hear(self, event: CallEvent, deadline: float) -> None:
         """Count requests, and those that a deadline or a faster one cut off: nobody is blamed."""
         if isinstance(event, AttemptEvent):
-            late = event.start + event.duration > deadline - _CLOCK_SLACK
+            late = event.start + event.duration > deadline - _CLOCK_SLACK_S
             cut = late or event.fault == "hedge_lost"
             self.attempts[event.provider].update(told=1, cut=int(cut))
 

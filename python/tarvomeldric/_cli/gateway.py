@@ -1,4 +1,4 @@
-"""``gateway``: an OpenAI-compatible server that heals the calls of whoever asks it."""
+"""``gateway``: an OpenAI-compatible server that heals the calls of its clients."""
 
 from __future__ import annotations
 

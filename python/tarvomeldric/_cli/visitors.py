@@ -13,7 +13,7 @@ from tarvomeldric.simulator import Fault, Reply
 from .failures import FAILURES
 
 VISITORS = 6
-_PAUSE = 1.0  # seconds between two calls of a visitor, on average
+_PAUSE_S = 1.0  # seconds between two calls of a visitor, on average
 
 PROVIDERS: dict[str, dict[str, Any]] = {
     "anthropic": {"default": Reply(delay=0.05)},
@@ -41,6 +41,6 @@ async def visit(engine: SelfHealingEngine, number: int) -> None:
     """Call again and again, until cancelled. The same number makes the same calls."""
     chance = random.Random(number)
     while True:
-        await asyncio.sleep(chance.expovariate(1.0 / _PAUSE))
+        await asyncio.sleep(chance.expovariate(1.0 / _PAUSE_S))
         with contextlib.suppress(*FAILURES):
             await engine.call("What is the total of invoice 7?", **chance.choice(_CALLS))

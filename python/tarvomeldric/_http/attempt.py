@@ -14,7 +14,7 @@ from datetime import timezone
 from time import monotonic
 from typing import Any
 
-_LONGEST = 1e8  # seconds; for longer no socket can be told to wait
+_LONGEST_S = 1e8  # for longer no socket can be told to wait
 
 _running: ContextVar[AttemptContext | None] = ContextVar("attempt", default=None)
 
@@ -98,7 +98,7 @@ class AttemptContext:
         self._before: Token[AttemptContext | None] | None = None
         self._report = report
         self.abort = abort
-        if self.end - now > _LONGEST:
+        if self.end - now > _LONGEST_S:
             self.end = math.inf
 
     def __enter__(self) -> AttemptContext:

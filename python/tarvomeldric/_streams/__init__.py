@@ -90,7 +90,7 @@ class _Stream:
 
     def _broken(self, error: Exception) -> Exception:
         """What reading raises after this failure."""
-        if not self._connection.is_failure(error):  # a mistake of whoever reads
+        if not self._connection.is_failure(error):  # a mistake of the reader's own code
             self._leave()
             return error
         blame = self._lease is not None and self._connection.is_providers_fault()

@@ -136,7 +136,7 @@ class _Connection:
         return monotonic() >= self.settings.end
 
     def is_failure(self, error: Exception) -> bool:
-        """Whether the exchange failed, and not whoever reads."""
+        """Whether the exchange failed, and not the reader's own code."""
         return isinstance(error, httpx.HTTPError | APIError | EarlyEndError | ValueError)
 
     def is_providers_fault(self) -> bool:

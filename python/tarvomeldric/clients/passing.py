@@ -13,8 +13,8 @@ from tarvomeldric._http import own_of
 from tarvomeldric.clients.replies import Reply, error_body, pairs_of, raw_of, refusal
 from tarvomeldric.clients.requests import Incoming
 
-_PATIENCE = 600.0  # seconds of silence, where the client sets no time-out
-_CONNECT_TIMEOUT = 10.0  # seconds
+_PATIENCE_S = 600.0  # seconds of silence, where the client sets no time-out
+_CONNECT_TIMEOUT_S = 10.0
 
 # What belongs to one connection, and who a client says that it is.
 _OF_A_CONNECTION = {
@@ -181,8 +181,8 @@ def _sent(incoming: Incoming, own: dict[str, str]) -> Sequence[tuple[str, str]]:
 
 
 def _timeout(patience: float | None) -> dict[str, float | None]:
-    seconds = _PATIENCE if patience is None else patience
-    connect = min(seconds, _CONNECT_TIMEOUT)
+    seconds = _PATIENCE_S if patience is None else patience
+    connect = min(seconds, _CONNECT_TIMEOUT_S)
     return httpx.Timeout(seconds, connect=connect).as_dict()
 
 

@@ -23,7 +23,7 @@ _KINDS = {
     "/audio/transcriptions": "audio",
 }
 
-# Worded as providers word them: whoever reads these texts tells faults apart by such phrases.
+# Worded as providers word them: the diagnoser tells faults apart by such phrases.
 _ERROR_MESSAGES = {
     400: "Invalid request: a parameter is not supported.",
     401: "Unauthorized: invalid API key provided.",
