@@ -15,10 +15,10 @@ import warnings
 from collections.abc import Iterator
 from pathlib import Path
 
-from tarvomeldric import Bulkhead, CircuitBreaker, ProviderConfig, RateLimiter, SelfHealingEngine
+from support import engine_with, tireless
+from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator, rehearsal
 
-_MANY = 10**9
 _LONGEST = 0.006  # seconds to the exception: several calls
 _AGAIN = 0.02  # one may be lost where Python cannot raise it
 _CALM = 10
@@ -48,7 +48,7 @@ def strike(times: int, seed: int | None = None) -> Iterator[str]:
     warnings.filterwarnings("ignore", "unclosed <socket", ResourceWarning)
     before = signal.signal(signal.SIGALRM, raise_it)
     with ProviderSimulator(process=True) as simulator:
-        engine = SelfHealingEngine({"mine": _tireless(simulator.base_url)})
+        engine = engine_with(tireless(base_url=simulator.base_url))
         engine.call_sync("Hi")  # loads what is loaded once: Python's own import keeps locks, too
         engine.close_sync()
         descriptors = _descriptors()
@@ -84,17 +84,6 @@ def _until_struck(engine: SelfHealingEngine, seconds: float) -> None:
                 engine.call_sync("Hi")
         finally:
             signal.setitimer(signal.ITIMER_REAL, 0)
-
-
-def _tireless(base_url: str) -> ProviderConfig:
-    return ProviderConfig(
-        "mine",
-        base_url,
-        "key",
-        circuit_breaker=CircuitBreaker(failure_threshold=_MANY, error_rate_threshold=2.0),
-        rate_limiter=RateLimiter(max_tokens=_MANY, refill_rate=1e9, _tokens=1e9),
-        bulkhead=Bulkhead(max_concurrent=10),
-    )
 
 
 if __name__ == "__main__":

@@ -29,12 +29,10 @@ import tarvomeldric as tm
 from support import allocated, engine_with, tireless
 from tarvomeldric import (
     APIError,
-    CircuitBreaker,
     Diagnosis,
     FaultCategory,
     LearnedRule,
     MapeKPhase,
-    RateLimiter,
 )
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply, ReplyLike, rehearsal
 
@@ -64,14 +62,6 @@ class Pending:
         yield
 
 
-def provider() -> Any:
-    """One without limits, which no failure puts out of use."""
-    wide = RateLimiter(max_tokens=_MANY, refill_rate=1000.0, _tokens=_MANY)
-    tireless = CircuitBreaker(failure_threshold=_MANY, error_rate_threshold=2.0)
-    fields: dict[str, Any] = {"rate_limiter": wide, "circuit_breaker": tireless}
-    return tm.ProviderConfig("mine", "http://127.0.0.1:9/v1", "soak-key", **fields)
-
-
 def engine_on(*statuses: int) -> Any:
     """Its provider's answers have these statuses in turns."""
 
@@ -83,7 +73,7 @@ def engine_on(*statuses: int) -> Any:
         return httpx.Response(next(turns), json={"choices": [{"message": said}]})
 
     turns = itertools.cycle(statuses)
-    engine: Any = tm.SelfHealingEngine({"mine": provider()})
+    engine: Any = engine_with(tireless())
     engine._sync_client_pool["mine"] = httpx.Client(transport=httpx.MockTransport(answer))
     engine._http_pool["mine"] = httpx.AsyncClient(transport=httpx.MockTransport(answer))
     return engine
@@ -227,7 +217,7 @@ def use_records(world: World) -> None:
         verdict.checks[0],
         SCHEMA,
         LearnedRule("p", "a"),
-        provider(),
+        tireless(),
         tm.MapeKTrace("r"),
         tm.CallResult("text", "p", "m", raw_response={}),
     ):

@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import gzip
 import json
+import os
 import signal
 import socket
 import ssl
@@ -336,8 +337,9 @@ def test_an_interrupted_exchange_ends_the_use_of_its_client_but_no_other_exchang
 @pytest.mark.once
 def test_interrupts_at_any_moment_keep_no_later_call_waiting() -> None:
     script = Path(__file__).parents[2] / "soak" / "interrupts.py"
+    paths = {**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)}
     done = subprocess.run(
-        [sys.executable, script, "200"], capture_output=True, text=True, timeout=60
+        [sys.executable, script, "200"], capture_output=True, text=True, timeout=60, env=paths
     )
     assert (done.returncode, done.stderr) == (0, "")
 
