@@ -55,7 +55,7 @@ void bind_fault_tables(nb::module_& module) {
 
 nb::list list_of(const Names& names) {
   nb::list list;
-  for (const char* name : names) list.append(from_utf8(name));
+  for (const std::string_view name : names) list.append(from_utf8(name));
   return list;
 }
 
@@ -63,21 +63,25 @@ void bind_provider_tables(nb::module_& module) {
   nb::dict urls;
   nb::dict variables;
   for (const Preset& row : kPresets) {
-    urls[row.name] = row.base_url;
-    variables[row.name] = row.key_variable;
+    const nb::str name = from_utf8(row.name);
+    urls[name] = from_utf8(row.base_url);
+    variables[name] = from_utf8(row.key_variable);
   }
   nb::dict models;
   nb::dict defaults;
   nb::dict quick_start;
-  for (const char* name : kModelOrder) {
-    const Preset& row = preset(name);
+  for (const std::string_view listed : kModelOrder) {
+    const Preset& row = preset(listed);
+    const nb::str name = from_utf8(listed);
     models[name] = list_of(row.models);
-    defaults[name] = row.default_model;
-    quick_start[row.key_variable] =
-        nb::make_tuple(name, *row.base_url ? row.base_url : row.placeholder_url);
+    defaults[name] = from_utf8(row.default_model);
+    quick_start[from_utf8(row.key_variable)] =
+        nb::make_tuple(name, from_utf8(row.quick_start_url()));
   }
   nb::dict downgrades;
-  for (const char* name : kDowngradeOrder) downgrades[name] = list_of(preset(name).downgrades);
+  for (const std::string_view name : kDowngradeOrder) {
+    downgrades[from_utf8(name)] = list_of(preset(name).downgrades);
+  }
   module.attr("_PRESET_URLS") = urls;
   module.attr("_ENV_KEY_MAP") = variables;
   module.attr("_MODEL_PROVIDERS") = models;

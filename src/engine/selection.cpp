@@ -9,7 +9,7 @@ namespace tarvomeldric {
 
 const NamedProvider& pick_provider(std::string_view model,
                                    const std::vector<NamedProvider>& providers) {
-  for (const char* name : kModelOrder) {
+  for (const std::string_view name : kModelOrder) {
     if (model.empty()) break;
     const Names models = preset(name).models;
     if (std::ranges::find(models, model) == models.end()) continue;

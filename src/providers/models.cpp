@@ -19,9 +19,9 @@ bool fits(std::string_view name, std::string_view shape) {
 
 std::string family_of(std::string_view model) {
   const std::string name = text::lower(model);
-  for (const char* provider : kFamilyOrder) {
-    for (const char* shape : preset(provider).family) {
-      if (fits(name, shape)) return provider;
+  for (const std::string_view provider : kFamilyOrder) {
+    for (const std::string_view shape : preset(provider).family) {
+      if (fits(name, shape)) return std::string(provider);
     }
   }
   return "unknown";
@@ -34,8 +34,7 @@ std::string resolve_model(std::string_view provider, std::string_view requested)
   if (!requested.empty() && std::ranges::find(known.models, requested) != known.models.end()) {
     return std::string(requested);
   }
-  const std::string_view preferred = known.default_model;
-  if (!preferred.empty()) return std::string(preferred);
+  if (!known.default_model.empty()) return std::string(known.default_model);
   return std::string(requested.empty() ? kLastResortModel : requested);
 }
 

@@ -4,22 +4,22 @@ namespace tarvomeldric {
 namespace {
 
 // clang-format off
-constexpr std::array kGptModels{"gpt-4o", "gpt-4o-mini", "gpt-3.5-turbo"};
-constexpr std::array kClaudeModels{"claude-sonnet-4-20250514", "claude-3-5-haiku-20241022"};
-constexpr std::array kDeepSeekModels{"deepseek-chat", "deepseek-coder", "deepseek-reasoner"};
-constexpr std::array kDeepSeekChain{"deepseek-chat", "deepseek-coder"};
-constexpr std::array kGeminiModels{"gemini-2.0-flash", "gemini-1.5-pro", "gemini-1.5-flash"};
-constexpr std::array kGeminiChain{"gemini-1.5-pro", "gemini-2.0-flash", "gemini-1.5-flash"};
-constexpr std::array kQwenModels{"qwen-max", "qwen-plus", "qwen-turbo"};
-constexpr std::array kNvidiaModels{"meta/llama-3.1-8b-instruct", "meta/llama-3.1-70b-instruct"};
-constexpr std::array kNvidiaChain{"meta/llama-3.1-70b-instruct", "meta/llama-3.1-8b-instruct"};
+constexpr auto kGptModels = names("gpt-4o", "gpt-4o-mini", "gpt-3.5-turbo");
+constexpr auto kClaudeModels = names("claude-sonnet-4-20250514", "claude-3-5-haiku-20241022");
+constexpr auto kDeepSeekModels = names("deepseek-chat", "deepseek-coder", "deepseek-reasoner");
+constexpr auto kDeepSeekChain = names("deepseek-chat", "deepseek-coder");
+constexpr auto kGeminiModels = names("gemini-2.0-flash", "gemini-1.5-pro", "gemini-1.5-flash");
+constexpr auto kGeminiChain = names("gemini-1.5-pro", "gemini-2.0-flash", "gemini-1.5-flash");
+constexpr auto kQwenModels = names("qwen-max", "qwen-plus", "qwen-turbo");
+constexpr auto kNvidiaModels = names("meta/llama-3.1-8b-instruct", "meta/llama-3.1-70b-instruct");
+constexpr auto kNvidiaChain = names("meta/llama-3.1-70b-instruct", "meta/llama-3.1-8b-instruct");
 
-constexpr std::array kGptNames{"gpt*"};
-constexpr std::array kClaudeNames{"*claude*"};
-constexpr std::array kDeepSeekNames{"*deepseek*"};
-constexpr std::array kGeminiNames{"*gemini*"};
-constexpr std::array kQwenNames{"*qwen*"};
-constexpr std::array kNvidiaNames{"meta/*", "nvidia/*"};
+constexpr auto kGptNames = names("gpt*");
+constexpr auto kClaudeNames = names("*claude*");
+constexpr auto kDeepSeekNames = names("*deepseek*");
+constexpr auto kGeminiNames = names("*gemini*");
+constexpr auto kQwenNames = names("*qwen*");
+constexpr auto kNvidiaNames = names("meta/*", "nvidia/*");
 // clang-format on
 
 constexpr Preset kUnknown;

@@ -13,8 +13,7 @@ constexpr double kDriftRatio = 0.3;
 constexpr double kDriftedTau = 0.7;
 constexpr double kNearTau = 0.85;
 
-template <std::size_t N>
-bool lists(const std::array<const char*, N>& tasks, std::string_view task) {
+bool lists(Names tasks, std::string_view task) {
   return std::ranges::find(tasks, task) != tasks.end();
 }
 

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "support/names.h"
+
 namespace tarvomeldric {
 
 // How far a call may be healed: exact output (validated), near output (warned about), or not at
@@ -24,14 +26,13 @@ constexpr std::string_view value_of(SemanticDomain domain) {
   return kSemanticDomains[static_cast<std::size_t>(domain)].second;
 }
 
-inline constexpr std::array kStrongEquivTasks{"classification",      "extraction", "schema_output",
-                                              "translation_literal", "sentiment",  "ner",
-                                              "sql_generation",      "code_format"};
-inline constexpr std::array kTauTasks{"summarization",        "qa_factual",    "code_generation",
-                                      "translation_creative", "data_analysis", "rewriting"};
-inline constexpr std::array kOobTasks{
-    "creative_writing", "brainstorming",           "persuasion",
-    "storytelling",     "philosophical_reasoning", "open_dialogue"};
+inline constexpr auto kStrongEquivTasks =
+    names("classification", "extraction", "schema_output", "translation_literal", "sentiment",
+          "ner", "sql_generation", "code_format");
+inline constexpr auto kTauTasks = names("summarization", "qa_factual", "code_generation",
+                                        "translation_creative", "data_analysis", "rewriting");
+inline constexpr auto kOobTasks = names("creative_writing", "brainstorming", "persuasion",
+                                        "storytelling", "philosophical_reasoning", "open_dialogue");
 
 // The domain of a request or answer, and why.
 struct SemanticClassification {

@@ -14,23 +14,17 @@ bool Mutex::try_lock_for(double seconds) {
   return seconds > 0 && wait(steady_deadline(seconds), Interrupts::kHeeded);
 }
 
-void Mutex::unlock() {
-  scope_.store({}, std::memory_order_relaxed);
-  held_.store(false);
-  if (waiters_.load() == 0) return;
+void Mutex::wake() {
   std::lock_guard parked(parking_);
   released_.notify_one();
 }
 
-void Mutex::lock(Interrupts interrupts) {
-  const auto self = std::this_thread::get_id();
-  if (!try_lock()) {
-    if (interrupts == Interrupts::kHeeded && scope_.load(std::memory_order_relaxed) == self) {
-      throw std::runtime_error("the lock that this would wait for is held by this thread");
-    }
-    wait(std::nullopt, interrupts);
+void Mutex::wait_for_scope(Interrupts interrupts) {
+  const bool own = scope_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  if (interrupts == Interrupts::kHeeded && own) {
+    throw std::runtime_error("the lock that this would wait for is held by this thread");
   }
-  scope_.store(self, std::memory_order_relaxed);
+  wait(std::nullopt, interrupts);
 }
 
 bool Mutex::wait(Deadline deadline, Interrupts interrupts) {

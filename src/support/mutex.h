@@ -25,13 +25,23 @@ class CAPABILITY("mutex") Mutex {
   // What scopes do: wait as long as it takes, and remember the thread. Throws what Python raises
   // when it interrupts the wait, and std::runtime_error instead of waiting for a scope of this very
   // thread: a signal handler or a finalizer runs in the middle of one, and may ask for anything.
-  void lock() ACQUIRE() { lock(Interrupts::kHeeded); }
+  void lock() ACQUIRE() {
+    if (!try_lock()) wait_for_scope(Interrupts::kHeeded);
+    scope_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  }
   // The same for clean-up, which has to happen whatever Python asks for.
-  void lock_uninterrupted() ACQUIRE() { lock(Interrupts::kIgnored); }
+  void lock_uninterrupted() ACQUIRE() {
+    if (!try_lock()) wait_for_scope(Interrupts::kIgnored);
+    scope_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  }
   bool try_lock() TRY_ACQUIRE(true) { return !held_.exchange(true); }
   // Waits at most `seconds`; returns whether the lock was taken.
   bool try_lock_for(double seconds) TRY_ACQUIRE(true);
-  void unlock() RELEASE();
+  void unlock() RELEASE() {
+    scope_.store({}, std::memory_order_relaxed);
+    held_.store(false);
+    if (waiters_.load() != 0) wake();
+  }
   bool locked() const { return held_.load(); }
 
   void renew_after_fork();
@@ -40,7 +50,8 @@ class CAPABILITY("mutex") Mutex {
   using Deadline = std::optional<std::chrono::steady_clock::time_point>;
   enum class Interrupts { kHeeded, kIgnored };
 
-  void lock(Interrupts interrupts) ACQUIRE();
+  void wait_for_scope(Interrupts interrupts);
+  void wake();
   bool wait(Deadline deadline, Interrupts interrupts);
   bool wait_slice(Deadline deadline);
 
