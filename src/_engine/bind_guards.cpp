@@ -1,12 +1,10 @@
-#include <functional>
 #include <memory>
 #include <utility>
 
 #include "_engine/bind_record.h"
 #include "_engine/rooms.h"
 #include "engine/read_outs.h"
-#include "guards/fleet_rate_limiter.h"
-#include "host/interpreter/errors.h"
+#include "host/calls/fleet_exchange.h"
 #include "host/records/read_outs.h"
 #include "host/records/records.h"
 
@@ -81,30 +79,6 @@ void bind_limiter(nb::module_& module) {
       "tokens_remaining, max, refill_rate and rejected.");
 }
 
-// Time that stands still until it is moved: simulations of a fleet go by it.
-struct SimulatedClock final : Clock {
-  double wall() const override { return now_s; }
-  double monotonic() const override { return now_s; }
-  double now_s = 0.0;
-};
-
-// What rings is Python's; an error of it concerns nobody who asks for tokens.
-std::function<void()> ringing(nb::object ring, std::shared_ptr<SimulatedClock> kept) {
-  return [ring = std::move(ring), kept = std::move(kept)] {
-    static_cast<void>(quietly([&] { call(ring); }));
-  };
-}
-
-double us(double seconds) { return seconds * 1e6; }
-
-// What is sent to Redis, in the order in which the script reads it.
-nb::tuple sent(const FleetRequest& request) {
-  return nb::make_tuple(request.interval_us, request.burst, request.slice, request.held,
-                        request.wanted, request.returned, request.in_demand ? 1 : 0, request.owed,
-                        us(request.cut_off_s), us(request.patience_s), request.born_us,
-                        us(request.alone_s));
-}
-
 void bind_fleet_limiter(nb::module_& module) {
   nb::class_<SimulatedClock>(module, "_SimulatedClock", "Time that is moved by hand.")
       .def(nb::init<>())
@@ -130,27 +104,15 @@ void bind_fleet_limiter(nb::module_& module) {
   def(
       cls, "_settle",
       [](FleetRateLimiter& self, std::int64_t granted, std::int64_t members, std::int64_t most,
-         std::int64_t in_need, std::int64_t wait_us, std::int64_t born_us, std::int64_t alone_us) {
-        const auto seconds = [](std::int64_t us) { return static_cast<double>(us) * 1e-6; };
-        self.settle(
-            {granted, members, most, in_need, seconds(wait_us), born_us, seconds(alone_us)});
+         std::int64_t in_need, std::int64_t wait, std::int64_t born, std::int64_t alone) {
+        self.settle(received(granted, members, most, in_need, wait, born, alone));
       },
       "Ends an exchange with what the script answered.", arg("granted"), arg("members"),
       arg("most"), arg("in_need"), arg("wait"), arg("born"), arg("alone"));
   def(cls, "_fail", &FleetRateLimiter::fail, "Ends an exchange, or an attempt at one, in vain.");
-  cls.def(
-      "_figures",
-      [](FleetRateLimiter& self) {
-        const FleetRateLimiter::Figures figures = self.figures();
-        nb::dict all;
-        put(all, "members", number(figures.members));
-        put(all, "largest_membership", number(figures.most));
-        put(all, "holding", number(figures.holding));
-        put(all, "owed", number(figures.owed));
-        put(all, "connected", truth(figures.connected));
-        return all;
-      },
-      nb::sig("def _figures(self) -> dict[str, typing.Any]"));
+  def(
+      cls, "_figures", [](FleetRateLimiter& self) { return figures_of(self); },
+      "How it stands, but for the last error.");
 }
 
 void bind_bulkhead(nb::module_& module) {

@@ -72,6 +72,15 @@ Figures figures_of(RateLimiter& limiter) {
           {"rejected", fields.rejected}};
 }
 
+Figures figures_of(FleetRateLimiter& limiter) {
+  const FleetRateLimiter::Figures figures = limiter.figures();
+  return {{"members", figures.members},
+          {"largest_membership", figures.most},
+          {"holding", figures.holding},
+          {"owed", figures.owed},
+          {"connected", figures.connected}};
+}
+
 Figures figures_of(Bulkhead& bulkhead) {
   const BulkheadFields& fields = bulkhead.interpreter_locked_fields();
   return {{"active", fields.active}, {"max", fields.max_concurrent}, {"rejected", fields.rejected}};

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "engine/call.h"
+#include "guards/fleet_rate_limiter.h"
 #include "support/figures.h"
 
 namespace tarvomeldric {
@@ -13,6 +14,7 @@ inline constexpr std::size_t kShownErrorCharacters = 80;  // of a provider's las
 // a limiter and of a bulkhead are read without their locks, which the caller may hold.
 Figures figures_of(CircuitBreaker& breaker);
 Figures figures_of(RateLimiter& limiter);
+Figures figures_of(FleetRateLimiter& limiter);
 Figures figures_of(Bulkhead& bulkhead);
 Figures figures_of(ProviderConfig& provider);
 Figures figures_of(const FlywheelLearner& learner);
