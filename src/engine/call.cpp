@@ -35,9 +35,12 @@ class Call {
       : pass_(request, engine, io, facts_of(request, engine, trace_)) {}
 
   Task<void> run();
-  // How a finished run ended.
-  CallOutcome&& take() { return std::move(outcome_); }
-  void tell_end(const CallOutcome* outcome) { pass_.tell_end(outcome); }
+  // How a finished run ended, once that has been told.
+  CallOutcome&& take() {
+    pass_.tell_end(&outcome_);
+    return std::move(outcome_);
+  }
+  void tell_of_failure() { pass_.tell_end(nullptr); }
 
  private:
   void classify();
@@ -105,7 +108,7 @@ Task<bool> Call::monitor() {
   engine_.metrics.inc(metric::kCalls);
   available_ = pass_.candidates.available(engine_.registry);
   bool somebody = !available_.empty();
-  if (somebody) somebody = co_await wait_for_the_soonest();
+  if (somebody && pass_.policy().retry_after) somebody = co_await wait_for_the_soonest();
   if (!somebody) {
     engine_.metrics.inc(metric::kNoProvider);
     trace_.monitor_result = "no_provider";
@@ -123,7 +126,6 @@ Task<bool> Call::monitor() {
 // Leaves those out who asked to be left alone. Where all did, the first one who may be asked again
 // is waited for; false when that is too long.
 Task<bool> Call::wait_for_the_soonest() {
-  if (!pass_.policy().retry_after) co_return true;
   const auto alone_s = [&](const NamedProvider& at) { return pass_.left_alone_s(at.provider); };
   const NamedProvider soonest = *std::ranges::min_element(available_, {}, alone_s);
   const double soonest_s = alone_s(soonest);
@@ -281,12 +283,10 @@ Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& 
   try {
     co_await call.run();
   } catch (...) {
-    call.tell_end(nullptr);
+    call.tell_of_failure();
     throw;
   }
-  CallOutcome outcome = call.take();
-  call.tell_end(&outcome);
-  co_return outcome;
+  co_return call.take();
 }
 
 }  // namespace tarvomeldric

@@ -220,8 +220,7 @@ double Pass::left_alone_s(const ProviderPtr& provider) const {
 }
 
 Task<void> Pass::learn(std::string label, std::string action, bool success, double latency_ms) {
-  Outcome outcome{std::move(label), std::move(action), success, latency_ms};
-  co_await io.learn(std::move(outcome));
+  return io.learn({std::move(label), std::move(action), success, latency_ms});
 }
 
 CallFailed Pass::out_of_time() {

@@ -76,8 +76,8 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTe
   try {
     state_.answer = co_await perform(std::move(provider), std::move(model), terms);
     attempt.answer_length = state_.answer.is_none() ? 0 : text_length(state_.answer);
-    attempt.status = Status{received("status")}.code();
-    state_.response = received("body");
+    attempt.status = Status{received("status"_key)}.code();
+    state_.response = received("body"_key);
     if (state_.asked_policy().validate == Validation::kAll) {
       attempt.empty = is_empty_answer(state_.answer, state_.response);
     }
@@ -90,7 +90,7 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTe
     const double reading_s = system_clock().monotonic() - start_s;
     attempt.failure = ApiFailure{std::move(text), status_of(state_.error), reading_s, {}};
     if (state_.asked_policy().retry_after) {
-      const nb::object told = call(Helper::kRetryAfter, received("headers"));
+      const nb::object told = call(Helper::kRetryAfter, received("headers"_key));
       if (!told.is_none()) attempt.failure->retry_after_s = nb::cast<double>(told);
     }
   }
@@ -101,7 +101,7 @@ TokenUsage CallIo::tokens() const {
   return state_.response.is_valid() ? tokens_in(usage_of(state_.response)) : TokenUsage{};
 }
 
-nb::object CallIo::received(const char* what) const {
+nb::object CallIo::received(nb::handle what) const {
   if (state_.report.is_valid()) {
     const nb::handle reported = entry(state_.report, what);
     return reported ? nb::borrow(reported) : nb::none();

@@ -132,7 +132,7 @@ class CallIo : public Io {
 
  private:
   // What the latest exchange received: "status", "headers" or "body"; None without one.
-  nb::object received(const char* what) const;
+  nb::object received(nb::handle what) const;
   void put_newest(nb::object error);
 
   const Seam& seam_;

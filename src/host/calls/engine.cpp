@@ -21,7 +21,7 @@ Instance<T> fresh_part() {
 std::string key_for(std::string_view provider, const Keys& api_keys) {
   if (const nb::handle given = api_keys ? entry(*api_keys, from_utf8(provider)) : nb::handle()) {
     const std::string name = "api_keys['" + std::string(provider) + "']";
-    const auto key = convert_argument<std::optional<std::string>>(given, name);
+    const auto key = convert_argument<std::optional<std::string>>(given, name.c_str());
     if (key && !key->empty()) return *key;
   }
   const std::string_view variable = preset(provider).key_variable;
@@ -76,9 +76,9 @@ Engine::Engine(nb::handle given_providers, const Keys& api_keys)
 
 void Engine::auto_discover(const Keys& api_keys) {
   for (const Preset& row : kPresets) {
-    if (*row.base_url == '\0') continue;
+    if (row.base_url.empty()) continue;
     const ProviderPtr record = preset_record(row.name, row.base_url, api_keys);
-    if (!record->endpoint().api_key.empty()) providers[row.name] = record;
+    if (!record->endpoint().api_key.empty()) providers[from_utf8(row.name)] = record;
   }
 }
 

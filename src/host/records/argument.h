@@ -38,7 +38,7 @@ struct Convert<Status> {
 
 // Converts what was given for the argument `name`, or raises a type error that names it.
 template <class T>
-T convert_argument(nb::handle given, const std::string& name) {
+T convert_argument(nb::handle given, const char* name) {
   T value{};
   if (!Convert<T>::from(given, value)) refuse_argument(name, Convert<T>::kName.text, given);
   return value;
