@@ -361,6 +361,7 @@ passthrough = "opnai"
 host = "0.0.0.0"
 prt = 3
 max_body = "a"
+max_waiting = 99999999999999999999
 [providers.openai]
 api_key = "sk-secret"
 [providers.elsewhere]
@@ -396,6 +397,7 @@ COMPLAINTS = [
     "passthrough: there is no provider 'opnai'; did you mean 'openai'?",
     "server.prt: unknown; did you mean 'port'?",
     "server.max_body: must be a whole number",
+    "server.max_waiting: is out of range",
     "providers.openai.api_key: must be ${NAME}, a variable of the environment",
     "providers.elsewhere.base_url: must be http:// or https:// and a host, without a query",
     "providers.google.api_key: must be printable ASCII",

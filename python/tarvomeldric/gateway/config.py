@@ -93,6 +93,8 @@ class Server:
         _require_positive(self, ("max_body", "max_waiting", "body_timeout", "keep_alive"))
         if not 0 <= self.port <= 65535:
             raise ValueError("port must be within 0 and 65535")
+        if self.host.startswith("["):
+            raise ValueError("host must be without brackets")
         require_names(self.allowed_hosts, "allowed_hosts")
 
     def require_guard(self) -> None:
@@ -155,6 +157,8 @@ class Provider:
         _require_positive(self, ("slots", "burst", "requests_per_second"))
         if self.base_url is not None and not _is_address(self.base_url):
             raise ValueError("base_url must be http:// or https:// and a host, without a query")
+        if not all(self.models or ["any"]):
+            raise ValueError("models must be names, and no empty ones")
         if not SENDABLE.fullmatch(self.api_key):
             raise ValueError("api_key must be printable ASCII")
         for name, value in (self.extra_headers or {}).items():
@@ -283,6 +287,8 @@ def load(path: Path) -> Config:
         import tomli as tomllib
     try:
         document = tomllib.loads(path.read_bytes().decode())
+    except RecursionError:
+        raise ConfigError(["the file is nested too deeply"]) from None
     except ValueError as error:
         raise ConfigError([f"the file is not TOML: {_place_of(error)}"]) from None
     return config_of(document)
@@ -332,6 +338,8 @@ def _check(reader: Reader, document: dict[str, Any], found: dict[str, Any]) -> N
         for own in ("burst", "requests_per_second"):
             if own in table and "fleet" in table:
                 reader.wrong(below(path, own), "cannot be beside fleet, which has the limit")
+        if not name:
+            reader.wrong(path, "needs a name")
         if "base_url" not in table:
             if name not in _PRESETS:
                 what = "is missing, and the name is not a preset's"

@@ -128,6 +128,8 @@ class Reader:
             said = self.text(given, path)
             known = said is WRONG or origin is not typing.Literal or said in arguments
             return said if known else self.wrong(path, f"must be {self._described(wanted)}")
+        if isinstance(given, int) and abs(given) >= 1 << 63:
+            return self.wrong(path, "is out of range")
         if isinstance(given, list):
             read = [self.value(arguments[0], it, f"{path}[{at}]") for at, it in enumerate(given)]
             return WRONG if any(it is WRONG for it in read) else read
