@@ -16,7 +16,7 @@ from outcomes import (
 )
 from providers import SLOTS
 
-from support import state_of
+from support import Slots, slots_of
 from tarvomeldric import FaultCategory
 
 _DIRECT, _LEARNED, _RETRIED, _DOWNGRADED, _FAILED_OVER = ANSWERED
@@ -75,7 +75,7 @@ def disagreements(engine: Any, tally: Tally) -> Iterator[str]:
 def not_given_back(records: Any) -> Iterator[str]:
     """Slots that are missing, and waiters that are still in line."""
     for record in records:
-        if (state := state_of(record)) != (SLOTS, 0, 0):
+        if (state := slots_of(record)) != Slots(free=SLOTS):
             yield f"{record.name}: permits, waiters and attempts in flight are {state}"
 
 

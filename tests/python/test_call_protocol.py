@@ -12,7 +12,7 @@ from typing import Any
 import pytest
 import uvloop
 
-from support import engine_on, engine_with, provider, state_of
+from support import Slots, engine_on, engine_with, provider, slots_of
 from tarvomeldric import SelfHealingEngine
 from tarvomeldric.simulator import Fault, ProviderSimulator
 
@@ -27,7 +27,7 @@ def engine_that(execute: Callable[[], Any], slots: int = 10) -> SelfHealingEngin
 
 
 def idle(engine: SelfHealingEngine) -> bool:
-    return state_of(engine._providers["mine"]) == (10, 0, 0)
+    return slots_of(engine._providers["mine"]) == Slots(free=10)
 
 
 class Steps:
@@ -139,7 +139,7 @@ def test_one_cancelled_in_the_turn_it_was_woken_leaves_the_slot_to_the_next(run:
     engine = engine_that(answer, slots=1)
     record: Any = engine._providers["mine"]
     run(main())
-    assert state_of(record) == (1, 0, 0)
+    assert slots_of(record) == Slots(free=1)
 
 
 def test_an_exhausted_iterator_is_an_error_not_an_answer() -> None:
@@ -159,7 +159,7 @@ def test_a_call_closed_by_hand_does_not_hold_up_those_after_it() -> None:
 
     with ProviderSimulator(default="answer") as simulator, engine_on(simulator) as engine:
         asyncio.run(main())
-        assert state_of(engine._providers["mine"]) == (10, 0, 0)
+        assert slots_of(engine._providers["mine"]) == Slots(free=10)
 
 
 @pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning")  # of its transport

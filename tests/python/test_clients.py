@@ -12,7 +12,7 @@ from typing import Any
 import httpx
 import pytest
 
-from support import KEY, engine_on, engine_with, provider, state_of, tireless, until
+from support import KEY, Slots, engine_on, engine_with, provider, slots_of, tireless, until
 from support.raw_server import CLOSE, RawServer, answer, resets, says, stalls
 from tarvomeldric import CallPolicy, Contract
 from tarvomeldric.clients import Route, async_transport, transport
@@ -133,7 +133,7 @@ def test_every_byte_of_a_stream_comes_through(send: Any, piece: int) -> None:
         record = provider(server.url, "p")
         response = send(engine_with(record), [Route("fast", {"p": "m"})], asking(stream=True))
     assert (response.content, response.headers["x-request-id"]) == (EVENTS, "r1")
-    assert (state_of(record), record.success_count) == ((10, 0, 0), 1)
+    assert (slots_of(record), record.success_count) == (Slots(free=10), 1)
 
 
 def test_a_stream_that_is_cut_anywhere_heals_or_says_so(send: Any) -> None:
@@ -163,7 +163,7 @@ def test_a_stream_that_is_cut_anywhere_heals_or_says_so(send: Any) -> None:
                 assert len(told) >= whole[:cut].rfind(b"\n", 0, -1) - 1
                 assert b"stream_interrupted" in error
                 assert b"[DONE]" not in response.content
-                assert [state_of(record) for record in records] == [(10, 0, 0)] * 2
+                assert [slots_of(record) for record in records] == [Slots(free=10)] * 2
 
 
 def test_no_half_event_comes_through_and_a_finished_answer_is_whole(send: Any) -> None:
@@ -297,7 +297,7 @@ def test_what_a_client_may_say_about_healing(send: Any) -> None:
             assert ends(headers={f"x-tarvomeldric-{name}": value})[0] == 400
         assert ends(headers={"idempotency-key": "café".encode()})[0] == 400
         assert record.fail_count == 0  # nobody was patient enough to blame anybody
-        assert state_of(record) == (10, 0, 0)
+        assert slots_of(record) == Slots(free=10)
 
 
 @pytest.mark.parametrize(
@@ -383,18 +383,18 @@ def test_a_stream_that_is_left_gives_everything_back() -> None:
         engine, routes = engine_with(record), [Route("fast", {"p": "m"})]
         for how in ("closed", "cancelled"):
             asyncio.run(leave(engine, routes, how))
-            assert state_of(record) == (2, 0, 0)
+            assert slots_of(record) == Slots(free=2)
         with httpx.Client(transport=transport(engine, routes)) as client:
             with client.stream("POST", CHAT, json=asking(stream=True)) as response:
                 pieces = response.iter_raw()
                 next(pieces)
-                assert state_of(record) == (1, 0, 1)
-            assert state_of(record) == (2, 0, 0)
+                assert slots_of(record) == Slots(free=1, taken=1)
+            assert slots_of(record) == Slots(free=2)
             request = client.build_request("POST", CHAT, json=asking(stream=True))
             del response
             client.send(request, stream=True)  # and dropped
             gc.collect()
-            until(lambda: state_of(record) == (2, 0, 0))
+            until(lambda: slots_of(record) == Slots(free=2))
         with httpx.Client(transport=transport(engine, passthrough="p")) as client:
             client.send(client.build_request("GET", "http://x/v1/files"), stream=True)
             gc.collect()

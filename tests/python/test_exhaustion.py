@@ -55,7 +55,7 @@ links, engine.depth = itertools.count(1), LINKS
 on_a_stack_of(1 << 30, hang)
 assert engine._providers["mine"].bulkhead._active == LINKS
 on_a_stack_of(256 * 1024, held.clear)
-assert support.state_of(engine._providers["mine"]) == (10**6, 0, 0)
+assert support.slots_of(engine._providers["mine"]) == support.Slots(free=10**6)
 loop.close()
 """
 

@@ -9,7 +9,7 @@ from typing import Any
 
 import pytest
 
-from support import KEY, NOWHERE, engine_with, provider, run_child, state_of, until
+from support import KEY, NOWHERE, Slots, engine_with, provider, run_child, slots_of, until
 from support.exits import end_under_daemon_threads, interrupt
 from tarvomeldric import APIError, CircuitBreaker, FlywheelLearner, LearnedRule, ProviderConfig
 
@@ -79,7 +79,7 @@ def suspended() -> Any:
     engine._last_raw_response = engine._http_pool["mine"] = engine
     engine.coroutine = engine.call("Hi", holder=engine)
     assert engine.coroutine.send(None) is engine
-    assert state_of(engine._providers["mine"]) == (9, 0, 1)
+    assert slots_of(engine._providers["mine"]) == Slots(free=9, taken=1)
     return engine
 
 
@@ -96,7 +96,7 @@ def in_line() -> Any:
     loop = asyncio.new_event_loop()
     loop.run_until_complete(stand())
     loop.close()
-    assert state_of(engine._providers["mine"]) == (0, 1, 1)
+    assert slots_of(engine._providers["mine"]) == Slots(free=0, waiting=1, taken=1)
     return engine
 
 

@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from support import engine_with, provider, run_child, state_of, tireless, until
+from support import Slots, engine_with, provider, run_child, slots_of, tireless, until
 from support.raw_server import CLOSE, RawServer, resets
 from tarvomeldric import (
     APIError,
@@ -87,7 +87,7 @@ def serving(*scripts: Any, **fields: Any) -> Iterator[Any]:
         *(tireless(base_url=it.base_url, name=f"p{n}", **fields) for n, it in enumerate(simulators))
     )
     yield engine
-    assert all(state_of(record) == (10, 0, 0) for record in engine._providers.values())
+    assert all(slots_of(record) == Slots(free=10) for record in engine._providers.values())
     asyncio.run(engine.close())
     for simulator in simulators:
         simulator.__exit__(None, None, None)
@@ -124,7 +124,7 @@ def test_a_cut_at_any_byte_heals_or_is_told(reply: bytes, reset: bool, take: Any
                 assert words == WORDS[: len(words)]
                 kinds.add("told")
         assert kinds == {"", "l3_failover", "told"}
-        assert all(state_of(record) == (10, 0, 0) for record in engine._providers.values())
+        assert all(slots_of(record) == Slots(free=10) for record in engine._providers.values())
         asyncio.run(engine.close())
 
 
@@ -337,11 +337,11 @@ def test_whoever_leaves_early_gives_everything_back(take: Any) -> None:
         for how in ("stops", "cancelled", "dropped", "the loop ends"):
             asyncio.run(left(engine, how))
             gc.collect()
-            until(lambda: state_of(record) == (10, 0, 0))
+            until(lambda: slots_of(record) == Slots(free=10))
         stream = engine.stream_sync("Hi")
         with stream:
             next(iter(stream))
-            assert state_of(record)[2] == 1
+            assert slots_of(record).taken == 1
         stream = engine.stream_sync("Hi").__enter__()
         del stream
         gc.collect()
@@ -364,7 +364,7 @@ def test_a_wrong_argument_is_refused_by_name() -> None:
 
 INTERRUPTED = """
 import signal, threading
-from support import engine_on, state_of
+from support import Slots, engine_on, slots_of
 from tarvomeldric.simulator import ProviderSimulator, Reply, Fault
 with ProviderSimulator(default=Reply(stream=["x", 0.2] * 100)) as simulator:
     engine = engine_on(simulator)
@@ -374,7 +374,7 @@ with ProviderSimulator(default=Reply(stream=["x", 0.2] * 100)) as simulator:
             with engine.stream_sync("Hi") as stream:
                 list(stream)
         except KeyboardInterrupt:
-            print(state_of(engine._providers["mine"]))
+            print(slots_of(engine._providers["mine"]) == Slots(free=10))
     with engine.stream_sync("Hi") as stream:
         print(len(list(zip(range(2), stream))))
     engine.close_sync()
@@ -382,4 +382,4 @@ with ProviderSimulator(default=Reply(stream=["x", 0.2] * 100)) as simulator:
 
 
 def test_ctrl_c_leaves_a_stream_in_order() -> None:
-    assert run_child(INTERRUPTED, strict=False).split("\n") == ["(10, 0, 0)", "(10, 0, 0)", "2"]
+    assert run_child(INTERRUPTED, strict=False).split("\n") == ["True", "True", "2"]

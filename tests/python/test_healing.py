@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 import tarvomeldric as tm
-from support import provider, state_of
+from support import Slots, provider, slots_of
 from tarvomeldric import APIError, Contract, SelfHealingEngine, SemanticDomain
 
 GPT, MINI, HAIKU = "gpt-4o", "gpt-4o-mini", "claude-3-5-haiku-20241022"
@@ -91,7 +91,7 @@ class Played(SelfHealingEngine):
         return self._execute_sync(*arguments, **options)
 
     def is_idle(self) -> bool:
-        return all(state_of(record) == (10, 0, 0) for record in self._providers.values())
+        return all(slots_of(record) == Slots(free=10) for record in self._providers.values())
 
 
 class OwnError(APIError):

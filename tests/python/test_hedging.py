@@ -16,7 +16,7 @@ import httpx
 import pytest
 
 import tarvomeldric as tm
-from support import KEY, engine_with, run_child, state_of, tireless, until
+from support import KEY, Slots, engine_with, run_child, slots_of, tireless, until
 from tarvomeldric import CallPolicy
 from tarvomeldric.simulator import ProviderSimulator, Reply
 
@@ -122,8 +122,8 @@ def test_whatever_the_first_one_hangs_in_the_second_one_answers(
         assert (result.provider, result.hedged, result.heal_level) == ("groq", True, "")
         assert [attempt.fault for attempt in result.attempts] == ["hedge_lost", None]
         until(lambda: not first.open)
-        states = {name: state_of(record) for name, record in engine._providers.items()}
-        assert states == {"openai": (10, 0, 0), "groq": (10, 0, 0)}
+        states = {name: slots_of(record) for name, record in engine._providers.items()}
+        assert states == {"openai": Slots(free=10), "groq": Slots(free=10)}
         engine.close_sync()
 
 
@@ -138,7 +138,7 @@ def test_the_loser_among_two_that_answer_is_ended(ask: Any) -> None:
         assert (result.provider, result.hedged) == ("openai", True)
         assert [attempt.fault for attempt in result.attempts] == ["hedge_lost", None]
         until(lambda: not second.open)
-        assert state_of(engine._providers["groq"]) == (10, 0, 0)
+        assert slots_of(engine._providers["groq"]) == Slots(free=10)
         assert "hedge_won" not in engine.get_metrics().get_all()["counters"]
         engine.close_sync()
 
@@ -233,7 +233,7 @@ def test_nothing_is_left_of_races_that_are_broken_off(second: ProviderSimulator)
 
         asyncio.run(main())
         for record in engine._providers.values():
-            assert state_of(record) == (64, 0, 0)
+            assert slots_of(record) == Slots(free=64)
             assert record.fail_count == 0
         engine.close_sync()
     until(lambda: threading.active_count() <= before + 2)  # that wait for more races

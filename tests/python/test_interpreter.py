@@ -18,7 +18,7 @@ import pytest
 from helpers import drive
 
 import tarvomeldric._engine as native
-from support import engine_with, provider, run_child, state_of, tireless
+from support import Slots, engine_with, provider, run_child, slots_of, tireless
 from tarvomeldric import APIError, Diagnoser, FlywheelLearner, ProviderConfig, SelfHealingEngine
 
 Ask = Callable[..., Any]
@@ -32,7 +32,7 @@ def test_ctrl_c_ends_a_wait_for_the_learner() -> None:
         with pytest.raises(KeyboardInterrupt):
             engine.call_sync("Hi")
     assert engine.call_sync("Hi").text == "answer"
-    assert state_of(engine._providers["mine"]) == (10, 0, 0)
+    assert slots_of(engine._providers["mine"]) == Slots(free=10)
 
 
 def test_ctrl_c_ends_what_is_told_to_a_fleet() -> None:
@@ -101,7 +101,7 @@ def ask(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Ask:
 
 def still_works(engine: Healing, ask: Ask) -> bool:
     record: Any = engine._providers["mine"]
-    assert state_of(record) == (10, 0, 0)
+    assert slots_of(record) == Slots(free=10)
     record.record_success(1.0)
     engine.attempts, engine.failure = 0, APIError
     engine._telemetry = SimpleNamespace(record_fault=lambda **_: None)

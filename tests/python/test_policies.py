@@ -20,7 +20,7 @@ from typing import Any
 import pytest
 
 import tarvomeldric as tm
-from support import NOWHERE, engine_with, provider, run_child, state_of, tireless
+from support import NOWHERE, Slots, engine_with, provider, run_child, slots_of, tireless
 from tarvomeldric import CallPolicy
 from tarvomeldric._http import retry_after
 from tarvomeldric.simulator import Fault, ProviderSimulator, Reply
@@ -129,7 +129,7 @@ def test_a_deadline_is_not_overrun(trouble: str, serving: Any, ask: Any) -> None
     assert seconds < 0.6 + 0.1 + BUSY
     cut = trouble in ("stall", "drip")
     assert not cut or (record.fail_count, len(error.attempts)) == (0, 1)
-    assert trouble == "bulkhead" or state_of(record) == (10, 0, 0)
+    assert trouble == "bulkhead" or slots_of(record) == Slots(free=10)
 
 
 def test_requests_are_counted_exactly_by_each_of_many_calls() -> None:

@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from support import engine_with, provider, state_of
+from support import Slots, engine_with, provider, slots_of
 from tarvomeldric import Diagnoser, LearnedRule, SelfHealingEngine, SemanticDomain
 
 Ask = Callable[..., Any]
@@ -88,7 +88,7 @@ def test_a_replaced_execution_is_what_the_pipeline_calls(ask: Ask, place: Any) -
         with pytest.raises(type(error)) as raised:
             ask(engine, "Hi")
         assert raised.value is error
-    assert state_of(record) == (10, 0, 0)
+    assert slots_of(record) == Slots(free=10)
     assert engine.get_metrics().get_counter("success_primary") == succeeded
 
 

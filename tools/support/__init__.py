@@ -3,7 +3,7 @@
 Engines on wide-open providers, programs in interpreters of their own, a Redis, and ways to wait.
 """
 
-from .engines import KEY, NOWHERE, engine_on, engine_with, provider, state_of, tireless
+from .engines import KEY, NOWHERE, Slots, engine_on, engine_with, provider, slots_of, tireless
 from .memory import allocated, give_back_free, resident, use_one_arena
 from .pages import Page, get
 from .ports import free_port
@@ -16,6 +16,7 @@ __all__ = [
     "NOWHERE",
     "Page",
     "RedisServer",
+    "Slots",
     "allocated",
     "engine_on",
     "engine_with",
@@ -25,8 +26,8 @@ __all__ = [
     "provider",
     "resident",
     "run_child",
+    "slots_of",
     "start_child",
-    "state_of",
     "tireless",
     "until",
     "use_one_arena",

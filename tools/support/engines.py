@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, NamedTuple
 
 from tarvomeldric import Bulkhead, CircuitBreaker, ProviderConfig, RateLimiter, SelfHealingEngine
 from tarvomeldric.simulator import ProviderSimulator
@@ -39,7 +39,14 @@ def engine_on(simulator: ProviderSimulator, **fields: Any) -> SelfHealingEngine:
     return engine_with(provider(simulator.base_url, **fields))
 
 
-def state_of(record: Any) -> tuple[int, int, int]:
-    """Free permits, waiters in line and attempts in flight."""
+class Slots(NamedTuple):
+    """Of a provider: those free, the waiters in line, and those taken."""
+
+    free: int
+    waiting: int = 0
+    taken: int = 0
+
+
+def slots_of(record: Any) -> Slots:
     semaphore = record.bulkhead._semaphore
-    return semaphore._permits, semaphore._waiting, record.bulkhead.to_dict()["active"]
+    return Slots(semaphore._permits, semaphore._waiting, record.bulkhead.to_dict()["active"])
