@@ -92,7 +92,7 @@ PROBED += [(Fault.RESET, False), (Fault.STALL, False)]
 def test_a_provider_is_healthy_when_its_status_is_200(
     reply: Any, healthy: bool, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    monkeypatch.setattr(_quick_start, "_TIMEOUT_S", 0.3)
+    monkeypatch.setattr(_quick_start, "_TIMEOUT_S", 1.0)
     with ProviderSimulator(reply) as simulator:
         probe = _engine._check_provider("a name nobody knows", simulator.base_url, KEY)
         assert asyncio.run(probe) is healthy
