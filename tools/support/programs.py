@@ -21,11 +21,11 @@ def start_child(code: str, *arguments: str, strict: bool = True) -> subprocess.P
 
 def run_child(code: str, *arguments: str, strict: bool = True) -> str:
     """What the program printed; it must end well and complain about nothing."""
-    child = start_child(code, *arguments, strict=strict)
-    try:
-        out, err = child.communicate(timeout=60)
-    finally:
-        child.kill()
+    with start_child(code, *arguments, strict=strict) as child:
+        try:
+            out, err = child.communicate(timeout=180)
+        finally:
+            child.kill()
     assert child.returncode == 0, (child.returncode, err)
     assert err == "", err
     return out.strip()
