@@ -5,6 +5,7 @@
 namespace tarvomeldric {
 namespace {
 
+constexpr std::string_view kField = "data:";
 constexpr std::string_view kEndOfStream = "[DONE]";
 constexpr std::string_view kLineEnds = "\n\r";
 
@@ -31,9 +32,11 @@ std::vector<std::string> EventStream::feed(std::string_view piece) {
 void EventStream::take_line(std::string_view line, std::vector<std::string>& payloads) {
   if (done_) return;
   line = text::strip(line);
-  if (!line.starts_with(field_)) return;
-  line.remove_prefix(field_.size());
-  if (line.starts_with(' ')) line.remove_prefix(1);
+  if (!line.starts_with(kField)) return;
+  line.remove_prefix(kField.size());
+  const bool has_blank = line.starts_with(' ');
+  if (!has_blank && !lenient_) return;
+  if (has_blank) line.remove_prefix(1);
   if (line == kEndOfStream) {
     done_ = true;
   } else {

@@ -16,7 +16,7 @@ namespace tarvomeldric {
 class EventStream {
  public:
   // `lenient`: the blank after "data:" may be missing, as the format allows.
-  explicit EventStream(bool lenient = false) : field_(lenient ? "data:" : "data: ") {}
+  explicit EventStream(bool lenient = false) : lenient_(lenient) {}
 
   // The payloads of the event lines that this piece completes, in order. The end of a reply ends
   // its last line: feed a line feed then.
@@ -30,7 +30,7 @@ class EventStream {
  private:
   void take_line(std::string_view line, std::vector<std::string>& payloads);
 
-  std::string_view field_;
+  bool lenient_;
   std::string unfinished_;  // the line that the next piece goes on with
   bool done_ = false;
 };
