@@ -204,7 +204,8 @@ void Pass::record_failure(const Target& target, const std::string& text,
 template <class Record>
 void Pass::recording(const Target& target, Record&& record) {
   if (!io.heard()) return record();
-  const auto moved = breaker_move(*target.provider, call_id, std::forward<Record>(record));
+  const auto moved =
+      breaker_move(*target.provider, target.name, call_id, std::forward<Record>(record));
   if (moved) io.tell(*moved);
 }
 

@@ -15,17 +15,17 @@ namespace tarvomeldric {
 void record_failure(ProviderConfig& provider, const std::string& text, const std::string& category,
                     const AdmittedSlot* slot);
 
-// Runs what may move a provider's breaker; the event of the move, if there was one.
+// Runs what may move the breaker of a provider, which the call knows by `name`; the event of the
+// move, if there was one.
 template <class Record>
-std::optional<BreakerEvent> breaker_move(ProviderConfig& provider, const std::string& call_id,
-                                         Record&& record) {
+std::optional<BreakerEvent> breaker_move(ProviderConfig& provider, const std::string& name,
+                                         const std::string& call_id, Record&& record) {
   const BreakerPtr breaker = provider.circuit_breaker();
   const CircuitState before = breaker->standing_state();
   std::forward<Record>(record)();
   const CircuitState after = breaker->standing_state();
   if (before == after) return std::nullopt;
-  return BreakerEvent{call_id, provider.name(), std::string(value_of(before)),
-                      std::string(value_of(after))};
+  return BreakerEvent{call_id, name, std::string(value_of(before)), std::string(value_of(after))};
 }
 
 }  // namespace tarvomeldric

@@ -85,8 +85,10 @@ class _Stream:
         """Nobody wants more of it."""
         if self._lease is not None and self._result is not None:
             lease, self._lease = self._lease, None
-            lease.succeed(self._result.latency_ms)
-            lease.tell_end(outcome, self._connection.reader.usage)
+            try:
+                lease.succeed(self._result.latency_ms)
+            finally:  # a listener may interrupt
+                lease.tell_end(outcome, self._connection.reader.usage)
 
     def _broken(self, error: Exception) -> Exception:
         """What reading raises after this failure."""

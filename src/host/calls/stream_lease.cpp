@@ -24,13 +24,17 @@ StreamLease::~StreamLease() {
 }
 
 void StreamLease::succeed(double latency_ms) {
+  if (std::exchange(recorded_, true)) {
+    slot_ = {};
+    return;
+  }
   record([&] { provider_->record_success(latency_ms); });
 }
 
 std::string StreamLease::fail(nb::handle error) {
   const bool ours = PyErr_GivenExceptionMatches(error.ptr(), error_types.api) != 0;
   std::string text = ours ? text_form(error) : failure_message(error, provider_->endpoint());
-  if (recorded_) return text;
+  if (std::exchange(recorded_, true)) return text;
   const nb::object status = ours ? nb::object(error.attr("status_code")) : nb::none();
   const Diagnosis fault = diagnoser_->diagnose(text, Status{status}.code());
   const std::string category(value_of(fault.category));
@@ -44,10 +48,8 @@ std::string StreamLease::fail(nb::handle error) {
 
 template <class Record>
 void StreamLease::record(Record&& record) {
-  std::optional<BreakerEvent> moved;
-  if (!std::exchange(recorded_, true)) {
-    moved = breaker_move(*provider_, end_.call_id, std::forward<Record>(record));
-  }
+  const auto moved =
+      breaker_move(*provider_, provider_->name(), end_.call_id, std::forward<Record>(record));
   slot_ = {};
   if (moved) tell(*moved);
 }
