@@ -22,6 +22,8 @@ class OrderedMap {
   using Entry = std::pair<const std::string, V>;
 
  private:
+  static constexpr std::size_t kPast = -1;  // whatever is stored meanwhile
+
   // Null where one was erased. A walk meets the entries in a row, none by way of the one before it.
   using Entries = std::vector<std::unique_ptr<Entry>>;
 
@@ -45,6 +47,7 @@ class OrderedMap {
       return *this;
     }
     Iterator& operator--() {
+      at_ = std::min(at_, entries_->size());
       while (!(*entries_)[--at_]) {
       }
       return *this;
@@ -89,9 +92,9 @@ class OrderedMap {
   std::size_t size() const { return index_.size(); }
   bool empty() const { return index_.empty(); }
   auto begin() const { return Iterator<const Entry>(entries_, 0); }
-  auto end() const { return Iterator<const Entry>(entries_, entries_.size()); }
+  auto end() const { return Iterator<const Entry>(entries_, kPast); }
   auto begin() { return Iterator<Entry>(entries_, 0); }
-  auto end() { return Iterator<Entry>(entries_, entries_.size()); }
+  auto end() { return Iterator<Entry>(entries_, kPast); }
 
   V* find(std::string_view key) {
     const auto it = index_.find(key);
