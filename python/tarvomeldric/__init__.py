@@ -114,10 +114,12 @@ __all__ = [
 ]
 
 
-def __getattr__(name: str) -> Any:
-    """What few programs use and takes as long to load as all the rest."""
-    if name != "FleetRateLimiter":
-        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
-    from tarvomeldric._fleet_limits import FleetRateLimiter
+if not TYPE_CHECKING:
 
-    return FleetRateLimiter
+    def __getattr__(name: str) -> Any:
+        """What few programs use and takes as long to load as all the rest."""
+        if name != "FleetRateLimiter":
+            raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+        from tarvomeldric._fleet_limits import FleetRateLimiter
+
+        return FleetRateLimiter

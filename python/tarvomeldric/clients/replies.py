@@ -26,6 +26,7 @@ from tarvomeldric._http import retry_after
 _HANDED_BACK = ("content-type", "x-request-id", "retry-after")
 _LIMITS = "x-ratelimit-"
 _SHORTEST_SECRET = 8  # a shorter one would be found in ordinary words
+_BEGINNING = 12  # characters of one that no cut text may have
 _JSON = {"content-type": "application/json"}
 
 # Errors that a call ends with, as a client sees them.
@@ -110,14 +111,15 @@ def _failed_by_provider(error: BaseException, records: Iterable[ProviderConfig])
 def told_of(error: BaseException, records: Iterable[ProviderConfig]) -> str:
     """What an error says, unless it quotes a provider that quotes its key."""
     told = str(error)
-    secret = any(_holds_secret(told.encode(errors="replace"), record) for record in records)
+    content = told.encode(errors="replace")  # cut after 200 characters, maybe in a key
+    secret = any(_holds_secret(content, record, _BEGINNING) for record in records)
     return "[REDACTED]" if secret else told
 
 
-def _holds_secret(content: bytes, record: ProviderConfig) -> bool:
-    """Whether a provider's words quote what it was sent to let us in."""
+def _holds_secret(content: bytes, record: ProviderConfig, most: int | None = None) -> bool:
+    """Whether a provider's words quote what it was sent to let us in, or so much of it."""
     secrets = [record.api_key, *record.extra_headers.values(), *record.extra_query.values()]
-    return any(len(it) >= _SHORTEST_SECRET and it.encode() in content for it in secrets)
+    return any(len(it) >= _SHORTEST_SECRET and it[:most].encode() in content for it in secrets)
 
 
 def _last_failure(error: BaseException) -> BaseException:

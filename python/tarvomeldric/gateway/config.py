@@ -56,10 +56,10 @@ def _is_address(url: str) -> bool:
     try:
         parts = urlsplit(url)
         return bool(
-            parts.scheme in ("http", "https")
+            not re.search(r"[\x00-\x20?#]", url)
+            and parts.scheme in ("http", "https")
             and parts.hostname
             and parts.port != 0
-            and not (parts.query or parts.fragment)
         )
     except ValueError:  # the port, or an address in brackets
         return False
@@ -104,8 +104,11 @@ class Server:
 
     def at(self, host: str | None, port: int | None) -> Server:
         """The same at another host or port, where one is given."""
-        moved = self if host is None else replace(self, host=host)
-        moved = moved if port is None else replace(moved, port=port)
+        try:
+            moved = self if host is None else replace(self, host=host)
+            moved = moved if port is None else replace(moved, port=port)
+        except ValueError as error:
+            raise ConfigError([f"server.{error}"]) from None
         moved.require_guard()
         return moved
 
@@ -286,12 +289,11 @@ def load(path: Path) -> Config:
     else:
         import tomli as tomllib
     try:
-        document = tomllib.loads(path.read_bytes().decode())
+        return config_of(tomllib.loads(path.read_bytes().decode()))
     except RecursionError:
         raise ConfigError(["the file is nested too deeply"]) from None
     except ValueError as error:
         raise ConfigError([f"the file is not TOML: {_place_of(error)}"]) from None
-    return config_of(document)
 
 
 def config_of(document: dict[str, Any]) -> Config:

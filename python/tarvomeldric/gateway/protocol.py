@@ -3,8 +3,12 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
+import fcntl
 import re
-from collections.abc import Sequence
+import sys
+import termios
+from collections import deque
 from typing import Any
 
 from uvicorn.protocols.http.httptools_impl import HttpToolsProtocol
@@ -28,10 +32,11 @@ class PatientProtocol(HttpToolsProtocol):
     _reader: asyncio.TimerHandle | None = None
     _part = ""  # of a request, that is arriving
     _head = 0  # bytes of a head so far
-    _ahead: Sequence[Any] = ()  # unanswered requests before the newest one
+    _ahead: deque[Any]  # unanswered requests before the newest one
 
     def connection_made(self, transport: Any) -> None:
         super().connection_made(transport)
+        self._ahead = deque()
         self._wait(_HEAD_S)
 
     def connection_lost(self, exc: Exception | None) -> None:
@@ -69,8 +74,10 @@ class PatientProtocol(HttpToolsProtocol):
     def on_headers_complete(self) -> None:
         self._part = "body"
         self._wait(self.body_timeout + _SLACK_S)
-        earlier = [*self._ahead, self.cycle] if self.cycle else ()
-        self._ahead = [cycle for cycle in earlier if not cycle.response_complete]
+        if self.cycle:
+            self._ahead.append(self.cycle)
+        while self._ahead and self._ahead[0].response_complete:
+            self._ahead.popleft()
         super().on_headers_complete()
 
     def on_message_complete(self) -> None:
@@ -90,12 +97,25 @@ class PatientProtocol(HttpToolsProtocol):
     def _give_up(self) -> None:
         self.transport.abort()
 
+    def timeout_keep_alive_handler(self) -> None:
+        super().timeout_keep_alive_handler()
+        if self.transport.is_closing() and self._reader is None:
+            self._watch_reader()  # it closes when the last bytes are read, which may be never
+
+    def _unread(self) -> int:
+        """Bytes that the client has not acknowledged; those of the system are most of them."""
+        unread: int = self.transport.get_write_buffer_size()
+        with contextlib.suppress(OSError, ValueError, AttributeError):
+            connection = self.transport.get_extra_info("socket")
+            told = fcntl.ioctl(connection.fileno(), termios.TIOCOUTQ, bytes(4))
+            unread += int.from_bytes(told, sys.byteorder)
+        return unread
+
     def _watch_reader(self) -> None:
-        unread = self.transport.get_write_buffer_size()
-        self._reader = self.loop.call_later(_READER_S, self._look_at_reader, unread)
+        self._reader = self.loop.call_later(_READER_S, self._look_at_reader, self._unread())
 
     def _look_at_reader(self, unread: int) -> None:
-        if self.transport.get_write_buffer_size() < unread:
+        if self._unread() < unread:
             self._watch_reader()
         else:
             self._give_up()
