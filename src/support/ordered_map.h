@@ -22,7 +22,7 @@ class OrderedMap {
   using Entry = std::pair<const std::string, V>;
 
  private:
-  static constexpr std::size_t kPast = -1;  // whatever is stored meanwhile
+  static constexpr std::size_t kPast = std::string::npos;  // whatever is stored meanwhile
 
   // Null where one was erased. A walk meets the entries in a row, none by way of the one before it.
   using Entries = std::vector<std::unique_ptr<Entry>>;
