@@ -289,11 +289,13 @@ def load(path: Path) -> Config:
     else:
         import tomli as tomllib
     try:
-        return config_of(tomllib.loads(path.read_bytes().decode()))
+        try:
+            document = tomllib.loads(path.read_bytes().decode())
+        except ValueError as error:
+            raise ConfigError([f"the file is not TOML: {_place_of(error)}"]) from None
+        return config_of(document)
     except RecursionError:
         raise ConfigError(["the file is nested too deeply"]) from None
-    except ValueError as error:
-        raise ConfigError([f"the file is not TOML: {_place_of(error)}"]) from None
 
 
 def config_of(document: dict[str, Any]) -> Config:

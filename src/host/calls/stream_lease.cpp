@@ -24,11 +24,10 @@ StreamLease::~StreamLease() {
 }
 
 void StreamLease::succeed(double latency_ms) {
-  if (std::exchange(recorded_, true)) {
-    slot_ = {};
-    return;
+  if (!std::exchange(recorded_, true)) {
+    return record([&] { provider_->record_success(latency_ms); });
   }
-  record([&] { provider_->record_success(latency_ms); });
+  slot_ = {};
 }
 
 std::string StreamLease::fail(nb::handle error) {
