@@ -58,6 +58,19 @@ void bind_rule(nb::module_& module) {
   cls.attr("from_dict") = made(PyClassMethod_New(from_dict.ptr()));
 }
 
+// Who has the live table may change it.
+Field table_field() {
+  static constexpr auto hand_out = [](void* fields) -> OrderedMap<RulePtr>& {
+    auto& learner = *static_cast<LearnerFields*>(fields);
+    learner.handed_out = true;
+    return learner.rules;
+  };
+  Field table = field<&LearnerFields::rules>("_rules", "the rules by \"PATTERN:ACTION\"");
+  table.live = [](nb::handle owner, void* fields) { return live(owner, hand_out(fields)); };
+  table.set = [](void* fields, nb::handle rules) { return assign(hand_out(fields), rules); };
+  return table;
+}
+
 void bind_use(LearnerClass& cls) {
   def(
       cls, "record",
@@ -79,13 +92,22 @@ void bind_use(LearnerClass& cls) {
   def(
       cls, "match_best_action",
       [](PythonLearner& self, std::string_view error_pattern) {
-        const RulePtr rule = self.match(error_pattern);
-        return rule ? OptionalText(rule->action) : std::nullopt;
+        const std::optional<Advice> advice = self.advise(error_pattern);
+        return advice ? OptionalText(advice->action) : std::nullopt;
       },
       "The action of `match`, or None.", arg("error_pattern"));
   def(
+      cls, "_advise",
+      [](PythonLearner& self, std::string_view error_pattern) {
+        const std::optional<Advice> advice = self.advise(error_pattern);
+        return Annotated<"tuple[str, float] | None">(
+            advice ? nb::object(nb::make_tuple(from_utf8(advice->action), advice->confidence))
+                   : nb::none());
+      },
+      "The action and the confidence of `match`, or None.", arg("error_pattern"));
+  def(
       cls, "get_rules",
-      [](const PythonLearner& self) {
+      [](PythonLearner& self) {
         nb::list rules;
         for (const RulePtr& rule : self.rules()) rules.append(nb::cast(rule));
         return Annotated<"list[LearnedRule]">(rules);
@@ -196,7 +218,7 @@ void bind_flywheel(nb::module_& module) {
   bind_use(cls);
   bind_keeping(cls);
   bind_fleet(cls);
-  bind_field(cls, field<&LearnerFields::rules>("_rules", "the rules by \"PATTERN:ACTION\""));
+  bind_field(cls, table_field());
   bind_field(cls, field<&LearnerFields::records>("_records", "outcomes counted by this learner"));
   bind_field(cls, field<&LearnerFields::bootstrap_loaded>(
                       "_bootstrap_loaded", "whether it started from the bootstrap rules"));

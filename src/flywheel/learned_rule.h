@@ -24,8 +24,9 @@ struct LearnedRule {
   void update(bool success, double heal_time_ms, double now_s);
   // Halves the confidence of a rule that nobody has seen for 30 days, down to 0.1.
   void decay(double now_s) {
-    if (now_s - last_seen_s > kStaleSeconds && confidence > kLeastConfidence) confidence /= 2;
+    if (now_s - last_seen_s > kStaleSeconds && may_decay()) confidence /= 2;
   }
+  bool may_decay() const { return confidence > kLeastConfidence; }
 
   static constexpr double kStaleSeconds = 30.0 * 24 * 3600;
   static constexpr double kLeastConfidence = 0.1;

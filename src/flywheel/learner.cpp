@@ -25,6 +25,14 @@ struct Best {
   }
 };
 
+RulePtr fresh_rule(const Outcome& outcome) {
+  auto rule = std::make_shared<LearnedRule>();
+  rule->pattern = outcome.error_pattern;
+  rule->action = outcome.action;
+  rule->source = "learned";
+  return rule;
+}
+
 std::optional<Advice> advice_of(const RulePtr& rule) {
   if (!rule) return std::nullopt;
   return Advice{rule->action, rule->confidence};
@@ -46,33 +54,50 @@ void FlywheelLearner::seed() {
     rule->fail_count = row.fail_count;
     rule->confidence = row.confidence;
     rule->last_seen_s = now_s;
-    fields_.rules[rule_key(row.pattern, row.action)] = std::move(rule);
+    put(rule_key(row.pattern, row.action), std::move(rule));
   }
   fields_.bootstrap_loaded = true;
   persist();
 }
 
+void FlywheelLearner::put(const std::string& key, RulePtr rule) {
+  seen(*rule);
+  RulePtr* known = fields_.rules.find(key);
+  if (!known) {
+    RulePtr& place = fields_.rules[key] = std::move(rule);
+    by_pattern_[place->pattern].push_back(&place);
+    return;
+  }
+  // The file and the fleet may hold any rule under any key.
+  if ((*known)->pattern != rule->pattern) fields_.handed_out = true;
+  *known = std::move(rule);
+}
+
+void FlywheelLearner::seen(const LearnedRule& rule) {
+  stale_from_s_ = std::min(stale_from_s_, rule.last_seen_s + LearnedRule::kStaleSeconds);
+}
+
 void FlywheelLearner::store(const std::string& key, RulePtr rule) {
   MutexLock lock(mutex_);
-  fields_.rules[key] = std::move(rule);
+  put(key, std::move(rule));
 }
 
 void FlywheelLearner::take_over(const std::string& key, RulePtr rule) {
   MutexLock lock(mutex_);
-  if (RulePtr* place = place_for(key)) *place = std::move(rule);
+  if (has_room(key)) put(key, std::move(rule));
 }
 
 void FlywheelLearner::merge(const std::string& key, const RulePtr& rule) {
   MutexLock lock(mutex_);
-  RulePtr* place = place_for(key);
-  if (place && (!*place || rule->confidence > (*place)->confidence)) *place = rule;
+  const RulePtr* known = fields_.rules.find(key);
+  const bool is_wanted = !known || rule->confidence > (*known)->confidence;
+  if (is_wanted && has_room(key)) put(key, rule);
 }
 
-RulePtr* FlywheelLearner::place_for(const std::string& key) {
-  if (RulePtr* known = fields_.rules.find(key)) return known;
-  if (fields_.rules.size() < kMostSharedRules) return &fields_.rules[key];
-  ++rules_passed_over_;
-  return nullptr;
+bool FlywheelLearner::has_room(const std::string& key) {
+  const bool has_room = fields_.rules.size() < kMostSharedRules || fields_.rules.find(key);
+  if (!has_room) ++rules_passed_over_;
+  return has_room;
 }
 
 std::int64_t FlywheelLearner::rules_passed_over() const {
@@ -83,15 +108,10 @@ std::int64_t FlywheelLearner::rules_passed_over() const {
 void FlywheelLearner::record(const Outcome& outcome) {
   MutexLock lock(mutex_);
   const std::string key = rule_key(outcome.error_pattern, outcome.action);
-  RulePtr rule = fields_.rules[key];
-  if (!rule) {
-    rule = std::make_shared<LearnedRule>();
-    rule->pattern = outcome.error_pattern;
-    rule->action = outcome.action;
-    rule->source = "learned";
-    fields_.rules[key] = rule;
-  }
+  const RulePtr* known = fields_.rules.find(key);
+  const RulePtr rule = known ? *known : fresh_rule(outcome);
   rule->update(outcome.success, outcome.heal_time_ms, clock_.wall());
+  if (!known) put(key, rule);
   const bool to_be_written = ++fields_.records % kRecordsPerWrite == 0;
   const bool shared = fields_.sync_mode == "redis";
   if (to_be_written) persist();
@@ -160,6 +180,7 @@ void FlywheelLearner::set_sync_mode(const char* mode) {
 
 RulePtr FlywheelLearner::match(std::string_view error_pattern) {
   MutexLock lock(mutex_);
+  fields_.handed_out = true;
   return match_locked(error_pattern);
 }
 
@@ -176,26 +197,42 @@ bool FlywheelLearner::try_advise(std::string_view error_pattern, std::optional<A
 }
 
 RulePtr FlywheelLearner::match_locked(std::string_view error_pattern) {
-  const std::size_t colon = error_pattern.find(':');
-  const std::string_view category = error_pattern.substr(0, colon);
-  const bool has_category = colon != std::string_view::npos;
+  const std::string_view category = error_pattern.substr(0, error_pattern.find(':'));
+  if (fields_.handed_out || !(clock_.wall() <= stale_from_s_)) return walk(error_pattern, category);
+  const RulePtr exact = look_up(error_pattern);
+  return exact ? exact : look_up(category);
+}
+
+RulePtr FlywheelLearner::look_up(std::string_view pattern) const {
+  Best best;
+  const Places* places = by_pattern_.find(pattern);
+  if (!places) return nullptr;
+  for (const RulePtr* rule : *places) best.offer(*rule);
+  return best.rule ? *best.rule : nullptr;
+}
+
+RulePtr FlywheelLearner::walk(std::string_view pattern, std::string_view category) {
   const double now_s = clock_.wall();
   Best exact;
   Best fallback;
+  double oldest_s = now_s;
   for (const auto& [_, rule] : fields_.rules) {
     rule->decay(now_s);
-    if (rule->pattern == error_pattern) {
+    if (rule->may_decay()) oldest_s = std::min(oldest_s, rule->last_seen_s);
+    if (rule->pattern == pattern) {
       exact.offer(rule);
-    } else if (has_category && rule->pattern == category) {
+    } else if (rule->pattern == category) {
       fallback.offer(rule);
     }
   }
+  stale_from_s_ = oldest_s + LearnedRule::kStaleSeconds;
   if (exact.rule) return *exact.rule;
   return fallback.rule ? *fallback.rule : nullptr;
 }
 
-std::vector<RulePtr> FlywheelLearner::rules() const {
+std::vector<RulePtr> FlywheelLearner::rules() {
   MutexLock lock(mutex_);
+  fields_.handed_out = true;
   std::vector<RulePtr> all;
   all.reserve(fields_.rules.size());
   for (const auto& [_, rule] : fields_.rules) all.push_back(rule);

@@ -38,6 +38,7 @@ struct LearnerFields {
   std::int64_t records = 0;
   bool bootstrap_loaded = false;
   std::string sync_mode = "local";  // "redis" while rules are shared with a fleet
+  bool handed_out = false;  // somebody else has the table or a rule of it, to change at will
 };
 
 // The figures of a learner, as of one moment.
@@ -63,6 +64,9 @@ class RulePublisher {
 //   learner.record({"timeout", "failover:openai", true, 850.0});
 //   if (auto advice = learner.advise("timeout:azure")) ... advice->action ...
 //
+// Advice costs the same with any number of rules, until rules are handed out: those who have them
+// may change them, and from then on every rule is looked at.
+//
 // The table is written to the rules file at every 20th record. Any thread; every operation holds
 // the lock for its whole duration, `record` also while it writes the file and tells the publisher.
 class FlywheelLearner : public GuardedRecord<LearnerFields> {
@@ -82,13 +86,15 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   // records it.
   void forget_kept();
   // The most confident rule above 0.6 for exactly this pattern, else for its category (the part
-  // before the first colon); null when there is none. Rules gone stale lose confidence first.
+  // before the first colon); null when there is none. Rules gone stale lose confidence first. Hands
+  // the rule out.
   RulePtr match(std::string_view error_pattern);
   // What `match` finds, read under the lock.
   std::optional<Advice> advise(std::string_view error_pattern);
   // The same for a call that must not wait. False, and nothing asked, while the lock is held.
   bool try_advise(std::string_view error_pattern, std::optional<Advice>& advice);
-  std::vector<RulePtr> rules() const;
+  // All rules, handed out.
+  std::vector<RulePtr> rules();
   LearnerStats stats() const;
 
   // Starts from the bootstrap rules, and writes them.
@@ -122,14 +128,26 @@ class FlywheelLearner : public GuardedRecord<LearnerFields> {
   const Clock& clock() const { return clock_; }
 
  private:
+  // Places in the table, which a rule keeps.
+  using Places = std::vector<const RulePtr*>;
+
   RulePtr match_locked(std::string_view error_pattern) REQUIRES(mutex_);
-  // Where a rule from the fleet goes; null, and counted, when there is no room.
-  RulePtr* place_for(const std::string& key) REQUIRES(mutex_);
+  // The best of a pattern's rules, where nobody else could have changed one.
+  RulePtr look_up(std::string_view pattern) const REQUIRES(mutex_);
+  // The same by a look at each rule, the category's where there is none; stale ones are seen to.
+  RulePtr walk(std::string_view pattern, std::string_view category) REQUIRES(mutex_);
+  void put(const std::string& key, RulePtr rule) REQUIRES(mutex_);
+  // A rule counts as of this moment: it may be stale earlier than all others.
+  void seen(const LearnedRule& rule) REQUIRES(mutex_);
+  // Whether a rule from the fleet has room; counted when it has none.
+  bool has_room(const std::string& key) REQUIRES(mutex_);
 
   const Clock& clock_;
   RulesFile file_;
   RulePublisher* publisher_ = nullptr;
   std::int64_t rules_passed_over_ GUARDED_BY(mutex_) = 0;
+  OrderedMap<Places> by_pattern_ GUARDED_BY(mutex_);
+  double stale_from_s_ GUARDED_BY(mutex_) = 0.0;  // wall clock: no rule is stale before
   Mutex kept_mutex_;
   std::vector<Outcome> kept_ GUARDED_BY(kept_mutex_);
   std::atomic<bool> is_asked_{false};  // somebody is to record them

@@ -57,7 +57,7 @@ void PythonLearner::set_persist_path(nb::handle path) {
 void PythonLearner::load() {
   file().set_unreadable(false);
   quietly([&] { call(Helper::kLoadRules, self()); });
-  if (rules().empty()) seed();
+  if (stats().total_rules == 0) seed();
 }
 
 void PythonLearner::init_redis() {

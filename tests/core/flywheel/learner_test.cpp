@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
+#include <random>
 
 #include "flywheel/bootstrap_rules.h"
 #include "manual_clock.h"
@@ -89,6 +91,57 @@ TEST_F(LearnerTest, AdviceIsHadAtOnceUnlessSomebodyHoldsTheLock) {
   EXPECT_FALSE(learner.mutex().locked());
   const MutexLock held(learner.mutex());
   EXPECT_FALSE(learner.try_advise("rate_limit:openai", advice));
+}
+
+// Two tables with the same history: the rules of one are handed out, so that each is looked at.
+TEST(Advice, IsTheSameWhetherRulesAreLookedUpOrWalked) {
+  std::mt19937 random(11);
+  const auto below = [&](int bound) {
+    return static_cast<int>(random() % static_cast<unsigned>(bound));
+  };
+  const auto one_of = [&](const auto& these) { return these[random() % std::size(these)]; };
+  const std::array patterns{"timeout", "timeout:azure", "rate_limit", "odd:x", "odd", ""};
+  const std::array actions{"retry:openai", "failover:groq", "failover:azure"};
+  ManualClock clock;
+  FlywheelLearner looked_up{"", clock};
+  FlywheelLearner walked{"", clock};
+  looked_up.seed();
+  walked.seed();
+  for (int step = 0; step < 4000; ++step) {
+    const Outcome outcome{one_of(patterns), one_of(actions), below(4) != 0, 1.0};
+    if (below(50) == 0) clock.advance((below(60) - 25) * 86400.0);  // set back, too
+    const bool from_fleet = below(4) == 0;
+    const LearnedRule offered{.pattern = outcome.error_pattern,
+                              .last_seen_s = clock.wall() - below(40) * 86400.0,
+                              .confidence = 0.1 * below(11),
+                              .action = outcome.action};
+    for (FlywheelLearner* learner : {&looked_up, &walked}) {
+      if (from_fleet) {
+        learner->merge(rule_key(offered.pattern, offered.action),
+                       std::make_shared<LearnedRule>(offered));
+      } else {
+        learner->record(outcome);
+      }
+    }
+    const std::string_view asked = one_of(patterns);
+    const RulePtr expected = walked.match(asked);
+    const std::optional<Advice> advice = looked_up.advise(asked);
+    ASSERT_EQ(advice ? advice->action : "", expected ? expected->action : "") << asked << step;
+    ASSERT_EQ(advice ? advice->confidence : 0, expected ? expected->confidence : 0) << asked;
+  }
+}
+
+TEST_F(LearnerTest, AdviceHeedsWhatIsDoneToRulesThatWereHandedOut) {
+  EXPECT_EQ(learner.advise("rate_limit:groq")->action, "failover:deepseek");
+  learner.rules().front()->pattern = "rate_limit:groq";
+  EXPECT_EQ(learner.advise("rate_limit:groq")->action, learner.rules().front()->action);
+  FlywheelLearner other{"", clock};
+  for (const char* pattern : {"old", "new"}) {
+    other.store("a key", std::make_shared<LearnedRule>(LearnedRule{
+                             .pattern = pattern, .last_seen_s = clock.wall(), .confidence = 1}));
+  }
+  EXPECT_FALSE(other.advise("old"));
+  EXPECT_TRUE(other.advise("new"));
 }
 
 struct Fleet final : RulePublisher {
