@@ -5,7 +5,6 @@
 
 #include "engine/io.h"
 #include "providers/provider_config.h"
-#include "support/task.h"
 
 namespace tarvomeldric {
 
@@ -40,12 +39,36 @@ class AdmittedSlot {
   ProbePermit permit_;
 };
 
-// The same without waiting.
-std::optional<AdmittedSlot> admit_now(const ProviderPtr& provider);
+// One attempt before a provider's guards: a token first, then a slot. What does not end with the
+// slot taken gives the token back; what is abandoned is not counted as rejected.
+//
+//   Admission asked(provider);
+//   if (asked.must_wait()) asked.waited(co_await io.wait_for_permit(asked.semaphore(), 1.0));
+//   if (std::optional<AdmittedSlot> slot = asked.take()) ...
+//
+// Of one thread at a time.
+class Admission {
+ public:
+  explicit Admission(const ProviderPtr& provider);
+  Admission(const Admission&) = delete;
+  Admission& operator=(const Admission&) = delete;
+  ~Admission();
 
-// Asks a provider's guards to admit one attempt: a token, then a slot, for which it waits at most
-// `timeout_s` seconds. Nothing when refused. A wait that is refused or abandoned gives its token
-// back; an abandoned one is not counted as rejected.
-Task<std::optional<AdmittedSlot>> admit(ProviderPtr provider, Io& io, double timeout_s);
+  // Whether there was a token, but no slot is free.
+  bool must_wait() const { return has_token_ && !has_permit_; }
+  const std::shared_ptr<Semaphore>& semaphore() const { return semaphore_; }
+  // How the wait for a permit of the semaphore ended.
+  void waited(bool granted) { has_permit_ = granted; }
+  // The slot, once; nothing when refused.
+  std::optional<AdmittedSlot> take();
+
+ private:
+  // What may be interrupted comes before the token is taken.
+  BulkheadPtr bulkhead_;
+  std::shared_ptr<Semaphore> semaphore_;
+  RateLimiterPtr limiter_;
+  bool has_token_;
+  bool has_permit_;
+};
 
 }  // namespace tarvomeldric

@@ -31,8 +31,8 @@ CallFacts facts_of(const CallRequest& request, const Surroundings& engine, MapeK
 // The working values of one call.
 class Call {
  public:
-  Call(const CallRequest& request, Surroundings engine, Io& io)
-      : pass_(request, engine, io, facts_of(request, engine, trace_)) {}
+  Call(const CallRequest& request, Surroundings engine, Io& io, MapeKTrace& trace)
+      : trace_(trace), pass_(request, engine, io, facts_of(request, engine, trace)) {}
 
   Task<void> run();
   // How a finished run ended, once that has been told.
@@ -45,25 +45,27 @@ class Call {
  private:
   void classify();
   bool under_back_pressure() const;
-  Task<bool> monitor();
-  Task<void> analyze();
-  Task<std::optional<AdmittedSlot>> plan();
+  void look_around();
+  void find_nobody();
+  std::optional<std::string> pattern() const;
+  void follow(const Advice& advice);
   Task<std::optional<AdmittedSlot>> admit();
+  void block();
   Task<void> execute(AdmittedSlot slot);
-  Task<void> succeed(const Tried& tried);
+  void succeed(const Tried& tried);
 
   void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
   Task<bool> wait_for_the_soonest();
   void choose_first();
+  void pass_over_losers();
   bool is_passed_over(const NamedProvider& at) const {
     return pass_.policy().hedge_after &&
            engine_.hedging.is_aside(pass_.lane_of(pass_.candidates.target(at)));
   }
-  Task<std::string> learned_provider() const;
   void refuse(CallFailed::Kind kind, const char* message);
   void end(CallFailed failed);
 
-  MapeKTrace trace_;
+  MapeKTrace& trace_;
   Pass pass_;
   const Surroundings& engine_ = pass_.engine;
   std::vector<NamedProvider> available_;
@@ -78,11 +80,23 @@ Task<void> Call::run() {
   trace_.enter(MapeKPhase::kMonitor, engine_.clock);
   const bool pausing = under_back_pressure() && pass_.state.left_s() > kBackPressureSeconds;
   if (pausing) co_await pass_.sleep(kBackPressureSeconds, "back_pressure");
-  const bool somebody = co_await monitor();
-  if (!somebody) co_return;
-  co_await analyze();
-  std::optional<AdmittedSlot> slot = co_await plan();
-  if (slot) co_await execute(std::move(*slot));
+  look_around();
+  bool somebody = !available_.empty();
+  if (somebody && pass_.policy().retry_after) somebody = co_await wait_for_the_soonest();
+  if (!somebody) co_return find_nobody();
+  choose_first();
+
+  trace_.enter(MapeKPhase::kAnalyze, engine_.clock);
+  std::optional<Advice> advice;
+  std::optional<std::string> asked = pattern();
+  if (asked) co_await pass_.io.advise(std::move(*asked), advice);
+  if (advice) follow(*advice);
+
+  trace_.enter(MapeKPhase::kPlan, engine_.clock);
+  std::optional<AdmittedSlot> slot = co_await admit();
+  if (!slot || !pass_.state.may_send()) co_return block();
+  trace_.plan_result = learned_ ? "l4_learned" : "direct";
+  co_await execute(std::move(*slot));
 }
 
 void Call::classify() {
@@ -98,29 +112,23 @@ void Call::classify() {
 // Counted before this call is, so that a call does not thin out the ratio it is judged by.
 bool Call::under_back_pressure() const {
   const auto limited = engine_.metrics.counter(metric::kRateLimitFault);
+  if (limited == 0) return false;
   const auto calls = engine_.metrics.counter(metric::kCalls);
   return calls > kBackPressureCalls &&
          static_cast<double>(limited) / static_cast<double>(calls) > kBackPressureRatio;
 }
 
-Task<bool> Call::monitor() {
+void Call::look_around() {
   engine_.counters.count({Counter::kCall});
   engine_.metrics.inc(metric::kCalls);
   available_ = pass_.candidates.available(engine_.registry);
-  bool somebody = !available_.empty();
-  if (somebody && pass_.policy().retry_after) somebody = co_await wait_for_the_soonest();
-  if (!somebody) {
-    engine_.metrics.inc(metric::kNoProvider);
-    trace_.monitor_result = "no_provider";
-    refuse(CallFailed::Kind::kNoProvider, "No healthy providers available.");
-    if (pass_.state.ended_by_deadline()) end(pass_.out_of_time());
-    co_return false;
-  }
-  choose_first();
-  pass_.facts.original_provider = target_.name;
-  pass_.facts.original_model = target_.model;
-  trace_.monitor_result = "provider_selected";
-  co_return true;
+}
+
+void Call::find_nobody() {
+  engine_.metrics.inc(metric::kNoProvider);
+  trace_.monitor_result = "no_provider";
+  refuse(CallFailed::Kind::kNoProvider, "No healthy providers available.");
+  if (pass_.state.ended_by_deadline()) end(pass_.out_of_time());
 }
 
 // Leaves those out who asked to be left alone. Where all did, the first one who may be asked again
@@ -140,11 +148,17 @@ Task<bool> Call::wait_for_the_soonest() {
   co_return waited;
 }
 
-// A call that hedges passes over those who keep losing to a second provider, while others are
-// there.
 void Call::choose_first() {
   choose(pass_.candidates.pick(available_));
-  if (!pass_.policy().hedge_after) return;
+  if (pass_.policy().hedge_after) pass_over_losers();
+  pass_.facts.original_provider = target_.name;
+  pass_.facts.original_model = target_.model;
+  trace_.monitor_result = "provider_selected";
+}
+
+// A call that hedges leaves those alone who keep losing to a second provider, while others are
+// there.
+void Call::pass_over_losers() {
   const CallPolicy& policy = pass_.policy();
   engine_.hedging.budget(policy.hedge_ratio, policy.hedge_burst)->deposit();
   std::vector<NamedProvider> others;
@@ -156,42 +170,26 @@ void Call::choose_first() {
   }
 }
 
-Task<void> Call::analyze() {
-  trace_.enter(MapeKPhase::kAnalyze, engine_.clock);
-  const std::string name = co_await learned_provider();
-  if (name.empty() || name == target_.name) co_return;
+// What the learner is asked about requests of this kind; nothing where a route says it all.
+std::optional<std::string> Call::pattern() const {
+  if (pass_.request.route) return std::nullopt;
+  return model_to_error_hint(pass_.request.model);
+}
+
+// Goes where a confident rule sends requests of this kind.
+void Call::follow(const Advice& advice) {
+  if (advice.confidence <= kLearnedRoutingConfidence) return;
+  std::string name = advice.action;
+  for (std::size_t at = 0; (at = name.find(kFailoverAction, at)) != std::string::npos;) {
+    name.erase(at, kFailoverAction.size());
+  }
+  if (name.empty() || name == target_.name) return;
   const auto learned = std::ranges::find(available_, name, &NamedProvider::name);
-  if (learned == available_.end() || is_passed_over(*learned)) co_return;
+  if (learned == available_.end() || is_passed_over(*learned)) return;
   learned_ = true;
   choose(*learned);
   engine_.counters.count({Counter::kL4Learned});
   engine_.metrics.inc(metric::kLearnedRouting);
-}
-
-// Where a confident rule sends requests of this kind; empty when there is none, or a route says it.
-Task<std::string> Call::learned_provider() const {
-  if (pass_.request.route) co_return std::string();
-  const auto hint = model_to_error_hint(pass_.request.model);
-  if (!hint) co_return std::string();
-  const std::optional<Advice> advice = co_await pass_.io.advise(*hint);
-  if (!advice || advice->confidence <= kLearnedRoutingConfidence) co_return std::string();
-  std::string name = advice->action;
-  for (std::size_t at = 0; (at = name.find(kFailoverAction, at)) != std::string::npos;) {
-    name.erase(at, kFailoverAction.size());
-  }
-  co_return name;
-}
-
-Task<std::optional<AdmittedSlot>> Call::plan() {
-  trace_.enter(MapeKPhase::kPlan, engine_.clock);
-  std::optional<AdmittedSlot> slot = co_await admit();
-  if (slot && pass_.state.may_send()) {
-    trace_.plan_result = learned_ ? "l4_learned" : "direct";
-    co_return slot;
-  }
-  trace_.plan_result = "blocked";
-  if (!pass_.state.may_send()) end(pass_.out_of_time());
-  co_return std::nullopt;
 }
 
 // Admission by the chosen provider, else by the one fallback.
@@ -218,6 +216,11 @@ Task<std::optional<AdmittedSlot>> Call::admit() {
   co_return std::nullopt;
 }
 
+void Call::block() {
+  trace_.plan_result = "blocked";
+  if (!pass_.state.may_send()) end(pass_.out_of_time());
+}
+
 Task<void> Call::execute(AdmittedSlot slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
   FirstAttempt first{std::move(target_), {}, std::move(slot)};
@@ -234,18 +237,17 @@ Task<void> Call::execute(AdmittedSlot slot) {
   hedged_ = first.hedged;
   if (first.tried.ok()) {
     target_ = std::move(first.target);
-    co_await succeed(first.tried);
-    co_return;
+    trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
+    co_await pass_.learn("success", "direct:" + target_.name, true, first.tried.latency_ms);
+    co_return succeed(first.tried);
   }
   outcome_ = co_await recover(pass_, std::move(first));
   if (auto* answered = std::get_if<CallAnswered>(&outcome_)) answered->answer.hedged = hedged_;
 }
 
-Task<void> Call::succeed(const Tried& tried) {
+void Call::succeed(const Tried& tried) {
   trace_.execute_result = "ok";
   trace_.analyze_result = "nominal";
-  trace_.enter(MapeKPhase::kKnowledge, engine_.clock);
-  co_await pass_.learn("success", "direct:" + target_.name, true, tried.latency_ms);
   trace_.knowledge_recorded = true;
   trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
   engine_.metrics.inc(metric::kPrimarySuccess);
@@ -255,7 +257,6 @@ Task<void> Call::succeed(const Tried& tried) {
       pass_.facts.answered_by(target_, tried.latency_ms, learned_ ? "l4_learned" : "");
   answered.answer.validation_passed = tried.validation_passed;
   answered.answer.hedged = hedged_;
-  answered.trace = std::move(trace_);
 }
 
 void Call::refuse(CallFailed::Kind kind, const char* message) { end({kind, message}); }
@@ -278,8 +279,9 @@ Answer CallFacts::answered_by(const Target& target, double latency_ms,
           .semantic_domain = std::string(value_of(classification.domain))};
 }
 
-Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io) {
-  Call call(request, engine, io);
+Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io,
+                           MapeKTrace& trace) {
+  Call call(request, engine, io, trace);
   try {
     co_await call.run();
   } catch (...) {

@@ -68,8 +68,10 @@ struct CallFacts {
 };
 
 // One pass through the loop, from the prompt to an answer or an error. The request, the
-// surroundings and the `Io` outlive the task; a task that is abandoned gives back what it holds.
-Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io);
+// surroundings, the `Io` and the trace, which is fresh, outlive the task; a task that is abandoned
+// gives back what it holds.
+Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io,
+                           MapeKTrace& trace);
 
 // Eight random lower-case hexadecimal digits.
 std::string fresh_request_id();

@@ -234,7 +234,7 @@ Task<Healed> Cascade::heal(Level level, Diagnosis fault, std::string action, Tri
                    tried.latency_ms, fault.sub_category});
   pass_.tell<HealEvent>(target_.name, target_.model, level.heal_level, label);
   CallAnswered answered{pass_.facts.answered_by(target_, tried.latency_ms, level.heal_level),
-                        std::move(fault), trace_};
+                        std::move(fault)};
   answered.answer.downgraded = level.counter.has_value();
   answered.answer.validation_passed = tried.validation_passed;
   co_return answered;

@@ -53,7 +53,8 @@ Task<std::vector<NamedProvider>> Failover::candidates() const {
     if (asked_.contains(candidate.name)) continue;
     double priority = 0.0;
     if (!pass_.candidates.ordered()) {
-      const std::optional<Advice> advice = co_await pass_.io.advise(pattern);
+      std::optional<Advice> advice;
+      co_await pass_.io.advise(pattern, advice);
       priority = provider_priority(candidate, advice);
     }
     ranked.push_back({priority, std::move(candidate)});
@@ -151,10 +152,8 @@ Task<CallOutcome> Failover::heal(Target target, const Tried& tried) {
   close_trace("healed");
   pass_.tell<HealEvent>(target.name, target.model, "l3_failover",
                         std::string(fault_.fault_label()));
-  CallAnswered answered{pass_.facts.answered_by(target, tried.latency_ms, "l3_failover"), fault_,
-                        std::nullopt};
+  CallAnswered answered{pass_.facts.answered_by(target, tried.latency_ms, "l3_failover"), fault_};
   answered.answer.validation_passed = tried.validation_passed;
-  if (const MapeKTrace* trace = pass_.facts.trace) answered.trace = *trace;
   co_return answered;
 }
 

@@ -111,8 +111,9 @@ class Io {
   // Waits at most `timeout_s` seconds for a permit; answers whether it was taken.
   virtual Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) = 0;
   // The learner's two steps, which may have to wait for a thread that uses it at the moment.
+  // `advice` outlives the task.
   virtual Task<void> learn(Outcome outcome) = 0;
-  virtual Task<std::optional<Advice>> advise(std::string error_pattern) = 0;
+  virtual Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) = 0;
 
   // The caller's contract for healed output, if there is one, and whether it declares a structure.
   virtual bool has_contract() const = 0;

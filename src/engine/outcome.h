@@ -6,7 +6,6 @@
 #include <variant>
 
 #include "diagnosis/diagnoser.h"
-#include "engine/trace.h"
 #include "semantic/topology.h"
 
 namespace tarvomeldric {
@@ -31,7 +30,6 @@ struct Answer {
 struct CallAnswered {
   Answer answer;
   std::optional<Diagnosis> fault;  // of a healed call
-  std::optional<MapeKTrace> trace;
 };
 
 // A call that ended without an answer.

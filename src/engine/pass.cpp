@@ -50,7 +50,13 @@ Pass::Pass(const CallRequest& asked, Surroundings surroundings, Io& serving, Cal
 Task<std::optional<AdmittedSlot>> Pass::admit(const Target& target, double wait_s) {
   std::optional<AdmittedSlot> slot;
   if (may_pass(target)) {
-    slot = co_await tarvomeldric::admit(target.provider, io, std::min(wait_s, state.left_s()));
+    Admission asked(target.provider);
+    if (asked.must_wait()) {
+      const double longest_s = std::min(wait_s, state.left_s());
+      const bool granted = co_await io.wait_for_permit(asked.semaphore(), longest_s);
+      asked.waited(granted);
+    }
+    slot = asked.take();
   }
   if (slot && policy().respect_breakers) keep_permit(target, slot);
   if (!slot) tell<RefusalEvent>(target.name, "admission");
@@ -75,7 +81,7 @@ void Pass::keep_permit(const Target& target, std::optional<AdmittedSlot>& slot) 
 
 std::optional<AdmittedSlot> Pass::admit_now(const Target& target) {
   std::optional<AdmittedSlot> slot;
-  if (may_pass(target)) slot = tarvomeldric::admit_now(target.provider);
+  if (may_pass(target)) slot = Admission(target.provider).take();
   if (slot && policy().respect_breakers) keep_permit(target, slot);
   return slot;
 }

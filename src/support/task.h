@@ -77,6 +77,9 @@ class [[nodiscard]] Task {
   using promise_type = detail::TaskPromise<T>;
   using Handle = std::coroutine_handle<promise_type>;
 
+  // Done already: of a step that had nothing to wait for, and so needs no frame.
+  Task() noexcept requires std::is_void_v<T>
+  = default;
   explicit Task(Handle handle) noexcept : handle_(handle) {}
   Task(Task&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
   Task& operator=(Task&& other) noexcept {
@@ -96,12 +99,17 @@ class [[nodiscard]] Task {
   auto operator co_await() const noexcept {
     struct Awaiter {
       Handle task;
-      bool await_ready() const noexcept { return false; }
+      bool await_ready() const noexcept { return !task; }
       std::coroutine_handle<> await_suspend(std::coroutine_handle<> waiter) const noexcept {
         task.promise().continuation = waiter;
         return task;
       }
-      T await_resume() const { return task.promise().take(); }
+      T await_resume() const {
+        if constexpr (std::is_void_v<T>) {
+          if (!task) return;
+        }
+        return task.promise().take();
+      }
     };
     return Awaiter{handle_};
   }

@@ -14,7 +14,7 @@ using Objects =
     Held<&CallState::engine, &CallState::prompt, &CallState::contract, &CallState::options,
          &CallState::relayed, &CallState::headers, &CallState::answer, &CallState::raw_response,
          &CallState::report, &CallState::response, &CallState::policy, &CallState::error,
-         &CallState::verdict, &CallState::fault, &CallState::trace, &CallState::settings,
+         &CallState::verdict, &CallState::fault, &CallState::given_trace, &CallState::settings,
          &CallState::race, &CallState::abort>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
@@ -238,13 +238,13 @@ Task<void> BlockingIo::learn(Outcome outcome) {
   } else {
     learner().record(outcome);
   }
-  co_return;
+  return {};
 }
 
-Task<std::optional<Advice>> BlockingIo::advise(std::string error_pattern) {
-  std::optional<Advice> advice;
-  if (learner().try_advise(error_pattern, advice) || hurried()) co_return advice;
-  co_return learner().advise(error_pattern);
+Task<void> BlockingIo::advise(std::string error_pattern, std::optional<Advice>& advice) {
+  const bool asked = learner().try_advise(error_pattern, advice);
+  if (!asked && !hurried()) advice = learner().advise(error_pattern);
+  return {};
 }
 
 Task<void> AwaitingIo::sleep(double seconds) {
@@ -263,12 +263,14 @@ Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, dou
 Task<void> AwaitingIo::learn(Outcome outcome) {
   if (hurried() && (learner().would_wait() || learner().would_write())) {
     learn_later(std::move(outcome));
-    co_return;
+    return {};
   }
-  if (!learner().would_wait()) {
-    learner().record(outcome);
-    co_return;
-  }
+  if (learner().would_wait()) return learn_in_worker(std::move(outcome));
+  learner().record(outcome);
+  return {};
+}
+
+Task<void> AwaitingIo::learn_in_worker(Outcome outcome) {
   PythonAwait recording(
       suspension_,
       call(Helper::kInWorker, state_.parts.learner, "record", from_utf8(outcome.error_pattern),
@@ -276,15 +278,18 @@ Task<void> AwaitingIo::learn(Outcome outcome) {
   co_await recording;
 }
 
-Task<std::optional<Advice>> AwaitingIo::advise(std::string error_pattern) {
-  std::optional<Advice> advice;
-  if (learner().try_advise(error_pattern, advice) || hurried()) co_return advice;
-  PythonAwait matching(suspension_, call(Helper::kInWorker, state_.parts.learner, "match",
+Task<void> AwaitingIo::advise(std::string error_pattern, std::optional<Advice>& advice) {
+  if (learner().try_advise(error_pattern, advice) || hurried()) return {};
+  return advise_in_worker(std::move(error_pattern), advice);
+}
+
+Task<void> AwaitingIo::advise_in_worker(std::string error_pattern, std::optional<Advice>& advice) {
+  PythonAwait advising(suspension_, call(Helper::kInWorker, state_.parts.learner, "_advise",
                                          from_utf8(error_pattern)));
-  const nb::object rule = co_await matching;
-  if (rule.is_none()) co_return std::nullopt;
-  const auto& found = require<LearnedRule>(rule, "what match returns");
-  co_return Advice{found.action, found.confidence};
+  const nb::object advised = co_await advising;
+  if (advised.is_none()) co_return;
+  advice =
+      Advice{to_utf8(item(advised, nb::int_(0))), nb::cast<double>(item(advised, nb::int_(1)))};
 }
 
 Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {

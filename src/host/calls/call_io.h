@@ -41,13 +41,14 @@ struct CallState {
   nb::object error;         // the newest, of a failed attempt or a refused answer
   nb::object verdict;       // of the contract on the latest answer
   nb::object fault;         // the diagnosis that Python code handed in, where it did
-  nb::object trace;         // and its trace
+  nb::object given_trace;   // and its trace
   Exchange exchange;
   nb::object race;  // what the two requests of a race are waited for by
   std::shared_ptr<Raced> raced_first, raced_second;
-  nb::object abort;        // what a request that is under way in this thread is ended by
-  nb::object policy;       // None for a call on the engine itself
-  bool own_error = false;  // whether `error` was made here
+  nb::object abort;                   // what a request that is under way in this thread is ended by
+  nb::object policy;                  // None for a call on the engine itself
+  bool own_error = false;             // whether `error` was made here
+  std::shared_ptr<MapeKTrace> trace;  // of a call from its beginning
   std::vector<AttemptRecord> attempts;
   std::optional<std::string> untold_end;  // the name of a call that was told of, but not its end
 
@@ -61,7 +62,7 @@ struct CallState {
 
 // Whether anybody listens; the garbage collector may have taken the listeners away.
 inline bool is_observed(const Engine& engine) {
-  return engine.observations.is_valid() && nb::len(engine.observations) != 0;
+  return engine.observations.is_valid() && PyTuple_GET_SIZE(engine.observations.ptr()) != 0;
 }
 
 // Tells those who listen to the engine. Remembers a call whose end is still to be told.
@@ -150,7 +151,7 @@ class BlockingIo : public CallIo {
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;
-  Task<std::optional<Advice>> advise(std::string error_pattern) override;
+  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
@@ -170,10 +171,12 @@ class AwaitingIo : public CallIo {
   Task<void> sleep(double seconds) override;
   Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
   Task<void> learn(Outcome outcome) override;
-  Task<std::optional<Advice>> advise(std::string error_pattern) override;
+  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override;
 
  private:
   Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
+  Task<void> learn_in_worker(Outcome outcome);
+  Task<void> advise_in_worker(std::string error_pattern, std::optional<Advice>& advice);
 
  protected:
   Suspension& suspension_;

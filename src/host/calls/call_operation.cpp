@@ -19,9 +19,7 @@ class CallOperation final : public PipelineOperation {
   }
 
  private:
-  Task<CallOutcome> run_pipeline(Io& io) override {
-    return run_call(request_, state_.surroundings(), io);
-  }
+  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
 
   CallRequest request_;
 };
@@ -33,7 +31,7 @@ class FailoverOperation final : public PipelineOperation {
                     const Instance<Diagnosis>& diagnosis, nb::object trace, nb::dict options)
       : PipelineOperation(caller, prompt, contract), request_(std::move(request)) {
     state_.fault = diagnosis;
-    state_.trace = std::move(trace);
+    state_.given_trace = std::move(trace);
     state_.options = std::move(options);
   }
 

@@ -21,18 +21,26 @@ nb::object fault_of(const CallState& state, CallAnswered& answered) {
   return state.fault.is_valid() ? state.fault : nb::cast(std::move(*answered.fault));
 }
 
+ShownLate<MapeKTrace> trace_of(const CallState& state) {
+  if (state.trace) return ShownLate<MapeKTrace>(state.trace);
+  const nb::handle given = state.given_trace;
+  if (!given.is_valid() || given.is_none()) return {};
+  return ShownLate<MapeKTrace>(std::make_shared<MapeKTrace>(*nb::inst_ptr<MapeKTrace>(given)));
+}
+
 nb::object result_of(CallState& state, CallAnswered& answered) {
   CallResult result;
   result.text = state.answer;
   result.raw_response = raw_response_of(state, answered);
   result.response = state.response;
-  result.attempts = ShownLate(std::move(state.attempts));
+  result.attempts =
+      ShownLate(std::make_shared<const std::vector<AttemptRecord>>(std::move(state.attempts)));
   result.fault = fault_of(state, answered);
   result.answer = std::move(answered.answer);
   if (result.answer.validation_passed) {
     result.contract_result = call(state.verdict.attr("to_dict"));
   }
-  if (answered.trace) result.mapek_trace = ShownLate(std::move(*answered.trace));
+  result.mapek_trace = trace_of(state);
   return nb::cast(std::move(result));
 }
 

@@ -41,6 +41,11 @@ class PipelineOperation : public Operation {
     state_.contract = object_or_none(contract);
   }
   virtual Task<CallOutcome> run_pipeline(Io& io) = 0;
+  // A call from its beginning, with a trace for its result.
+  Task<CallOutcome> run_from_start(const CallRequest& request, Io& io) {
+    state_.trace = std::make_shared<MapeKTrace>();
+    return run_call(request, state_.surroundings(), io, *state_.trace);
+  }
   virtual nb::object concluded(CallOutcome& outcome) { return conclude(state_, outcome); }
 
   CallState state_;

@@ -20,9 +20,7 @@ class RelayOperation final : public PipelineOperation {
   }
 
  private:
-  Task<CallOutcome> run_pipeline(Io& io) override {
-    return run_call(request_, state_.surroundings(), io);
-  }
+  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
   nb::object concluded(CallOutcome& outcome) override {
     return nb::make_tuple(conclude(state_, outcome), state_.exchange.reply);
   }

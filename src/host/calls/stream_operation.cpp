@@ -129,9 +129,7 @@ class StreamOperation final : public PipelineOperation {
  private:
   using Objects = Held<&StreamState::lease>;
 
-  Task<CallOutcome> run_pipeline(Io& io) override {
-    return run_call(request_, state_.surroundings(), io);
-  }
+  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
 
   // A provider that answered has done its part, whatever becomes of the answer here.
   nb::object opened(CallOutcome& outcome, double start_s) {

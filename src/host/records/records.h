@@ -28,7 +28,7 @@ template <class T>
 class ShownLate {
  public:
   ShownLate() = default;
-  explicit ShownLate(T part) : part_(std::make_shared<const T>(std::move(part))) {}
+  explicit ShownLate(std::shared_ptr<const T> part) : part_(std::move(part)) {}
   explicit ShownLate(nb::object given) : shown_(std::move(given)) {}
 
   // The same object each time, or what was assigned in its place. Making it may run the garbage

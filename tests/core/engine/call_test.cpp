@@ -18,7 +18,7 @@ TEST_F(CallTest, SuccessIsTracedCountedAndLearned) {
   io.script["openai"] = {{.seconds = 0.25}};
   EXPECT_EQ(ask({.request_id = "mine", .model = "gpt-4-turbo"}),
             "direct openai gpt-4o-mini for openai gpt-4o-mini");
-  EXPECT_EQ(answered().trace->request_id, "mine");
+  EXPECT_EQ(trace.request_id, "mine");
   EXPECT_EQ(traced(),
             "provider_selected, nominal, direct, ok, monitor 0, analyze 0, plan 0, execute 0, "
             "knowledge 250, recorded, 250 in all");
@@ -96,7 +96,7 @@ TEST(Call, ConfidentAdviceReroutesToAnotherAvailableProvider) {
                                                   .action = std::string("failover:") + target}));
     EXPECT_EQ(world.ask(), moved ? "l4_learned groq gpt-4o for openai gpt-4o"
                                  : "direct openai gpt-4o for openai gpt-4o");
-    EXPECT_EQ(*world.answered().trace->plan_result, moved ? "l4_learned" : "direct");
+    EXPECT_EQ(*world.trace.plan_result, moved ? "l4_learned" : "direct");
     EXPECT_EQ(world.counters.value(Counter::kL4Learned), moved);
     EXPECT_EQ(world.metrics.counter("l4_learned_routing"), moved);
   }
@@ -132,7 +132,7 @@ TEST(Call, BrokenOffAtAnyWaitGivesBackWhatItHolds) {
     BusyDay day;
     day.io.hold_at(i / 2 + 1);
     {
-      auto task = run_call(request, day.engine(), day.io);
+      auto task = run_call(request, day.engine(), day.io, day.trace);
       task.start();
       ASSERT_FALSE(task.done());
       const std::string at = day.io.waits.back();

@@ -55,7 +55,7 @@ TEST(Healing, TakesTheRoadThatTheFirstFaultAllows) {
     EXPECT_EQ(day.metrics.counter("fault_" + c.category), 1);
     const auto breaker = day.provider("openai")->category_circuit_breaker(c.category);
     EXPECT_EQ(breaker->snapshot().consecutive_fails, 1);
-    EXPECT_EQ(day.answered().trace->monitor_result, c.category);
+    EXPECT_EQ(day.trace.monitor_result, c.category);
   }
 }
 

@@ -125,9 +125,9 @@ class ScriptedIo final : public Io {
     co_await wait_for("learn");
     learner_.record(outcome);
   }
-  Task<std::optional<Advice>> advise(std::string error_pattern) override {
+  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override {
     co_await wait_for("advise");
-    co_return learner_.advise(error_pattern);
+    advice = learner_.advise(error_pattern);
   }
   bool has_contract() const override { return contract_holds.has_value(); }
   bool contract_has_schema() const override { return schema; }
@@ -205,13 +205,14 @@ struct World {
   }
   // How the call ended: "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500".
   std::string ask(const CallRequest& request = {.model = "gpt-4o"}) {
-    outcome = run_blocking(run_call(request, engine(), io));
+    trace = {};
+    outcome = run_blocking(run_call(request, engine(), io, trace));
     if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
       if (failed->kind == CallFailed::Kind::kDeadline) return "out of time";
       if (failed->kind != CallFailed::Kind::kNewestError) return failed->message;
       return io.refusal.empty() ? "the last error" : io.refusal;
     }
-    const auto& [got, fault, trace] = answered();
+    const auto& [got, fault] = answered();
     return told(got.heal_level.empty() ? "direct" : got.heal_level, " ", got.provider, " ",
                 got.model, " for ", got.original_provider, " ", got.original_model,
                 fault ? told(" after ", fault->fault_label()) : "");
@@ -219,7 +220,6 @@ struct World {
   const CallAnswered& answered() const { return std::get<CallAnswered>(outcome); }
   // What each stage came to, and how many milliseconds after the start the stages were entered.
   std::string traced() const {
-    const MapeKTrace& trace = *answered().trace;
     Texts all{*trace.monitor_result, *trace.analyze_result, *trace.plan_result,
               *trace.execute_result};
     for (const auto& [phase, moment] : trace.phases) {
@@ -241,7 +241,7 @@ struct World {
     return joined(all);
   }
   // Every rule's successes and failures: "timeout>retry:openai 1/0".
-  std::string learned() const {
+  std::string learned() {
     return joined(learner.rules(), [](const RulePtr& r) {
       return told(r->pattern, ">", r->action, " ", r->success_count, "/", r->fail_count);
     });
@@ -271,6 +271,7 @@ struct World {
   EngineCounters counters;
   HedgeBook hedging{clock};
   ScriptedIo io{clock, learner};
+  MapeKTrace trace;
   CallOutcome outcome;
 };
 
