@@ -21,8 +21,8 @@ constexpr std::string_view kFailoverAction = "failover:";
 
 CallFacts facts_of(const CallRequest& request, const Surroundings& engine, MapeKTrace& trace) {
   CallFacts facts;
-  facts.start_s = engine.clock.monotonic();
   trace.phases.reserve(kUsualPhases);
+  facts.start_s = trace.enter(MapeKPhase::kMonitor, engine.clock);
   trace.request_id = request.request_id ? *request.request_id : fresh_request_id();
   facts.trace = &trace;
   return facts;
@@ -31,15 +31,14 @@ CallFacts facts_of(const CallRequest& request, const Surroundings& engine, MapeK
 // The working values of one call.
 class Call {
  public:
-  Call(const CallRequest& request, Surroundings engine, Io& io, MapeKTrace& trace)
-      : trace_(trace), pass_(request, engine, io, facts_of(request, engine, trace)) {}
+  Call(const CallRequest& request, Surroundings engine, Io& io, MapeKTrace& trace,
+       CallOutcome& outcome)
+      : trace_(trace),
+        outcome_(outcome),
+        pass_(request, engine, io, facts_of(request, engine, trace)) {}
 
   Task<void> run();
-  // How a finished run ended, once that has been told.
-  CallOutcome&& take() {
-    pass_.tell_end(&outcome_);
-    return std::move(outcome_);
-  }
+  void tell_end() { pass_.tell_end(&outcome_); }
   void tell_of_failure() { pass_.tell_end(nullptr); }
 
  private:
@@ -51,8 +50,9 @@ class Call {
   void follow(const Advice& advice);
   Task<std::optional<AdmittedSlot>> admit();
   void block();
-  Task<void> execute(AdmittedSlot slot);
+  Task<void> execute(AdmittedSlot& slot);
   void succeed(const Tried& tried);
+  Task<void> heal(FirstAttempt& failed);
 
   void choose(const NamedProvider& at) { target_ = pass_.candidates.target(at); }
   Task<bool> wait_for_the_soonest();
@@ -63,21 +63,21 @@ class Call {
            engine_.hedging.is_aside(pass_.lane_of(pass_.candidates.target(at)));
   }
   void refuse(CallFailed::Kind kind, const char* message);
+  void run_out_of_time();
   void end(CallFailed failed);
 
   MapeKTrace& trace_;
+  CallOutcome& outcome_;
   Pass pass_;
   const Surroundings& engine_ = pass_.engine;
   std::vector<NamedProvider> available_;
   Target target_;
   bool learned_ = false;
   bool hedged_ = false;
-  CallOutcome outcome_;  // large, so it is handed on as seldom as can be
 };
 
 Task<void> Call::run() {
   classify();
-  trace_.enter(MapeKPhase::kMonitor, engine_.clock);
   const bool pausing = under_back_pressure() && pass_.state.left_s() > kBackPressureSeconds;
   if (pausing) co_await pass_.sleep(kBackPressureSeconds, "back_pressure");
   look_around();
@@ -96,7 +96,7 @@ Task<void> Call::run() {
   std::optional<AdmittedSlot> slot = co_await admit();
   if (!slot || !pass_.state.may_send()) co_return block();
   trace_.plan_result = learned_ ? "l4_learned" : "direct";
-  co_await execute(std::move(*slot));
+  co_await execute(*slot);
 }
 
 void Call::classify() {
@@ -128,7 +128,7 @@ void Call::find_nobody() {
   engine_.metrics.inc(metric::kNoProvider);
   trace_.monitor_result = "no_provider";
   refuse(CallFailed::Kind::kNoProvider, "No healthy providers available.");
-  if (pass_.state.ended_by_deadline()) end(pass_.out_of_time());
+  if (pass_.state.ended_by_deadline()) run_out_of_time();
 }
 
 // Leaves those out who asked to be left alone. Where all did, the first one who may be asked again
@@ -218,22 +218,20 @@ Task<std::optional<AdmittedSlot>> Call::admit() {
 
 void Call::block() {
   trace_.plan_result = "blocked";
-  if (!pass_.state.may_send()) end(pass_.out_of_time());
+  if (!pass_.state.may_send()) run_out_of_time();
 }
 
-Task<void> Call::execute(AdmittedSlot slot) {
+Task<void> Call::execute(AdmittedSlot& slot) {
   trace_.enter(MapeKPhase::kExecute, engine_.clock);
   FirstAttempt first{std::move(target_), {}, std::move(slot)};
   bool sent = false;
   if (pass_.policy().hedge_after) {
     sent = co_await attempt_hedged(pass_, first);
   } else {
-    std::optional<Tried> tried = co_await pass_.attempt(first.target);
-    sent = tried.has_value();
-    if (sent) pass_.settle(first.target, *tried, first.slot);
-    if (sent) first.tried = std::move(*tried);
+    sent = co_await pass_.attempt(first.target, first.tried);
+    if (sent) pass_.settle(first.target, first.tried, first.slot);
   }
-  if (!sent) co_return end(pass_.out_of_time());
+  if (!sent) co_return run_out_of_time();
   hedged_ = first.hedged;
   if (first.tried.ok()) {
     target_ = std::move(first.target);
@@ -241,7 +239,12 @@ Task<void> Call::execute(AdmittedSlot slot) {
     co_await pass_.learn("success", "direct:" + target_.name, true, first.tried.latency_ms);
     co_return succeed(first.tried);
   }
-  outcome_ = co_await recover(pass_, std::move(first));
+  co_await heal(first);
+}
+
+// Apart, so that a call that needs no healing has no room for it in its frames.
+Task<void> Call::heal(FirstAttempt& failed) {
+  outcome_ = co_await recover(pass_, std::move(failed));
   if (auto* answered = std::get_if<CallAnswered>(&outcome_)) answered->answer.hedged = hedged_;
 }
 
@@ -261,6 +264,8 @@ void Call::succeed(const Tried& tried) {
 
 void Call::refuse(CallFailed::Kind kind, const char* message) { end({kind, message}); }
 
+void Call::run_out_of_time() { end(pass_.out_of_time()); }
+
 void Call::end(CallFailed failed) {
   trace_.total_loop_us = engine_.us_since(pass_.facts.start_s);
   outcome_ = std::move(failed);
@@ -279,16 +284,16 @@ Answer CallFacts::answered_by(const Target& target, double latency_ms,
           .semantic_domain = std::string(value_of(classification.domain))};
 }
 
-Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io,
-                           MapeKTrace& trace) {
-  Call call(request, engine, io, trace);
+Task<void> run_call(const CallRequest& request, Surroundings engine, Io& io, MapeKTrace& trace,
+                    CallOutcome& outcome) {
+  Call call(request, engine, io, trace, outcome);
   try {
     co_await call.run();
   } catch (...) {
     call.tell_of_failure();
     throw;
   }
-  co_return call.take();
+  call.tell_end();
 }
 
 }  // namespace tarvomeldric

@@ -67,11 +67,11 @@ struct CallFacts {
   Answer answered_by(const Target& target, double latency_ms, const char* heal_level) const;
 };
 
-// One pass through the loop, from the prompt to an answer or an error. The request, the
-// surroundings, the `Io` and the trace, which is fresh, outlive the task; a task that is abandoned
-// gives back what it holds.
-Task<CallOutcome> run_call(const CallRequest& request, Surroundings engine, Io& io,
-                           MapeKTrace& trace);
+// One pass through the loop, from the prompt to an answer or an error, which is put down in
+// `outcome`. The request, the surroundings, the `Io`, the outcome and the trace, which is fresh,
+// outlive the task; a task that is abandoned gives back what it holds.
+Task<void> run_call(const CallRequest& request, Surroundings engine, Io& io, MapeKTrace& trace,
+                    CallOutcome& outcome);
 
 // Eight random lower-case hexadecimal digits.
 std::string fresh_request_id();

@@ -130,25 +130,26 @@ Task<Healed> Cascade::retry() {
     const bool admitted = co_await admit_again(slot);
     if (!admitted) break;
     engine_.metrics.inc(metric::kRetry + std::to_string(attempt));
-    std::optional<Tried> tried = co_await pass_.attempt(target_, pass_.judges_whole(false));
-    if (!tried) break;
-    if (slot) pass_.settle(target_, *tried, *slot);
-    if (tried->cut) break;
-    if (tried->ok()) {
+    Tried tried;
+    const bool sent = co_await pass_.attempt(target_, tried, pass_.judges_whole(false));
+    if (!sent) break;
+    if (slot) pass_.settle(target_, tried, *slot);
+    if (tried.cut) break;
+    if (tried.ok()) {
       const Level level{"l1_retry", "retry", metric::kHealedByRetry, kRetryBroken, std::nullopt};
-      co_return co_await heal(level, first_, action, std::move(*tried));
+      co_return co_await heal(level, first_, action, std::move(tried));
     }
-    if (tried->is_providers_fault()) {
-      pass_.record_failure(target_, tried->failure->text, category, slot ? &*slot : nullptr);
+    if (tried.is_providers_fault()) {
+      pass_.record_failure(target_, tried.failure->text, category, slot ? &*slot : nullptr);
     }
     slot.reset();
     co_await pass_.learn(label, action, false);
-    if (tried->refused) {
-      last_ = *tried->refused;
+    if (tried.refused) {
+      last_ = *tried.refused;
       break;
     }
-    last_ = engine_.diagnoser.diagnose(tried->failure->text, tried->failure->status,
-                                       tried->failure->reading_s);
+    last_ = engine_.diagnoser.diagnose(tried.failure->text, tried.failure->status,
+                                       tried.failure->reading_s);
     pass_.tell<FaultEvent>(target_.name, std::string(value_of(last_.category)),
                            std::string(last_.fault_label()));
   }
@@ -193,18 +194,19 @@ Task<Healed> Cascade::downgrade() {
   engine_.metrics.inc(metric::kDowngrade);
   const std::string action = "downgrade:" + target_.name + ":" + *cheaper;
   const Target cheap{target_.name, target_.provider, *cheaper};
-  std::optional<Tried> tried = co_await pass_.attempt(cheap, pass_.judges_whole(false));
-  if (!tried) co_return std::nullopt;
-  if (slot) pass_.settle(cheap, *tried, *slot);
-  if (tried->cut) co_return std::nullopt;
-  if (tried->ok()) {
+  Tried tried;
+  const bool sent = co_await pass_.attempt(cheap, tried, pass_.judges_whole(false));
+  if (!sent) co_return std::nullopt;
+  if (slot) pass_.settle(cheap, tried, *slot);
+  if (tried.cut) co_return std::nullopt;
+  if (tried.ok()) {
     const Level level{"l2_downgrade", "downgrade", metric::kHealedByDowngrade, kDowngradeBroken,
                       Counter::kL2Downgrade};
     target_ = cheap;
-    co_return co_await heal(level, last_, action, std::move(*tried));
+    co_return co_await heal(level, last_, action, std::move(tried));
   }
-  if (tried->is_providers_fault()) {
-    pass_.record_failure(target_, tried->failure->text, std::string(value_of(last_.category)),
+  if (tried.is_providers_fault()) {
+    pass_.record_failure(target_, tried.failure->text, std::string(value_of(last_.category)),
                          slot ? &*slot : nullptr);
   }
   const std::string label(last_.fault_label());

@@ -96,19 +96,20 @@ Task<Healed> Failover::try_candidate(const NamedProvider& candidate, Patience pa
     engine_.metrics.inc(metric::kRateLimitedInFailover);
     co_return std::nullopt;
   }
-  std::optional<Tried> tried = co_await pass_.attempt(target, pass_.judges_whole(true));
-  if (!tried) co_return std::nullopt;
-  pass_.settle(target, *tried, *slot);
+  Tried tried;
+  const bool sent = co_await pass_.attempt(target, tried, pass_.judges_whole(true));
+  if (!sent) co_return std::nullopt;
+  pass_.settle(target, tried, *slot);
   asked_.insert(target.name);
-  if (tried->ok()) {
-    Healed broken = co_await judge(target, *tried);
+  if (tried.ok()) {
+    Healed broken = co_await judge(target, tried);
     if (broken) co_return broken;
-    co_return co_await heal(target, *tried);
+    co_return co_await heal(target, tried);
   }
   any_failed_ = true;
-  if (tried->cut) co_return std::nullopt;
-  if (tried->is_providers_fault())
-    pass_.record_failure(target, tried->failure->text, category(), &*slot);
+  if (tried.cut) co_return std::nullopt;
+  if (tried.is_providers_fault())
+    pass_.record_failure(target, tried.failure->text, category(), &*slot);
   slot.reset();
   co_await learn("failover:" + target.name, false);
   co_return std::nullopt;
@@ -197,7 +198,8 @@ double provider_priority(const NamedProvider& candidate, const std::optional<Adv
   return score;
 }
 
-Task<CallOutcome> run_failover(const FailoverRequest& request, Surroundings engine, Io& io) {
+Task<void> run_failover(const FailoverRequest& request, Surroundings engine, Io& io,
+                        CallOutcome& outcome) {
   Pass pass(request.call, engine, io, request.facts);
   Failover failover(pass, request.failed_provider);
   Healed healed;
@@ -209,7 +211,7 @@ Task<CallOutcome> run_failover(const FailoverRequest& request, Surroundings engi
     throw;
   }
   pass.tell_end(&*healed);
-  co_return std::move(*healed);
+  outcome = std::move(*healed);
 }
 
 }  // namespace tarvomeldric

@@ -69,6 +69,7 @@ class Failover {
 };
 
 // A failover by hand. What is handed in outlives the task.
-Task<CallOutcome> run_failover(const FailoverRequest& request, Surroundings engine, Io& io);
+Task<void> run_failover(const FailoverRequest& request, Surroundings engine, Io& io,
+                        CallOutcome& outcome);
 
 }  // namespace tarvomeldric

@@ -86,17 +86,17 @@ std::optional<AdmittedSlot> Pass::admit_now(const Target& target) {
   return slot;
 }
 
-Task<std::optional<Tried>> Pass::attempt(const Target& target, bool whole) {
-  if (!state.take_request()) co_return std::nullopt;
+Task<bool> Pass::attempt(const Target& target, Tried& tried, bool whole) {
+  if (!state.take_request()) co_return false;
   judged_ = whole || !request.streamed;
   const double sent_s = engine.clock.monotonic();
   const AttemptTerms terms{state.attempt_limit_s(), whole};
   Attempt made = co_await io.execute(target.provider, target.model, terms);
   AttemptRecord record;
   const double over_s = engine.clock.monotonic();
-  Tried tried = weigh(target, std::move(made), sent_s, over_s, record);
+  tried = weigh(target, std::move(made), sent_s, over_s, record);
   keep(std::move(record));
-  co_return tried;
+  co_return true;
 }
 
 Tried Pass::weigh(const Target& target, Attempt made, double sent_s, double over_s,

@@ -45,9 +45,10 @@ struct Pass {
   Task<std::optional<AdmittedSlot>> admit(const Target& target, double wait_s);
   // What of these can be had without waiting; listeners hear of no refusal.
   std::optional<AdmittedSlot> admit_now(const Target& target);
-  // Sends one request; nothing when the policy forbids another one. An answer is recorded with the
-  // guards, unless it is still being streamed. `whole`: such a one is wanted to its end first.
-  Task<std::optional<Tried>> attempt(const Target& target, bool whole = false);
+  // Sends one request, and puts down what became of it; false when the policy forbids another one.
+  // An answer is recorded with the guards, unless it is still being streamed. `whole`: such a one
+  // is wanted to its end first.
+  Task<bool> attempt(const Target& target, Tried& tried, bool whole = false);
   // What was sent and came out, each moment on the monotonic clock in seconds. An answer is
   // recorded as above; the record is for `keep`.
   Tried weigh(const Target& target, Attempt made, double sent_s, double over_s,

@@ -29,6 +29,10 @@ std::optional<std::int64_t> status_of(nb::handle error) {
   return PyLong_Check(given.ptr()) ? Status{given}.code() : std::nullopt;
 }
 
+double end_of(double limit_s) {
+  return limit_s == kUnlimited ? kUnlimited : system_clock().monotonic() + limit_s;
+}
+
 }  // namespace
 
 Surroundings CallState::surroundings() {
@@ -114,7 +118,7 @@ ContextValue CallIo::open_report(double limit_s) {
   nb::dict report;
   put(report, "engine"_key, state_.engine);
   if (limit_s != kUnlimited) {
-    put(report, "end"_key, number(system_clock().monotonic() + limit_s));
+    put(report, "end"_key, number(end_of(limit_s)));
   }
   state_.report = std::move(report);
   return {report_variable(), state_.report};
@@ -294,7 +298,7 @@ Task<void> AwaitingIo::advise_in_worker(std::string error_pattern, std::optional
 
 Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {
   if (nb::object replaced = replacement(); replaced.is_valid()) {
-    const double end_s = system_clock().monotonic() + terms.limit_s;
+    const double end_s = end_of(terms.limit_s);
     const ContextValue context = open_report(terms.limit_s);
     nb::object answering;
     {

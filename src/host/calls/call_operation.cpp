@@ -19,7 +19,9 @@ class CallOperation final : public PipelineOperation {
   }
 
  private:
-  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
+  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
+    return run_from_start(request_, io, outcome);
+  }
 
   CallRequest request_;
 };
@@ -36,8 +38,8 @@ class FailoverOperation final : public PipelineOperation {
   }
 
  private:
-  Task<CallOutcome> run_pipeline(Io& io) override {
-    return run_failover(request_, state_.surroundings(), io);
+  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
+    return run_failover(request_, state_.surroundings(), io, outcome);
   }
 
   FailoverRequest request_;

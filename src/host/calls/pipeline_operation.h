@@ -16,12 +16,14 @@ class PipelineOperation : public Operation {
  public:
   nb::object run_blocking() override {
     BlockingIo io(state_);
-    CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
+    CallOutcome outcome;
+    tarvomeldric::run_blocking(run_pipeline(io, outcome));
     return concluded(outcome);
   }
   Task<nb::object> run(Suspension& suspension) override {
     AwaitingIo io(state_, suspension);
-    CallOutcome outcome = co_await run_pipeline(io);
+    CallOutcome outcome;
+    co_await run_pipeline(io, outcome);
     co_return concluded(outcome);
   }
   // Listeners hear of the end even so.
@@ -40,11 +42,11 @@ class PipelineOperation : public Operation {
     state_.prompt = prompt;
     state_.contract = object_or_none(contract);
   }
-  virtual Task<CallOutcome> run_pipeline(Io& io) = 0;
+  virtual Task<void> run_pipeline(Io& io, CallOutcome& outcome) = 0;
   // A call from its beginning, with a trace for its result.
-  Task<CallOutcome> run_from_start(const CallRequest& request, Io& io) {
+  Task<void> run_from_start(const CallRequest& request, Io& io, CallOutcome& outcome) {
     state_.trace = std::make_shared<MapeKTrace>();
-    return run_call(request, state_.surroundings(), io, *state_.trace);
+    return run_call(request, state_.surroundings(), io, *state_.trace, outcome);
   }
   virtual nb::object concluded(CallOutcome& outcome) { return conclude(state_, outcome); }
 

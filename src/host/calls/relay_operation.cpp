@@ -20,7 +20,9 @@ class RelayOperation final : public PipelineOperation {
   }
 
  private:
-  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
+  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
+    return run_from_start(request_, io, outcome);
+  }
   nb::object concluded(CallOutcome& outcome) override {
     return nb::make_tuple(conclude(state_, outcome), state_.exchange.reply);
   }

@@ -108,13 +108,15 @@ class StreamOperation final : public PipelineOperation {
   nb::object run_blocking() override {
     const double start_s = system_clock().monotonic();
     BlockingStreamIo io(stream_, state_);
-    CallOutcome outcome = tarvomeldric::run_blocking(run_pipeline(io));
+    CallOutcome outcome;
+    tarvomeldric::run_blocking(run_pipeline(io, outcome));
     return opened(outcome, start_s);
   }
   Task<nb::object> run(Suspension& suspension) override {
     const double start_s = system_clock().monotonic();
     AwaitingStreamIo io(stream_, state_, suspension);
-    CallOutcome outcome = co_await run_pipeline(io);
+    CallOutcome outcome;
+    co_await run_pipeline(io, outcome);
     co_return opened(outcome, start_s);
   }
   int traverse(visitproc visit, void* arg) override {
@@ -129,7 +131,9 @@ class StreamOperation final : public PipelineOperation {
  private:
   using Objects = Held<&StreamState::lease>;
 
-  Task<CallOutcome> run_pipeline(Io& io) override { return run_from_start(request_, io); }
+  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
+    return run_from_start(request_, io, outcome);
+  }
 
   // A provider that answered has done its part, whatever becomes of the answer here.
   nb::object opened(CallOutcome& outcome, double start_s) {

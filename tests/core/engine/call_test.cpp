@@ -132,7 +132,7 @@ TEST(Call, BrokenOffAtAnyWaitGivesBackWhatItHolds) {
     BusyDay day;
     day.io.hold_at(i / 2 + 1);
     {
-      auto task = run_call(request, day.engine(), day.io, day.trace);
+      auto task = run_call(request, day.engine(), day.io, day.trace, day.outcome);
       task.start();
       ASSERT_FALSE(task.done());
       const std::string at = day.io.waits.back();

@@ -396,7 +396,7 @@ TEST(Policy, GivesBackWhatItHoldsWhenItIsBrokenOff) {
     day.io.hold_at(at);
     const CallRequest request{.model = "gpt-4o", .policy = &day.policy};
     {
-      Task<CallOutcome> call = run_call(request, day.engine(), day.io, day.trace);
+      Task<void> call = run_call(request, day.engine(), day.io, day.trace, day.outcome);
       call.start();
     }
     EXPECT_EQ(day.slots(), "openai 10/0, anthropic 10/0, deepseek 10/0") << at;

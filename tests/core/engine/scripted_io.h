@@ -206,7 +206,7 @@ struct World {
   // How the call ended: "l1_retry openai gpt-4o for openai gpt-4o after server_error:http_500".
   std::string ask(const CallRequest& request = {.model = "gpt-4o"}) {
     trace = {};
-    outcome = run_blocking(run_call(request, engine(), io, trace));
+    run_blocking(run_call(request, engine(), io, trace, outcome));
     if (const auto* failed = std::get_if<CallFailed>(&outcome)) {
       if (failed->kind == CallFailed::Kind::kDeadline) return "out of time";
       if (failed->kind != CallFailed::Kind::kNewestError) return failed->message;
