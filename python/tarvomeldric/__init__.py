@@ -123,3 +123,6 @@ if not TYPE_CHECKING:
         from tarvomeldric._fleet_limits import FleetRateLimiter
 
         return FleetRateLimiter
+
+    def __dir__() -> list[str]:
+        return sorted({*globals(), "FleetRateLimiter"})
