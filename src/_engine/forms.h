@@ -21,7 +21,9 @@ template <class C, class... P, OperationPtr (*Make)(const Caller&, P...), Litera
 struct Forms<C, Make, Name, Result> {
   static Result blocking(Self<C> self, P... given) {
     const RecursionScope scope;
-    return Make(caller(self), given...)->run_blocking();
+    const OperationPtr operation = Make(caller(self), given...);
+    run_blocking(operation->run(nullptr));
+    return operation->result();
   }
   static Awaitable<Result> awaited(Self<C> self, P... given) {
     return make_coroutine(Make(caller(self), given...), Name.value);

@@ -91,10 +91,17 @@ class [[nodiscard]] Task {
   }
 
   // For the driver at the bottom: runs to the first suspension, or to the end.
-  void start() { handle_.resume(); }
-  bool done() const { return handle_.done(); }
+  void start() {
+    if (handle_) handle_.resume();
+  }
+  bool done() const { return !handle_ || handle_.done(); }
   // The result of a finished task; rethrows what ended it. Once.
-  T take() { return handle_.promise().take(); }
+  T take() {
+    if constexpr (std::is_void_v<T>) {
+      if (!handle_) return;
+    }
+    return handle_.promise().take();
+  }
 
   auto operator co_await() const noexcept {
     struct Awaiter {

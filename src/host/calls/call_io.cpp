@@ -1,7 +1,9 @@
 #include "host/calls/call_io.h"
 
 #include "host/calls/observation.h"
+#include "host/calls/race.h"
 #include "host/calls/reply.h"
+#include "host/calls/stream_lease.h"
 #include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
@@ -15,7 +17,7 @@ using Objects =
          &CallState::relayed, &CallState::headers, &CallState::answer, &CallState::raw_response,
          &CallState::report, &CallState::response, &CallState::policy, &CallState::error,
          &CallState::verdict, &CallState::fault, &CallState::given_trace, &CallState::settings,
-         &CallState::race, &CallState::abort>;
+         &CallState::lease, &CallState::race, &CallState::abort>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
@@ -51,12 +53,6 @@ int CallState::traverse(visitproc visit, void* arg) {
   return exchange.traverse(visit, arg);
 }
 
-void CallState::clear() {
-  Objects::clear(*this);
-  parts.clear();
-  exchange.clear();
-}
-
 const CallPolicy& CallState::asked_policy() const {
   return policy.is_valid() ? *nb::inst_ptr<CallPolicy>(policy) : default_policy();
 }
@@ -78,7 +74,8 @@ Task<Attempt> CallIo::execute(ProviderPtr provider, std::string model, AttemptTe
   drop(state_.exchange.reply);
   Attempt attempt;
   try {
-    state_.answer = co_await perform(std::move(provider), std::move(model), terms);
+    co_await perform(provider, model, terms);
+    if (!state_.report.is_valid()) state_.raw_response = state_.exchange.decoded;
     attempt.answer_length = state_.answer.is_none() ? 0 : text_length(state_.answer);
     attempt.status = Status{received("status"_key)}.code();
     state_.response = received("body"_key);
@@ -168,18 +165,33 @@ void CallIo::report(const Recovery& recovery) {
   });
 }
 
+void CallIo::hold(const ProviderPtr& provider, AdmittedSlot slot) {
+  state_.lease = nb::cast(new StreamLease(state_.parts.diagnoser, provider, std::move(slot)),
+                          nb::rv_policy::take_ownership);
+}
+
+// That a stream was answered is told when it has been read.
+void CallIo::tell(const CallEvent& event) {
+  const auto* end = state_.settings.is_valid() ? std::get_if<EndEvent>(&event) : nullptr;
+  if (!end || end->outcome != "answered") return tell_of(state_, event);
+  state_.owed_end = *end;
+  state_.owed_end->first_output_s = end->duration_s;
+  state_.untold_end.reset();
+}
+
 // The type's attribute counts as well as the instance's: either may have been replaced.
 nb::object CallIo::replacement() const {
   if (state_.relayed.is_valid()) return {};  // it would have no bytes to give
   const nb::handle engine = state_.engine;
+  const Seam& seam = suspension_ ? execute_seam : execute_sync_seam;
   const nb::object members = made(PyObject_GenericGetDict(engine.ptr(), nullptr));
-  const bool on_instance = entry(members, seam_.name).is_valid();
-  if (!on_instance && nb::getattr(engine.type(), seam_.name).is(seam_.native)) return {};
-  return nb::getattr(engine, seam_.name);
+  const bool on_instance = entry(members, seam.name).is_valid();
+  if (!on_instance && nb::getattr(engine.type(), seam.name).is(seam.native)) return {};
+  return nb::getattr(engine, seam.name);
 }
 
-void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model, double limit_s,
-                              Delivery delivery) {
+void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model,
+                              AttemptTerms terms) {
   const nb::handle given = entry(state_.options, "api_type"_key);
   const std::string api_type = given ? to_utf8(given) : "chat";
   const nb::str name = from_utf8(model);
@@ -187,6 +199,7 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
     state_.exchange =
         Exchange(provider, call(state_.relayed, name), api_type, state_.headers, state_.options);
   } else {
+    const Delivery delivery = state_.settings.is_valid() ? Delivery::kStreamed : Delivery::kWhole;
     state_.exchange = Exchange(provider, state_.prompt, name, api_type, state_.options, delivery);
   }
   // A policy's own time-out takes the place of the usual one.
@@ -194,7 +207,12 @@ void CallIo::prepare_exchange(ProviderConfig& provider, const std::string& model
   if (attempt_timeout_s && !entry(state_.options, "timeout"_key)) {
     state_.exchange.timeout = number(*attempt_timeout_s);
   }
-  state_.exchange.bound(limit_s);
+  if (state_.settings.is_valid()) {
+    state_.exchange.settings = state_.settings;
+    state_.exchange.timeout = state_.settings.attr("first_token_timeout");
+    state_.exchange.whole = terms.whole;
+  }
+  state_.exchange.bound(terms.limit_s);
   if (state_.abort.is_valid()) state_.exchange.abort = state_.abort;
 }
 
@@ -215,109 +233,87 @@ nb::object CallIo::call_replacement(nb::handle replacement, const ProviderPtr& p
   });
 }
 
-Task<void> BlockingIo::sleep(double seconds) {
+Task<void> CallIo::sleep(double seconds) {
+  if (suspension_) return sleep_awaited(seconds);
   call(import("time").attr("sleep"), seconds);
-  co_return;
-}
-
-Task<bool> BlockingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) {
-  co_return semaphore->acquire(timeout_s);
-}
-
-Task<nb::object> BlockingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {
-  const nb::object replaced = replacement();
-  if (replaced.is_valid()) {
-    const ContextScope scope(open_report(terms.limit_s));
-    co_return as_answer(call_replacement(replaced, provider, model));
-  }
-  prepare_exchange(*provider, model, terms.limit_s);
-  nb::object answer = exchange_blocking(state_.native(), state_.exchange);
-  state_.raw_response = state_.exchange.decoded;
-  co_return answer;
-}
-
-Task<void> BlockingIo::learn(Outcome outcome) {
-  if (hurried() && (learner().would_wait() || learner().would_write())) {
-    learn_later(std::move(outcome));
-  } else {
-    learner().record(outcome);
-  }
   return {};
 }
 
-Task<void> BlockingIo::advise(std::string error_pattern, std::optional<Advice>& advice) {
-  const bool asked = learner().try_advise(error_pattern, advice);
-  if (!asked && !hurried()) advice = learner().advise(error_pattern);
-  return {};
-}
-
-Task<void> AwaitingIo::sleep(double seconds) {
-  PythonAwait sleeping(suspension_, call(import("asyncio").attr("sleep"), seconds));
+Task<void> CallIo::sleep_awaited(double seconds) {
+  PythonAwait sleeping(*suspension_, call(import("asyncio").attr("sleep"), seconds));
   co_await sleeping;
 }
 
-Task<bool> AwaitingIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) {
+Task<bool> CallIo::wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) {
+  if (!suspension_) co_return semaphore->acquire(timeout_s);
   if (!(timeout_s > 0)) co_return semaphore->take_any();
-  PythonAwait waiting(suspension_, call(Helper::kWaitForPermit, semaphore, timeout_s));
+  PythonAwait waiting(*suspension_, call(Helper::kWaitForPermit, semaphore, timeout_s));
   const nb::object granted = co_await waiting;
   co_return granted.is(nb::handle(Py_True));
 }
 
 // What would hold up the event loop is done by the learner's worker thread, in order.
-Task<void> AwaitingIo::learn(Outcome outcome) {
+Task<void> CallIo::learn(Outcome outcome) {
   if (hurried() && (learner().would_wait() || learner().would_write())) {
     learn_later(std::move(outcome));
     return {};
   }
-  if (learner().would_wait()) return learn_in_worker(std::move(outcome));
+  if (suspension_ && learner().would_wait()) return learn_in_worker(std::move(outcome));
   learner().record(outcome);
   return {};
 }
 
-Task<void> AwaitingIo::learn_in_worker(Outcome outcome) {
+Task<void> CallIo::learn_in_worker(Outcome outcome) {
   PythonAwait recording(
-      suspension_,
+      *suspension_,
       call(Helper::kInWorker, state_.parts.learner, "record", from_utf8(outcome.error_pattern),
            from_utf8(outcome.action), outcome.success, outcome.heal_time_ms));
   co_await recording;
 }
 
-Task<void> AwaitingIo::advise(std::string error_pattern, std::optional<Advice>& advice) {
+Task<void> CallIo::advise(std::string error_pattern, std::optional<Advice>& advice) {
   if (learner().try_advise(error_pattern, advice) || hurried()) return {};
-  return advise_in_worker(std::move(error_pattern), advice);
+  if (suspension_) return advise_in_worker(std::move(error_pattern), advice);
+  advice = learner().advise(error_pattern);
+  return {};
 }
 
-Task<void> AwaitingIo::advise_in_worker(std::string error_pattern, std::optional<Advice>& advice) {
-  PythonAwait advising(suspension_, call(Helper::kInWorker, state_.parts.learner, "_advise",
-                                         from_utf8(error_pattern)));
+Task<void> CallIo::advise_in_worker(std::string error_pattern, std::optional<Advice>& advice) {
+  PythonAwait advising(*suspension_, call(Helper::kInWorker, state_.parts.learner, "_advise",
+                                          from_utf8(error_pattern)));
   const nb::object advised = co_await advising;
   if (advised.is_none()) co_return;
   advice =
       Advice{to_utf8(item(advised, nb::int_(0))), nb::cast<double>(item(advised, nb::int_(1)))};
 }
 
-Task<nb::object> AwaitingIo::perform(ProviderPtr provider, std::string model, AttemptTerms terms) {
-  if (nb::object replaced = replacement(); replaced.is_valid()) {
-    const double end_s = end_of(terms.limit_s);
-    const ContextValue context = open_report(terms.limit_s);
-    nb::object answering;
-    {
-      const ContextScope scope(context);
-      answering = call_replacement(replaced, provider, model);
-    }
-    drop(replaced);
-    PythonAwait replying(suspension_, answering, context, end_s);
-    drop(answering);
-    const nb::object answer = co_await replying;
-    if (answer.is(nb::handle(Py_NotImplemented))) {
-      raise_timeout(nb::none(), terms.limit_s, provider->name());
-    }
-    co_return as_answer(answer);
+Task<void> CallIo::perform(const ProviderPtr& provider, const std::string& model,
+                           AttemptTerms terms) {
+  nb::object replaced;
+  if (!state_.settings.is_valid()) replaced = replacement();  // it gives no events
+  if (!replaced.is_valid()) {
+    drop(state_.lease);
+    prepare_exchange(*provider, model, terms);
+    return send(state_.native(), state_.exchange, suspension_, state_.answer);
   }
-  prepare_exchange(*provider, model, terms.limit_s);
-  nb::object answer = co_await exchange_awaited(state_.native(), state_.exchange, suspension_);
-  state_.raw_response = state_.exchange.decoded;
-  co_return answer;
+  const double end_s = end_of(terms.limit_s);
+  const ContextValue context = open_report(terms.limit_s);
+  const ContextScope scope(context);
+  nb::object given = call_replacement(replaced, provider, model);
+  if (suspension_) {
+    return await_replacement(std::move(given), context, terms.limit_s, end_s, provider->name());
+  }
+  state_.answer = as_answer(given);
+  return {};
+}
+
+Task<void> CallIo::await_replacement(nb::object answering, ContextValue context, double limit_s,
+                                     double end_s, std::string provider) {
+  PythonAwait replying(*suspension_, answering, context, end_s);
+  drop(answering);
+  const nb::object answer = co_await replying;
+  if (answer.is(nb::handle(Py_NotImplemented))) raise_timeout(nb::none(), limit_s, provider);
+  state_.answer = as_answer(answer);
 }
 
 }  // namespace tarvomeldric::host

@@ -30,6 +30,7 @@ struct CallState {
   nb::object relayed;   // gives the body, as bytes, for a model; null where the prompt is sent
   nb::object headers;   // that go along with such a body
   nb::object settings;  // of the package's own stream, where the answer is streamed
+  nb::object lease;     // what such an answer holds of its provider
 
   Parts parts;
   std::optional<PythonRegistry> registry;
@@ -51,13 +52,13 @@ struct CallState {
   std::shared_ptr<MapeKTrace> trace;  // of a call from its beginning
   std::vector<AttemptRecord> attempts;
   std::optional<std::string> untold_end;  // the name of a call that was told of, but not its end
+  std::optional<EndEvent> owed_end;       // of a stream, to be told once its answer has been read
 
   Engine& native() const { return *nb::inst_ptr<Engine>(engine); }
   // Takes hold of the engine's parts; type errors name one of the wrong type.
   Surroundings surroundings();
   const CallPolicy& asked_policy() const;
   int traverse(visitproc visit, void* arg);
-  void clear();
 };
 
 // Whether anybody listens; the garbage collector may have taken the listeners away.
@@ -84,22 +85,31 @@ struct Seam {
 inline Seam execute_sync_seam;
 inline Seam execute_seam;
 
-// The execution of attempts, the same for both ways of waiting: the replacement that a subclass or
-// an instance put in place of the engine's own execution, else the native exchange. Of one call,
-// with the interpreter lock held.
-class CallIo : public Io {
+// The execution of attempts: the replacement that a subclass or an instance put in place of the
+// engine's own execution, else the native exchange, which is all that a stream has. With a
+// suspension it suspends the call's coroutine, on the loop's thread; without one it blocks the
+// calling thread, and every await is ready at once. Of one call, with the interpreter lock held.
+class CallIo final : public Io {
  public:
-  CallIo(CallState& state, const Seam& seam) : state_(state), seam_(seam) {}
+  CallIo(CallState& state, Suspension* suspension) : state_(state), suspension_(suspension) {}
   Task<Attempt> execute(ProviderPtr provider, std::string model, AttemptTerms terms) override;
   bool may_race(const ProviderPtr& provider) const override;
-  // What executes an attempt beside this one, on a state of its own; awaited with a suspension.
-  using MakeIo = std::unique_ptr<CallIo> (*)(CallState& state, Suspension* suspension);
-  virtual MakeIo twin() const = 0;
+  Task<Finish> race(Leg first, double patience_s, Rival& rival) override {
+    return suspension_ ? race_tasks(std::move(first), patience_s, rival)
+                       : race_threads(std::move(first), patience_s, rival);
+  }
+  Task<Finish> other() override;
+  std::optional<Finish> end_race() override;
   void leave_race() noexcept override;
   // The label of what is wrong with an answer, by what is demanded of it; null when nothing is.
   const char* objection(Demand demand, const Attempt& made);
   // Closes a streamed answer that nobody wants.
   static void discard(const CallState& left);
+  void hold(const ProviderPtr& provider, AdmittedSlot slot) override;
+  Task<void> sleep(double seconds) override;
+  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
+  Task<void> learn(Outcome outcome) override;
+  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override;
   bool has_contract() const override { return !state_.contract.is_none(); }
   bool contract_has_schema() const override;
   bool validate() override;
@@ -108,78 +118,40 @@ class CallIo : public Io {
   void report(const Recovery& recovery) override;
   void keep(AttemptRecord attempt) override { state_.attempts.push_back(std::move(attempt)); }
   bool heard() const override { return is_observed(state_.native()); }
-  void tell(const CallEvent& event) override { tell_of(state_, event); }
+  void tell(const CallEvent& event) override;
   TokenUsage tokens() const override;
 
- protected:
+ private:
   PythonLearner& learner() const { return *nb::inst_ptr<PythonLearner>(state_.parts.learner); }
-  virtual Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) = 0;
+  // Leaves the answer in the call's state.
+  Task<void> perform(const ProviderPtr& provider, const std::string& model, AttemptTerms terms);
 
   // The replacement of the engine's own execution, or null.
   nb::object replacement() const;
   nb::object call_replacement(nb::handle replacement, const ProviderPtr& provider,
                               const std::string& model) const;
-  void prepare_exchange(ProviderConfig& provider, const std::string& model, double limit_s,
-                        Delivery delivery = Delivery::kWhole);
+  Task<void> await_replacement(nb::object answering, ContextValue context, double limit_s,
+                               double end_s, std::string provider);
+  void prepare_exchange(ProviderConfig& provider, const std::string& model, AttemptTerms terms);
   // Where exchanges below the replacement of the execution leave what they received.
   ContextValue open_report(double limit_s);
+  Task<void> sleep_awaited(double seconds);
   // Whether waiting for the learner could cost the call its deadline.
   bool hurried() const { return state_.asked_policy().deadline_s.has_value(); }
   void learn_later(Outcome outcome);
+  Task<void> learn_in_worker(Outcome outcome);
+  Task<void> advise_in_worker(std::string error_pattern, std::optional<Advice>& advice);
+  Task<Finish> race_tasks(Leg first, double patience_s, Rival& rival);
+  Task<Finish> race_threads(Leg first, double patience_s, Rival& rival);
   // Takes what came of a request of a race as the newest of the call.
   Finish adopt(Raced& raced);
-
-  CallState& state_;
-
- private:
   // What the latest exchange received: "status", "headers" or "body"; None without one.
   nb::object received(nb::handle what) const;
   void put_newest(nb::object error);
 
-  const Seam& seam_;
-};
-
-// Blocks the calling thread; every await is ready at once.
-class BlockingIo : public CallIo {
- public:
-  explicit BlockingIo(CallState& state) : CallIo(state, execute_sync_seam) {}
-  bool may_race(const ProviderPtr& provider) const override;
-  Task<Finish> race(Leg first, double patience_s, Rival& rival) override;
-  Task<Finish> other() override;
-  std::optional<Finish> end_race() override;
-  MakeIo twin() const override;
-  Task<void> sleep(double seconds) override;
-  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
-  Task<void> learn(Outcome outcome) override;
-  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override;
-
- private:
-  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
-
+  CallState& state_;
+  Suspension* suspension_;
   std::shared_ptr<BlockingRace> race_;
-};
-
-// Suspends the call's coroutine; the event loop goes on. Of the loop's thread.
-class AwaitingIo : public CallIo {
- public:
-  AwaitingIo(CallState& state, Suspension& suspension)
-      : CallIo(state, execute_seam), suspension_(suspension) {}
-  Task<Finish> race(Leg first, double patience_s, Rival& rival) override;
-  Task<Finish> other() override;
-  std::optional<Finish> end_race() override;
-  MakeIo twin() const override;
-  Task<void> sleep(double seconds) override;
-  Task<bool> wait_for_permit(std::shared_ptr<Semaphore> semaphore, double timeout_s) override;
-  Task<void> learn(Outcome outcome) override;
-  Task<void> advise(std::string error_pattern, std::optional<Advice>& advice) override;
-
- private:
-  Task<nb::object> perform(ProviderPtr provider, std::string model, AttemptTerms terms) override;
-  Task<void> learn_in_worker(Outcome outcome);
-  Task<void> advise_in_worker(std::string error_pattern, std::optional<Advice>& advice);
-
- protected:
-  Suspension& suspension_;
 };
 
 }  // namespace tarvomeldric::host

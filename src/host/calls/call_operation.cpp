@@ -1,48 +1,76 @@
 #include <utility>
 
 #include "engine/failover.h"
-#include "host/calls/pipeline_operation.h"
+#include "host/calls/call_io.h"
+#include "host/calls/conclusion.h"
+#include "host/calls/operation.h"
+#include "host/calls/stream_lease.h"
+#include "host/records/argument.h"
 
 namespace tarvomeldric::host {
 namespace {
 
-constexpr double kDefaultBulkheadTimeoutSeconds = 1.0;
+constexpr double kSlotWaitSeconds = 1.0;
 
-class CallOperation final : public PipelineOperation {
+// One pass of the pipeline, as far as the first output where the answer is streamed; or a failover
+// that Python code starts by hand.
+class Pipeline final : public CoroutineWork {
  public:
-  CallOperation(const Caller& caller, const Text& prompt,
-                const std::optional<Instance<Contract>>& contract, CallRequest request,
-                nb::dict options)
-      : PipelineOperation(caller, prompt, contract), request_(std::move(request)) {
-    state_.options = std::move(options);
-    request_.policy = &state_.asked_policy();
+  Pipeline(const Caller& caller, nb::object prompt,
+           const std::optional<Instance<Contract>>& contract) {
+    state.engine = nb::borrow(caller.engine);
+    state.policy = nb::borrow(caller.policy);
+    state.prompt = std::move(prompt);
+    state.contract = object_or_none(contract);
+    request.policy = &state.asked_policy();
+    request.bulkhead_timeout_s = kSlotWaitSeconds;
   }
+
+  Task<void> run(Suspension* suspension) override {
+    if (state.settings.is_valid()) start_s_ = system_clock().monotonic();
+    Io& io = io_.emplace(state, suspension);
+    if (failover) return run_failover(*failover, state.surroundings(), io, outcome_);
+    state.trace = std::make_shared<MapeKTrace>();
+    return run_call(request, state.surroundings(), io, *state.trace, outcome_);
+  }
+  nb::object result() override {
+    if (state.settings.is_valid()) return opened();
+    nb::object result = conclude(state, outcome_);
+    return state.relayed.is_valid() ? nb::make_tuple(result, state.exchange.reply) : result;
+  }
+  // Listeners hear of the end even so.
+  void dropped() override {
+    if (!state.untold_end) return;
+    tell_of(state, EndEvent{*state.untold_end, "abandoned", 0.0});
+  }
+  int traverse(visitproc visit, void* arg) override { return state.traverse(visit, arg); }
+
+  void stream(nb::object settings) {
+    state.settings = std::move(settings);
+    request.streamed = true;
+  }
+
+  CallState state;
+  CallRequest request;
+  std::optional<FailoverRequest> failover;
 
  private:
-  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
-    return run_from_start(request_, io, outcome);
+  // A provider that answered has done its part, whatever becomes of the answer here.
+  nb::object opened() {
+    if (!std::holds_alternative<CallAnswered>(outcome_) && state.lease.is_valid()) {
+      nb::inst_ptr<StreamLease>(state.lease)->succeed(state.attempts.back().duration_s * 1e3);
+    }
+    if (state.owed_end) {
+      nb::inst_ptr<StreamLease>(state.lease)->owe(state.engine, std::move(*state.owed_end));
+    }
+    const nb::object result = conclude(state, outcome_);
+    nb::inst_ptr<CallResult>(result)->ttft_ms = (system_clock().monotonic() - start_s_) * 1e3;
+    return nb::make_tuple(result, state.exchange.reply.attr("stream"), state.lease);
   }
 
-  CallRequest request_;
-};
-
-class FailoverOperation final : public PipelineOperation {
- public:
-  FailoverOperation(const Caller& caller, const Text& prompt,
-                    const std::optional<Instance<Contract>>& contract, FailoverRequest request,
-                    const Instance<Diagnosis>& diagnosis, nb::object trace, nb::dict options)
-      : PipelineOperation(caller, prompt, contract), request_(std::move(request)) {
-    state_.fault = diagnosis;
-    state_.given_trace = std::move(trace);
-    state_.options = std::move(options);
-  }
-
- private:
-  Task<void> run_pipeline(Io& io, CallOutcome& outcome) override {
-    return run_failover(request_, state_.surroundings(), io, outcome);
-  }
-
-  FailoverRequest request_;
+  std::optional<CallIo> io_;
+  CallOutcome outcome_;
+  double start_s_ = 0.0;  // of a stream; monotonic, seconds
 };
 
 // Takes a call's own options out of what goes into the request.
@@ -55,18 +83,18 @@ void take_options(CallRequest& request, nb::dict& options) {
   if (const nb::handle structured = entry(options, "structured_output"_key)) {
     request.structured_output = convert_argument<bool>(structured, "structured_output");
   }
-  const nb::handle timeout = entry(options, "bulkhead_timeout"_key);
-  request.bulkhead_timeout_s = timeout ? convert_argument<double>(timeout, "bulkhead_timeout")
-                                       : kDefaultBulkheadTimeoutSeconds;
+  if (const nb::handle timeout = entry(options, "bulkhead_timeout"_key)) {
+    request.bulkhead_timeout_s = convert_argument<double>(timeout, "bulkhead_timeout");
+  }
 }
 
-}  // namespace
-
-CallArguments call_arguments(const Text& prompt, const std::optional<Text>& model,
-                             const Text& task_type, bool has_schema,
-                             std::optional<SemanticDomain> semantic_domain, const Text& api_type,
-                             const nb::kwargs& options) {
-  CallRequest request;
+std::unique_ptr<Pipeline> pipeline(const Caller& caller, const Text& prompt,
+                                   const std::optional<Text>& model, const Text& task_type,
+                                   bool has_schema, std::optional<SemanticDomain> semantic_domain,
+                                   const std::optional<Instance<Contract>>& contract,
+                                   const Text& api_type, const nb::kwargs& options) {
+  auto made = std::make_unique<Pipeline>(caller, prompt, contract);
+  CallRequest& request = made->request;
   request.prompt_length = text_length(prompt);
   if (model) request.model = to_utf8(*model);
   request.api_type = to_utf8(api_type);
@@ -76,18 +104,55 @@ CallArguments call_arguments(const Text& prompt, const std::optional<Text>& mode
   nb::dict execution = options;
   put(execution, "api_type"_key, api_type);
   take_options(request, execution);
-  return {std::move(request), std::move(execution)};
+  made->state.options = std::move(execution);
+  return made;
 }
+
+}  // namespace
 
 OperationPtr call_operation(const Caller& caller, const Text& prompt,
                             const std::optional<Text>& model, const Text& task_type,
                             bool has_schema, std::optional<SemanticDomain> semantic_domain,
                             const std::optional<Instance<Contract>>& contract, const Text& api_type,
                             const nb::kwargs& options) {
-  CallArguments given =
-      call_arguments(prompt, model, task_type, has_schema, semantic_domain, api_type, options);
-  return std::make_unique<CallOperation>(caller, prompt, contract, std::move(given.request),
-                                         std::move(given.execution));
+  return pipeline(caller, prompt, model, task_type, has_schema, semantic_domain, contract, api_type,
+                  options);
+}
+
+OperationPtr stream_operation(const Caller& caller, const Any& settings, const Text& prompt,
+                              const std::optional<Text>& model, const Text& task_type,
+                              bool has_schema, std::optional<SemanticDomain> semantic_domain,
+                              const std::optional<Instance<Contract>>& contract,
+                              const Text& api_type, const nb::kwargs& options) {
+  auto made = pipeline(caller, prompt, model, task_type, has_schema, semantic_domain, contract,
+                       api_type, options);
+  made->stream(settings);
+  return made;
+}
+
+OperationPtr relay_operation(const Caller& caller, const std::optional<Any>& settings,
+                             const Any& encode, const OrderedMap<std::string>& route,
+                             const Any& headers, const std::string& model,
+                             std::int64_t prompt_length, const std::string& api_type,
+                             const std::string& task_type, bool has_schema,
+                             const std::optional<Instance<Contract>>& contract,
+                             const std::optional<std::string>& request_id) {
+  auto made = std::make_unique<Pipeline>(caller, from_utf8(""), contract);
+  CallRequest& request = made->request;
+  request.request_id = request_id;
+  request.prompt_length = static_cast<std::size_t>(prompt_length);
+  request.model = model;
+  request.api_type = api_type;
+  request.task_type = task_type;
+  request.has_schema = has_schema;
+  request.route = route;
+  nb::dict execution;
+  put(execution, "api_type"_key, from_utf8(api_type));
+  made->state.options = std::move(execution);
+  made->state.relayed = encode;
+  made->state.headers = headers;
+  if (settings) made->stream(*settings);
+  return made;
 }
 
 OperationPtr failover_operation(const Caller& caller, const Text& prompt,
@@ -99,7 +164,8 @@ OperationPtr failover_operation(const Caller& caller, const Text& prompt,
                                 const std::optional<Instance<Contract>>& contract,
                                 const std::optional<Instance<MapeKTrace>>& trace,
                                 std::optional<double> call_start, const nb::kwargs& options) {
-  FailoverRequest request;
+  auto made = std::make_unique<Pipeline>(caller, prompt, contract);
+  FailoverRequest& request = made->failover.emplace();
   request.call.request_id = to_utf8(request_id);
   request.call.prompt_length = text_length(prompt);
   if (model) request.call.model = to_utf8(*model);
@@ -114,8 +180,10 @@ OperationPtr failover_operation(const Caller& caller, const Text& prompt,
   if (const nb::handle kind = entry(options, "api_type"_key)) {
     request.call.api_type = to_utf8(convert_argument<Text>(kind, "api_type"));
   }
-  return std::make_unique<FailoverOperation>(caller, prompt, contract, std::move(request), diag,
-                                             object_or_none(trace), options);
+  made->state.fault = diag;
+  made->state.given_trace = object_or_none(trace);
+  made->state.options = options;
+  return made;
 }
 
 }  // namespace tarvomeldric::host

@@ -20,9 +20,9 @@ namespace {
 constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
 
-using Objects =
-    Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body, &Exchange::timeout,
-         &Exchange::report, &Exchange::reply, &Exchange::abort, &Exchange::decoded>;
+using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
+                     &Exchange::timeout, &Exchange::report, &Exchange::reply, &Exchange::abort,
+                     &Exchange::decoded, &Exchange::settings>;
 
 // The provider's own take the place of others with their names.
 nb::dict header_dict(const Endpoint& endpoint, const nb::dict& more = {}) {
@@ -105,6 +105,7 @@ void check_status(const Exchange& exchange) {
 
 nb::object read_reply(Engine& engine, Exchange& exchange) {
   check_status(exchange);
+  if (exchange.settings.is_valid()) return exchange.reply.attr("stream").attr("text");
   exchange.decoded = exchange.reply.attr("body");
   engine.last_raw_response = exchange.decoded;
   const RequestKind kind = request_kind(exchange.api_type);
@@ -124,12 +125,36 @@ nb::object read_reply(Engine& engine, Exchange& exchange) {
   raise_api_error(failure_message(failure.value(), exchange.endpoint), std::nullopt);
 }
 
-// The pooled client of the running loop.
-Task<void> find_client(Engine& engine, Exchange& exchange, Suspension& suspension) {
-  exchange.client = engine.find_session(exchange.endpoint.name);
-  if (!exchange.client.is_none()) co_return;
-  PythonAwait session(suspension, engine.session(exchange.endpoint.name));
-  exchange.client = co_await session;
+// The package's own answer, or what it is awaited by.
+nb::object post(const Exchange& exchange, nb::handle client, bool awaited) {
+  const auto by = [&](Helper helper, const auto&... more) {
+    return call(helper, client, exchange.url, exchange.body, exchange.headers, more...);
+  };
+  const nb::object left = exchange.left();
+  if (exchange.settings.is_valid()) {
+    const nb::object whole = truth(exchange.whole);
+    return awaited ? by(Helper::kOpenStreamAwaited, exchange.settings, left, whole)
+                   : by(Helper::kOpenStream, exchange.settings, left, whole, exchange.abort);
+  }
+  return awaited ? by(Helper::kPostAwaited, exchange.timeout, left, exchange.report)
+                 : by(Helper::kPost, exchange.timeout, left, exchange.report, exchange.abort);
+}
+
+// The client is the pooled one of the running loop.
+Task<void> send_awaited(Engine& engine, Exchange& exchange, Suspension& suspension,
+                        nb::object& answer) {
+  try {
+    exchange.client = engine.find_session(exchange.endpoint.name);
+    if (exchange.client.is_none()) {
+      PythonAwait session(suspension, engine.session(exchange.endpoint.name));
+      exchange.client = co_await session;
+    }
+    PythonAwait posting(suspension, post(exchange, exchange.client, true));
+    exchange.reply = co_await posting;
+    answer = read_reply(engine, exchange);
+  } catch (nb::python_error& failure) {
+    raise_failure(failure, exchange, true);
+  }
 }
 
 }  // namespace
@@ -153,8 +178,6 @@ Exchange::Exchange(ProviderConfig& provider, nb::object content, const std::stri
 }
 
 int Exchange::traverse(visitproc visit, void* arg) { return Objects::traverse(*this, visit, arg); }
-
-void Exchange::clear() { Objects::clear(*this); }
 
 // Not a static that is initialised: others may run while the module is imported.
 nb::handle report_variable() {
@@ -185,55 +208,15 @@ nb::object Exchange::left() const {
   return limit_s == kUnlimited ? nb::none() : number(end_s_ - system_clock().monotonic());
 }
 
-nb::object exchange_blocking(Engine& engine, Exchange& exchange) {
+Task<void> send(Engine& engine, Exchange& exchange, Suspension* suspension, nb::object& answer) {
+  if (suspension) return send_awaited(engine, exchange, *suspension, answer);
   try {
-    const nb::object client = engine.sync_client(exchange.endpoint.name);
-    exchange.reply = call(Helper::kPost, client, exchange.url, exchange.body, exchange.headers,
-                          exchange.timeout, exchange.left(), exchange.report, exchange.abort);
-    return read_reply(engine, exchange);
+    exchange.reply = post(exchange, engine.sync_client(exchange.endpoint.name), false);
+    answer = read_reply(engine, exchange);
   } catch (nb::python_error& failure) {
     raise_failure(failure, exchange, false);
   }
-}
-
-Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension) {
-  try {
-    co_await find_client(engine, exchange, suspension);
-    PythonAwait posting(suspension,
-                        call(Helper::kPostAwaited, exchange.client, exchange.url, exchange.body,
-                             exchange.headers, exchange.timeout, exchange.left(), exchange.report));
-    exchange.reply = co_await posting;
-    co_return read_reply(engine, exchange);
-  } catch (nb::python_error& failure) {
-    raise_failure(failure, exchange, true);
-  }
-}
-
-nb::object open_blocking(Engine& engine, Exchange& exchange, nb::handle settings, bool whole) {
-  try {
-    const nb::object client = engine.sync_client(exchange.endpoint.name);
-    exchange.reply = call(Helper::kOpenStream, client, exchange.url, exchange.body,
-                          exchange.headers, settings, exchange.left(), whole, exchange.abort);
-    check_status(exchange);
-    return exchange.reply.attr("stream").attr("text");
-  } catch (nb::python_error& failure) {
-    raise_failure(failure, exchange, false);
-  }
-}
-
-Task<nb::object> open_awaited(Engine& engine, Exchange& exchange, nb::handle settings, bool whole,
-                              Suspension& suspension) {
-  try {
-    co_await find_client(engine, exchange, suspension);
-    PythonAwait opening(
-        suspension, call(Helper::kOpenStreamAwaited, exchange.client, exchange.url, exchange.body,
-                         exchange.headers, settings, exchange.left(), whole));
-    exchange.reply = co_await opening;
-    check_status(exchange);
-    co_return exchange.reply.attr("stream").attr("text");
-  } catch (nb::python_error& failure) {
-    raise_failure(failure, exchange, true);
-  }
+  return {};
 }
 
 std::string failure_message(nb::handle failure, const Endpoint& endpoint) {

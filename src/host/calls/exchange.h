@@ -27,7 +27,11 @@ struct Exchange {
   nb::object reply = nb::none();    // the package's AttemptContext, once it is over
   nb::object abort = nb::none();    // what another thread ends it by, if anything
   nb::object decoded = nb::none();  // the answer's body, once it is there
-  double limit_s = kUnlimited;      // seconds, beside the request's own time-out
+  // Of the package's own stream, where the answer is streamed; and whether it is read to its end
+  // rather than to its first output.
+  nb::object settings;
+  bool whole = false;
+  double limit_s = kUnlimited;  // seconds, beside the request's own time-out
 
   // `extra` are the keyword options of the call; all of them but `api_type` go into the body. A
   // streamed request is one of a chat, whatever its kind.
@@ -50,24 +54,16 @@ struct Exchange {
   nb::object left() const;
 
   int traverse(visitproc visit, void* arg);
-  void clear();
 
  private:
   double end_s_ = kUnlimited;  // monotonic, seconds
 };
 
-// Sends the request and waits; the provider's answer, text or None. Every failure of the exchange
-// is an APIError; what is no failure (an interrupt, a cancellation) passes through.
-nb::object exchange_blocking(Engine& engine, Exchange& exchange);
-// The same, awaited. `engine` and `exchange` outlive the task.
-Task<nb::object> exchange_awaited(Engine& engine, Exchange& exchange, Suspension& suspension);
-
-// The same for an answer that is streamed, as far as the first output, or to its end where the
-// whole is wanted: the text so far. The rest is in the exchange's reply. `settings` are those of
-// the package's own stream.
-nb::object open_blocking(Engine& engine, Exchange& exchange, nb::handle settings, bool whole);
-Task<nb::object> open_awaited(Engine& engine, Exchange& exchange, nb::handle settings, bool whole,
-                              Suspension& suspension);
+// Sends the request. The answer is the provider's, text or None; of one that is streamed, the text
+// so far: the rest is in the exchange's reply. Every failure of the exchange is an APIError; what
+// is no failure (an interrupt, a cancellation) passes through. All that is handed in outlives the
+// task, which is over already where there is no suspension.
+Task<void> send(Engine& engine, Exchange& exchange, Suspension* suspension, nb::object& answer);
 
 // What may be shown of a failure: its type, and its text where that holds no secret.
 std::string failure_message(nb::handle failure, const Endpoint& endpoint);

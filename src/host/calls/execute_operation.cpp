@@ -7,33 +7,26 @@
 namespace tarvomeldric::host {
 namespace {
 
-class ExecuteOperation final : public Operation {
+class ExecuteOperation final : public CoroutineWork {
  public:
   ExecuteOperation(nb::handle engine, Exchange exchange)
       : engine_(nb::borrow(engine)), exchange_(std::move(exchange)) {}
 
-  nb::object run_blocking() override {
+  Task<void> run(Suspension* suspension) override {
     exchange_.report_to_replacement(engine_);
-    return exchange_blocking(native(), exchange_);
+    return send(*nb::inst_ptr<Engine>(engine_), exchange_, suspension, answer_);
   }
-  Task<nb::object> run(Suspension& suspension) override {
-    exchange_.report_to_replacement(engine_);
-    return exchange_awaited(native(), exchange_, suspension);
-  }
+  nb::object result() override { return std::move(answer_); }
   int traverse(visitproc visit, void* arg) override {
     Py_VISIT(engine_.ptr());
+    Py_VISIT(answer_.ptr());
     return exchange_.traverse(visit, arg);
-  }
-  void clear() override {
-    drop(engine_);
-    exchange_.clear();
   }
 
  private:
-  Engine& native() const { return *nb::inst_ptr<Engine>(engine_); }
-
   nb::object engine_;
   Exchange exchange_;
+  nb::object answer_;
 };
 
 }  // namespace

@@ -14,11 +14,7 @@ namespace tarvomeldric::host {
 // What an application asks of an engine, with its arguments: made when they are checked, and run
 // once, blocking or as the work of a coroutine. Nothing has happened before it runs. Of the thread
 // or the event loop that runs it.
-class Operation : public CoroutineWork {
- public:
-  virtual nb::object run_blocking() = 0;
-};
-using OperationPtr = std::unique_ptr<Operation>;
+using OperationPtr = std::unique_ptr<CoroutineWork>;
 
 // On what a call was made: the engine, or a view of it with a policy, which is null otherwise.
 struct Caller {

@@ -15,7 +15,7 @@ constexpr const char* kLegName = "SelfHealingEngine._race";
 // of a stream hold its newest connection, and each leg has its own.
 CallState beside(const CallState& asked) {
   CallState state = asked;
-  state.race = {};
+  state.race = state.lease = {};
   state.raced_first = state.raced_second = nullptr;
   if (state.settings.is_valid()) {
     state.settings = call(import("copy").attr("copy"), state.settings);
@@ -26,31 +26,20 @@ CallState beside(const CallState& asked) {
 
 }  // namespace
 
-LegWork::LegWork(const CallState& call, Leg leg, bool second, CallIo::MakeIo make_io,
-                 std::shared_ptr<Raced> raced)
-    : state_(beside(call)),
-      leg_(std::move(leg)),
-      second_(second),
-      make_io_(make_io),
-      raced_(std::move(raced)) {}
+LegWork::LegWork(const CallState& call, Leg leg, bool second, std::shared_ptr<Raced> raced)
+    : state_(beside(call)), leg_(std::move(leg)), second_(second), raced_(std::move(raced)) {}
 
-Task<void> LegWork::send(Suspension* suspension) {
-  const std::unique_ptr<CallIo> io = make_io_(state_, suspension);
-  Attempt made = co_await io->execute(leg_.provider, leg_.model, leg_.terms);
-  made.refused = io->objection(leg_.terms.demand, made);
+Task<void> LegWork::run(Suspension* suspension) {
+  CallIo io(state_, suspension);
+  Attempt made = co_await io.execute(leg_.provider, leg_.model, leg_.terms);
+  made.refused = io.objection(leg_.terms.demand, made);
   raced_->good = made.ok() && !made.refused;
   raced_->finish = Finish{second_, std::move(made), system_clock().monotonic()};
   raced_->state = std::move(state_);
 }
 
-Task<nb::object> LegWork::run(Suspension& suspension) {
-  co_await send(&suspension);
-  co_return truth(raced_->good);
-}
-
-BlockingRace::BlockingRace(const CallState& call, Rival& rival, CallIo::MakeIo make_io)
+BlockingRace::BlockingRace(const CallState& call, Rival& rival)
     : call_(call),
-      make_io_(make_io),
       abort_first_(host::call(Helper::kAbort)),
       abort_second_(host::call(Helper::kAbort)),
       done_(host::call(import("threading").attr("Event"))),
@@ -71,7 +60,7 @@ std::unique_ptr<LegWork> BlockingRace::enter() {
   std::optional<Leg> entered = rival_->enter();
   if (!entered) return nullptr;
   sent_ = true;
-  return std::make_unique<LegWork>(call_, std::move(*entered), true, make_io_, raced_);
+  return std::make_unique<LegWork>(call_, std::move(*entered), true, raced_);
 }
 
 void BlockingRace::send() {
@@ -79,7 +68,7 @@ void BlockingRace::send() {
   if (!second) return;
   std::exception_ptr error;
   try {
-    second->run_blocking();
+    run_blocking(second->run(nullptr));
   } catch (...) {
     error = std::current_exception();
   }
@@ -144,8 +133,6 @@ void BlockingRace::call_off() {
   host::call(due.attr("call_off"));
 }
 
-bool CallIo::may_race(const ProviderPtr&) const { return !replacement().is_valid(); }
-
 const char* CallIo::objection(Demand demand, const Attempt& made) {
   if (!made.ok() || demand == Demand::kNothing) return nullptr;
   if (made.empty) return "answer:empty";
@@ -189,15 +176,16 @@ void CallIo::discard(const CallState& left) {
 }
 
 // Another thread can end the requests of our own clients alone.
-bool BlockingIo::may_race(const ProviderPtr& provider) const {
-  if (!CallIo::may_race(provider)) return false;
+bool CallIo::may_race(const ProviderPtr& provider) const {
+  if (replacement().is_valid()) return false;
+  if (suspension_) return true;
   const nb::object placed =
       call(Helper::kIsPlaced, state_.native().sync_client_pool, from_utf8(provider->name()));
   return !is_true(placed);
 }
 
-Task<Finish> BlockingIo::race(Leg first, double patience_s, Rival& rival) {
-  race_ = std::make_shared<BlockingRace>(state_, rival, twin());
+Task<Finish> CallIo::race_threads(Leg first, double patience_s, Rival& rival) {
+  race_ = std::make_shared<BlockingRace>(state_, rival);
   race_->start(patience_s);
   state_.abort = race_->abort_of_first();
   Attempt made = co_await execute(first.provider, first.model, first.terms);
@@ -208,32 +196,22 @@ Task<Finish> BlockingIo::race(Leg first, double patience_s, Rival& rival) {
   co_return adopt(race_->second());
 }
 
-Task<Finish> BlockingIo::other() { co_return adopt(race_->wait()); }
-
-std::optional<Finish> BlockingIo::end_race() { return race_ ? race_->leave() : std::nullopt; }
-
-CallIo::MakeIo BlockingIo::twin() const {
-  return [](CallState& state, Suspension*) -> std::unique_ptr<CallIo> {
-    return std::make_unique<BlockingIo>(state);
-  };
-}
-
-Task<Finish> AwaitingIo::race(Leg first, double patience_s, Rival& rival) {
+Task<Finish> CallIo::race_tasks(Leg first, double patience_s, Rival& rival) {
   const auto leg = [&](Leg sent, std::shared_ptr<Raced>& raced) {
     raced = std::make_shared<Raced>();
     const bool second = &raced == &state_.raced_second;
-    auto work = std::make_unique<LegWork>(state_, std::move(sent), second, twin(), raced);
+    auto work = std::make_unique<LegWork>(state_, std::move(sent), second, raced);
     return make_coroutine(std::move(work), kLegName);
   };
   state_.race = call(Helper::kRace, leg(std::move(first), state_.raced_first));
-  PythonAwait waiting(suspension_, call(state_.race.attr("first"), patience_s));
+  PythonAwait waiting(*suspension_, call(state_.race.attr("first"), patience_s));
   const nb::object over = co_await waiting;
   if (is_true(over)) co_return adopt(*state_.raced_first);
   nb::object beside = nb::none();
   if (std::optional<Leg> entered = rival.enter()) {
     beside = leg(std::move(*entered), state_.raced_second);
   }
-  PythonAwait racing(suspension_, call(state_.race.attr("both"), beside));
+  PythonAwait racing(*suspension_, call(state_.race.attr("both"), beside));
   drop(beside);
   const nb::object won = co_await racing;
   if (!is_true(won)) co_return adopt(*state_.raced_first);
@@ -241,13 +219,15 @@ Task<Finish> AwaitingIo::race(Leg first, double patience_s, Rival& rival) {
   co_return adopt(*state_.raced_second);
 }
 
-Task<Finish> AwaitingIo::other() {
-  PythonAwait waiting(suspension_, call(state_.race.attr("other")));
+Task<Finish> CallIo::other() {
+  if (race_) co_return adopt(race_->wait());
+  PythonAwait waiting(*suspension_, call(state_.race.attr("other")));
   co_await waiting;
   co_return adopt(*state_.raced_second);
 }
 
-std::optional<Finish> AwaitingIo::end_race() {
+std::optional<Finish> CallIo::end_race() {
+  if (race_) return race_->leave();
   if (!state_.race.is_valid()) return std::nullopt;
   quietly([&] { call(state_.race.attr("end")); });
   drop(state_.race);
@@ -256,12 +236,6 @@ std::optional<Finish> AwaitingIo::end_race() {
   if (!second->good) return second->finish;
   discard(second->state);
   return std::nullopt;
-}
-
-CallIo::MakeIo AwaitingIo::twin() const {
-  return [](CallState& state, Suspension* suspension) -> std::unique_ptr<CallIo> {
-    return std::make_unique<AwaitingIo>(state, *suspension);
-  };
 }
 
 }  // namespace tarvomeldric::host

@@ -14,22 +14,17 @@ namespace tarvomeldric::host {
 // run on a thread of `_hedging`.
 class LegWork final : public CoroutineWork {
  public:
-  LegWork(const CallState& call, Leg leg, bool second, CallIo::MakeIo make_io,
-          std::shared_ptr<Raced> raced);
+  LegWork(const CallState& call, Leg leg, bool second, std::shared_ptr<Raced> raced);
 
-  void run_blocking() { tarvomeldric::run_blocking(send(nullptr)); }
-  // Gives whether the answer is a good one.
-  Task<nb::object> run(Suspension& suspension) override;
+  Task<void> run(Suspension* suspension) override;
+  // Whether the answer is a good one.
+  nb::object result() override { return truth(raced_->good); }
   int traverse(visitproc visit, void* arg) override { return state_.traverse(visit, arg); }
-  void clear() override { state_.clear(); }
 
  private:
-  Task<void> send(Suspension* suspension);
-
   CallState state_;
   Leg leg_;
   bool second_;
-  CallIo::MakeIo make_io_;
   std::shared_ptr<Raced> raced_;
 };
 
@@ -38,7 +33,7 @@ class LegWork final : public CoroutineWork {
 // that thread, under the lock that the calling thread takes before it goes on.
 class BlockingRace : public std::enable_shared_from_this<BlockingRace> {
  public:
-  BlockingRace(const CallState& call, Rival& rival, CallIo::MakeIo make_io);
+  BlockingRace(const CallState& call, Rival& rival);
 
   // Has the second one sent after so many seconds.
   void start(double patience_s);
@@ -58,7 +53,6 @@ class BlockingRace : public std::enable_shared_from_this<BlockingRace> {
   void call_off();
 
   CallState call_;  // as it stood before the first request
-  const CallIo::MakeIo make_io_;
   const std::shared_ptr<Raced> raced_ = std::make_shared<Raced>();
   const nb::object abort_first_;
   const nb::object abort_second_;

@@ -139,10 +139,7 @@ PySendResult Coroutine::send(PyObject* value, PyObject** out) {
     if (value != Py_None) {
       return raise_error(PyExc_TypeError, "can't send non-None value to a just-started coroutine");
     }
-    stage_ = Stage::kStarted;
-    task_.emplace(work_->run(suspension_));
-    task_->start();
-    const PySendResult started = settle(out);
+    const PySendResult started = begin(out);
     if (started != PYGEN_NEXT) return started;
   }
   PyObject* yielded = nullptr;
@@ -257,16 +254,31 @@ void Coroutine::resume() {
   waiter.resume();
 }
 
+PySendResult Coroutine::begin(PyObject** out) {
+  stage_ = Stage::kStarted;
+  try {
+    task_.emplace(work_->run(&suspension_));
+  } catch (...) {
+    return fail(std::current_exception());
+  }
+  task_->start();
+  return settle(out);
+}
+
 PySendResult Coroutine::settle(PyObject** out) {
   if (!task_->done()) return PYGEN_NEXT;
-  std::exception_ptr thrown;
   try {
-    *out = task_->take().release().ptr();
+    task_->take();
+    *out = work_->result().release().ptr();
   } catch (...) {
-    thrown = std::current_exception();
+    return fail(std::current_exception());
   }
   finish();
-  if (!thrown) return PYGEN_RETURN;
+  return PYGEN_RETURN;
+}
+
+PySendResult Coroutine::fail(const std::exception_ptr& thrown) {
+  finish();
   set_error(thrown);
   forbid_stop_iteration();
   return PYGEN_ERROR;

@@ -40,16 +40,18 @@ class PythonAwait {
   Suspension& suspension_;
 };
 
-// What a coroutine runs. It keeps every Python object that outlives a suspension in members that
-// `traverse` shows: the garbage collector cannot look into a task's frame.
+// What a coroutine runs, or a thread that waits for it: that one has no suspension. It keeps every
+// Python object that outlives a suspension in members that `traverse` shows: the garbage collector
+// cannot look into a task's frame.
 class CoroutineWork {
  public:
   virtual ~CoroutineWork() = default;
-  virtual Task<nb::object> run(Suspension& suspension) = 0;
+  virtual Task<void> run(Suspension* suspension) = 0;
+  // What came of it, when the task has ended well. Asked once.
+  virtual nb::object result() = 0;
   // The coroutine was dropped where it waited. What it held is still there; the task ends next.
   virtual void dropped() {}
   virtual int traverse(visitproc visit, void* arg) = 0;
-  virtual void clear() = 0;
 };
 
 // A task as a full coroutine of Python: awaited, sent to, thrown into, closed. Nothing of the
@@ -81,7 +83,7 @@ class Coroutine {
   // the work.
   struct Holdings {
     std::unique_ptr<CoroutineWork> work;
-    std::optional<Task<nb::object>> task;
+    std::optional<Task<void>> task;
     nb::object awaiting;
     nb::object value;
   };
@@ -89,7 +91,9 @@ class Coroutine {
   class Running;
 
   bool may_run();
+  PySendResult begin(PyObject** out);
   PySendResult settle(PyObject** out);
+  PySendResult fail(const std::exception_ptr& thrown);
   PySendResult feed(PySendResult reply, PyObject* value, PyObject** out);
   PySendResult send_awaited(PyObject* value, PyObject** out);
   PySendResult bound_awaited(PyObject** waited);
@@ -102,7 +106,7 @@ class Coroutine {
   std::unique_ptr<CoroutineWork> work_;
   std::string_view qualified_name_;
   Suspension suspension_;
-  std::optional<Task<nb::object>> task_;
+  std::optional<Task<void>> task_;
   Stage stage_ = Stage::kNew;
   bool running_ = false;
 };
