@@ -1,5 +1,6 @@
 #include "_engine/forms.h"
 #include "host/calls/call_io.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 
 namespace tarvomeldric::host {
@@ -137,12 +138,9 @@ constexpr const char* kWithPolicyDoc =
 }  // namespace
 
 void bind_view(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<EngineView>)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<EngineView>)},
-                         {0, nullptr}};
   nb::class_<EngineView> cls(module, "EngineView",
                              "An engine seen through a policy; from `with_policy`.",
-                             nb::type_slots(slots), nb::is_weak_referenceable());
+                             nb::type_slots(collected<EngineView>), nb::is_weak_referenceable());
   bind_call<"EngineView.call">(
       cls,
       "Sends a prompt as the engine's `call_sync` does, by the policy; see there.\n\n"

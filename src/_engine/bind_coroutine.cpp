@@ -1,4 +1,5 @@
 #include "_engine/rooms.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/coroutine.h"
 #include "host/interpreter/errors.h"
 
@@ -52,16 +53,6 @@ PyObject* awaited(PyObject* self) {
   return self;
 }
 
-int traverse(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  return nb::inst_ready(self) ? coroutine_of(self).traverse(visit, arg) : 0;
-}
-
-int clear(PyObject* self) {
-  if (nb::inst_ready(self)) coroutine_of(self).clear();
-  return 0;
-}
-
 PyObject* get_name(PyObject* self, void*) {
   const std::string_view name = coroutine_of(self).qualified_name();
   return from_utf8(name.substr(name.rfind('.') + 1)).release().ptr();
@@ -100,8 +91,8 @@ void bind_coroutine(nb::module_& module) {
                          {Py_am_send, reinterpret_cast<void*>(send)},
                          {Py_tp_iternext, reinterpret_cast<void*>(next)},
                          {Py_tp_getset, members},
-                         {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear)},
+                         {Py_tp_traverse, reinterpret_cast<void*>(traverse_object<Coroutine>)},
+                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<Coroutine>)},
                          {0, nullptr}};
   nb::class_<Coroutine>(module, "_Coroutine",
                         "What `call` returns: a coroutine, to be awaited once.",

@@ -1,6 +1,7 @@
 #include "_engine/bind_record.h"
 #include "_engine/engine_class.h"
 #include "_engine/rooms.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/records.h"
 
@@ -82,15 +83,12 @@ void bind_members(EngineClass& cls) {
 }  // namespace
 
 void bind_engine(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<Engine>)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<Engine>)},
-                         {0, nullptr}};
   EngineClass cls(
       module, "SelfHealingEngine",
       "Sends prompts to model providers and heals what goes wrong on the way.\n\n"
       "One engine serves any number of threads and event loops. As a context manager, `with` or\n"
       "`async with`, it closes its HTTP clients on exit.",
-      nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
+      nb::type_slots(collected<Engine>), nb::dynamic_attr(), nb::is_weak_referenceable());
   def(
       cls, "__init__",
       [](nb::pointer_and_handle<Engine> self,

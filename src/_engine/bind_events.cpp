@@ -2,6 +2,7 @@
 #include "_engine/rooms.h"
 #include "engine/events.h"
 #include "host/calls/observation.h"
+#include "host/interpreter/collected.h"
 #include "host/records/records.h"
 
 // What observers of an engine are told.
@@ -39,12 +40,9 @@ void bind_attempt_event(nb::module_& module) {
 }
 
 void bind_observation(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<Observation>)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<Observation>)},
-                         {0, nullptr}};
   nb::class_<Observation> cls(module, "Observation",
                               "A listener of an engine, until it is closed, or left as a context.",
-                              nb::type_slots(slots));
+                              nb::type_slots(collected<Observation>));
   def(cls, "close", &Observation::close, "Tells the listener no more. May be called twice.");
   cls.def(
       "__enter__", [](nb::handle_t<Observation> self) { return self; },

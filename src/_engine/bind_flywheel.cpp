@@ -2,6 +2,7 @@
 #include "_engine/rooms.h"
 #include "engine/read_outs.h"
 #include "host/calls/learner.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/read_outs.h"
 #include "host/records/records.h"
@@ -186,15 +187,12 @@ void bind_fleet(LearnerClass& cls) {
 
 void bind_flywheel(nb::module_& module) {
   bind_rule(module);
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<PythonLearner>)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<PythonLearner>)},
-                         {0, nullptr}};
   LearnerClass cls(
       module, "FlywheelLearner",
       "Remembers which recovery worked for which fault, and advises.\n\n"
       "Its table of rules is kept in a file and, with a Redis, shared with a fleet. No failure of\n"
       "either is raised: it goes on with what it has. Any thread.",
-      nb::type_slots(slots), nb::dynamic_attr(), nb::is_weak_referenceable());
+      nb::type_slots(collected<PythonLearner>), nb::dynamic_attr(), nb::is_weak_referenceable());
   def(
       cls, "__init__",
       [](nb::pointer_and_handle<PythonLearner> self, const OptionalText& persist_path,

@@ -4,27 +4,15 @@
 #include "_engine/rooms.h"
 #include "guards/semaphore.h"
 #include "host/calls/locks.h"
+#include "host/interpreter/collected.h"
 #include "support/mutex.h"
 
 namespace tarvomeldric::host {
 namespace {
 
-int traverse_waiter(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  return nb::inst_ready(self) ? nb::inst_ptr<PythonWaiter>(self)->traverse(visit, arg) : 0;
-}
-
-int clear_waiter(PyObject* self) {
-  if (nb::inst_ready(self)) nb::inst_ptr<PythonWaiter>(self)->clear();
-  return 0;
-}
-
 void bind_semaphore(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_waiter)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_waiter)},
-                         {0, nullptr}};
   nb::class_<PythonWaiter>(module, "_Waiter", "A place in the line of a semaphore.",
-                           nb::type_slots(slots));
+                           nb::type_slots(collected<PythonWaiter>));
   nb::class_<Semaphore> cls(module, "Semaphore",
                             "Permits, and a line of threads and coroutines that wait for one.");
   def(

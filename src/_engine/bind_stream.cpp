@@ -9,12 +9,9 @@ namespace tarvomeldric::host {
 namespace {
 
 void bind_lease(nb::module_& module) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<StreamLease>)},
-                         {Py_tp_clear, reinterpret_cast<void*>(clear_object<StreamLease>)},
-                         {0, nullptr}};
   nb::class_<StreamLease> cls(module, "_StreamLease",
                               "What a streamed answer holds of its provider until its end.",
-                              nb::type_slots(slots));
+                              nb::type_slots(collected<StreamLease>));
   def(cls, "succeed", &StreamLease::succeed, "The answer came to its end, or is not wanted.",
       arg("latency_ms"));
   def(cls, "fail", &StreamLease::fail, "The answer broke off; what may be shown of the error.",

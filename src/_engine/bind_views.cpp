@@ -1,18 +1,12 @@
 #include "_engine/def.h"
 #include "_engine/rooms.h"
 #include "flywheel/learner.h"
+#include "host/interpreter/collected.h"
 #include "host/records/records.h"
 #include "host/records/views.h"
 
 namespace tarvomeldric::host {
 namespace {
-
-template <class C>
-int traverse(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  if (nb::inst_ready(self)) Py_VISIT(nb::inst_ptr<View<C>>(self)->owner.ptr());
-  return 0;
-}
 
 using Methods = std::initializer_list<const char*>;
 
@@ -54,7 +48,8 @@ void bind_mutators(nb::class_<View<C>>& cls, Methods names) {
 template <class C>
 nb::class_<View<C>> bind_view(nb::module_& module, const char* name, const char* doc,
                               const char* protocol) {
-  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse<C>)}, {0, nullptr}};
+  PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverse_object<View<C>>)},
+                         {0, nullptr}};
   nb::class_<View<C>> cls(module, name, doc, nb::type_slots(slots), nb::is_final());
   cls.def("__len__", [](const View<C>& self) { return self.container->size(); });
   cls.def("clear", [](View<C>& self) { const C gone = std::exchange(*self.container, C{}); });

@@ -4,20 +4,12 @@
 #include "host/calls/race.h"
 #include "host/calls/reply.h"
 #include "host/calls/stream_lease.h"
-#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/argument.h"
 
 namespace tarvomeldric::host {
 namespace {
-
-using Objects =
-    Held<&CallState::engine, &CallState::prompt, &CallState::contract, &CallState::options,
-         &CallState::relayed, &CallState::headers, &CallState::answer, &CallState::raw_response,
-         &CallState::report, &CallState::response, &CallState::policy, &CallState::error,
-         &CallState::verdict, &CallState::fault, &CallState::given_trace, &CallState::settings,
-         &CallState::lease, &CallState::race, &CallState::abort>;
 
 // An error of ours always has the attribute; one that a replacement raised may carry anything
 // there.
@@ -41,16 +33,6 @@ Surroundings CallState::surroundings() {
   parts = static_cast<const Parts&>(native());
   registry.emplace(parts.providers);
   return parts.surroundings(*registry, native().counters, native().hedging);
-}
-
-int CallState::traverse(visitproc visit, void* arg) {
-  if (const int stop = Objects::traverse(*this, visit, arg)) return stop;
-  if (const int stop = parts.traverse(visit, arg)) return stop;
-  for (const auto* raced : {raced_first.get(), raced_second.get()}) {
-    if (!raced || !raced->finish) continue;
-    if (const int stop = const_cast<Raced*>(raced)->state.traverse(visit, arg)) return stop;
-  }
-  return exchange.traverse(visit, arg);
 }
 
 const CallPolicy& CallState::asked_policy() const {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "engine/io.h"
 #include "host/calls/engine.h"
 #include "host/calls/exchange.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/coroutine.h"
 #include "host/interpreter/python.h"
 #include "host/records/records.h"
@@ -58,7 +60,11 @@ struct CallState {
   // Takes hold of the engine's parts; type errors name one of the wrong type.
   Surroundings surroundings();
   const CallPolicy& asked_policy() const;
-  int traverse(visitproc visit, void* arg);
+  auto held() {
+    return std::tie(engine, prompt, contract, options, relayed, headers, answer, raw_response,
+                    report, response, policy, error, verdict, fault, given_trace, settings, lease,
+                    race, abort, parts, exchange, raced_first, raced_second);
+  }
 };
 
 // Whether anybody listens; the garbage collector may have taken the listeners away.
@@ -75,6 +81,9 @@ struct Raced {
   bool good = false;  // its answer meets what was demanded, as far as it is one
   CallState state;
 };
+inline int visit_python(const std::shared_ptr<Raced>& raced, visitproc visit, void* arg) {
+  return raced ? visit_python(raced->state, visit, arg) : 0;
+}
 
 // An operation of the engine that Python code may replace, and the engine's own form of it.
 // Both members are set when the engine is bound, and stay.

@@ -43,7 +43,7 @@ class Pipeline final : public CoroutineWork {
     if (!state.untold_end) return;
     tell_of(state, EndEvent{*state.untold_end, "abandoned", 0.0});
   }
-  int traverse(visitproc visit, void* arg) override { return state.traverse(visit, arg); }
+  int traverse(visitproc visit, void* arg) override { return visit_python(state, visit, arg); }
 
   void stream(nb::object settings) {
     state.settings = std::move(settings);

@@ -1,6 +1,5 @@
 #include "host/calls/engine.h"
 
-#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/argument.h"
 #include "host/records/records.h"
@@ -8,9 +7,6 @@
 
 namespace tarvomeldric::host {
 namespace {
-
-using HeldParts =
-    Held<&Parts::providers, &Parts::diagnoser, &Parts::learner, &Parts::metrics, &Parts::topology>;
 
 template <class T>
 Instance<T> fresh_part() {
@@ -42,10 +38,6 @@ std::string unknown_provider(const std::string& name) {
 }
 
 }  // namespace
-
-struct Engine::HeldObjects
-    : Held<&Engine::http_pool, &Engine::sync_client_pool, &Engine::last_raw_response,
-           &Engine::telemetry, &Engine::observations, &Engine::clients_> {};
 
 ProviderPtr preset_record(std::string_view name, std::string_view base_url, const Keys& api_keys) {
   ProviderFields fields;
@@ -111,20 +103,6 @@ Any Engine::telemetry_collector() {
 Surroundings Parts::surroundings(const Registry& registry, EngineCounters& counters,
                                  HedgeBook& hedging) const {
   return {registry, *topology, *diagnoser, *learner, *metrics, counters, hedging};
-}
-
-int Parts::traverse(visitproc visit, void* arg) { return HeldParts::traverse(*this, visit, arg); }
-
-void Parts::clear() { HeldParts::clear(*this); }
-
-int Engine::traverse(visitproc visit, void* arg) {
-  if (const int stop = Parts::traverse(visit, arg)) return stop;
-  return HeldObjects::traverse(*this, visit, arg);
-}
-
-void Engine::clear() {
-  HeldObjects::clear(*this);
-  Parts::clear();
 }
 
 std::vector<NamedProvider> PythonRegistry::entries() const {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "engine/call.h"
@@ -40,8 +41,7 @@ struct Parts {
   // The core's view of them.
   Surroundings surroundings(const Registry& registry, EngineCounters& counters,
                             HedgeBook& hedging) const;
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  auto held() { return std::tie(providers, diagnoser, learner, metrics, topology); }
 };
 
 // The engine that an application holds. Any thread that holds the interpreter lock. What it decides
@@ -93,8 +93,11 @@ class Engine : public Parts {
   Figures mapek_stats();
   NameList available_names() const;
 
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  auto held() {
+    return std::tuple_cat(
+        std::tie(http_pool, sync_client_pool, last_raw_response, telemetry, observations, clients_),
+        Parts::held());
+  }
 
   DictOf<"dict[str, typing.Any]"> http_pool;
   DictOf<"dict[str, typing.Any]"> sync_client_pool;
@@ -107,8 +110,6 @@ class Engine : public Parts {
   Mutex sync_client_lock;
 
  private:
-  struct HeldObjects;
-
   nb::handle clients();
   nb::object lock_object(Mutex& lock);
   nb::object clients_;  // the package's HttpClients, made on first use

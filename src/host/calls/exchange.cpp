@@ -5,7 +5,6 @@
 
 #include "host/calls/engine.h"
 #include "host/calls/reply.h"
-#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
 #include "host/records/views.h"
@@ -19,10 +18,6 @@ namespace {
 
 constexpr long kOk = 200;
 constexpr long kRequestTimeout = 408;
-
-using Objects = Held<&Exchange::client, &Exchange::url, &Exchange::headers, &Exchange::body,
-                     &Exchange::timeout, &Exchange::report, &Exchange::reply, &Exchange::abort,
-                     &Exchange::decoded, &Exchange::settings>;
 
 // The provider's own take the place of others with their names.
 nb::dict header_dict(const Endpoint& endpoint, const nb::dict& more = {}) {
@@ -176,8 +171,6 @@ Exchange::Exchange(ProviderConfig& provider, nb::object content, const std::stri
   headers = header_dict(endpoint, nb::borrow<nb::dict>(more));
   timeout = timeout_in(extra);
 }
-
-int Exchange::traverse(visitproc visit, void* arg) { return Objects::traverse(*this, visit, arg); }
 
 // Not a static that is initialised: others may run while the module is imported.
 nb::handle report_variable() {

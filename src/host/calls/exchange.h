@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <tuple>
 
 #include "host/interpreter/coroutine.h"
 #include "host/interpreter/python.h"
@@ -53,7 +54,9 @@ struct Exchange {
   // What is left of that; None when there is no bound.
   nb::object left() const;
 
-  int traverse(visitproc visit, void* arg);
+  auto held() {
+    return std::tie(client, url, headers, body, timeout, report, reply, abort, decoded, settings);
+  }
 
  private:
   double end_s_ = kUnlimited;  // monotonic, seconds

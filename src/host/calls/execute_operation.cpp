@@ -2,6 +2,7 @@
 
 #include "host/calls/exchange.h"
 #include "host/calls/operation.h"
+#include "host/interpreter/collected.h"
 #include "host/interpreter/helpers.h"
 
 namespace tarvomeldric::host {
@@ -20,7 +21,7 @@ class ExecuteOperation final : public CoroutineWork {
   int traverse(visitproc visit, void* arg) override {
     Py_VISIT(engine_.ptr());
     Py_VISIT(answer_.ptr());
-    return exchange_.traverse(visit, arg);
+    return visit_python(exchange_, visit, arg);
   }
 
  private:

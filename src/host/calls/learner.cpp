@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "flywheel/rules_json.h"
-#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 #include "host/interpreter/helpers.h"
 
@@ -101,19 +100,6 @@ void PythonLearner::after_fork() {
   forget_kept();
   call(Helper::kKeepAfterFork, redis_client, redis_sub_thread, link);
   if (shares()) init_redis();
-}
-
-int PythonLearner::traverse(visitproc visit, void* arg) {
-  Py_VISIT(redis_client.ptr());
-  Py_VISIT(redis_sub_thread.ptr());
-  Py_VISIT(link.ptr());
-  return visit_python(interpreter_locked_fields().rules, visit, arg);
-}
-
-void PythonLearner::clear() {
-  drop(redis_client);
-  drop(redis_sub_thread);
-  drop(link);
 }
 
 }  // namespace tarvomeldric::host

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "flywheel/learner.h"
 #include "host/interpreter/python.h"
@@ -35,8 +36,9 @@ class PythonLearner final : public FlywheelLearner, private RulePublisher {
   nb::object persist_path();
   void set_persist_path(nb::handle path);
 
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  auto held() {
+    return std::tie(redis_client, redis_sub_thread, link, interpreter_locked_fields().rules);
+  }
 
   std::string redis_url;
   std::string redis_channel;

@@ -44,9 +44,4 @@ bool PythonWaiter::wake() {
   return woken;
 }
 
-int PythonWaiter::traverse(visitproc visit, void* arg) {
-  Py_VISIT(waiter_.ptr());
-  return 0;
-}
-
 }  // namespace tarvomeldric::host

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <tuple>
+
 #include "guards/semaphore.h"
-#include "host/interpreter/collected.h"
+#include "host/interpreter/python.h"
 #include "support/mutex.h"
 
 namespace tarvomeldric::host {
@@ -19,8 +21,7 @@ class PythonWaiter final : public Semaphore::Waiter {
 
   bool wake() override;
 
-  int traverse(visitproc visit, void* arg);
-  void clear() { drop(waiter_); }
+  auto held() { return std::tie(waiter_); }
 
  private:
   nb::object waiter_;

@@ -1,5 +1,6 @@
 #include "host/calls/observation.h"
 
+#include "host/interpreter/collected.h"
 #include "host/interpreter/errors.h"
 
 namespace tarvomeldric::host {
@@ -38,7 +39,7 @@ void Observation::close() {
     if (nb::inst_ptr<Observation>(other) != this) others.append(other);
   }
   engine.observations = nb::tuple(others);
-  clear();
+  drop(*this);
 }
 
 void Observation::tell(const CallEvent& event, nb::object& shown) const {
@@ -52,17 +53,6 @@ void Observation::tell(const CallEvent& event, nb::object& shown) const {
     shown = std::visit([](const auto& one) { return nb::cast(one); }, event);
   }
   quietly([&] { call(listener, shown); });
-}
-
-int Observation::traverse(visitproc visit, void* arg) {
-  Py_VISIT(engine_.ptr());
-  Py_VISIT(listener_.ptr());
-  return 0;
-}
-
-void Observation::clear() {
-  drop(listener_);
-  drop(engine_);
 }
 
 void tell_observers(const Engine& engine, const CallEvent& event) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tuple>
+
 #include "engine/events.h"
 #include "engine/recent_calls.h"
 #include "host/calls/engine.h"
@@ -19,8 +21,7 @@ class Observation {
   // nobody's failure; what is no `Exception` passes.
   void tell(const CallEvent& event, nb::object& shown) const;
 
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  auto held() { return std::tie(listener_, engine_); }
 
  private:
   nb::object engine_;

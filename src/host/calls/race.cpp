@@ -11,8 +11,9 @@ namespace {
 
 constexpr const char* kLegName = "SelfHealingEngine._race";
 
-// What is known of the race is the call's own: the garbage collector must see it once. The settings
-// of a stream hold its newest connection, and each leg has its own.
+// What is known of the race is the call's own: the garbage collector must see it once. So is the
+// lease, with its slot. The settings of a stream hold its newest connection, and each leg has its
+// own.
 CallState beside(const CallState& asked) {
   CallState state = asked;
   state.race = state.lease = {};

@@ -19,7 +19,7 @@ class LegWork final : public CoroutineWork {
   Task<void> run(Suspension* suspension) override;
   // Whether the answer is a good one.
   nb::object result() override { return truth(raced_->good); }
-  int traverse(visitproc visit, void* arg) override { return state_.traverse(visit, arg); }
+  int traverse(visitproc visit, void* arg) override { return visit_python(state_, visit, arg); }
 
  private:
   CallState state_;

@@ -74,16 +74,4 @@ void StreamLease::tell(const CallEvent& event) const {
   if (is_observed(engine)) tell_observers(engine, event);
 }
 
-int StreamLease::traverse(visitproc visit, void* arg) {
-  Py_VISIT(diagnoser_.ptr());
-  Py_VISIT(engine_.ptr());
-  return 0;
-}
-
-// What it holds of the provider goes back with the lease itself.
-void StreamLease::clear() {
-  drop(diagnoser_);
-  drop(engine_);
-}
-
 }  // namespace tarvomeldric::host

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <tuple>
 
 #include "engine/admission.h"
 #include "engine/events.h"
@@ -32,8 +33,8 @@ class StreamLease {
   // Tells it: "answered", "failed" or "abandoned". `usage` is what the provider counted, or None.
   void tell_end(const std::string& outcome, nb::handle usage);
 
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  // What it holds of the provider goes back with the lease itself.
+  auto held() { return std::tie(diagnoser_, engine_); }
 
  private:
   template <class Record>

@@ -337,10 +337,10 @@ void Coroutine::end(Holdings holdings) {
   if (first) ending = false;
 }
 
-int Coroutine::traverse(visitproc visit, void* arg) {
-  Py_VISIT(suspension_.awaiting.ptr());
-  Py_VISIT(suspension_.value.ptr());
-  return work_ ? work_->traverse(visit, arg) : 0;
+int visit_python(Coroutine& coroutine, visitproc visit, void* arg) {
+  Py_VISIT(coroutine.suspension_.awaiting.ptr());
+  Py_VISIT(coroutine.suspension_.value.ptr());
+  return coroutine.work_ ? coroutine.work_->traverse(visit, arg) : 0;
 }
 
 nb::object make_coroutine(std::unique_ptr<CoroutineWork> work, std::string_view qualified_name) {

@@ -75,8 +75,8 @@ class Coroutine {
   bool running() const { return running_; }
   std::string_view qualified_name() const { return qualified_name_; }
 
-  int traverse(visitproc visit, void* arg);
-  void clear();
+  friend int visit_python(Coroutine& coroutine, visitproc visit, void* arg);
+  friend void drop(Coroutine& coroutine) { coroutine.clear(); }
 
  private:
   // What an unfinished coroutine holds, in the order in which it ends: the task's frame refers to
@@ -101,6 +101,7 @@ class Coroutine {
   void resume();
   void abandon();
   void finish();
+  void clear();
   static void end(Holdings holdings);
 
   std::unique_ptr<CoroutineWork> work_;

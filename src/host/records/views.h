@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -25,6 +26,8 @@ template <class C>
 struct View {
   nb::object owner;
   C* container;
+
+  auto held() { return std::tie(owner); }
 };
 
 template <class T>
